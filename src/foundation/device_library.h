@@ -1,0 +1,50 @@
+#pragma once
+
+#include "foundation/device_library_contract.h"
+
+namespace veltra {
+
+/// The seam to the device library: everything in the provider that touches a token goes through this
+/// interface. The methods carry the library's own names and contracts (device_library_contract.h).
+///
+/// Thread safety: every method may be called from any thread at any time.
+class DeviceLibrary {
+public:
+    DeviceLibrary() = default;
+    DeviceLibrary(const DeviceLibrary&) = delete;
+    DeviceLibrary& operator=(const DeviceLibrary&) = delete;
+    virtual ~DeviceLibrary() = default;
+
+    virtual int veltra_init(int mode, void* ctx, int kind) = 0;
+    virtual std::vector<std::string> veltra_getConnectedDeviceList(bool refresh, void* ctx) = 0;
+    virtual int veltra_initDevice(const char* serial, bool reread, void* ctx) = 0;
+    virtual TokenInfo veltra_getTokenInfo(const char* serial, void* ctx) = 0;
+    virtual int veltra_validatePassword(const char* serial, const char* pin, int mode, int* remaining,
+                                        void* ctx) = 0;
+    virtual std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char* serial, void* ctx) = 0;
+    virtual int veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout,
+                                       void* ctx) = 0;
+    virtual int veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin,
+                                     bool flag, void* ctx) = 0;
+    virtual int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
+                                const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
+                                bool reserved, void* ctx, bool pss) = 0;
+    virtual int veltra_verifySignatureHash(unsigned int keyType, const char* serial,
+                                           const unsigned char* hash, int hashLength,
+                                           const unsigned char* publicKey, int publicKeyLength,
+                                           const unsigned char* signature, int signatureLength, void* ctx,
+                                           bool pss) = 0;
+    virtual int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) = 0;
+    virtual int veltra_updateHash(void* hash, const unsigned char* data, int length, void* ctx) = 0;
+    virtual int veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) = 0;
+};
+
+/// The device library in use: VeltraDSCLibrary.dll, bound at the first call (first in the folder of this
+/// module, then by the system's search), or the one that setDeviceLibrary put in its place. A library that is
+/// missing or lacks an export answers as if no token were connected; one error line says what is missing.
+DeviceLibrary& deviceLibrary();
+
+/// Puts `library` in the place of the real one; null puts the real one back. Not owned. For tests.
+void setDeviceLibrary(DeviceLibrary* library);
+
+} // namespace veltra
