@@ -1,0 +1,139 @@
+# Functions that the scripts and the end-to-end tests share; sourced by bash, never run.
+#
+# What is started here (Wine server, X server) is written down with its process id and stopped by stopServices,
+# which startServices hangs on the shell's exit. Processes of others are never touched.
+
+veltraRoot=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+export WINEPREFIX=${VELTRA_WINEPREFIX:-$veltraRoot/build/wine}
+export WINEDEBUG=${WINEDEBUG:--all}
+export WINEDLLOVERRIDES="mscoree,mshtml="
+
+wineServerPid=
+xServerPid=
+
+say() { printf '%s\n' "$*"; }
+fail() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+# The 64-bit Wine loader. Debian's front end /usr/bin/wine asks for the 32-bit one, which nothing here needs.
+wineLoader() {
+    local candidate
+    for candidate in /usr/lib/wine/wine64 "$(command -v wine64 || true)" "$(command -v wine || true)"; do
+        if [ -x "$candidate" ]; then
+            printf '%s\n' "$candidate"
+            return
+        fi
+    done
+    fail "Wine is not installed (Debian package wine64)"
+}
+
+wineServer() {
+    local candidate
+    for candidate in /usr/lib/wine/wineserver "$(command -v wineserver || true)"; do
+        if [ -x "$candidate" ]; then
+            printf '%s\n' "$candidate"
+            return
+        fi
+    done
+    fail "Wine's server is not installed (Debian package libwine)"
+}
+
+# Installs the Debian packages among the arguments that are missing. The package lists are fetched only then.
+needPackages() {
+    local package missing=()
+    for package in "$@"; do
+        dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return
+    [ "$(id -u)" -eq 0 ] || fail "these packages are missing, install them as root: ${missing[*]}"
+    say "Installing ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    { apt-get -qq update && apt-get -qq install -y --no-install-recommends "${missing[@]}" >/dev/null; } ||
+        fail "apt-get could not install: ${missing[*]}"
+}
+
+# Packages that a build of the Windows programs needs, and those to run them.
+buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev libgcrypt-mingw-w64-dev googletest)
+runPackages=(wine64 openssl)
+displayPackages=(xvfb xdotool imagemagick fonts-liberation)
+
+# buildPreset PRESET [TARGET...]: configures where needed and builds, all targets by default.
+buildPreset() {
+    local preset=$1
+    shift
+    (cd "$veltraRoot" && cmake --preset "$preset" >"$veltraRoot/build/configure-$preset.log" 2>&1) || {
+        cat "$veltraRoot/build/configure-$preset.log" >&2
+        fail "could not configure the preset $preset"
+    }
+    cmake --build "$veltraRoot/build/$preset" -j "$(nproc)" ${1:+--target "$@"}
+}
+
+# Makes the private Wine prefix if it is missing; safe to call from several processes at once. A prefix whose
+# making was interrupted lacks the mark and is made again.
+makeWinePrefix() {
+    local mark=$WINEPREFIX/.veltra-ready
+    [ -e "$mark" ] && return
+    mkdir -p "$WINEPREFIX"
+    (
+        flock 9
+        [ -e "$mark" ] && exit 0
+        log=$WINEPREFIX/veltra-prefix.log
+        loader=$(wineLoader)
+        # Without a window manager a managed window takes seconds to close.
+        "$loader" wineboot -i >"$log" 2>&1 9>&- &&
+            "$loader" reg add 'HKCU\Software\Wine\X11 Driver' /v Managed /d N /f >>"$log" 2>&1 9>&- &&
+            touch "$mark" || {
+            cat "$log" >&2
+            fail "could not make the Wine prefix $WINEPREFIX"
+        }
+    ) 9>"$WINEPREFIX.lock"
+}
+
+# Keeps the prefix's Wine server alive between programs: a start then takes 50 ms instead of seconds.
+startWineServer() {
+    "$(wineServer)" -f -p >/dev/null 2>&1 &
+    wineServerPid=$!
+}
+
+# Starts an X server without a screen on a free display and exports DISPLAY.
+startDisplay() {
+    local numberFile number=
+    numberFile=$(mktemp)
+    Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp 3>"$numberFile" >/dev/null 2>&1 &
+    xServerPid=$!
+    for _ in $(seq 100); do
+        number=$(tr -d '\n' <"$numberFile")
+        [ -n "$number" ] && break
+        kill -0 "$xServerPid" 2>/dev/null || break
+        sleep 0.1
+    done
+    rm -f "$numberFile"
+    [ -n "$number" ] || fail "Xvfb did not start"
+    export DISPLAY=:$number
+}
+
+# Stops what this shell started, by its process id.
+stopServices() {
+    local pid
+    for pid in $wineServerPid $xServerPid; do
+        kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
+    done
+    wineServerPid=
+    xServerPid=
+    return 0
+}
+
+# startServices [--display]: Wine server and prefix, and an X server if asked for, until the shell exits.
+startServices() {
+    trap stopServices EXIT
+    trap 'exit 130' INT
+    trap 'exit 143' TERM
+    [ "${1:-}" = --display ] && startDisplay
+    makeWinePrefix
+    startWineServer
+}
+
+# Runs a Windows program: `runWindows PROGRAM ARGUMENTS...`.
+runWindows() { "$veltraRoot/scripts/wine-run" "$@"; }
