@@ -1,0 +1,71 @@
+#include "support/log_file.h"
+
+#include "foundation/windows.h"
+
+#include <algorithm>
+#include <array>
+
+namespace veltra::test {
+
+namespace {
+
+std::string readFile(const std::string& path) {
+    HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                              OPEN_EXISTING, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return {};
+    std::string text(GetFileSize(file, nullptr), '\0');
+    DWORD length = 0;
+    ReadFile(file, text.data(), static_cast<DWORD>(text.size()), &length, nullptr);
+    CloseHandle(file);
+    text.resize(length);
+    return text;
+}
+
+} // namespace
+
+void useOwnLogFolder() {
+    static const bool once = [] {
+        const std::string folder = temporaryFolder() + "veltra-tests-" +
+                                   std::to_string(GetCurrentProcessId()) + "-" +
+                                   std::to_string(GetTickCount64());
+        return CreateDirectoryA(folder.c_str(), nullptr) && SetEnvironmentVariableA("TMP", folder.c_str());
+    }();
+    static_cast<void>(once);
+}
+
+std::string temporaryFolder() {
+    std::array<char, MAX_PATH + 2> path{};
+    return {path.data(), GetTempPathA(static_cast<DWORD>(path.size()), path.data())};
+}
+
+std::vector<std::string> logFiles() {
+    std::array<char, MAX_PATH> program{};
+    GetModuleFileNameA(nullptr, program.data(), static_cast<DWORD>(program.size()));
+    std::string name = program.data();
+    name = name.substr(name.find_last_of("\\/") + 1);
+    const std::string folder = temporaryFolder() + "Quenmark\\" + name.substr(0, name.find('.')) + "\\";
+    std::vector<std::string> paths;
+    WIN32_FIND_DATAA found{};
+    HANDLE search = FindFirstFileA((folder + "*").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) return paths;
+    do {
+        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) paths.push_back(folder + found.cFileName);
+    } while (FindNextFileA(search, &found));
+    FindClose(search);
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+std::string readLog() {
+    std::string text;
+    for (const std::string& path : logFiles())
+        text += readFile(path);
+    return text;
+}
+
+void removeLog() {
+    for (const std::string& path : logFiles())
+        DeleteFileA(path.c_str());
+}
+
+} // namespace veltra::test

@@ -1,0 +1,140 @@
+#include "support/provider_test.h"
+
+#include "support/log_file.h"
+#include "support/sanitizer_stack.h"
+
+#include <array>
+#include <atomic>
+#include <ostream>
+#include <string_view>
+
+namespace veltra::test {
+
+namespace {
+
+constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
+constexpr const char* kContainersKey = R"(SOFTWARE\Veltra\CSP\Containers)";
+
+DWORD WINAPI runBody(void* body) {
+    announceStackToSanitizer();
+    (*static_cast<const std::function<void()>*>(body))();
+    return 0;
+}
+
+bool isFromMonitorThread(std::string_view line) {
+    return line.starts_with("DEBUG Device monitor thread ") ||
+           line.starts_with("DEBUG Device disconnected: ");
+}
+
+} // namespace
+
+std::ostream& operator<<(std::ostream& stream, const Answer& answer) {
+    stream << (answer.result ? "TRUE" : "FALSE") << ", last error 0x" << std::hex << answer.lastError
+           << std::dec;
+    for (const std::string& line : answer.errors)
+        stream << "\n    " << line;
+    return stream;
+}
+
+Answer refused(DWORD lastError, std::vector<std::string> errors) {
+    return {FALSE, lastError, std::move(errors)};
+}
+
+Answer accepted(DWORD lastError) {
+    return {TRUE, lastError, {}};
+}
+
+void runOnThreads(int count, const std::function<void()>& body) {
+    std::vector<HANDLE> threads;
+    for (int i = 0; i < count; ++i)
+        threads.push_back(
+            CreateThread(nullptr, 0, runBody, const_cast<std::function<void()>*>(&body), 0, nullptr));
+    for (HANDLE thread : threads) {
+        WaitForSingleObject(thread, INFINITE);
+        CloseHandle(thread);
+    }
+}
+
+void setLogLevel(DWORD level) {
+    RegSetKeyValueA(HKEY_LOCAL_MACHINE, kSettingsKey, "logLevel", REG_DWORD, &level, sizeof level);
+}
+
+void removeLogLevel() {
+    RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, kSettingsKey, "logLevel");
+}
+
+void writeContainerValue(const std::string& container, const std::string& data, DWORD type) {
+    HKEY key = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_CURRENT_USER, kContainersKey, 0, nullptr, 0, KEY_SET_VALUE,
+                                             nullptr, &key, nullptr));
+    EXPECT_EQ(ERROR_SUCCESS,
+              RegSetValueExA(key, container.c_str(), 0, type, reinterpret_cast<const BYTE*>(data.data()),
+                             static_cast<DWORD>(data.size())));
+    RegCloseKey(key);
+}
+
+std::string readContainerValue(const std::string& container) {
+    std::array<char, 4096> data{};
+    auto length = static_cast<DWORD>(data.size());
+    HKEY key = nullptr;
+    if (RegOpenKeyExA(HKEY_CURRENT_USER, kContainersKey, 0, KEY_READ, &key) != ERROR_SUCCESS) return {};
+    const LSTATUS status = RegQueryValueExA(key, container.c_str(), nullptr, nullptr,
+                                            reinterpret_cast<BYTE*>(data.data()), &length);
+    RegCloseKey(key);
+    return status == ERROR_SUCCESS ? std::string(data.data(), length) : std::string();
+}
+
+ProviderTest::ProviderTest() : token((library.reset(), library.addToken(serial))) {
+    setDeviceLibrary(&library);
+    setPinPrompt(&prompt);
+    useOwnLogFolder();
+    setLogLevel(3);
+    RegDeleteTreeA(HKEY_CURRENT_USER, kContainersKey);
+    removeLog();
+    takeRawLogLines();
+}
+
+ProviderTest::~ProviderTest() {
+    setPinPrompt(nullptr);
+}
+
+Answer ProviderTest::run(const std::function<BOOL()>& call) {
+    takeLogLines();
+    SetLastError(kUntouched);
+    Answer answer;
+    answer.result = call();
+    answer.lastError = GetLastError();
+    debugLines.clear();
+    for (const std::string& line : takeLogLines())
+        (line.starts_with("ERROR ") ? answer.errors : debugLines).push_back(line.substr(6));
+    return answer;
+}
+
+std::vector<std::string> ProviderTest::takeLogLines() {
+    std::vector<std::string> lines;
+    for (const std::string& raw : takeRawLogLines()) {
+        // "15/11::06:57:53:123-> ->ERROR ::=>text"
+        const std::size_t tag = raw.find("->", raw.find("-> ") + 2) + 2;
+        std::string line = raw.substr(tag, 5) + " " + raw.substr(tag + 10);
+        if (!isFromMonitorThread(line)) lines.push_back(std::move(line));
+    }
+    return lines;
+}
+
+std::vector<std::string> ProviderTest::takeRawLogLines() {
+    const std::string text = readLog();
+    std::vector<std::string> lines;
+    for (std::size_t end = text.find('\n', logOffset_); end != std::string::npos;
+         end = text.find('\n', logOffset_)) {
+        lines.push_back(text.substr(logOffset_, end - logOffset_));
+        logOffset_ = end + 1;
+    }
+    return lines;
+}
+
+std::string ProviderTest::freshName(const std::string& stem) {
+    static std::atomic<int> count{0};
+    return stem + std::to_string(++count);
+}
+
+} // namespace veltra::test

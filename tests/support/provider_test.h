@@ -1,0 +1,77 @@
+#pragma once
+
+#include "support/googletest.h"
+#include "support/scripted_device_library.h"
+#include "support/scripted_pin_prompt.h"
+
+#include "foundation/windows.h"
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace veltra::test {
+
+/// What an entry point answered: its result, the thread's last error behind it, and the error lines it wrote.
+struct Answer {
+    BOOL result = FALSE;
+    DWORD lastError = 0;
+    std::vector<std::string> errors;
+
+    bool operator==(const Answer&) const = default;
+};
+std::ostream& operator<<(std::ostream& stream, const Answer& answer);
+
+/// FALSE, with this last error and exactly these error lines.
+Answer refused(DWORD lastError, std::vector<std::string> errors);
+
+/// The last error that run() sets in front of the call.
+constexpr DWORD kUntouched = 0xCAFE;
+
+/// TRUE with this last error and no error line.
+Answer accepted(DWORD lastError = kUntouched);
+
+/// Runs `body` on `count` threads at once and returns when all have ended.
+void runOnThreads(int count, const std::function<void()>& body);
+
+/// Sets HKEY_LOCAL_MACHINE "Software\Quenmark\Veltra" "logLevel"; the second form removes it.
+void setLogLevel(DWORD level);
+void removeLogLevel();
+
+/// The container map in the registry: raw values under HKEY_CURRENT_USER "SOFTWARE\Veltra\CSP\Containers".
+void writeContainerValue(const std::string& container, const std::string& data, DWORD type = REG_SZ);
+/// The value's bytes, its terminating zero included; empty when there is none.
+std::string readContainerValue(const std::string& container);
+
+/// Fixture of every test of the provider: the scripted device library with one token, a scripted prompt,
+/// debug lines on and captured, an empty container map. What the provider keeps for the whole process cannot
+/// be reset, so every test has a token serial and container names of its own.
+class ProviderTest : public testing::Test {
+protected:
+    ProviderTest();
+    ~ProviderTest() override;
+
+    /// Runs one call of an entry point and collects its answer. The debug lines it wrote are in debugLines.
+    Answer run(const std::function<BOOL()>& call);
+
+    /// The lines written since the last look, without time stamps ("ERROR CPHashData: ..."). Lines of the
+    /// device monitor's thread are left out: they come at any time.
+    std::vector<std::string> takeLogLines();
+    /// The same with nothing cut off or left out.
+    std::vector<std::string> takeRawLogLines();
+
+    /// A name that no other test uses.
+    static std::string freshName(const std::string& stem);
+
+    ScriptedDeviceLibrary& library = ScriptedDeviceLibrary::instance();
+    ScriptedPinPrompt prompt;
+    const std::string serial = freshName("Token");
+    ScriptedToken& token;
+    std::vector<std::string> debugLines;
+
+private:
+    std::size_t logOffset_ = 0;
+};
+
+} // namespace veltra::test

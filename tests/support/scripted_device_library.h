@@ -1,0 +1,133 @@
+#pragma once
+
+#include "foundation/device_library.h"
+
+#include <atomic>
+#include <limits>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <thread>
+
+namespace veltra::test {
+
+using Bytes = std::vector<unsigned char>;
+
+/// A token that exists only in memory. Change it freely while no other thread calls the provider.
+struct ScriptedToken {
+    std::string serial;
+    bool connected = true;
+    TokenInfo info;
+    std::string pin = "1234";
+    int remaining = 3;
+    std::vector<VeltraKeyPair> keyPairs;
+
+    /// Makes the token report a logged-in session; it then accepts any PIN.
+    void logIn();
+    bool loggedIn() const;
+
+    /// Appends a key pair and returns it. Its identifier is `id` 16 times, its public key the modulus or
+    /// point that publicKeyOf gives.
+    VeltraKeyPair& addKeyPair(unsigned char id, std::uint32_t keyType = kKeyTypeRsa2048,
+                              std::uint32_t usage = kUsageSign);
+};
+
+/// What a scripted call does instead of, or on top of, its ordinary work.
+struct Script {
+    int result = 0;                 ///< not 0: the call fails with this code and has no effect
+    std::optional<int> length = {}; ///< the length it reports, whatever it wrote
+    bool throws = false;            ///< it throws a std::runtime_error
+    int onCall = 0;                 ///< only the n-th call from now on, counted from 1; 0: every call
+};
+
+/// The device library's double: tokens in memory, deterministic cryptography that keeps byte orders and the
+/// order of data visible, a record of every call, and any call made to fail as a test asks. Thread-safe.
+///
+/// Signatures are the bytes 1, 2, 3, ...; a verification succeeds exactly for those. Digests come from
+/// fakeDigest. There is one instance, because the device monitor's thread may call it at any time: tests
+/// reset it.
+class ScriptedDeviceLibrary final : public DeviceLibrary {
+public:
+    static ScriptedDeviceLibrary& instance();
+
+    /// Removes tokens, scripts, hashes and recorded calls.
+    void reset();
+
+    /// Plugs in a new token behind those that are there. The reference stays good until reset().
+    ScriptedToken& addToken(const std::string& serial);
+    void setConnected(const std::string& serial, bool connected);
+
+    /// Scripts the calls of `function` ("veltra_signHash"); several scripts of one function add up.
+    void script(const std::string& function, Script script);
+    void clearScripts();
+
+    /// The calls that the current thread made, as text, in order; with a name, only those of that function.
+    /// Byte arguments are shown as their first and last bytes and length.
+    std::vector<std::string> calls(std::string_view function = {}) const;
+    /// The number of calls of `function` from any thread.
+    int countOnAllThreads(std::string_view function) const;
+    void clearCalls();
+
+    static Bytes fakeDigest(int mechanism, const Bytes& data);
+    static Bytes fakeSignature(std::uint32_t keyType);
+    static Bytes publicKeyOf(std::uint32_t keyType);
+
+    int veltra_init(int mode, void* ctx, int kind) override;
+    std::vector<std::string> veltra_getConnectedDeviceList(bool refresh, void* ctx) override;
+    int veltra_initDevice(const char* serial, bool reread, void* ctx) override;
+    TokenInfo veltra_getTokenInfo(const char* serial, void* ctx) override;
+    int veltra_validatePassword(const char* serial, const char* pin, int mode, int* remaining,
+                                void* ctx) override;
+    std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char* serial, void* ctx) override;
+    int veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout, void* ctx) override;
+    int veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin, bool flag,
+                             void* ctx) override;
+    int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
+                        const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
+                        bool reserved, void* ctx, bool pss) override;
+    int veltra_verifySignatureHash(unsigned int keyType, const char* serial, const unsigned char* hash,
+                                   int hashLength, const unsigned char* publicKey, int publicKeyLength,
+                                   const unsigned char* signature, int signatureLength, void* ctx,
+                                   bool pss) override;
+    int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) override;
+    int veltra_updateHash(void* hash, const unsigned char* data, int length, void* ctx) override;
+    int veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) override;
+
+private:
+    struct Call {
+        std::thread::id thread;
+        std::string function;
+        std::string text;
+    };
+    struct ScriptState {
+        Script script;
+        int callsSeen = 0;
+    };
+    struct Hash {
+        int mechanism;
+        Bytes data;
+    };
+
+    ScriptedDeviceLibrary() = default;
+
+    // All of these expect mutex_ to be held.
+    Script begin(const char* function, const std::string& arguments);
+    ScriptedToken* find(const char* serial);
+    bool acceptsPin(const ScriptedToken& token, const char* pin) const;
+    Hash* findHash(void* handle);
+
+    mutable std::mutex mutex_;
+    std::vector<std::unique_ptr<ScriptedToken>> tokens_;
+    std::vector<Call> calls_;
+    std::multimap<std::string, ScriptState> scripts_;
+    std::vector<Hash> hashes_;
+    std::vector<VeltraKeyPair> noKeyPairs_;
+    unsigned char generatedKeys_ = 0;
+};
+
+/// "112233445566778899AABBCCDDEEFF00" for a 16-byte key identifier.
+std::string keyNameOf(const unsigned char* keyId);
+
+} // namespace veltra::test
