@@ -1,0 +1,73 @@
+#include "certificates.h"
+
+#include "error_text.h"
+#include "files.h"
+#include "wide_text.h"
+
+namespace veltra {
+namespace {
+
+constexpr std::size_t kCertificateFileLimit = 1024 * 1024;
+
+} // namespace
+
+UniqueCertificate loadCertificate(const std::filesystem::path& path) {
+    const std::vector<unsigned char> file = readSmallFile(path, kCertificateFileLimit);
+    const std::string text(file.begin(), file.end());
+    std::vector<BYTE> der(file.size());
+    DWORD length = static_cast<DWORD>(der.size());
+    if (CryptStringToBinaryA(text.data(), static_cast<DWORD>(text.size()), CRYPT_STRING_BASE64HEADER,
+                             der.data(), &length, nullptr, nullptr)) {
+        der.resize(length);
+    } else {
+        der.assign(file.begin(), file.end());
+    }
+    UniqueCertificate certificate(
+        CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size())));
+    if (!certificate) {
+        throw CommandError(inQuotes(path.native()) + " is not a certificate in PEM or DER");
+    }
+    return certificate;
+}
+
+void saveCertificate(const std::filesystem::path& path, const CERT_CONTEXT& certificate) {
+    const auto encode = [&](char* text, DWORD* length) {
+        require(CryptBinaryToStringA(certificate.pbCertEncoded, certificate.cbCertEncoded,
+                                     CRYPT_STRING_BASE64HEADER, text, length),
+                "could not encode the certificate as PEM");
+    };
+    DWORD length = 0;
+    encode(nullptr, &length);
+    std::string pem(length, '\0');
+    encode(pem.data(), &length);
+    pem.resize(length);
+    std::erase(pem, '\r');
+    replaceFile(path, {reinterpret_cast<const unsigned char*>(pem.data()), pem.size()});
+}
+
+std::vector<BYTE> encodeName(const std::wstring& name) {
+    const auto encode = [&](BYTE* encoded, DWORD* length) {
+        if (!CertStrToNameW(X509_ASN_ENCODING, name.c_str(), CERT_X500_NAME_STR, nullptr, encoded, length,
+                            nullptr)) {
+            throw CommandError(inQuotes(name) + " is not a distinguished name, such as \"CN=Example\"",
+                               kExitUsage);
+        }
+    };
+    DWORD length = 0;
+    encode(nullptr, &length);
+    std::vector<BYTE> encoded(length);
+    encode(encoded.data(), &length);
+    encoded.resize(length);
+    return encoded;
+}
+
+std::string nameText(const CERT_NAME_BLOB& name) {
+    CERT_NAME_BLOB blob = name;
+    std::wstring text(CertNameToStrW(X509_ASN_ENCODING, &blob, CERT_X500_NAME_STR, nullptr, 0), L'\0');
+    const DWORD length = CertNameToStrW(X509_ASN_ENCODING, &blob, CERT_X500_NAME_STR, text.data(),
+                                        static_cast<DWORD>(text.size()));
+    text.resize(length > 0 ? length - 1 : 0);
+    return toUtf8(text);
+}
+
+} // namespace veltra

@@ -1,0 +1,49 @@
+// veltra certificate: a self-signed certificate for a container's key.
+
+#include "commands.h"
+
+#include "certificates.h"
+#include "error_text.h"
+#include "wide_text.h"
+
+#include <iostream>
+
+namespace veltra {
+namespace {
+
+SYSTEMTIME daysAfter(SYSTEMTIME start, int days) {
+    constexpr std::uint64_t kTicksPerDay = 24ull * 60 * 60 * 10'000'000;
+    FILETIME time{};
+    SystemTimeToFileTime(&start, &time);
+    ULARGE_INTEGER ticks{{time.dwLowDateTime, time.dwHighDateTime}};
+    ticks.QuadPart += static_cast<std::uint64_t>(days) * kTicksPerDay;
+    time = {ticks.LowPart, ticks.HighPart};
+    SYSTEMTIME result{};
+    FileTimeToSystemTime(&time, &result);
+    return result;
+}
+
+} // namespace
+
+int createCertificate(const ProviderChoice& provider, const CertificateOptions& options) {
+    std::vector<BYTE> subject = encodeName(options.subject);
+    const CryptoProvider context = CryptoProvider::open(provider, options.container);
+
+    CERT_NAME_BLOB subjectBlob{static_cast<DWORD>(subject.size()), subject.data()};
+    char algorithmIdentifier[] = szOID_RSA_SHA256RSA;
+    CRYPT_ALGORITHM_IDENTIFIER algorithm{};
+    algorithm.pszObjId = algorithmIdentifier;
+    SYSTEMTIME start{};
+    GetSystemTime(&start);
+    SYSTEMTIME end = daysAfter(start, options.days);
+    const UniqueCertificate certificate(
+        CertCreateSelfSignCertificate(context.handle(), &subjectBlob, CERT_CREATE_SELFSIGN_NO_KEY_INFO,
+                                      nullptr, &algorithm, &start, &end, nullptr));
+    require(certificate != nullptr, "could not make the certificate");
+    saveCertificate(options.out, *certificate);
+    std::cout << "Certificate of " << nameText(certificate->pCertInfo->Subject) << ", valid for "
+              << options.days << " days: " << toUtf8(options.out.native()) << '\n';
+    return kExitOk;
+}
+
+} // namespace veltra

@@ -1,0 +1,104 @@
+// veltra keys, keygen, delete-container: containers and the keys behind them.
+
+#include "commands.h"
+
+#include "container_map.h"
+#include "error_text.h"
+#include "wide_text.h"
+
+#include <iomanip>
+#include <iostream>
+
+namespace veltra {
+namespace {
+
+/// A key is looked for by its own identifier, which is a container name too and finds the key on any token.
+bool isOnToken(const ProviderChoice& provider, const std::wstring& keyId) {
+    try {
+        const CryptoProvider context = CryptoProvider::open(provider, keyId);
+        context.ownKey();
+        return true;
+    } catch (const CommandError&) {
+        return false;
+    }
+}
+
+void printKeyRow(std::string_view container, std::string_view algorithm, std::string_view bits,
+                 std::string_view usage, std::string_view keyId) {
+    std::cout << std::left << std::setw(24) << container << ' ' << std::setw(9) << algorithm << ' '
+              << std::setw(5) << bits << ' ' << std::setw(8) << usage << ' ' << keyId << '\n';
+}
+
+} // namespace
+
+int listKeys(const ProviderChoice& provider) {
+    const std::vector<Container> containers = readContainerMap();
+    if (containers.empty()) {
+        std::cout << "No containers yet; 'veltra keygen' makes one.\n";
+        return kExitOk;
+    }
+    int exitCode = kExitOk;
+    printKeyRow("CONTAINER", "ALGORITHM", "BITS", "USAGE", "KEY");
+    for (const Container& container : containers) {
+        for (const std::wstring& keyId : container.keyIds) {
+            try {
+                const CryptoProvider context = CryptoProvider::open(provider, keyId);
+                const KeyDescription key = CryptoProvider::describe(context.ownKey());
+                printKeyRow(toUtf8(container.name), key.algorithm, std::to_string(key.bits), key.usage,
+                            toUtf8(keyId));
+            } catch (const CommandError& error) {
+                printKeyRow(toUtf8(container.name), "-", "-", "-", toUtf8(keyId));
+                std::cerr << "veltra: key " << toUtf8(keyId) << ": " << error.what() << '\n';
+                exitCode = kExitFailed;
+            }
+        }
+    }
+    return exitCode;
+}
+
+int generateKey(const ProviderChoice& provider, const KeygenOptions& options) {
+    // The provider would add the key to the container, where nothing could reach it: opening a container
+    // always gives its first key.
+    if (const Container existing = findContainer(options.container); !existing.keyIds.empty()) {
+        throw CommandError("the container " + inQuotes(existing.name) + " already has the key " +
+                           toUtf8(existing.keyIds.front()) +
+                           "; choose another name or delete it with 'veltra delete-container'");
+    }
+    const CryptoProvider context = CryptoProvider::open(provider, options.container, CRYPT_NEWKEYSET);
+    const CryptoKey key = context.generateKey(options.keySpec, options.bits);
+    const KeyDescription description = CryptoProvider::describe(key);
+    const Container container = findContainer(options.container);
+    if (container.keyIds.empty()) {
+        throw CommandError("the key was generated, but the container " + inQuotes(options.container) +
+                           " could not be written to the registry");
+    }
+    std::cout << "Generated " << description.algorithm << ' ' << description.bits << " key "
+              << toUtf8(container.keyIds.front()) << " in container " << inQuotes(options.container) << ".\n";
+    return kExitOk;
+}
+
+int deleteContainer(const ProviderChoice& provider, const DeleteContainerOptions& options) {
+    const Container container = findContainer(options.container);
+    if (container.keyIds.empty()) {
+        throw CommandError("there is no container " + inQuotes(options.container) +
+                           "; 'veltra keys' lists them");
+    }
+    if (!options.confirmed) {
+        throw CommandError("this deletes " + std::to_string(container.keyIds.size()) +
+                               " key(s) from the token for good; repeat the command with --yes",
+                           kExitUsage);
+    }
+    CryptoProvider::deleteContainer(provider, container.name);
+
+    // The provider succeeds when the container is gone, even if the token kept a key.
+    for (const std::wstring& keyId : container.keyIds) {
+        if (isOnToken(provider, keyId)) {
+            throw CommandError("the container " + inQuotes(container.name) + " is deleted, but its key " +
+                               toUtf8(keyId) + " is still on the token");
+        }
+    }
+    std::cout << "Deleted container " << inQuotes(container.name) << " and its key(s).\n";
+    return kExitOk;
+}
+
+} // namespace veltra

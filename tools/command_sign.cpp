@@ -1,0 +1,131 @@
+// veltra sign: a detached CMS message or a bare signature over a file.
+
+#include "commands.h"
+
+#include "certificates.h"
+#include "error_text.h"
+#include "files.h"
+#include "wide_text.h"
+
+#include <algorithm>
+#include <iostream>
+
+namespace veltra {
+namespace {
+
+/// A message signed with a certificate that belongs to another key would verify nowhere.
+void requireSameKey(const CryptoProvider& context, const CERT_CONTEXT& certificate) {
+    const auto exportKey = [&](void* info, DWORD* length) {
+        require(CryptExportPublicKeyInfo(context.handle(), AT_SIGNATURE, X509_ASN_ENCODING,
+                                         static_cast<CERT_PUBLIC_KEY_INFO*>(info), length),
+                "could not read the container's public key");
+    };
+    DWORD length = 0;
+    exportKey(nullptr, &length);
+    std::vector<std::max_align_t> buffer(length / sizeof(std::max_align_t) + 1);
+    exportKey(buffer.data(), &length);
+    if (!CertComparePublicKeyInfo(X509_ASN_ENCODING, reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(buffer.data()),
+                                  &certificate.pCertInfo->SubjectPublicKeyInfo)) {
+        throw CommandError(
+            "the certificate belongs to another key than the container's; 'veltra certificate' "
+            "makes one for it");
+    }
+}
+
+/// The DER form of the present time for the signing-time attribute.
+std::vector<BYTE> encodedSigningTime() {
+    FILETIME now{};
+    GetSystemTimeAsFileTime(&now);
+    const auto encode = [&](BYTE* encoded, DWORD* length) {
+        require(CryptEncodeObject(X509_ASN_ENCODING, X509_CHOICE_OF_TIME, &now, encoded, length),
+                "could not encode the signing time");
+    };
+    DWORD length = 0;
+    encode(nullptr, &length);
+    std::vector<BYTE> encoded(length);
+    encode(encoded.data(), &length);
+    encoded.resize(length);
+    return encoded;
+}
+
+std::vector<BYTE> encodedMessage(HCRYPTMSG message) {
+    DWORD length = 0;
+    require(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &length), "could not sign the message");
+    std::vector<BYTE> encoded(length);
+    require(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, encoded.data(), &length),
+            "could not sign the message");
+    encoded.resize(length);
+    return encoded;
+}
+
+/// A detached CMS message (RFC 5652) in DER with the certificate inside. Signed attributes: content type,
+/// message digest and signing time; the platform adds the first two once there is any.
+std::vector<BYTE> cmsSignature(const CryptoProvider& context, const SignOptions& options) {
+    const UniqueCertificate certificate = loadCertificate(options.certificate);
+    requireSameKey(context, *certificate);
+
+    std::vector<BYTE> time = encodedSigningTime();
+    CRYPT_ATTR_BLOB timeBlob{static_cast<DWORD>(time.size()), time.data()};
+    char timeIdentifier[] = szOID_RSA_signingTime;
+    CRYPT_ATTRIBUTE timeAttribute{timeIdentifier, 1, &timeBlob};
+
+    std::string hashIdentifier = options.hash->objectIdentifier;
+    CMSG_SIGNER_ENCODE_INFO signer{};
+    signer.cbSize = sizeof signer;
+    signer.pCertInfo = certificate->pCertInfo;
+    signer.hCryptProv = context.handle();
+    signer.dwKeySpec = AT_SIGNATURE;
+    signer.HashAlgorithm.pszObjId = hashIdentifier.data();
+    if (options.attributes) {
+        signer.cAuthAttr = 1;
+        signer.rgAuthAttr = &timeAttribute;
+    }
+
+    CERT_BLOB certificateBlob{certificate->cbCertEncoded, certificate->pbCertEncoded};
+    CMSG_SIGNED_ENCODE_INFO info{};
+    info.cbSize = sizeof info;
+    info.cSigners = 1;
+    info.rgSigners = &signer;
+    info.cCertEncoded = 1;
+    info.rgCertEncoded = &certificateBlob;
+
+    const UniqueMessage message(
+        CryptMsgOpenToEncode(kMessageEncoding, CMSG_DETACHED_FLAG, CMSG_SIGNED, &info, nullptr, nullptr));
+    require(message != nullptr, "could not start the signed message");
+    readInPieces(options.file, [&](std::span<const unsigned char> piece) {
+        require(CryptMsgUpdate(message.get(), piece.data(), static_cast<DWORD>(piece.size()), FALSE),
+                "could not hash the file");
+    });
+    require(CryptMsgUpdate(message.get(), nullptr, 0, TRUE), "could not sign the message");
+    return encodedMessage(message.get());
+}
+
+/// The bare signature, big-endian as other software writes it; CryptoAPI's own order is little-endian.
+std::vector<BYTE> rawSignature(const CryptoProvider& context, const SignOptions& options) {
+    const CryptoHash hash = context.createHash(*options.hash);
+    readInPieces(options.file, [&](std::span<const unsigned char> piece) { hashPiece(hash, piece); });
+    DWORD length = 0;
+    require(CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, nullptr, &length),
+            "could not sign the file");
+    std::vector<BYTE> signature(length);
+    require(CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, signature.data(), &length),
+            "could not sign the file");
+    signature.resize(length);
+    std::ranges::reverse(signature);
+    return signature;
+}
+
+} // namespace
+
+int signFile(const ProviderChoice& provider, const SignOptions& options) {
+    requireDifferentFiles(options.file, options.out);
+    const CryptoProvider context = CryptoProvider::open(provider, options.container);
+    const std::vector<BYTE> signature =
+        options.raw ? rawSignature(context, options) : cmsSignature(context, options);
+    replaceFile(options.out, signature);
+    std::cout << "Signed with container " << inQuotes(options.container) << ": "
+              << toUtf8(options.out.native()) << '\n';
+    return kExitOk;
+}
+
+} // namespace veltra

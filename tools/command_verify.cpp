@@ -1,0 +1,164 @@
+// veltra verify: checks a detached CMS message or a bare signature over a file.
+
+#include "commands.h"
+
+#include "certificates.h"
+#include "error_text.h"
+#include "files.h"
+#include "wide_text.h"
+
+#include <algorithm>
+#include <iostream>
+
+namespace veltra {
+namespace {
+
+constexpr std::size_t kSignatureFileLimit = 16 * 1024 * 1024;
+
+int reportBadSignature(std::string_view why) {
+    std::cout << "The signature does NOT verify: " << why << '\n';
+    return kExitBadSignature;
+}
+
+/// True for a good signature, false for one that does not belong to the data; anything else throws.
+bool verdict(BOOL verified, std::string_view what) {
+    if (verified) {
+        return true;
+    }
+    const DWORD code = GetLastError();
+    const bool isBadSignature =
+        code == static_cast<DWORD>(NTE_BAD_SIGNATURE) || code == static_cast<DWORD>(CRYPT_E_HASH_VALUE);
+    if (!isBadSignature) {
+        failWithCode(code, what);
+    }
+    return false;
+}
+
+DWORD messageNumber(HCRYPTMSG message, DWORD parameter) {
+    DWORD value = 0;
+    DWORD length = sizeof value;
+    require(CryptMsgGetParam(message, parameter, 0, &value, &length), "could not read the signed message");
+    return value;
+}
+
+/// Opens a detached message and feeds it the file.
+UniqueMessage decodeMessage(const VerifyOptions& options) {
+    const std::vector<unsigned char> encoded = readSmallFile(options.signature, kSignatureFileLimit);
+    UniqueMessage message(CryptMsgOpenToDecode(kMessageEncoding, CMSG_DETACHED_FLAG, 0, 0, nullptr, nullptr));
+    require(message != nullptr, "could not start decoding");
+    require(CryptMsgUpdate(message.get(), encoded.data(), static_cast<DWORD>(encoded.size()), TRUE),
+            "the signature file is not a CMS message in DER");
+    if (messageNumber(message.get(), CMSG_TYPE_PARAM) != CMSG_SIGNED) {
+        throw CommandError("the signature file is a CMS message, but not a signed one");
+    }
+    readInPieces(options.file, [&](std::span<const unsigned char> piece) {
+        require(CryptMsgUpdate(message.get(), piece.data(), static_cast<DWORD>(piece.size()), FALSE),
+                "could not hash the file");
+    });
+    require(CryptMsgUpdate(message.get(), nullptr, 0, TRUE), "could not hash the file");
+    return message;
+}
+
+/// The certificates that a signer may have: the given one alone, or those in the message.
+UniqueStore signerCertificates(HCRYPTMSG message, const std::filesystem::path& given) {
+    if (given.empty()) {
+        return UniqueStore(CertOpenStore(CERT_STORE_PROV_MSG, kMessageEncoding, 0, 0, message));
+    }
+    UniqueStore store(CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, CERT_STORE_CREATE_NEW_FLAG, nullptr));
+    const UniqueCertificate certificate = loadCertificate(given);
+    require(store && CertAddCertificateContextToStore(store.get(), certificate.get(), CERT_STORE_ADD_ALWAYS,
+                                                      nullptr),
+            "could not keep the certificate");
+    return store;
+}
+
+/// The certificate that the `index`th signer names, from `store`; null if it is not there.
+UniqueCertificate signerCertificate(HCRYPTMSG message, DWORD index, HCERTSTORE store) {
+    DWORD length = 0;
+    require(CryptMsgGetParam(message, CMSG_SIGNER_CERT_INFO_PARAM, index, nullptr, &length),
+            "could not read the signer");
+    std::vector<std::max_align_t> buffer(length / sizeof(std::max_align_t) + 1);
+    require(CryptMsgGetParam(message, CMSG_SIGNER_CERT_INFO_PARAM, index, buffer.data(), &length),
+            "could not read the signer");
+    return UniqueCertificate(CertGetSubjectCertificateFromStore(store, kMessageEncoding,
+                                                                reinterpret_cast<CERT_INFO*>(buffer.data())));
+}
+
+/// Every signer has to verify; with a given certificate, every signer that it belongs to, and at least one.
+int verifyCms(const VerifyOptions& options) {
+    const UniqueMessage message = decodeMessage(options);
+    const UniqueStore store = signerCertificates(message.get(), options.certificate);
+    require(store != nullptr, "could not open the certificates of the message");
+
+    std::string signers;
+    const DWORD signerCount = messageNumber(message.get(), CMSG_SIGNER_COUNT_PARAM);
+    for (DWORD index = 0; index < signerCount; ++index) {
+        const UniqueCertificate certificate = signerCertificate(message.get(), index, store.get());
+        if (!certificate) {
+            if (options.certificate.empty()) {
+                throw CommandError("the message lacks a signer's certificate; give it with --certificate");
+            }
+            continue;
+        }
+        // CMSG_CTRL_VERIFY_SIGNATURE takes the certificate's information as a pointer to non-const.
+        CERT_INFO signer = *certificate->pCertInfo;
+        if (!verdict(CryptMsgControl(message.get(), 0, CMSG_CTRL_VERIFY_SIGNATURE, &signer),
+                     "could not check the signature")) {
+            return reportBadSignature("the file or the message was changed, or another key signed.");
+        }
+        signers += (signers.empty() ? "" : "; ") + nameText(certificate->pCertInfo->Subject);
+    }
+    if (signers.empty()) {
+        return reportBadSignature("the message has no signer with this certificate.");
+    }
+    std::cout << "Good signature by " << signers << ".\n";
+    if (options.certificate.empty()) {
+        std::cout << "The certificate came with the message; whether to trust it was not checked.\n";
+    }
+    return kExitOk;
+}
+
+/// A public key with the context that it lives in: the container's own key in the provider, or a
+/// certificate's key in the system's software provider, which needs no token.
+struct Verifier {
+    CryptoProvider context;
+    CryptoKey key;
+};
+
+Verifier openVerifier(const ProviderChoice& provider, const VerifyOptions& options) {
+    if (options.certificate.empty()) {
+        CryptoProvider context = CryptoProvider::open(provider, options.container);
+        CryptoKey key = context.ownKey();
+        return {std::move(context), std::move(key)};
+    }
+    const UniqueCertificate certificate = loadCertificate(options.certificate);
+    CryptoProvider context = CryptoProvider::openSystem();
+    HCRYPTKEY key = 0;
+    require(CryptImportPublicKeyInfo(context.handle(), X509_ASN_ENCODING,
+                                     &certificate->pCertInfo->SubjectPublicKeyInfo, &key),
+            "could not use the certificate's public key");
+    return {std::move(context), CryptoKey(key)};
+}
+
+int verifyRaw(const ProviderChoice& provider, const VerifyOptions& options) {
+    std::vector<unsigned char> signature = readSmallFile(options.signature, kSignatureFileLimit);
+    std::ranges::reverse(signature);
+    const Verifier verifier = openVerifier(provider, options);
+    const CryptoHash hash = verifier.context.createHash(*options.hash);
+    readInPieces(options.file, [&](std::span<const unsigned char> piece) { hashPiece(hash, piece); });
+    if (!verdict(CryptVerifySignatureW(hash.get(), signature.data(), static_cast<DWORD>(signature.size()),
+                                       verifier.key.get(), nullptr, 0),
+                 "could not check the signature")) {
+        return reportBadSignature("the file or the signature was changed, or another key or hash was used.");
+    }
+    std::cout << "Good signature.\n";
+    return kExitOk;
+}
+
+} // namespace
+
+int verifyFile(const ProviderChoice& provider, const VerifyOptions& options) {
+    return options.raw ? verifyRaw(provider, options) : verifyCms(options);
+}
+
+} // namespace veltra

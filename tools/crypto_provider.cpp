@@ -1,0 +1,116 @@
+#include "crypto_provider.h"
+
+#include "error_text.h"
+#include "wide_text.h"
+
+#include <algorithm>
+#include <array>
+
+namespace veltra {
+namespace {
+
+constexpr std::array kHashAlgorithms = {
+    HashAlgorithm{"sha256", CALG_SHA_256, szOID_NIST_sha256},
+    HashAlgorithm{"sha384", CALG_SHA_384, szOID_NIST_sha384},
+    HashAlgorithm{"sha512", CALG_SHA_512, szOID_NIST_sha512},
+    HashAlgorithm{"sha1", CALG_SHA1, szOID_OIWSEC_sha1},
+};
+
+DWORD keyNumber(const CryptoKey& key, DWORD parameter) {
+    DWORD value = 0;
+    DWORD length = sizeof value;
+    require(CryptGetKeyParam(key.get(), parameter, reinterpret_cast<BYTE*>(&value), &length, 0),
+            "could not read a property of the key");
+    return value;
+}
+
+std::string usageText(DWORD permissions) {
+    const bool signs = (permissions & CRYPT_ENCRYPT) != 0;
+    const bool exchanges = (permissions & CRYPT_DECRYPT) != 0;
+    if (signs && exchanges) {
+        return "both";
+    }
+    return signs ? "sign" : exchanges ? "exchange" : "none";
+}
+
+} // namespace
+
+std::span<const HashAlgorithm> hashAlgorithms() {
+    return kHashAlgorithms;
+}
+
+const HashAlgorithm* findHashAlgorithm(std::string_view name) {
+    const auto* found = std::ranges::find(kHashAlgorithms, name, &HashAlgorithm::name);
+    return found != kHashAlgorithms.end() ? found : nullptr;
+}
+
+CryptoProvider CryptoProvider::open(const ProviderChoice& choice, const std::wstring& container,
+                                    DWORD flags) {
+    if (!fitsNarrowCodePage(container)) {
+        throw CommandError("the container name has characters that CryptoAPI cannot hand to a provider",
+                           kExitUsage);
+    }
+    if (choice.silent) {
+        flags |= CRYPT_SILENT;
+    }
+    HCRYPTPROV context = 0;
+    if (!CryptAcquireContextW(&context, container.c_str(), choice.name.c_str(), PROV_RSA_FULL, flags)) {
+        const DWORD code = GetLastError();
+        failWithCode(code, "could not open the container " + inQuotes(container));
+    }
+    return CryptoProvider(CryptoContext(context));
+}
+
+CryptoProvider CryptoProvider::openSystem() {
+    HCRYPTPROV context = 0;
+    require(CryptAcquireContextW(&context, nullptr, nullptr, PROV_RSA_AES, CRYPT_VERIFYCONTEXT),
+            "could not open the system's software provider");
+    return CryptoProvider(CryptoContext(context));
+}
+
+void CryptoProvider::deleteContainer(const ProviderChoice& choice, const std::wstring& container) {
+    HCRYPTPROV none = 0;
+    const DWORD flags = CRYPT_DELETEKEYSET | (choice.silent ? CRYPT_SILENT : 0u);
+    if (!CryptAcquireContextW(&none, container.c_str(), choice.name.c_str(), PROV_RSA_FULL, flags)) {
+        const DWORD code = GetLastError();
+        failWithCode(code, "could not delete the container " + inQuotes(container));
+    }
+}
+
+CryptoKey CryptoProvider::generateKey(DWORD keySpec, DWORD bits) const {
+    HCRYPTKEY key = 0;
+    require(CryptGenKey(handle(), keySpec, bits << 16, &key), "could not generate the key");
+    return CryptoKey(key);
+}
+
+CryptoKey CryptoProvider::ownKey() const {
+    HCRYPTKEY key = 0;
+    require(CryptGetUserKey(handle(), AT_SIGNATURE, &key), "could not open the container's key");
+    return CryptoKey(key);
+}
+
+KeyDescription CryptoProvider::describe(const CryptoKey& key) {
+    KeyDescription description;
+    // The provider reports elliptic curve keys under the identifier of DSS, the only signature algorithm with
+    // a class of its own that CryptoAPI has beside RSA.
+    description.algorithm = GET_ALG_TYPE(keyNumber(key, KP_ALGID)) == ALG_TYPE_RSA ? "RSA" : "EC";
+    description.bits = keyNumber(key, KP_KEYLEN);
+    description.usage = usageText(keyNumber(key, KP_PERMISSIONS));
+    return description;
+}
+
+CryptoHash CryptoProvider::createHash(const HashAlgorithm& algorithm) const {
+    HCRYPTHASH hash = 0;
+    if (!CryptCreateHash(handle(), algorithm.id, 0, 0, &hash)) {
+        const DWORD code = GetLastError();
+        failWithCode(code, "could not start a " + std::string(algorithm.name) + " hash");
+    }
+    return CryptoHash(hash);
+}
+
+void hashPiece(const CryptoHash& hash, std::span<const unsigned char> piece) {
+    require(CryptHashData(hash.get(), piece.data(), static_cast<DWORD>(piece.size()), 0),
+            "could not hash the file");
+}
+
+} // namespace veltra

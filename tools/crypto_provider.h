@@ -1,0 +1,112 @@
+#pragma once
+
+#include "foundation/windows.h"
+
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace veltra {
+
+/// Owner of a CryptoAPI handle, which is a number, not a pointer; 0 owns nothing. Clean-up keeps the thread's
+/// last error, so that an error can be reported after the handles of a failed operation are gone.
+template <class Releaser>
+class CryptoHandle {
+public:
+    CryptoHandle() = default;
+    explicit CryptoHandle(ULONG_PTR handle) : handle_(handle) {}
+    CryptoHandle(CryptoHandle&& other) noexcept : handle_(std::exchange(other.handle_, 0)) {}
+    CryptoHandle& operator=(CryptoHandle&& other) noexcept {
+        std::swap(handle_, other.handle_);
+        return *this;
+    }
+    CryptoHandle(const CryptoHandle&) = delete;
+    CryptoHandle& operator=(const CryptoHandle&) = delete;
+    ~CryptoHandle() {
+        if (handle_ != 0) {
+            const DWORD lastError = GetLastError();
+            Releaser{}(handle_);
+            SetLastError(lastError);
+        }
+    }
+
+    ULONG_PTR get() const { return handle_; }
+
+private:
+    ULONG_PTR handle_ = 0;
+};
+
+struct ContextReleaser {
+    void operator()(HCRYPTPROV context) const { CryptReleaseContext(context, 0); }
+};
+struct KeyDestroyer {
+    void operator()(HCRYPTKEY key) const { CryptDestroyKey(key); }
+};
+struct HashDestroyer {
+    void operator()(HCRYPTHASH hash) const { CryptDestroyHash(hash); }
+};
+
+using CryptoContext = CryptoHandle<ContextReleaser>;
+using CryptoKey = CryptoHandle<KeyDestroyer>;
+using CryptoHash = CryptoHandle<HashDestroyer>;
+
+/// Which provider to use, and whether it may show a window.
+struct ProviderChoice {
+    std::wstring name = L"Veltra Cryptographic Provider CSP";
+    bool silent = false;
+};
+
+struct HashAlgorithm {
+    std::string_view name;
+    ALG_ID id;
+    const char* objectIdentifier;
+};
+
+/// The hash algorithms by their command line names; null for an unknown name.
+std::span<const HashAlgorithm> hashAlgorithms();
+const HashAlgorithm* findHashAlgorithm(std::string_view name);
+
+/// What a key says about itself.
+struct KeyDescription {
+    std::string algorithm;
+    DWORD bits = 0;
+    std::string usage;
+};
+
+/// A context of a provider, opened through the system's CryptoAPI. Every operation throws
+/// a CommandError that says what failed. Not for use by several threads at once.
+class CryptoProvider {
+public:
+    /// Opens the container with this name, which must not be empty.
+    static CryptoProvider open(const ProviderChoice& choice, const std::wstring& container, DWORD flags = 0);
+
+    /// Opens the system's own software provider, for public keys alone.
+    static CryptoProvider openSystem();
+
+    /// Deletes a container with its keys.
+    static void deleteContainer(const ProviderChoice& choice, const std::wstring& container);
+
+    HCRYPTPROV handle() const { return context_.get(); }
+
+    /// `keySpec` is AT_SIGNATURE or AT_KEYEXCHANGE; `bits` the length of the new RSA key.
+    CryptoKey generateKey(DWORD keySpec, DWORD bits) const;
+
+    /// The container's own key. AT_SIGNATURE gives it whatever it is meant for: the provider does not
+    /// compare.
+    CryptoKey ownKey() const;
+
+    static KeyDescription describe(const CryptoKey& key);
+
+    CryptoHash createHash(const HashAlgorithm& algorithm) const;
+
+private:
+    explicit CryptoProvider(CryptoContext context) : context_(std::move(context)) {}
+
+    CryptoContext context_;
+};
+
+void hashPiece(const CryptoHash& hash, std::span<const unsigned char> piece);
+
+} // namespace veltra

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "foundation/windows.h"
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace veltra {
+
+enum ExitCode : int {
+    kExitOk = 0,
+    kExitFailed = 1,
+    kExitUsage = 2,
+    kExitBadSignature = 3,
+};
+
+/// A command that cannot go on: the sentence for the user and the exit code of the program.
+class CommandError : public std::runtime_error {
+public:
+    explicit CommandError(const std::string& sentence, ExitCode exitCode = kExitFailed)
+        : std::runtime_error(sentence), exitCode_(exitCode) {}
+
+    ExitCode exitCode() const { return exitCode_; }
+
+private:
+    ExitCode exitCode_;
+};
+
+/// Number, name and meaning of a system error code, and what to do about it where that is known:
+/// "0x80090023 NTE_TOKEN_KEYSET_STORAGE_FULL: no token is connected; ...".
+std::string describeError(DWORD code);
+
+/// Throws a CommandError that says what could not be done and why.
+[[noreturn]] void failWithCode(DWORD code, std::string_view what);
+
+/// Does nothing when `succeeded`; otherwise throws what failWithCode throws for the thread's last error.
+void require(BOOL succeeded, std::string_view what);
+
+} // namespace veltra

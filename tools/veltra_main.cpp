@@ -1,0 +1,241 @@
+// veltra: uses the tokens behind the Veltra provider through the system's CryptoAPI, as any application
+// would.
+
+#include "commands.h"
+#include "error_text.h"
+#include "wide_text.h"
+
+#include <CLI/CLI.hpp>
+
+#include <shellapi.h>
+
+#include <functional>
+#include <iostream>
+#include <memory>
+
+namespace veltra {
+namespace {
+
+constexpr const char* kFooter = R"(
+Exit codes: 0 success, 1 the operation failed, 2 wrong usage, 3 the signature does not verify.
+The provider asks for the PIN in a window of its own. For unattended use log the token in first
+(the software token: softtoken login SERIAL). 'veltra COMMAND --help' tells a command's options.)";
+
+/// What the command line gives as UTF-8 text, before the commands see it.
+struct CommandLine {
+    std::string provider;
+    bool silent = false;
+    std::string dll;
+    std::string container;
+    std::string usage = "sign";
+    std::string subject;
+    std::string out;
+    std::string file;
+    std::string signature;
+    std::string certificate;
+    std::string hash = "sha256";
+    DWORD bits = 2048;
+    int days = 365;
+    bool cms = false;
+    bool raw = false;
+    bool withoutAttributes = false;
+    bool confirmed = false;
+};
+
+std::filesystem::path pathOf(const std::string& text) {
+    return {toWide(text)};
+}
+
+/// The command chosen on the command line, ready to run.
+using Action = std::function<int(const ProviderChoice&)>;
+
+const auto kNotEmpty = CLI::Validator(
+    [](const std::string& text) { return text.empty() ? std::string("must not be empty") : std::string(); },
+    "");
+
+void addContainer(CLI::App& command, CommandLine& line, const std::string& help) {
+    command.add_option("--container", line.container, help)->check(kNotEmpty)->type_name("NAME");
+}
+
+void addHash(CLI::App& command, CommandLine& line) {
+    std::vector<std::string> names;
+    for (const HashAlgorithm& algorithm : hashAlgorithms()) {
+        names.emplace_back(algorithm.name);
+    }
+    command.add_option("--hash", line.hash, "Hash algorithm; SHA-1 works only on a FIPS 140-2 token")
+        ->check(CLI::IsMember(names))
+        ->capture_default_str();
+}
+
+void addRegistration(CLI::App& app, CommandLine& line, Action& action) {
+    auto* add = app.add_subcommand("csp-register", "Make the provider known to CryptoAPI on this computer");
+    add->add_option("--dll", line.dll, "The provider's DLL; default: VeltraCSP.dll beside this program")
+        ->type_name("PATH");
+    add->callback([&] {
+        action = [&](const ProviderChoice& provider) {
+            return registerProvider(provider, {pathOf(line.dll)});
+        };
+    });
+    app.add_subcommand("csp-unregister", "Take that back")->callback([&] { action = unregisterProvider; });
+}
+
+void addKeys(CLI::App& app, CommandLine& line, Action& action) {
+    app.add_subcommand("keys", "List your containers and the keys behind them")->callback([&] {
+        action = listKeys;
+    });
+
+    auto* keygen = app.add_subcommand("keygen", "Generate an RSA key on the token, in a new container");
+    addContainer(*keygen, line, "Name of the new container");
+    keygen->get_option("--container")->required();
+    keygen->add_option("--bits", line.bits, "Key length")
+        ->check(CLI::IsMember({2048, 3072, 4096}))
+        ->capture_default_str();
+    keygen->add_option("--usage", line.usage, "What the key is for")
+        ->check(CLI::IsMember({"sign", "exchange"}))
+        ->capture_default_str();
+    keygen->callback([&] {
+        action = [&](const ProviderChoice& provider) {
+            const DWORD keySpec = line.usage == "sign" ? AT_SIGNATURE : AT_KEYEXCHANGE;
+            return generateKey(provider, {toWide(line.container), line.bits, keySpec});
+        };
+    });
+
+    auto* remove = app.add_subcommand("delete-container", "Delete a container with its keys, for good");
+    remove->add_option("container", line.container, "Name of the container")->required()->check(kNotEmpty);
+    remove->add_flag("--yes", line.confirmed, "Really delete");
+    remove->callback([&] {
+        action = [&](const ProviderChoice& provider) {
+            return deleteContainer(provider, {toWide(line.container), line.confirmed});
+        };
+    });
+}
+
+void addCertificate(CLI::App& app, CommandLine& line, Action& action) {
+    constexpr int kMostDays = 36500;
+    auto* command =
+        app.add_subcommand("certificate", "Make a self-signed certificate for a container's RSA key");
+    addContainer(*command, line, "The container");
+    command->get_option("--container")->required();
+    command->add_option("--subject", line.subject, "Distinguished name, such as \"CN=Example\"")
+        ->required()
+        ->check(kNotEmpty);
+    command->add_option("--days", line.days, "Days of validity")
+        ->check(CLI::Range(1, kMostDays))
+        ->capture_default_str();
+    command->add_option("--out", line.out, "The certificate, PEM")->required()->type_name("FILE");
+    command->callback([&] {
+        action = [&](const ProviderChoice& provider) {
+            return createCertificate(
+                provider, {toWide(line.container), toWide(line.subject), line.days, pathOf(line.out)});
+        };
+    });
+}
+
+void addSign(CLI::App& app, CommandLine& line, Action& action) {
+    auto* command = app.add_subcommand("sign", "Sign a file with a container's key");
+    command->add_option("file", line.file, "The file to sign")->required();
+    addContainer(*command, line, "The container");
+    command->get_option("--container")->required();
+    auto* form = command->add_option_group("form", "What to write");
+    form->add_flag("--cms", line.cms, "A detached CMS message in DER; needs --certificate");
+    form->add_flag("--raw", line.raw, "The bare signature, big-endian");
+    form->require_option(1);
+    command->add_option("--certificate", line.certificate, "The key's certificate, PEM or DER")
+        ->type_name("FILE");
+    command->add_flag("--no-attributes", line.withoutAttributes, "CMS: sign the file's hash directly");
+    command->add_option("--out", line.out, "The signature")->required()->type_name("FILE");
+    addHash(*command, line);
+    command->callback([&] {
+        if (line.cms && line.certificate.empty()) {
+            throw CLI::ValidationError("--cms needs --certificate");
+        }
+        action = [&](const ProviderChoice& provider) {
+            return signFile(provider,
+                            {pathOf(line.file), toWide(line.container), line.raw, !line.withoutAttributes,
+                             pathOf(line.certificate), findHashAlgorithm(line.hash), pathOf(line.out)});
+        };
+    });
+}
+
+void addVerify(CLI::App& app, CommandLine& line, Action& action) {
+    auto* command = app.add_subcommand("verify", "Check a signature over a file");
+    command->add_option("file", line.file, "The signed file")->required();
+    command->add_option("--signature", line.signature, "The CMS message or bare signature")
+        ->required()
+        ->type_name("FILE");
+    command->add_flag("--raw", line.raw, "A bare signature, big-endian; needs --certificate or --container");
+    command->add_option("--certificate", line.certificate, "The signer's certificate, PEM or DER")
+        ->type_name("FILE");
+    addContainer(*command, line, "The container whose key signed");
+    addHash(*command, line);
+    command->callback([&] {
+        if (line.raw && line.certificate.empty() && line.container.empty()) {
+            throw CLI::ValidationError("--raw needs --certificate or --container");
+        }
+        action = [&](const ProviderChoice& provider) {
+            return verifyFile(provider,
+                              {pathOf(line.file), pathOf(line.signature), line.raw, toWide(line.container),
+                               pathOf(line.certificate), findHashAlgorithm(line.hash)});
+        };
+    });
+}
+
+/// The arguments of this process in UTF-8, last first, as CLI::App::parse takes them.
+std::vector<std::string> reversedArguments() {
+    struct Freer {
+        void operator()(wchar_t** block) const { LocalFree(block); }
+    };
+    int count = 0;
+    const std::unique_ptr<wchar_t*[], Freer> arguments(CommandLineToArgvW(GetCommandLineW(), &count));
+    std::vector<std::string> reversed;
+    for (int index = count - 1; arguments && index > 0; --index) {
+        reversed.push_back(toUtf8(arguments[static_cast<std::size_t>(index)]));
+    }
+    return reversed;
+}
+
+int run() {
+    CommandLine line;
+    Action action;
+    ProviderChoice provider;
+    line.provider = toUtf8(provider.name);
+
+    CLI::App app("Signs, verifies and manages keys on tokens through the Veltra provider.", "veltra");
+    app.footer(kFooter);
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.add_option("--provider", line.provider, "Name of the provider")
+        ->check(kNotEmpty)
+        ->capture_default_str();
+    app.add_flag("--silent", line.silent, "Never let the provider show a window");
+    addRegistration(app, line, action);
+    addKeys(app, line, action);
+    addCertificate(app, line, action);
+    addSign(app, line, action);
+    addVerify(app, line, action);
+
+    try {
+        app.parse(reversedArguments());
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kExitOk : kExitUsage;
+    }
+    provider.name = toWide(line.provider);
+    provider.silent = line.silent;
+    return action(provider);
+}
+
+} // namespace
+} // namespace veltra
+
+int main() {
+    SetConsoleOutputCP(CP_UTF8);
+    try {
+        return veltra::run();
+    } catch (const veltra::CommandError& error) {
+        std::cerr << "veltra: " << error.what() << '\n';
+        return error.exitCode();
+    } catch (const std::exception& error) {
+        std::cerr << "veltra: " << error.what() << '\n';
+        return veltra::kExitFailed;
+    }
+}
