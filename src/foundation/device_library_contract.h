@@ -24,14 +24,18 @@ namespace veltra {
 
 /// Result codes that callers tell apart; every other non-zero code is only logged.
 constexpr int kDeviceOk = 0;
-constexpr int kDeviceTimeMismatch = 48;       ///< veltra_validatePassword: host and token time disagree
-constexpr int kDeviceSessionExpired = 49;     ///< a PIN-using operation: the token's session has expired
-constexpr int kDeviceWeakHashRefused = 51;    ///< veltra_signHash: SHA-1 or MD5 under FIPS 140-3
+constexpr int kDeviceTimeMismatch = 48;    ///< veltra_validatePassword: host and token time disagree
+constexpr int kDeviceSessionExpired = 49;  ///< a PIN-using operation: the token's session has expired
+constexpr int kDeviceWeakHashRefused = 51; ///< veltra_signHash: SHA-1 or MD5 under FIPS 140-3
+
+/// Not a code of the library: what its callers make of a success whose reported length is negative or does
+/// not fit the buffer that the library was given.
+constexpr int kDeviceBadLength = -1;
 
 constexpr std::size_t kKeyIdLength = 16;
 constexpr std::size_t kPublicKeyCapacity = 1024;
 constexpr std::size_t kCredentialIdCapacity = 128;
-constexpr std::size_t kLabelCapacity = 132;   ///< at most 128 characters and a NUL
+constexpr std::size_t kLabelCapacity = 132; ///< at most 128 characters and a NUL
 constexpr std::size_t kLabelMaxLength = 128;
 constexpr std::size_t kCertificateCapacity = 3072;
 constexpr std::size_t kSymmetricKeyCapacity = 32;
@@ -56,7 +60,7 @@ enum SymmetricKeyType : std::uint32_t {
 /// Usage codes of a key pair.
 enum KeyUsage : std::uint32_t {
     kUsageSign = 1,
-    kUsageEncrypt = 2,   ///< encryption or agreement
+    kUsageEncrypt = 2, ///< encryption or agreement
     kUsageBoth = 3,
 };
 
@@ -95,14 +99,14 @@ enum class PaddingMode : std::uint32_t {
 struct VeltraKeyPair {
     std::uint32_t header;
     unsigned char keyId[kKeyIdLength];
-    unsigned char publicKey[kPublicKeyCapacity];   ///< RSA: bare modulus or DER; EC: uncompressed point
+    unsigned char publicKey[kPublicKeyCapacity]; ///< RSA: bare modulus or DER; EC: uncompressed point
     std::uint32_t publicKeyLength;
     unsigned char credentialId[kCredentialIdCapacity];
     std::uint32_t credentialIdLength;
     char label[kLabelCapacity];
-    std::uint32_t usage;     ///< KeyUsage
-    std::uint32_t keyType;   ///< KeyType
-    std::uint32_t flag;      ///< used as a boolean
+    std::uint32_t usage;   ///< KeyUsage
+    std::uint32_t keyType; ///< KeyType
+    std::uint32_t flag;    ///< used as a boolean
 };
 static_assert(sizeof(VeltraKeyPair) == 1324);
 static_assert(offsetof(VeltraKeyPair, keyId) == 4);
@@ -125,7 +129,7 @@ struct VeltraSymmetricKey {
     std::uint32_t credentialIdLength;
     char label[kLabelCapacity];
     std::uint32_t usage;
-    std::uint32_t keyType;   ///< SymmetricKeyType
+    std::uint32_t keyType; ///< SymmetricKeyType
     std::uint32_t flag;
 };
 static_assert(sizeof(VeltraSymmetricKey) == 332);
@@ -159,21 +163,21 @@ static_assert(offsetof(VeltraCertificate, reserved) == 3360);
 
 /// Parsed fields of a DER certificate.
 struct CertificateDetails {
-    std::string commonName;   ///< of the subject
-    std::string issuer;       ///< distinguished name that contains "CN="
-    std::string subject;      ///< distinguished name that contains "CN="
+    std::string commonName; ///< of the subject
+    std::string issuer;     ///< distinguished name that contains "CN="
+    std::string subject;    ///< distinguished name that contains "CN="
 };
 
 /// What a token says about itself.
 struct TokenInfo {
-    std::string session;   ///< non-empty while the token has a logged-in session
+    std::string session; ///< non-empty while the token has a logged-in session
     std::string label;
     std::string manufacturer;
     std::string model;
-    std::string fipsMarker;        ///< third character "1": FIPS 140-2; anything else: FIPS 140-3
-    std::string firmwareVersion;   ///< dotted, such as "2.0.0"
+    std::string fipsMarker;      ///< third character "1": FIPS 140-2; anything else: FIPS 140-3
+    std::string firmwareVersion; ///< dotted, such as "2.0.0"
     std::string hardwareVersion;
-    std::uint32_t words[10] = {};   ///< the fourth and fifth are the single-sign-on flags
+    std::uint32_t words[10] = {}; ///< the fourth and fifth are the single-sign-on flags
     std::string description1;
     std::string description2;
 };
@@ -201,10 +205,13 @@ int __cdecl veltra_importCertificate(const char* serial, const char* pin, veltra
                                      void* ctx);
 int __cdecl veltra_getCertificateDetails(const unsigned char* der, int length,
                                          veltra::CertificateDetails& out, void* ctx);
-std::vector<std::pair<std::string, std::vector<unsigned char>>>
-    __cdecl veltra_getFilesWithExtensionsAndConvertDER(const std::string& folder,
-                                                       const std::vector<std::string>& extensions,
-                                                       void* ctx);
+std::vector<std::pair<
+    std::string,
+    std::vector<unsigned char>>> __cdecl veltra_getFilesWithExtensionsAndConvertDER(const std::string& folder,
+                                                                                    const std::vector<
+                                                                                        std::string>&
+                                                                                        extensions,
+                                                                                    void* ctx);
 std::vector<veltra::VeltraSymmetricKey>& __cdecl veltra_getAesKeyList(const char* serial, void* ctx);
 int __cdecl veltra_importAesKey(const char* serial, const char* pin, veltra::VeltraSymmetricKey* inout,
                                 void* ctx);

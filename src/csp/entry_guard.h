@@ -1,0 +1,72 @@
+#pragma once
+
+#include "foundation/text.h"
+#include "foundation/utils.h"
+#include "foundation/win_handle.h"
+
+#include <new>
+#include <optional>
+#include <string>
+
+namespace veltra {
+
+/// What a CryptoAPI entry point answers. The last error is not set where a refusal is found but by the guard,
+/// after every object of the entry point has been cleaned up; without one the caller's last error stays.
+struct Outcome {
+    BOOL result = FALSE;
+    std::optional<DWORD> lastError;
+
+    explicit operator bool() const { return result != FALSE; }
+};
+
+inline Outcome success() {
+    return {.result = TRUE, .lastError = std::nullopt};
+}
+
+/// Success that leaves a last error behind, where the contract wants one.
+inline Outcome successWithLastError(DWORD code) {
+    return {.result = TRUE, .lastError = code};
+}
+
+/// Failure whose reason was logged before.
+inline Outcome failure(DWORD code) {
+    return {.result = FALSE, .lastError = code};
+}
+
+/// Logs `message` as an error line and fails with `code`.
+inline Outcome refuse(DWORD code, std::string message) {
+    Utils::error(std::move(message));
+    return failure(code);
+}
+
+/// Logs why an entry point was ended by an exception; nothing thrown while doing so gets out.
+inline void reportException(const char* entryPoint, const char* reason) noexcept {
+    try {
+        Utils::error(concat(entryPoint, ": ", reason));
+    } catch (...) {
+        // No memory is left for the line: the last error says so all the same.
+        return;
+    }
+}
+
+/// Frame of every CryptoAPI entry point: logs its name, runs `body`, which returns an Outcome, and lets no
+/// exception out.
+template <class Body>
+BOOL cspEntry(const char* name, Body&& body) noexcept {
+    const DWORD callersLastError = GetLastError();
+    Outcome outcome;
+    try {
+        Utils::debug(name);
+        outcome = body();
+    } catch (const std::bad_alloc&) {
+        reportException(name, "out of memory");
+        outcome = failure(static_cast<DWORD>(NTE_NO_MEMORY));
+    } catch (...) {
+        reportException(name, "unexpected exception");
+        outcome = failure(static_cast<DWORD>(NTE_FAIL));
+    }
+    SetLastError(outcome.lastError.value_or(callersLastError));
+    return outcome.result;
+}
+
+} // namespace veltra

@@ -1,0 +1,49 @@
+#include "csp/hash_context.h"
+
+#include "foundation/device_library.h"
+
+#include <algorithm>
+#include <array>
+
+namespace veltra {
+
+namespace {
+
+constexpr std::array<HashAlgorithm, 4> kHashAlgorithms = {{
+    {CALG_SHA1, kMechanismSha1, 20, 64},
+    {CALG_SHA_256, kMechanismSha256, 32, 64},
+    {CALG_SHA_384, kMechanismSha384, 48, 128},
+    {CALG_SHA_512, kMechanismSha512, 64, 128},
+}};
+
+const HashAlgorithm* findRow(auto matches) {
+    const auto found = std::ranges::find_if(kHashAlgorithms, matches);
+    return found == kHashAlgorithms.end() ? nullptr : &*found;
+}
+
+} // namespace
+
+const HashAlgorithm* findHashAlgorithm(ALG_ID algId) {
+    return findRow([&](const HashAlgorithm& row) { return row.algId == algId; });
+}
+
+const HashAlgorithm* findHashMechanism(std::uint32_t mechanism) {
+    return findRow([&](const HashAlgorithm& row) { return row.mechanism == mechanism; });
+}
+
+int startDeviceHash(const CSP_CONTEXT& context, std::uint32_t mechanism, void** deviceHash) {
+    return deviceLibrary().veltra_initHash(context.serial.c_str(), static_cast<int>(mechanism), deviceHash,
+                                           context.libraryContext);
+}
+
+int finishDeviceHash(const CSP_CONTEXT& context, void* deviceHash, unsigned char* digest,
+                     std::uint32_t capacity, std::uint32_t& length) {
+    int reported = static_cast<int>(capacity);
+    const int code = deviceLibrary().veltra_finalHash(deviceHash, digest, &reported, context.libraryContext);
+    if (code != kDeviceOk) return code;
+    if (reported < 0 || static_cast<std::uint32_t>(reported) > capacity) return kDeviceBadLength;
+    length = static_cast<std::uint32_t>(reported);
+    return kDeviceOk;
+}
+
+} // namespace veltra

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "csp/entry_guard.h"
+#include "csp/key_handle.h"
+#include "csp/provider_context.h"
+#include "foundation/live_records.h"
+#include "foundation/secret.h"
+
+#include <array>
+#include <cstdint>
+
+namespace veltra {
+
+/// One digest that the token computes, and what HMAC needs to know of it.
+struct HashAlgorithm {
+    ALG_ID algId;
+    std::uint32_t mechanism;    ///< HashMechanism
+    std::uint32_t digestLength; ///< bytes
+    std::uint32_t blockLength;  ///< bytes, of HMAC
+};
+
+inline constexpr std::size_t kMaxBlockLength = 128;
+inline constexpr std::size_t kHashValueCapacity = 256;
+
+/// Rows of the mechanism table; null when there is none.
+const HashAlgorithm* findHashAlgorithm(ALG_ID algId);
+const HashAlgorithm* findHashMechanism(std::uint32_t mechanism);
+
+/// The record behind an HCRYPTHASH, made by CPCreateHash or CPDuplicateHash and freed by CPDestroyHash. Key
+/// bytes in it are wiped with it. Not locked: one handle is used by one thread at a time.
+struct HASH_CONTEXT {
+    std::uint32_t reserved = 0;
+    std::uint32_t mechanism = 0;      ///< 0 until known: an HMAC object before HP_HMAC_INFO
+    std::uint32_t innerMechanism = 0; ///< always the same as mechanism
+    HMAC_INFO hmacInfo{};             ///< as the application set it; its strings are never used
+    void* deviceHash = nullptr;       ///< the library's handle, which the library itself releases
+    std::uint8_t valid = 1;
+    std::uint8_t isHmac = 0;
+    std::uint8_t finalized = 0;
+    std::array<unsigned char, kHashValueCapacity> hashValue{};
+    std::uint32_t hashValueLength = 0;
+    std::uint32_t hashSize = 0; ///< digest length in bytes
+    /// At creation the raw HMAC key; after HP_HMAC_INFO the outer pad block; wiped when the MAC is finished.
+    SecretBytes<kMaxBlockLength> hmacKey;
+    std::uint32_t hmacKeyLength = 0;
+    HCRYPTKEY hmacKeyHandle = 0; ///< the key object that supplied the key, only remembered
+    ALG_ID algId = 0;
+    KeySlot signingKey;               ///< the key that the first signature chose; it stays
+    std::uint32_t signingKeyType = 0; ///< KeyType
+};
+
+/// The live hash object behind a handle, or null.
+inline HASH_CONTEXT* liveHash(HCRYPTHASH handle) {
+    return LiveRecords<HASH_CONTEXT>::find(handle);
+}
+
+/// Finishes `deviceHash` into `digest`, a buffer of `capacity` bytes. On success `length` is the number of
+/// bytes written; a length that does not fit `capacity` is a failure. Returns the library's code.
+int finishDeviceHash(const CSP_CONTEXT& context, void* deviceHash, unsigned char* digest,
+                     std::uint32_t capacity, std::uint32_t& length);
+
+/// Starts a device hash, which goes to `deviceHash`. Returns the library's code.
+int startDeviceHash(const CSP_CONTEXT& context, std::uint32_t mechanism, void** deviceHash);
+
+/// Keys an HMAC object as HP_HMAC_INFO asks (RFC 2104, pads 0x36 and 0x5C). On failure the object is as it
+/// was.
+Outcome setUpHmac(const CSP_CONTEXT& context, HASH_CONTEXT& hash, const HMAC_INFO& info);
+
+/// Runs the outer hash over the inner digest in `hash.hashValue` (`hash.hashValueLength` bytes is not read;
+/// `length` is its length and becomes that of the MAC), and wipes the key. On failure the object can only be
+/// destroyed.
+Outcome finishHmac(const CSP_CONTEXT& context, HASH_CONTEXT& hash, std::uint32_t& length);
+
+} // namespace veltra

@@ -1,0 +1,85 @@
+#include "csp/key_export.h"
+
+#include "csp/csp_entry_points.h"
+#include "token/key_pairs.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace veltra {
+
+namespace {
+
+constexpr DWORD kRsa1Magic = 0x31415352; // "RSA1"
+constexpr DWORD kPublicExponent = 65537;
+
+struct PublicKeyBlobHeader {
+    BLOBHEADER header;
+    RSAPUBKEY key;
+};
+
+void writePublicKeyBlob(const VeltraKeyPair& pair, ALG_ID algId, BYTE* data) {
+    const PublicKeyBlobHeader header = {
+        .header = {.bType = PUBLICKEYBLOB, .bVersion = CUR_BLOB_VERSION, .reserved = 0, .aiKeyAlg = algId},
+        .key = {.magic = kRsa1Magic, .bitlen = pair.publicKeyLength * 8, .pubexp = kPublicExponent}};
+    std::memcpy(data, &header, sizeof(header));
+    std::reverse_copy(pair.publicKey, pair.publicKey + pair.publicKeyLength, data + sizeof(header));
+}
+
+} // namespace
+
+Outcome ExportPublicKeyComponents(const CSP_CONTEXT& context, const KEY_HANDLE& key, BYTE* data,
+                                  DWORD* dataLength) {
+    const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
+    if (pairs.empty()) return refuse(NTE_BAD_KEY, "ExportPublicKeyComponents: key list is empty");
+    const VeltraKeyPair* pair = findKeyPair(pairs, key.keyId);
+    if (pair == nullptr) {
+        return refuse(NTE_BAD_KEY, "ExportPublicKeyComponents: matching key not found in key list");
+    }
+    if (!isRsaKeyType(pair->keyType)) {
+        return refuse(NTE_BAD_TYPE,
+                      "ExportPublicKeyComponents: key algorithm is not RSA, cannot export as PUBLICKEYBLOB");
+    }
+    const DWORD size = pair->publicKeyLength + static_cast<DWORD>(sizeof(PublicKeyBlobHeader));
+    if (data == nullptr) {
+        *dataLength = size;
+        Utils::error("Emport public key more data required");
+        return successWithLastError(ERROR_MORE_DATA);
+    }
+    if (*dataLength < size) {
+        *dataLength = size;
+        return refuse(ERROR_MORE_DATA,
+                      concat("ExportPublicKeyComponents: output buffer too small, required=", size));
+    }
+    Utils::debug(concat("key usage : ", key.algId));
+    writePublicKeyBlob(*pair, key.algId, data);
+    *dataLength = size;
+    return successWithLastError(ERROR_SUCCESS);
+}
+
+} // namespace veltra
+
+using namespace veltra;
+
+BOOL WINAPI CPExportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTKEY, DWORD dwBlobType, DWORD dwFlags,
+                        BYTE* pbData, DWORD* pcbDataLen) {
+    return cspEntry("CPExportKey", [&] {
+        Utils::debug(concat("dwBlobType : ", dwBlobType));
+        Utils::debug(concat("dwFlags : ", dwFlags));
+        const KEY_HANDLE* key = liveKey(hKey);
+        if (key == nullptr || pcbDataLen == nullptr) {
+            return refuse(ERROR_INVALID_PARAMETER, "CPExportKey: hKey or pcbData is null");
+        }
+        const CSP_CONTEXT* context = usableContext(hProv);
+        if (context == nullptr) return refuse(NTE_BAD_UID, "CPExportKey: context is null or not initialized");
+        if (dwBlobType == PUBLICKEYBLOB) {
+            const Outcome outcome = ExportPublicKeyComponents(*context, *key, pbData, pcbDataLen);
+            Utils::debug(concat("Exportkey return status : ", outcome.result));
+            return outcome;
+        }
+        if (dwBlobType == PRIVATEKEYBLOB) {
+            return refuse(ERROR_ACCESS_DENIED, "CPExportKey: PRIVATEKEYBLOB export denied");
+        }
+        return refuse(NTE_BAD_TYPE, concat("CPExportKey: unsupported dwBlobType=", dwBlobType));
+    });
+}

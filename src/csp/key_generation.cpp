@@ -1,0 +1,108 @@
+// CPGenKey: a new RSA key pair on the token.
+
+#include "csp/container_map.h"
+#include "csp/csp_entry_points.h"
+#include "csp/csp_login.h"
+#include "csp/key_handle.h"
+#include "token/device_state.h"
+#include "token/key_pairs.h"
+#include "token/token_session.h"
+
+namespace veltra {
+
+namespace {
+
+constexpr DWORD kDefaultKeyBits = 2048;
+constexpr DWORD kRefusedKeyBits = 1024;
+
+struct KeyKind {
+    ALG_ID requested; ///< algorithm or key specification, as the application names it
+    ALG_ID algId;     ///< what the key reports
+    KeyUsage usage;
+    bool hasDefaultLength; ///< a key specification has none: deliberate
+    const char* trace;
+};
+
+// The spelling of the trace lines is part of the log format.
+constexpr KeyKind kKeyKinds[] = {
+    {CALG_RSA_SIGN, CALG_RSA_SIGN, kUsageSign, true, "rsa sign"},
+    {AT_SIGNATURE, CALG_RSA_SIGN, kUsageSign, false, "rsa sign"},
+    {CALG_RSA_KEYX, CALG_RSA_KEYX, kUsageEncrypt, true, "key exhange"},
+    {AT_KEYEXCHANGE, CALG_RSA_KEYX, kUsageEncrypt, false, "key exhange"},
+};
+
+const KeyKind* findKeyKind(ALG_ID requested) {
+    for (const KeyKind& kind : kKeyKinds) {
+        if (kind.requested == requested) return &kind;
+    }
+    return nullptr;
+}
+
+std::uint32_t keyTypeForBits(DWORD bits) {
+    if (bits == 3072) return kKeyTypeRsa3072;
+    if (bits == 4096) return kKeyTypeRsa4096;
+    return kKeyTypeRsa2048;
+}
+
+// Lets the token make the pair; a record that does not fit its own buffers counts as a failure.
+int generateOnToken(const CSP_CONTEXT& context, VeltraKeyPair& pair) {
+    const Pin pin = getPin(context.serial);
+    const int code = deviceLibrary().veltra_generateKeyPair(context.serial.c_str(), pin.c_str(), &pair,
+                                                            context.libraryContext);
+    return code == kDeviceOk && !isWellFormed(pair) ? kDeviceBadLength : code;
+}
+
+Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYPTKEY* phKey) {
+    std::unique_ptr<KEY_HANDLE> key(new (std::nothrow) KEY_HANDLE);
+    if (!key) return refuse(ERROR_NOT_ENOUGH_MEMORY, "CPGenKey: failed to allocate KEY_HANDLE");
+    if (const Outcome verified = ensurePasswordValidated(context); !verified) {
+        return refuse(*verified.lastError, "CPGenKey: ensurePasswordValidated failed");
+    }
+    // The mode stays 0 here, unlike that of a key opened or imported: deliberate.
+    key->algId = kind.algId;
+    key->keyBits = bits;
+    if (bits <= kRefusedKeyBits) {
+        if (!context.serial.empty()) readTokenInfo(context.serial, context.libraryContext);
+        return refuse(NTE_BAD_LEN,
+                      "CPGenKey: RSA-1024 key generation not allowed \xE2\x80\x94 key size below 112-bit "
+                      "security strength");
+    }
+    VeltraKeyPair pair{};
+    pair.usage = kind.usage;
+    pair.keyType = keyTypeForBits(bits);
+    if (const int code = generateOnToken(context, pair); code != kDeviceOk) {
+        return refuse(NTE_TOKEN_KEYSET_STORAGE_FULL, concat("RSA Keypair Generation Failed, code=", code));
+    }
+    key->fillFrom(pair);
+    const std::string name = keyName(pair.keyId);
+    if (context.persistedContainer) recordKey(context.containerName, name);
+    context.keyName = name;
+    context.signatureKey.fill(pair.keyId);
+    context.exchangeKey.fill(pair.keyId);
+    *phKey = LiveRecords<KEY_HANDLE>::add(std::move(key));
+    Utils::debug(concat("Key generated successfully, Algid=", kind.algId, " bits=", bits));
+    return success();
+}
+
+} // namespace
+
+} // namespace veltra
+
+using namespace veltra;
+
+BOOL WINAPI CPGenKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* phKey) {
+    return cspEntry("CPGenKey", [&] {
+        if (phKey == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPGenKey: phKey is NULL");
+        CSP_CONTEXT* context = usableContext(hProv);
+        if (context == nullptr) return refuse(NTE_BAD_UID, "Invalid CSP context");
+        const KeyKind* kind = findKeyKind(Algid);
+        if (kind == nullptr) return refuse(NTE_BAD_ALGID, concat("Unsupported algorithm", Algid));
+        Utils::debug(kind->trace);
+        DWORD bits = HIWORD(dwFlags);
+        if (bits == 0) {
+            if (!kind->hasDefaultLength) return refuse(NTE_BAD_LEN, concat("Unsupported Length", Algid));
+            bits = kDefaultKeyBits;
+        }
+        return generateKey(*context, *kind, bits, phKey);
+    });
+}

@@ -1,0 +1,275 @@
+// CPSignHash and CPVerifySignature.
+
+#include "certs/public_key_encoding.h"
+#include "csp/csp_entry_points.h"
+#include "csp/csp_login.h"
+#include "csp/hash_context.h"
+#include "token/device_state.h"
+#include "token/key_pairs.h"
+#include "token/token_session.h"
+#include "token/user_verification.h"
+
+#include <algorithm>
+#include <climits>
+
+namespace veltra {
+
+namespace {
+
+// A token signature that fails and one that does not verify have different codes on purpose.
+constexpr DWORD kSignatureFailed = static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL);
+constexpr DWORD kVerificationFailed = static_cast<DWORD>(NTE_BAD_SIGNATURE);
+
+// The token is offered this much room for a digest that is finished for a signature.
+constexpr std::uint32_t kSignedHashCapacity = 128;
+
+bool canSign(const VeltraKeyPair& pair) {
+    return pair.usage == kUsageSign || pair.usage == kUsageBoth;
+}
+
+bool hasKnownUsage(const VeltraKeyPair& pair) {
+    return canSign(pair) || pair.usage == kUsageEncrypt;
+}
+
+const VeltraKeyPair* findContainerKey(const CSP_CONTEXT& context, const std::vector<VeltraKeyPair>& pairs,
+                                      bool (*usable)(const VeltraKeyPair&)) {
+    const auto found = std::ranges::find_if(
+        pairs, [&](const VeltraKeyPair& pair) { return context.containerMatches(pair) && usable(pair); });
+    return found == pairs.end() ? nullptr : &*found;
+}
+
+// A value that was set or finished before stays as it is.
+Outcome finishHashForSigning(const CSP_CONTEXT& context, HASH_CONTEXT& hash) {
+    if (hash.hashValueLength != 0) return success();
+    std::uint32_t length = 0;
+    const int code =
+        finishDeviceHash(context, hash.deviceHash, hash.hashValue.data(), kSignedHashCapacity, length);
+    if (code != kDeviceOk)
+        return refuse(NTE_FAIL, concat("CPSignHash: veltra_finalHash failed with ret=", code));
+    hash.hashValueLength = length;
+    hash.finalized = 1;
+    return success();
+}
+
+// Chooses the key once per hash object; later signatures of the same hash use the same key.
+Outcome chooseSigningKey(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec) {
+    if (hash.signingKey.filled()) return success();
+    const KeySlot* slot = context.slotOf(keySpec);
+    const bool remembered = slot != nullptr && slot->filled();
+    if (remembered) {
+        hash.signingKey = *slot;
+        Utils::debug(concat("CPSignHash: using stored credentialId=", toHex(slot->keyId)));
+    }
+    const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
+    if (remembered) {
+        const VeltraKeyPair* pair = findKeyPair(pairs, slot->keyId);
+        if (pair != nullptr) hash.signingKeyType = pair->keyType;
+        return success();
+    }
+    const VeltraKeyPair* pair = findContainerKey(context, pairs, canSign);
+    if (pair == nullptr) pair = findContainerKey(context, pairs, hasKnownUsage);
+    if (pair == nullptr) {
+        return refuse(NTE_NO_KEY,
+                      concat("CPSignHash: sign key not found for container=", context.containerName));
+    }
+    hash.signingKey.fill(pair->keyId);
+    hash.signingKeyType = pair->keyType;
+    return success();
+}
+
+// The answer to a size query: 256 for every type but the two long ones, EC keys included.
+DWORD signatureLengthFor(std::uint32_t keyType) {
+    if (keyType == kKeyTypeRsa3072) return 384;
+    if (keyType == kKeyTypeRsa4096) return 512;
+    return 256;
+}
+
+// One token signature into `signature`; `length` is its capacity on entry and its length on success.
+int signOnce(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, const Pin& pin, BYTE* signature,
+             DWORD& length) {
+    int reported = static_cast<int>(length);
+    const int code = deviceLibrary().veltra_signHash(
+        context.serial.c_str(), hash.signingKey.keyId.data(), pin.c_str(), hash.hashValue.data(),
+        static_cast<int>(hash.hashValueLength), signature, &reported, false, context.libraryContext, false);
+    if (code != kDeviceOk) return code;
+    if (reported < 0 || static_cast<DWORD>(reported) > length) return kDeviceBadLength;
+    length = static_cast<DWORD>(reported);
+    return kDeviceOk;
+}
+
+Outcome signOnToken(CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* signature, DWORD* signatureLength) {
+    DWORD length = 0;
+    Outcome verifiedAgain;
+    const PinOperationResult result = runWithSessionRetry(
+        context.serial, "CPSignHash: SSO expired, re-prompting for PIN",
+        [&](const Pin& pin) {
+            length = *signatureLength;
+            return signOnce(context, hash, pin, signature, length);
+        },
+        [&] {
+            verifiedAgain = ensurePasswordValidated(context);
+            return static_cast<bool>(verifiedAgain);
+        });
+    if (result.verificationFailed) {
+        return refuse(*verifiedAgain.lastError,
+                      "CPSignHash: ensurePasswordValidated failed after SSO expiry");
+    }
+    if (result.code == kDeviceWeakHashRefused) {
+        return refuse(NTE_BAD_ALGID, "CPSignHash: SHA1/MD5 signing blocked on FIPS 140-3 token");
+    }
+    if (result.code != kDeviceOk) return refuse(kSignatureFailed, concat("Sign hash failed : ", result.code));
+    if (isRsaKeyType(hash.signingKeyType)) std::reverse(signature, signature + length);
+    *signatureLength = length;
+    return success();
+}
+
+Outcome signHash(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec, DWORD flags, BYTE* signature,
+                 DWORD* signatureLength) {
+    if (const Outcome finished = finishHashForSigning(context, hash); !finished) return finished;
+    if (const Outcome chosen = chooseSigningKey(context, hash, keySpec); !chosen) return chosen;
+    if (signature == nullptr) {
+        *signatureLength = signatureLengthFor(hash.signingKeyType);
+        return success();
+    }
+    if (*signatureLength > INT_MAX)
+        return refuse(NTE_BAD_LEN, "CPSignHash: signature buffer length is too large");
+    if (const Outcome verified = ensurePasswordValidated(context); !verified) {
+        return refuse(*verified.lastError, "CPSignHash: ensurePasswordValidated failed");
+    }
+    Utils::debug(concat("CPSignHash dwFlags : ", flags));
+    Utils::debug(concat("CPSignHash hashAlgorithm : ", hash.algId));
+    Utils::debug(concat("CPSignHash key mechanism : ", hash.signingKeyType));
+    if (hash.signingKeyType == kKeyTypeRsa1024) {
+        if (!context.serial.empty()) readTokenInfo(context.serial, context.libraryContext);
+        return refuse(NTE_BAD_KEY,
+                      "CPSignHash: RSA-1024 signing not allowed \xE2\x80\x94 key size below 112-bit "
+                      "security strength");
+    }
+    return signOnToken(context, hash, signature, signatureLength);
+}
+
+// Verification reads the value as an application would, so that an HMAC object gets its outer hash.
+Outcome finishHashForVerifying(HCRYPTPROV hProv, HCRYPTHASH hHash, HASH_CONTEXT& hash) {
+    if (hash.hashValueLength != 0) return success();
+    DWORD size = 0;
+    if (!CPGetHashParam(hProv, hHash, HP_HASHVAL, nullptr, &size, 0)) {
+        return refuse(NTE_BAD_HASH, "CPGetHashParam failed to get hash size");
+    }
+    if (size > hash.hashSize) return refuse(NTE_BAD_HASH, "Hash size larger than expected");
+    std::array<BYTE, kHashValueCapacity> value{};
+    if (!CPGetHashParam(hProv, hHash, HP_HASHVAL, value.data(), &size, 0)) {
+        return refuse(NTE_BAD_HASH, "CPGetHashParam failed to get hash value");
+    }
+    hash.hashValue = value;
+    hash.hashValueLength = size;
+    Utils::debug("Hash obtained using CPGetHashParam");
+    return success();
+}
+
+/// A public key as the device library's verification takes it.
+struct VerificationKey {
+    std::uint32_t keyType = 0;
+    Bytes bytes; ///< DER for RSA, the uncompressed point for EC
+};
+
+std::uint32_t keyTypeOf(const KEY_HANDLE& key) {
+    if (key.algId == kEcAlgId) {
+        if (key.keyBits == 384) return kKeyTypeEcP384;
+        return key.keyBits == 521 ? kKeyTypeEcP521 : kKeyTypeEcP256;
+    }
+    switch (key.keyBits) {
+    case 1024:
+        return kKeyTypeRsa1024;
+    case 3072:
+        return kKeyTypeRsa3072;
+    case 4096:
+        return kKeyTypeRsa4096;
+    default:
+        return kKeyTypeRsa2048;
+    }
+}
+
+VerificationKey verificationKeyOf(const KEY_HANDLE& key) {
+    const std::span<const unsigned char> publicKey = key.publicKeyBytes();
+    VerificationKey out{.keyType = keyTypeOf(key), .bytes = {}};
+    if (key.algId == kEcAlgId) {
+        Utils::debug("CPVerifySignature: ECC public key, using raw EC point");
+        out.bytes.assign(publicKey.begin(), publicKey.end());
+    } else {
+        out.bytes = rsaPublicKeyAsDer(publicKey, {"CPVerifySignature: RSA public key already DER encoded",
+                                                  "CPVerifySignature: RSA raw modulus, converting to DER"});
+    }
+    return out;
+}
+
+// The key of the context's container. Its RSA keys are always converted, without a look at their form.
+Outcome findVerificationKey(const CSP_CONTEXT& context, VerificationKey& out) {
+    Utils::error("Key Handle Not Initialized or Public Key Length is zero");
+    Utils::debug(concat("Container name : ", context.containerName));
+    const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
+    const VeltraKeyPair* pair = findContainerKey(context, pairs, hasKnownUsage);
+    if (pair == nullptr) {
+        return refuse(NTE_BAD_KEY,
+                      concat("CPVerifySignature: container not found in key list, containerName=",
+                             context.containerName));
+    }
+    const std::span<const unsigned char> publicKey(pair->publicKey, pair->publicKeyLength);
+    out.keyType = pair->keyType;
+    out.bytes =
+        isRsaKeyType(pair->keyType) ? rawModulusAsDer(publicKey) : Bytes(publicKey.begin(), publicKey.end());
+    return success();
+}
+
+Outcome verifyOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, const VerificationKey& key,
+                      std::span<const BYTE> littleEndianSignature) {
+    Bytes signature(littleEndianSignature.begin(), littleEndianSignature.end());
+    if (isRsaKeyType(key.keyType)) std::ranges::reverse(signature);
+    const int code = deviceLibrary().veltra_verifySignatureHash(
+        key.keyType, context.serial.c_str(), hash.hashValue.data(), static_cast<int>(hash.hashValueLength),
+        key.bytes.data(), static_cast<int>(key.bytes.size()), signature.data(),
+        static_cast<int>(signature.size()), nullptr, false);
+    if (code != kDeviceOk) return refuse(kVerificationFailed, concat("VERIFY SIGNATURE FAILED :: ", code));
+    return success();
+}
+
+} // namespace
+
+} // namespace veltra
+
+using namespace veltra;
+
+BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwKeySpec, LPCWSTR, DWORD dwFlags,
+                       BYTE* pbSignature, DWORD* pdwSigLen) {
+    return cspEntry("CPSignHash", [&] {
+        CSP_CONTEXT* context = usableContext(hProv);
+        if (context == nullptr) return refuse(NTE_BAD_UID, "CPSignHash: context is null or not initialized");
+        HASH_CONTEXT* hash = liveHash(hHash);
+        if (hash == nullptr) return refuse(NTE_BAD_HASH, "CPSignHash: hash handle is null");
+        if (pdwSigLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPSignHash: pdwSigLen is null");
+        return signHash(*context, *hash, dwKeySpec, dwFlags, pbSignature, pdwSigLen);
+    });
+}
+
+BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbSignature, DWORD cbSigLen,
+                              HCRYPTKEY hPubKey, LPCWSTR, DWORD) {
+    return cspEntry("CPVerifySignature", [&] {
+        const CSP_CONTEXT* context = usableContext(hProv);
+        if (context == nullptr) return refuse(NTE_BAD_UID, "CSP Context Not Initialized");
+        HASH_CONTEXT* hash = liveHash(hHash);
+        if (hash == nullptr) return refuse(NTE_BAD_HASH, "Hash Context is not Initialized");
+        if (pbSignature == nullptr && cbSigLen != 0) {
+            return refuse(ERROR_INVALID_PARAMETER, "CPVerifySignature: pbSignature is null");
+        }
+        if (cbSigLen > INT_MAX)
+            return refuse(NTE_BAD_LEN, "CPVerifySignature: signature length is too large");
+        if (const Outcome finished = finishHashForVerifying(hProv, hHash, *hash); !finished) return finished;
+        VerificationKey key;
+        const KEY_HANDLE* keyObject = liveKey(hPubKey);
+        if (keyObject != nullptr && keyObject->publicKeyLength != 0) {
+            key = verificationKeyOf(*keyObject);
+        } else if (const Outcome found = findVerificationKey(*context, key); !found) {
+            return found;
+        }
+        return verifyOnToken(*context, *hash, key, {pbSignature, cbSigLen});
+    });
+}

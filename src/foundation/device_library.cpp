@@ -1,0 +1,181 @@
+#include "foundation/device_library.h"
+
+#include "foundation/module.h"
+#include "foundation/text.h"
+#include "foundation/utils.h"
+#include "foundation/win_handle.h"
+
+#include <atomic>
+#include <bit>
+
+namespace veltra {
+
+namespace {
+
+constexpr int kLibraryMissing = -1;
+
+/// Answers in the place of a device library that cannot be used: no token is connected.
+class MissingDeviceLibrary final : public DeviceLibrary {
+public:
+    int veltra_init(int, void*, int) override { return kLibraryMissing; }
+    std::vector<std::string> veltra_getConnectedDeviceList(bool, void*) override { return {}; }
+    int veltra_initDevice(const char*, bool, void*) override { return kLibraryMissing; }
+    TokenInfo veltra_getTokenInfo(const char*, void*) override { return {}; }
+    int veltra_validatePassword(const char*, const char*, int, int*, void*) override {
+        return kLibraryMissing;
+    }
+    std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char*, void*) override { return noKeyPairs_; }
+    int veltra_generateKeyPair(const char*, const char*, VeltraKeyPair*, void*) override {
+        return kLibraryMissing;
+    }
+    int veltra_deleteKeyPair(const char*, const unsigned char*, const char*, bool, void*) override {
+        return kLibraryMissing;
+    }
+    int veltra_signHash(const char*, const unsigned char*, const char*, const unsigned char*, int,
+                        unsigned char*, int*, bool, void*, bool) override {
+        return kLibraryMissing;
+    }
+    int veltra_verifySignatureHash(unsigned int, const char*, const unsigned char*, int, const unsigned char*,
+                                   int, const unsigned char*, int, void*, bool) override {
+        return kLibraryMissing;
+    }
+    int veltra_initHash(const char*, int, void**, void*) override { return kLibraryMissing; }
+    int veltra_updateHash(void*, const unsigned char*, int, void*) override { return kLibraryMissing; }
+    int veltra_finalHash(void*, unsigned char*, int*, void*) override { return kLibraryMissing; }
+
+private:
+    std::vector<VeltraKeyPair> noKeyPairs_;
+};
+
+/// The exports of a loaded device library.
+class LoadedDeviceLibrary final : public DeviceLibrary {
+public:
+    /// Binds every export of `module`, which stays loaded until the process ends. Returns the name of the
+    /// first export that is missing, or null when all are there.
+    const char* bind(HMODULE module) {
+        const char* missing = nullptr;
+        const auto bindExport = [&](auto*& function, const char* name) {
+            if (missing != nullptr) return;
+            const FARPROC address = GetProcAddress(module, name);
+            if (address == nullptr) missing = name;
+            function = std::bit_cast<std::remove_reference_t<decltype(function)>>(address);
+        };
+        bindExport(init_, "veltra_init");
+        bindExport(getConnectedDeviceList_, "veltra_getConnectedDeviceList");
+        bindExport(initDevice_, "veltra_initDevice");
+        bindExport(getTokenInfo_, "veltra_getTokenInfo");
+        bindExport(validatePassword_, "veltra_validatePassword");
+        bindExport(getKeyPairList_, "veltra_getKeyPairList");
+        bindExport(generateKeyPair_, "veltra_generateKeyPair");
+        bindExport(deleteKeyPair_, "veltra_deleteKeyPair");
+        bindExport(signHash_, "veltra_signHash");
+        bindExport(verifySignatureHash_, "veltra_verifySignatureHash");
+        bindExport(initHash_, "veltra_initHash");
+        bindExport(updateHash_, "veltra_updateHash");
+        bindExport(finalHash_, "veltra_finalHash");
+        return missing;
+    }
+
+    int veltra_init(int mode, void* ctx, int kind) override { return init_(mode, ctx, kind); }
+    std::vector<std::string> veltra_getConnectedDeviceList(bool refresh, void* ctx) override {
+        return getConnectedDeviceList_(refresh, ctx);
+    }
+    int veltra_initDevice(const char* serial, bool reread, void* ctx) override {
+        return initDevice_(serial, reread, ctx);
+    }
+    TokenInfo veltra_getTokenInfo(const char* serial, void* ctx) override {
+        return getTokenInfo_(serial, ctx);
+    }
+    int veltra_validatePassword(const char* serial, const char* pin, int mode, int* remaining,
+                                void* ctx) override {
+        return validatePassword_(serial, pin, mode, remaining, ctx);
+    }
+    std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char* serial, void* ctx) override {
+        return getKeyPairList_(serial, ctx);
+    }
+    int veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout,
+                               void* ctx) override {
+        return generateKeyPair_(serial, pin, inout, ctx);
+    }
+    int veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin, bool flag,
+                             void* ctx) override {
+        return deleteKeyPair_(serial, keyId, pin, flag, ctx);
+    }
+    int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
+                        const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
+                        bool reserved, void* ctx, bool pss) override {
+        return signHash_(serial, keyId, pin, hash, hashLength, out, outLength, reserved, ctx, pss);
+    }
+    int veltra_verifySignatureHash(unsigned int keyType, const char* serial, const unsigned char* hash,
+                                   int hashLength, const unsigned char* publicKey, int publicKeyLength,
+                                   const unsigned char* signature, int signatureLength, void* ctx,
+                                   bool pss) override {
+        return verifySignatureHash_(keyType, serial, hash, hashLength, publicKey, publicKeyLength, signature,
+                                    signatureLength, ctx, pss);
+    }
+    int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) override {
+        return initHash_(serial, algorithm, hash, ctx);
+    }
+    int veltra_updateHash(void* hash, const unsigned char* data, int length, void* ctx) override {
+        return updateHash_(hash, data, length, ctx);
+    }
+    int veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) override {
+        return finalHash_(hash, digest, inoutLength, ctx);
+    }
+
+private:
+    decltype(&::veltra_init) init_ = nullptr;
+    decltype(&::veltra_getConnectedDeviceList) getConnectedDeviceList_ = nullptr;
+    decltype(&::veltra_initDevice) initDevice_ = nullptr;
+    decltype(&::veltra_getTokenInfo) getTokenInfo_ = nullptr;
+    decltype(&::veltra_validatePassword) validatePassword_ = nullptr;
+    decltype(&::veltra_getKeyPairList) getKeyPairList_ = nullptr;
+    decltype(&::veltra_generateKeyPair) generateKeyPair_ = nullptr;
+    decltype(&::veltra_deleteKeyPair) deleteKeyPair_ = nullptr;
+    decltype(&::veltra_signHash) signHash_ = nullptr;
+    decltype(&::veltra_verifySignatureHash) verifySignatureHash_ = nullptr;
+    decltype(&::veltra_initHash) initHash_ = nullptr;
+    decltype(&::veltra_updateHash) updateHash_ = nullptr;
+    decltype(&::veltra_finalHash) finalHash_ = nullptr;
+};
+
+UniqueModule loadDeviceLibraryModule() {
+    const std::wstring beside = thisModuleFolder() + L"VeltraDSCLibrary.dll";
+    if (HMODULE module = LoadLibraryExW(beside.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH)) {
+        return UniqueModule(module);
+    }
+    return UniqueModule(LoadLibraryW(L"VeltraDSCLibrary.dll"));
+}
+
+// The library stays loaded and its binding is never destroyed: the monitor thread may be in it at any time.
+DeviceLibrary* bindDeviceLibrary() {
+    const LastErrorKeeper keeper;
+    UniqueModule module = loadDeviceLibraryModule();
+    if (!module) {
+        Utils::error(concat("VeltraDSCLibrary.dll cannot be loaded, error=", GetLastError()));
+        return new MissingDeviceLibrary;
+    }
+    auto library = std::make_unique<LoadedDeviceLibrary>();
+    if (const char* missing = library->bind(module.get())) {
+        Utils::error(concat("VeltraDSCLibrary.dll lacks the export ", missing));
+        return new MissingDeviceLibrary;
+    }
+    static_cast<void>(module.release());
+    return library.release();
+}
+
+std::atomic<DeviceLibrary*> substitute{nullptr};
+
+} // namespace
+
+DeviceLibrary& deviceLibrary() {
+    if (DeviceLibrary* library = substitute) return *library;
+    static DeviceLibrary* const bound = bindDeviceLibrary();
+    return *bound;
+}
+
+void setDeviceLibrary(DeviceLibrary* library) {
+    substitute = library;
+}
+
+} // namespace veltra

@@ -1,0 +1,147 @@
+#include "foundation/utils.h"
+
+#include "foundation/text.h"
+#include "foundation/win_handle.h"
+
+#include <psapi.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+namespace veltra {
+
+namespace {
+
+constexpr std::size_t kPathCapacity = 1024;
+
+enum Level : std::uint32_t { kLevelException = 1, kLevelError = 2, kLevelDebug = 3 };
+
+std::optional<std::uint32_t> readLogLevel() {
+    std::array<unsigned char, 32> data{};
+    DWORD length = static_cast<DWORD>(data.size());
+    const LSTATUS status = RegGetValueA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)", "logLevel",
+                                        RRF_RT_ANY, nullptr, data.data(), &length);
+    if (status != ERROR_SUCCESS) return std::nullopt;
+    std::uint32_t level = 0;
+    std::memcpy(&level, data.data(), sizeof(level));
+    return level;
+}
+
+// All tags are ten characters wide.
+const char* levelTag(std::uint32_t level) {
+    switch (level) {
+    case kLevelException:
+        return "EXCEP ::=>";
+    case kLevelError:
+        return "ERROR ::=>";
+    case kLevelDebug:
+        return "DEBUG ::=>";
+    default:
+        return "INFO  ::=>";
+    }
+}
+
+// Console hosts see these messages; in every other process they go nowhere.
+void printToStandardOutput(const char* text) {
+    std::fputs(text, stdout);
+    std::fflush(stdout);
+}
+
+// The folder that the log file of this process lies in, ending in "/", cut to the path buffer.
+std::string logFolderPath() {
+    std::array<char, kPathCapacity> base{};
+    if (Utils::getLogBaseFolderPath(base.data(), base.size()) != 0) {
+        printToStandardOutput("\nUnable to getLogBaseFolderPath");
+    }
+    std::string path = concat(base.data(), "/Quenmark/", Utils::getProcessName(), "/");
+    if (path.size() >= kPathCapacity) path.resize(kPathCapacity - 1);
+    return path;
+}
+
+template <class... Arguments>
+std::string formatted(const char* format, Arguments... arguments) {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), format, arguments...);
+    return text.data();
+}
+
+// One line is one append, so that lines of other threads and processes are never torn.
+void writeLine(std::uint32_t level, std::string message) {
+    const std::string folder = logFolderPath();
+    Utils::createFolderPath(folder);
+    SYSTEMTIME now{};
+    GetLocalTime(&now);
+    std::string path = concat(folder, formatted("%04u-%02u-%02u", now.wYear, now.wMonth, now.wDay), ".LOG");
+    if (path.size() >= kPathCapacity) path.resize(kPathCapacity - 1);
+    const std::string line = concat(formatted("%02u/%02u::%02u:%02u:%02u:%03u-> ", now.wDay, now.wMonth,
+                                              now.wHour, now.wMinute, now.wSecond, now.wMilliseconds),
+                                    "->", levelTag(level), message, "\n");
+    const UniqueHandle file =
+        ownFile(CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                            OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD written = 0;
+    if (!file || !WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr)) {
+        printToStandardOutput("\nUnable to write log");
+    }
+}
+
+void writeIf(bool wanted, std::uint32_t level, std::string message) noexcept {
+    if (!wanted) return;
+    try {
+        writeLine(level, std::move(message));
+    } catch (...) {
+        printToStandardOutput("\nUnable to write log");
+    }
+}
+
+} // namespace
+
+void Utils::debug(std::string&& message) noexcept {
+    const LastErrorKeeper keeper;
+    std::string taken = std::exchange(message, std::string());
+    writeIf(readLogLevel() == kLevelDebug, kLevelDebug, std::move(taken));
+}
+
+void Utils::error(std::string&& message) noexcept {
+    const LastErrorKeeper keeper;
+    std::string taken = std::exchange(message, std::string());
+    // Not the same threshold as for debug lines: a level above 3 keeps errors and silences debug lines.
+    writeIf(readLogLevel().value_or(kLevelError) >= kLevelError, kLevelError, std::move(taken));
+}
+
+int Utils::getLogBaseFolderPath(char* buffer, std::size_t size) noexcept {
+    if (buffer == nullptr || size == 0) return -1;
+    const DWORD length = GetTempPathA(static_cast<DWORD>(size), buffer);
+    if (length != 0 && length < size && isFolderExists(buffer)) return 0;
+    buffer[0] = '\0';
+    return -1;
+}
+
+std::string Utils::getProcessName() {
+    std::array<char, kPathCapacity> name{};
+    const DWORD length =
+        K32GetModuleBaseNameA(GetCurrentProcess(), nullptr, name.data(), static_cast<DWORD>(name.size()));
+    const std::string base(name.data(), length < name.size() ? length : 0);
+    return base.substr(0, base.find('.'));
+}
+
+bool Utils::isFolderExists(const char* path) noexcept {
+    const DWORD attributes = GetFileAttributesA(path);
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+int Utils::createFolder(const char* path) noexcept {
+    return CreateDirectoryA(path, nullptr);
+}
+
+void Utils::createFolderPath(const std::string& path) {
+    for (std::size_t end = path.find('/'); end != std::string::npos; end = path.find('/', end + 1)) {
+        createFolder(path.substr(0, end).c_str());
+    }
+    createFolder(path.c_str());
+}
+
+} // namespace veltra

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace veltra {
+
+/// The log: one text file per process name and day, "<temporary folder>/Quenmark/<process>/<date>.LOG".
+///
+/// The setting "logLevel" (first 32-bit word of any value type) under HKEY_LOCAL_MACHINE
+/// "Software\Quenmark\Veltra" is read at every call, so that a change takes effect at the next line:
+///   0, 1     nothing is written
+///   2        error lines
+///   3        error and debug lines
+///   4 ...    error lines
+///   missing  error lines
+///
+/// Thread safety: any thread, any process; every line is one append to a file opened with full sharing, and
+/// no lock is taken. Nothing that fails here reaches the caller, and the caller's last error is kept.
+class Utils {
+public:
+    /// Writes a debug line if "logLevel" is exactly 3. Takes the message over and leaves it empty.
+    static void debug(std::string&& message) noexcept;
+
+    /// Writes an error line unless "logLevel" was read and is below 2. Takes the message over and leaves it
+    /// empty.
+    static void error(std::string&& message) noexcept;
+
+    /// Fills `buffer` with the temporary folder of the current user, if that is a folder. 0 on success;
+    /// -1 on failure, and the buffer is empty.
+    static int getLogBaseFolderPath(char* buffer, std::size_t size) noexcept;
+
+    /// Base name of the process's main module up to its first "."; empty when it cannot be read.
+    static std::string getProcessName();
+
+    /// Whether `path` names an existing folder.
+    static bool isFolderExists(const char* path) noexcept;
+
+    /// Creates one folder with default security; the result is that of CreateDirectoryA.
+    static int createFolder(const char* path) noexcept;
+
+    /// Creates every folder along `path`, whose steps end in "/".
+    static void createFolderPath(const std::string& path);
+};
+
+} // namespace veltra

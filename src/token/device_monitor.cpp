@@ -1,0 +1,108 @@
+#include "token/device_monitor.h"
+
+#include "foundation/module.h"
+#include "foundation/text.h"
+#include "foundation/utils.h"
+#include "foundation/win_handle.h"
+#include "token/device_state.h"
+#include "token/token_session.h"
+
+#include <atomic>
+#include <mutex>
+
+namespace veltra {
+
+namespace {
+
+constexpr DWORD kPollMilliseconds = 1000;
+
+std::atomic<bool> running{false};
+std::atomic<bool> stopRequested{false};
+
+/// A Win32 thread and event instead of the standard library's: those hang when a static destructor stops
+/// them at process exit or under the loader lock.
+struct MonitorThread {
+    std::mutex mutex; // held for assignments of the two handles only
+    UniqueHandle thread;
+    UniqueHandle stopEvent;
+};
+
+// Created with the first thread and never destroyed: the thread may outlive every static destructor.
+MonitorThread& monitorThread() {
+    static MonitorThread* const instance = new MonitorThread;
+    return *instance;
+}
+
+void forgetPulledTokens() {
+    const std::vector<std::string> connected = connectedSerials(nullptr);
+    for (const std::string& serial : forgetDisconnected({connected.begin(), connected.end()})) {
+        Utils::debug(concat("Device disconnected: ", serial));
+    }
+}
+
+DWORD WINAPI monitorLoop(void* stopEvent) noexcept {
+    Utils::debug("Device monitor thread started.");
+    while (!stopRequested) {
+        try {
+            forgetPulledTokens();
+        } catch (...) {
+            // A poll that fails is skipped: nothing is erased, and the next one comes in a second.
+            Utils::error("Device monitor: reading the connected tokens failed");
+        }
+        WaitForSingleObject(stopEvent, kPollMilliseconds);
+    }
+    Utils::debug("Device monitor thread stopped.");
+    return 0;
+}
+
+struct StopAtUnload {
+    ~StopAtUnload() { stopDeviceMonitor(); }
+};
+const StopAtUnload stopAtUnload;
+
+} // namespace
+
+void startDeviceMonitor() {
+    if (running.exchange(true)) {
+        Utils::debug("Monitor thread already running, not starting again.");
+        return;
+    }
+    pinThisModule();
+    stopRequested = false;
+    UniqueHandle stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    UniqueHandle thread(stopEvent ? CreateThread(nullptr, 0, monitorLoop, stopEvent.get(), 0, nullptr)
+                                  : nullptr);
+    if (!thread) {
+        running = false;
+        Utils::error("Monitor thread cannot be started");
+        return;
+    }
+    {
+        MonitorThread& state = monitorThread();
+        const std::lock_guard lock(state.mutex);
+        state.stopEvent = std::move(stopEvent);
+        state.thread = std::move(thread);
+    }
+    Utils::debug("Monitor thread started (startDeviceMonitor).");
+}
+
+void stopDeviceMonitor() {
+    if (!running || isProcessTerminating()) return;
+    stopRequested = true;
+    UniqueHandle thread;
+    UniqueHandle stopEvent;
+    {
+        MonitorThread& state = monitorThread();
+        const std::lock_guard lock(state.mutex);
+        thread = std::move(state.thread);
+        stopEvent = std::move(state.stopEvent);
+    }
+    if (thread && GetThreadId(thread.get()) != GetCurrentThreadId()) {
+        SetEvent(stopEvent.get());
+        WaitForSingleObject(thread.get(), INFINITE);
+        Utils::debug("Monitor thread joined (stopDeviceMonitor).");
+    }
+    running = false;
+}
+
+} // namespace veltra

@@ -1,0 +1,49 @@
+#include "token/key_pairs.h"
+
+#include "foundation/text.h"
+#include "foundation/utils.h"
+
+#include <algorithm>
+#include <array>
+
+namespace veltra {
+
+std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext) {
+    std::vector<VeltraKeyPair> pairs = deviceLibrary().veltra_getKeyPairList(serial.c_str(), libraryContext);
+    std::erase_if(pairs, [](const VeltraKeyPair& pair) {
+        if (isWellFormed(pair)) return false;
+        Utils::error(concat("Key pair ", keyName(pair.keyId), " has impossible lengths, left out"));
+        return true;
+    });
+    return pairs;
+}
+
+bool isWellFormed(const VeltraKeyPair& pair) {
+    return pair.publicKeyLength <= kPublicKeyCapacity && pair.credentialIdLength <= kCredentialIdCapacity;
+}
+
+std::string keyName(std::span<const unsigned char, kKeyIdLength> keyId) {
+    return toHex(keyId);
+}
+
+const VeltraKeyPair* findKeyPair(const std::vector<VeltraKeyPair>& pairs,
+                                 std::span<const unsigned char, kKeyIdLength> keyId) {
+    const auto found = std::ranges::find_if(
+        pairs, [&](const VeltraKeyPair& pair) { return std::ranges::equal(pair.keyId, keyId); });
+    return found == pairs.end() ? nullptr : &*found;
+}
+
+std::uint32_t keyBitsOf(std::uint32_t keyType) {
+    static constexpr std::array<std::uint32_t, 8> kBits = {0, 1024, 2048, 3072, 4096, 256, 384, 521};
+    return keyType < kBits.size() ? kBits[keyType] : 0;
+}
+
+bool isRsaKeyType(std::uint32_t keyType) {
+    return keyType >= kKeyTypeRsa1024 && keyType <= kKeyTypeRsa4096;
+}
+
+bool isEcKeyType(std::uint32_t keyType) {
+    return keyType >= kKeyTypeEcP256 && keyType <= kKeyTypeEcP521;
+}
+
+} // namespace veltra

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "foundation/device_library.h"
+
+#include <span>
+#include <string>
+#include <vector>
+
+namespace veltra {
+
+/// A copy of the token's key pair list, in the token's order. A record whose lengths do not fit its own
+/// buffers is reported and left out.
+std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext);
+
+/// Whether the lengths in a record that the device library filled fit its buffers.
+bool isWellFormed(const VeltraKeyPair& pair);
+
+/// The name of a key in both front ends: its identifier as 32 upper-case hexadecimal characters.
+std::string keyName(std::span<const unsigned char, kKeyIdLength> keyId);
+
+/// The first pair with this identifier, or null.
+const VeltraKeyPair* findKeyPair(const std::vector<VeltraKeyPair>& pairs,
+                                 std::span<const unsigned char, kKeyIdLength> keyId);
+
+/// Key length in bits of a key type code; 0 for an unknown code.
+std::uint32_t keyBitsOf(std::uint32_t keyType);
+
+bool isRsaKeyType(std::uint32_t keyType);
+bool isEcKeyType(std::uint32_t keyType);
+
+} // namespace veltra

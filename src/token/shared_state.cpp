@@ -1,0 +1,10 @@
+#include "token/shared_state.h"
+
+namespace veltra {
+
+std::mutex& sharedStateMutex() {
+    static std::mutex* const mutex = new std::mutex;
+    return *mutex;
+}
+
+} // namespace veltra

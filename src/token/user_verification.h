@@ -1,0 +1,45 @@
+#pragma once
+
+#include "foundation/device_library.h"
+#include "foundation/utils.h"
+#include "token/device_state.h"
+#include "token/pin.h"
+
+#include <string>
+#include <string_view>
+
+namespace veltra {
+
+/// Whether the token already has a logged-in session, so that its user need not be asked.
+bool isSessionValidated(const std::string& serial, void* libraryContext);
+
+enum class LoginOutcome { Accepted, Cancelled, Locked };
+
+/// Asks for the PIN until the token accepts one, the user cancels, or no attempt is left. Forgets the stored
+/// PIN first. `timeMismatchText` is what the user is told when host and token time disagree (the two front
+/// ends word it differently). On `Accepted`, `acceptedPin` is the PIN; otherwise it is untouched.
+LoginOutcome askForPinUntilAccepted(const std::string& serial, void* libraryContext,
+                                    const char* timeMismatchText, Pin& acceptedPin);
+
+/// Result of an operation that uses the stored PIN: the library's code, or the user could not be verified
+/// again after the token's session had expired.
+struct PinOperationResult {
+    int code = kDeviceOk;
+    bool verificationFailed = false;
+};
+
+/// Runs `operation(pin)` with the stored PIN. If the token answers that its session has expired, writes the
+/// debug line `expiredLine`, forgets the PIN, runs `verifyAgain()` and, if that returns true, repeats the
+/// operation once with the new PIN; the second result is final.
+template <class Operation, class VerifyAgain>
+PinOperationResult runWithSessionRetry(const std::string& serial, std::string_view expiredLine,
+                                       Operation operation, VerifyAgain verifyAgain) {
+    const int first = operation(getPin(serial));
+    if (first != kDeviceSessionExpired) return {.code = first};
+    Utils::debug(std::string(expiredLine));
+    forgetPin(serial);
+    if (!verifyAgain()) return {.code = first, .verificationFailed = true};
+    return {.code = operation(getPin(serial))};
+}
+
+} // namespace veltra
