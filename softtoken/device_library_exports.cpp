@@ -1,0 +1,232 @@
+// The exports of VeltraDSCLibrary.dll: the contract's argument forms around the operations on tokens. Nothing
+// thrown leaves this file.
+
+#include "foundation/device_library_contract.h"
+
+#include "hash_registry.h"
+#include "returned_lists.h"
+#include "token_operations.h"
+#include "token_store.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+
+using namespace veltra;
+using namespace veltra::softtoken;
+
+namespace {
+
+int refuse(const char* function, Failure failure, const char* text) noexcept {
+    try {
+        report(std::string(function) + ": " + text);
+    } catch (const std::bad_alloc&) {
+        return static_cast<int>(Failure::OutOfMemory);
+    }
+    return static_cast<int>(failure);
+}
+
+/// Runs the body of an export and turns what it throws into a result code.
+template <class Body>
+int guarded(const char* function, Body body) noexcept {
+    try {
+        body();
+        return kDeviceOk;
+    } catch (const TokenError& error) {
+        return refuse(function, error.failure(), error.what());
+    } catch (const std::bad_alloc&) {
+        return refuse(function, Failure::OutOfMemory, "out of memory");
+    } catch (const std::exception& error) {
+        return refuse(function, Failure::Internal, error.what());
+    } catch (...) {
+        return refuse(function, Failure::Internal, "unknown error");
+    }
+}
+
+void require(bool condition, const char* text) {
+    if (!condition) throw TokenError(Failure::BadArgument, text);
+}
+
+/// A zero-terminated text of the caller's, read no further than one byte over the limit: what is longer is
+/// refused by whoever knows the limit.
+std::string_view boundedText(const char* text, std::size_t limit) {
+    if (text == nullptr) return {};
+    return {text, static_cast<std::size_t>(std::find(text, text + limit + 1, '\0') - text)};
+}
+
+std::string_view serialText(const char* serial) {
+    return boundedText(serial, kMaxSerialLength);
+}
+
+std::string_view pinText(const char* pin) {
+    return boundedText(pin, kMaxPinLength);
+}
+
+/// A buffer of the caller's; null only together with length 0.
+BytesView bufferOf(const unsigned char* data, int length) {
+    require(length >= 0 && (data != nullptr || length == 0), "a buffer is null or its length negative");
+    return {data, static_cast<std::size_t>(length)};
+}
+
+BytesView keyIdOf(const unsigned char* keyId) {
+    require(keyId != nullptr, "the key identifier is null");
+    return {keyId, kKeyIdLength};
+}
+
+SignatureScheme schemeOf(bool pss) {
+    return pss ? SignatureScheme::Pss : SignatureScheme::Pkcs1;
+}
+
+/// Copies a result into a buffer whose capacity is in `*length`; on success the length goes there.
+void deliver(BytesView result, unsigned char* out, int* length) {
+    if (static_cast<std::size_t>(*length) < result.size()) {
+        throw TokenError(Failure::BufferTooSmall, "the buffer is too small");
+    }
+    std::copy(result.begin(), result.end(), out);
+    *length = static_cast<int>(result.size());
+}
+
+void requireOutBuffer(const unsigned char* out, const int* length) {
+    require(out != nullptr && length != nullptr && *length >= 0,
+            "the output buffer or its length is unusable");
+}
+
+} // namespace
+
+extern "C" {
+
+int __cdecl veltra_init(int, void*, int) {
+    return guarded("veltra_init", [] { initialiseCrypto(); });
+}
+
+std::vector<std::string> __cdecl veltra_getConnectedDeviceList(bool, void*) {
+    std::vector<std::string> serials;
+    guarded("veltra_getConnectedDeviceList", [&] { serials = connectedSerials(); });
+    return serials;
+}
+
+int __cdecl veltra_initDevice(const char* serial, bool, void*) {
+    return guarded("veltra_initDevice", [&] { requirePlugged(serialText(serial)); });
+}
+
+TokenInfo __cdecl veltra_getTokenInfo(const char* serial, void*) {
+    TokenInfo info;
+    guarded("veltra_getTokenInfo", [&] { info = tokenInfo(serialText(serial)); });
+    return info;
+}
+
+int __cdecl veltra_validatePassword(const char* serial, const char* pin, int, int* remaining, void*) {
+    return guarded("veltra_validatePassword", [&] {
+        require(pin != nullptr, "the PIN is null");
+        std::uint32_t left = 0;
+        try {
+            validatePin(serialText(serial), pinText(pin), left);
+        } catch (const TokenError& error) {
+            const bool judged = error.failure() == Failure::WrongPin || error.failure() == Failure::PinLocked;
+            if (judged && remaining != nullptr) *remaining = static_cast<int>(left);
+            throw;
+        }
+    });
+}
+
+std::vector<VeltraKeyPair>& __cdecl veltra_getKeyPairList(const char* serial, void*) {
+    // What a caller gets when not even an empty list can be made for it.
+    static auto& nothing = *new std::vector<VeltraKeyPair>;
+    std::vector<VeltraKeyPair>* list = &nothing;
+    guarded("veltra_getKeyPairList", [&] {
+        std::vector<VeltraKeyPair> keys;
+        const int result = guarded("veltra_getKeyPairList", [&] { keys = keyPairs(serialText(serial)); });
+        const bool known = result == kDeviceOk;
+        list = &ReturnedLists::instance().store(known ? std::string(serialText(serial)) : std::string(),
+                                                std::move(keys));
+    });
+    return *list;
+}
+
+int __cdecl veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout, void*) {
+    return guarded("veltra_generateKeyPair", [&] {
+        require(inout != nullptr, "the record is null");
+        generateKeyPair(serialText(serial), pinText(pin), *inout);
+    });
+}
+
+int __cdecl veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin, bool,
+                                 void*) {
+    return guarded("veltra_deleteKeyPair",
+                   [&] { deleteKeyPair(serialText(serial), keyIdOf(keyId), pinText(pin)); });
+}
+
+int __cdecl veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId, const char* pin,
+                                        const char* label, const unsigned char* data, int length, void*) {
+    return guarded("veltra_updateKeyPairDetails", [&] {
+        require(label != nullptr, "the label is null");
+        if (!bufferOf(data, length).empty()) {
+            throw TokenError(Failure::NotSupported, "a key pair carries a label and no further data");
+        }
+        renameKeyPair(serialText(serial), keyIdOf(keyId), pinText(pin),
+                      std::string(boundedText(label, kLabelMaxLength)));
+    });
+}
+
+int __cdecl veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
+                            const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
+                            bool, void*, bool pss) {
+    return guarded("veltra_signHash", [&] {
+        requireOutBuffer(out, outLength);
+        const Bytes signature =
+            sign(serialText(serial), keyIdOf(keyId), pinText(pin), bufferOf(hash, hashLength),
+                 static_cast<std::size_t>(*outLength), schemeOf(pss));
+        deliver(signature, out, outLength);
+    });
+}
+
+int __cdecl veltra_verifySignatureHash(unsigned int keyType, const char*, const unsigned char* hash,
+                                       int hashLength, const unsigned char* publicKey, int publicKeyLength,
+                                       const unsigned char* signature, int signatureLength, void*, bool pss) {
+    return guarded("veltra_verifySignatureHash", [&] {
+        if (!verify(keyType, bufferOf(hash, hashLength), bufferOf(publicKey, publicKeyLength),
+                    bufferOf(signature, signatureLength), schemeOf(pss))) {
+            throw TokenError(Failure::BadSignature, "the signature does not verify");
+        }
+    });
+}
+
+int __cdecl veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
+                                        void*) {
+    return guarded("veltra_generateRamdomNumber", [&] {
+        require(count >= 0 && out != nullptr, "the buffer is null or its length negative");
+        if (!software) requirePlugged(serialText(serial));
+        fillRandom({out, static_cast<std::size_t>(count)});
+    });
+}
+
+int __cdecl veltra_initHash(const char* serial, int algorithm, void** hash, void*) {
+    return guarded("veltra_initHash", [&] {
+        require(hash != nullptr, "the place for the handle is null");
+        *hash = nullptr;
+        // Without a serial the hash is one of the host.
+        if (const std::string_view name = serialText(serial); !name.empty()) requirePlugged(name);
+        *hash = HashRegistry::instance().add(std::make_shared<RunningHash>(algorithm));
+    });
+}
+
+int __cdecl veltra_updateHash(void* hash, const unsigned char* data, int length, void*) {
+    return guarded("veltra_updateHash",
+                   [&] { HashRegistry::instance().find(hash)->update(bufferOf(data, length)); });
+}
+
+int __cdecl veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void*) {
+    return guarded("veltra_finalHash", [&] {
+        requireOutBuffer(digest, inoutLength);
+        const std::shared_ptr<RunningHash> running = HashRegistry::instance().find(hash);
+        if (static_cast<std::size_t>(*inoutLength) < running->digestLength()) {
+            throw TokenError(Failure::BufferTooSmall,
+                             "the buffer is too small; the hash can still be finished");
+        }
+        HashRegistry::instance().remove(hash);
+        deliver(running->digest(), digest, inoutLength);
+    });
+}
+
+} // extern "C"

@@ -1,0 +1,185 @@
+#include "key_pair_crypto.h"
+
+#include "foundation/windows.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+namespace veltra::softtoken {
+
+namespace {
+
+constexpr std::array<KeyKind, 7> kKeyKinds{{
+    {kKeyTypeRsa1024, nullptr, 1024, 128},
+    {kKeyTypeRsa2048, nullptr, 2048, 256},
+    {kKeyTypeRsa3072, nullptr, 3072, 384},
+    {kKeyTypeRsa4096, nullptr, 4096, 512},
+    {kKeyTypeEcP256, "NIST P-256", 256, 32},
+    {kKeyTypeEcP384, "NIST P-384", 384, 48},
+    {kKeyTypeEcP521, "NIST P-521", 521, 66},
+}};
+
+struct HashName {
+    std::size_t length;
+    const char* name;
+};
+
+constexpr std::array<HashName, 6> kHashNames{{
+    {16, "md5"},
+    {20, "sha1"},
+    {28, "sha224"},
+    {32, "sha256"},
+    {48, "sha384"},
+    {64, "sha512"},
+}};
+
+constexpr std::size_t kMd5AndSha1Length = 36;
+
+const char* findHashName(std::size_t length) {
+    const auto* found = std::find_if(kHashNames.begin(), kHashNames.end(),
+                                     [&](const HashName& entry) { return entry.length == length; });
+    return found == kHashNames.end() ? nullptr : found->name;
+}
+
+/// `number` in exactly `length` bytes: libgcrypt prints a leading zero byte before a set top bit, and nothing
+/// for leading zero bytes.
+Bytes fixedLength(const Bytes& number, std::size_t length) {
+    const auto first =
+        std::find_if(number.begin(), number.end(), [](unsigned char byte) { return byte != 0; });
+    const auto significant = static_cast<std::size_t>(number.end() - first);
+    if (significant > length) throw TokenError(Failure::Crypto, "a number is longer than its field");
+    Bytes result(length);
+    std::copy(first, number.end(), result.end() - static_cast<std::ptrdiff_t>(significant));
+    return result;
+}
+
+/// The "(data ..)" expression that signing and verification share.
+Expression hashToSign(bool isRsa, BytesView hash, SignatureScheme scheme) {
+    const int length = static_cast<int>(hash.size());
+    if (hash.size() == kMd5AndSha1Length) {
+        return Expression::build("(data (flags pkcs1-raw) (value %b))", length, hash.data());
+    }
+    const char* name = findHashName(hash.size());
+    if (!isRsa) return Expression::build("(data (flags raw) (hash %s %b))", name, length, hash.data());
+    if (scheme == SignatureScheme::Pss) {
+        return Expression::build("(data (flags pss) (salt-length %u) (hash %s %b))",
+                                 static_cast<unsigned>(hash.size()), name, length, hash.data());
+    }
+    return Expression::build("(data (flags pkcs1) (hash %s %b))", name, length, hash.data());
+}
+
+bool isSignable(bool isRsa, std::size_t hashLength, SignatureScheme scheme) {
+    if (hashLength == kMd5AndSha1Length) return isRsa && scheme == SignatureScheme::Pkcs1;
+    return findHashName(hashLength) != nullptr;
+}
+
+bool verifies(const Expression& signature, const Expression& data, const Expression& publicKey) {
+    return gcry_pk_verify(signature.get(), data.get(), publicKey.get()) == 0;
+}
+
+struct LocalRelease {
+    void operator()(void* memory) const noexcept { LocalFree(memory); }
+};
+using LocalBuffer = std::unique_ptr<void, LocalRelease>;
+
+/// CryptDecodeObjectEx into a buffer of its own; null when `der` is not a `structure`.
+LocalBuffer decodeDer(LPCSTR structure, BytesView der, DWORD& length) {
+    void* decoded = nullptr;
+    length = 0;
+    if (!CryptDecodeObjectEx(X509_ASN_ENCODING, structure, der.data(), static_cast<DWORD>(der.size()),
+                             CRYPT_DECODE_ALLOC_FLAG, nullptr, static_cast<void*>(&decoded), &length)) {
+        return nullptr;
+    }
+    return LocalBuffer(decoded);
+}
+
+} // namespace
+
+const KeyKind* findKeyKind(std::uint32_t type) {
+    const auto* found = std::find_if(kKeyKinds.begin(), kKeyKinds.end(),
+                                     [&](const KeyKind& kind) { return kind.type == type; });
+    return found == kKeyKinds.end() ? nullptr : found;
+}
+
+GeneratedKeyPair generateKeyPair(const KeyKind& kind) {
+    const Expression parameters = kind.isRsa() ? Expression::build("(genkey (rsa (nbits %u)))", kind.bits)
+                                               : Expression::build("(genkey (ecc (curve %s)))", kind.curve);
+    gcry_sexp_t raw = nullptr;
+    checkCrypto(gcry_pk_genkey(&raw, parameters.get()), "key generation");
+    const Expression keys(raw);
+    const Expression publicKey = keys.list("public-key");
+    return {kind.isRsa() ? fixedLength(publicKey.bytes("n"), kind.numberLength) : publicKey.bytes("q"),
+            keys.list("private-key").secureCanonical()};
+}
+
+void requireSignable(const KeyKind& kind, std::size_t hashLength, SignatureScheme scheme) {
+    if (isSignable(kind.isRsa(), hashLength, scheme)) return;
+    throw TokenError(Failure::NotSupported,
+                     "a hash of " + std::to_string(hashLength) + " bytes cannot be signed this way");
+}
+
+Bytes signHash(const KeyKind& kind, BytesView privateKey, BytesView hash, SignatureScheme scheme) {
+    requireSignable(kind, hash.size(), scheme);
+    const Expression key = Expression::parse(privateKey);
+    const Expression data = hashToSign(kind.isRsa(), hash, scheme);
+    gcry_sexp_t raw = nullptr;
+    checkCrypto(gcry_pk_sign(&raw, data.get(), key.get()), "signing");
+    const Expression signature(raw);
+    if (kind.isRsa()) return fixedLength(signature.bytes("s"), kind.numberLength);
+    Bytes result = fixedLength(signature.bytes("r"), kind.numberLength);
+    const Bytes s = fixedLength(signature.bytes("s"), kind.numberLength);
+    result.insert(result.end(), s.begin(), s.end());
+    return result;
+}
+
+std::optional<RsaPublicKey> parseRsaPublicKey(BytesView der) {
+    DWORD length = 0;
+    const LocalBuffer infoBuffer = decodeDer(X509_PUBLIC_KEY_INFO, der, length);
+    if (!infoBuffer || length < sizeof(CERT_PUBLIC_KEY_INFO)) return std::nullopt;
+    const auto* info = static_cast<const CERT_PUBLIC_KEY_INFO*>(infoBuffer.get());
+    if (info->Algorithm.pszObjId == nullptr || std::strcmp(info->Algorithm.pszObjId, szOID_RSA_RSA) != 0) {
+        return std::nullopt;
+    }
+    const LocalBuffer blob =
+        decodeDer(RSA_CSP_PUBLICKEYBLOB, {info->PublicKey.pbData, info->PublicKey.cbData}, length);
+    constexpr std::size_t kHeadLength = sizeof(PUBLICKEYSTRUC) + sizeof(RSAPUBKEY);
+    if (!blob || length < kHeadLength) return std::nullopt;
+    RSAPUBKEY head{};
+    const auto* bytes = static_cast<const unsigned char*>(blob.get());
+    std::memcpy(&head, bytes + sizeof(PUBLICKEYSTRUC), sizeof(head));
+    const std::size_t modulusLength = head.bitlen / 8;
+    if (modulusLength == 0 || modulusLength > kPublicKeyCapacity || length - kHeadLength < modulusLength) {
+        return std::nullopt;
+    }
+    RsaPublicKey key;
+    key.modulus.assign(bytes + kHeadLength, bytes + kHeadLength + modulusLength);
+    std::reverse(key.modulus.begin(), key.modulus.end());
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        key.exponent.push_back(static_cast<unsigned char>(head.pubexp >> shift));
+    }
+    return key;
+}
+
+bool verifyRsa(const RsaPublicKey& key, BytesView hash, BytesView signature, SignatureScheme scheme) {
+    if (!isSignable(true, hash.size(), scheme) || signature.size() != key.modulus.size()) return false;
+    const Expression publicKey =
+        Expression::build("(public-key (rsa %S %S))", Expression::field("n", key.modulus).get(),
+                          Expression::field("e", key.exponent).get());
+    const Expression value = Expression::build("(sig-val (rsa %S))", Expression::field("s", signature).get());
+    return verifies(value, hashToSign(true, hash, scheme), publicKey);
+}
+
+bool verifyEcdsa(const KeyKind& kind, BytesView point, BytesView hash, BytesView signature) {
+    if (!isSignable(false, hash.size(), SignatureScheme::Pkcs1)) return false;
+    if (point.size() != 1 + 2 * kind.numberLength || point.front() != 0x04) return false;
+    if (signature.size() != kind.signatureLength()) return false;
+    const Expression publicKey = Expression::build("(public-key (ecc (curve %s) %S))", kind.curve,
+                                                   Expression::field("q", point).get());
+    const Expression value = Expression::build(
+        "(sig-val (ecdsa %S %S))", Expression::field("r", signature.first(kind.numberLength)).get(),
+        Expression::field("s", signature.last(kind.numberLength)).get());
+    return verifies(value, hashToSign(false, hash, SignatureScheme::Pkcs1), publicKey);
+}
+
+} // namespace veltra::softtoken

@@ -1,0 +1,113 @@
+#include "key_store.h"
+
+#include "sealed_data.h"
+
+#include <algorithm>
+
+namespace veltra::softtoken {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kExtension = ".key";
+
+Expression toExpression(const StoredKeyPair& key) {
+    return Expression::build(
+        "(key-pair %S %S %S %S %S %S %S)", Expression::field("key-id", key.keyId).get(),
+        Expression::field("type", key.type).get(), Expression::field("usage", key.usage).get(),
+        Expression::field("label", bytesOf(key.label)).get(),
+        Expression::field("sequence", key.sequence).get(),
+        Expression::field("public-key", key.publicKey).get(), Expression::parse(key.sealedPrivateKey).get());
+}
+
+StoredKeyPair fromExpression(const Expression& record) {
+    StoredKeyPair key;
+    key.keyId = record.bytes("key-id");
+    key.type = static_cast<std::uint32_t>(record.number("type"));
+    key.usage = static_cast<std::uint32_t>(record.number("usage"));
+    key.label = record.text("label");
+    key.sequence = record.number("sequence");
+    key.publicKey = record.bytes("public-key");
+    key.sealedPrivateKey = record.list("sealed").canonical();
+    if (key.keyId.size() != kKeyIdLength || findKeyKind(key.type) == nullptr ||
+        key.publicKey.size() > kPublicKeyCapacity || key.label.size() > kLabelMaxLength) {
+        throw TokenError(Failure::Damaged, "a key pair has impossible fields");
+    }
+    return key;
+}
+
+} // namespace
+
+KeyStore::KeyStore(const TokenFolder& token, const TokenDescription& description)
+    : folder_(token.path() / "keys"), tokenId_(description.tokenId) {}
+
+std::vector<StoredKeyPair> KeyStore::list() const {
+    std::vector<StoredKeyPair> keys;
+    std::error_code error;
+    for (fs::directory_iterator entry(folder_, error), end; !error && entry != end; entry.increment(error)) {
+        if (entry->path().extension() != kExtension) continue;
+        try {
+            // A file that another process has just deleted is not damaged.
+            if (const auto record = readRecord(entry->path(), "key-pair"))
+                keys.push_back(fromExpression(*record));
+        } catch (const TokenError& failure) {
+            report(std::string("a key pair is skipped: ") + failure.what());
+        }
+    }
+    std::sort(keys.begin(), keys.end(), [](const StoredKeyPair& left, const StoredKeyPair& right) {
+        return left.sequence < right.sequence;
+    });
+    return keys;
+}
+
+StoredKeyPair KeyStore::find(BytesView keyId) const {
+    const std::optional<Expression> record = readRecord(file(keyId), "key-pair");
+    if (!record) throw TokenError(Failure::NoSuchKey, "there is no key " + toHex(keyId));
+    return fromExpression(*record);
+}
+
+StoredKeyPair KeyStore::add(const GeneratedKeyPair& keys, const KeyKind& kind, std::uint32_t usage,
+                            std::string label, BytesView masterKey) const {
+    const std::vector<StoredKeyPair> existing = list();
+    StoredKeyPair key;
+    key.keyId = randomBytes(kKeyIdLength);
+    key.type = kind.type;
+    key.usage = usage;
+    key.label = label.empty() ? "Key-" + toHex(key.keyId).substr(0, 8) : std::move(label);
+    key.sequence = existing.empty() ? 1 : existing.back().sequence + 1;
+    key.publicKey = keys.publicKey;
+    key.sealedPrivateKey = seal(masterKey, sealingContext(key), keys.privateKey).canonical();
+    writeRecord(file(key.keyId), toExpression(key), Overwrite::Refused);
+    return key;
+}
+
+void KeyStore::rename(BytesView keyId, const std::string& label) const {
+    StoredKeyPair key = find(keyId);
+    key.label = label;
+    writeRecord(file(keyId), toExpression(key), Overwrite::Allowed);
+}
+
+void KeyStore::remove(BytesView keyId) const {
+    static_cast<void>(find(keyId)); // a damaged file stays, for whoever can still repair it
+    removeFile(file(keyId));
+}
+
+SecureBytes KeyStore::privateKey(const StoredKeyPair& key, BytesView masterKey) const {
+    return unseal(masterKey, sealingContext(key), Expression::parse(key.sealedPrivateKey));
+}
+
+fs::path KeyStore::file(BytesView keyId) const {
+    return folder_ / (toHex(keyId) + kExtension);
+}
+
+Bytes KeyStore::sealingContext(const StoredKeyPair& key) const {
+    return Expression::build(
+               "(key-pair-context %S %S %S %S %S)", Expression::field("token-id", tokenId_).get(),
+               Expression::field("key-id", key.keyId).get(), Expression::field("type", key.type).get(),
+               Expression::field("usage", key.usage).get(),
+               Expression::field("public-key", key.publicKey).get())
+        .canonical();
+}
+
+} // namespace veltra::softtoken

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "key_pair_crypto.h"
+#include "token_store.h"
+
+namespace veltra::softtoken {
+
+/// One key pair as it lies on a token.
+struct StoredKeyPair {
+    Bytes keyId;             ///< 16 bytes
+    std::uint32_t type = 0;  ///< KeyType
+    std::uint32_t usage = 0; ///< KeyUsage
+    std::string label;
+    std::uint64_t sequence = 0; ///< grows with each key of the token: the order of creation
+    Bytes publicKey;
+    Bytes sealedPrivateKey; ///< canonical "(sealed ..)" expression
+};
+
+/// The key pairs of one token. Private keys are sealed together with the public part they belong to, under
+/// the token's master key. Whoever modifies the store holds the token's lock.
+class KeyStore {
+public:
+    KeyStore(const TokenFolder& token, const TokenDescription& description);
+
+    /// All keys that can be read, in the order of their creation; damaged files are reported and left out.
+    [[nodiscard]] std::vector<StoredKeyPair> list() const;
+
+    /// Failure::NoSuchKey, Failure::Damaged.
+    [[nodiscard]] StoredKeyPair find(BytesView keyId) const;
+
+    /// Adds a key pair under a new random identifier; an empty label becomes "Key-" and the first eight
+    /// digits of the identifier.
+    [[nodiscard]] StoredKeyPair add(const GeneratedKeyPair& keys, const KeyKind& kind, std::uint32_t usage,
+                                    std::string label, BytesView masterKey) const;
+
+    void rename(BytesView keyId, const std::string& label) const;
+    void remove(BytesView keyId) const;
+
+    /// The canonical "(private-key ..)" expression. Failure::Damaged when it does not authenticate.
+    [[nodiscard]] SecureBytes privateKey(const StoredKeyPair& key, BytesView masterKey) const;
+
+private:
+    [[nodiscard]] std::filesystem::path file(BytesView keyId) const;
+    [[nodiscard]] Bytes sealingContext(const StoredKeyPair& key) const;
+
+    std::filesystem::path folder_;
+    Bytes tokenId_;
+};
+
+} // namespace veltra::softtoken

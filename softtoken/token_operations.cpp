@@ -1,0 +1,181 @@
+#include "token_operations.h"
+
+#include "key_store.h"
+#include "pin_vault.h"
+#include "session.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace veltra::softtoken {
+
+namespace {
+
+/// A plugged-in token together with its description.
+struct OpenToken {
+    TokenFolder folder;
+    TokenDescription description;
+};
+
+OpenToken openToken(std::string_view serial) {
+    TokenFolder folder(serial);
+    try {
+        TokenDescription description = folder.pluggedDescription();
+        return {std::move(folder), std::move(description)};
+    } catch (const TokenError& error) {
+        if (error.failure() == Failure::NoSuchToken) ProcessSessions::instance().close(folder);
+        throw;
+    }
+}
+
+UnlockedToken checkPin(const OpenToken& token, std::string_view pin, std::uint32_t& remaining) {
+    if (token.description.clockMismatch) {
+        throw TokenError(Failure::TimeMismatch, "the clocks of host and token disagree");
+    }
+    const FileLock lock = token.folder.lock();
+    const PinVault vault(token.folder.path());
+    try {
+        return {vault.open(token.description.tokenId, pin), pin};
+    } catch (const TokenError&) {
+        remaining = vault.attemptsLeft();
+        throw;
+    }
+}
+
+VeltraKeyPair toRecord(const StoredKeyPair& key) {
+    VeltraKeyPair record{};
+    std::memcpy(record.keyId, key.keyId.data(), kKeyIdLength);
+    std::memcpy(record.publicKey, key.publicKey.data(), key.publicKey.size());
+    record.publicKeyLength = static_cast<std::uint32_t>(key.publicKey.size());
+    std::memcpy(record.credentialId, key.keyId.data(), kKeyIdLength);
+    record.credentialIdLength = kKeyIdLength;
+    std::memcpy(record.label, key.label.data(), key.label.size());
+    record.usage = key.usage;
+    record.keyType = key.type;
+    return record;
+}
+
+const KeyKind& kindToGenerate(std::uint32_t requested) {
+    if (requested == kKeyTypeRsa1024)
+        throw TokenError(Failure::NotSupported, "RSA-1024 keys are not generated");
+    const KeyKind* kind = findKeyKind(requested);
+    return kind != nullptr ? *kind : *findKeyKind(kKeyTypeRsa2048);
+}
+
+bool isWeakHash(std::size_t length) {
+    return length == 16 || length == 20 || length == 36; // MD5, SHA-1, and the two together
+}
+
+std::string labelOf(const VeltraKeyPair& record) {
+    const auto* end = std::find(std::begin(record.label), std::begin(record.label) + kLabelMaxLength, '\0');
+    return {std::begin(record.label), end};
+}
+
+} // namespace
+
+std::vector<std::string> connectedSerials() {
+    std::vector<std::string> serials;
+    for (const TokenDescription& token : listTokens()) {
+        if (token.plugged) serials.push_back(token.serial);
+    }
+    return serials;
+}
+
+void requirePlugged(std::string_view serial) {
+    static_cast<void>(openToken(serial));
+}
+
+TokenInfo tokenInfo(std::string_view serial) {
+    const OpenToken token = openToken(serial);
+    TokenInfo info;
+    info.label = token.description.label;
+    info.manufacturer = "Veltra";
+    info.model = "Software token";
+    info.fipsMarker = token.description.fips == FipsGeneration::Fips1402 ? "3.1.0" : "3.0.9";
+    info.firmwareVersion = token.description.firmware;
+    info.hardwareVersion = "1.0.0";
+    info.description1 = "For development and tests";
+    if (ProcessSessions::instance().find(token.folder, token.description)) info.session = "process";
+    if (singleSignOnSecondsLeft(token.folder, token.description) > 0) {
+        info.session = "single sign-on";
+        info.words[3] = info.words[4] = 1;
+    }
+    return info;
+}
+
+void validatePin(std::string_view serial, std::string_view pin, std::uint32_t& remaining) {
+    const OpenToken token = openToken(serial);
+    ProcessSessions::instance().open(token.folder, token.description, checkPin(token, pin, remaining));
+}
+
+void logIn(std::string_view serial, std::string_view pin, std::uint32_t seconds, std::uint32_t& remaining) {
+    const OpenToken token = openToken(serial);
+    const UnlockedToken unlocked = checkPin(token, pin, remaining);
+    const FileLock lock = token.folder.lock();
+    startSingleSignOn(token.folder, token.description, unlocked, seconds);
+}
+
+std::vector<VeltraKeyPair> keyPairs(std::string_view serial) {
+    const OpenToken token = openToken(serial);
+    std::vector<VeltraKeyPair> records;
+    for (const StoredKeyPair& key : KeyStore(token.folder, token.description).list()) {
+        records.push_back(toRecord(key));
+    }
+    return records;
+}
+
+void generateKeyPair(std::string_view serial, std::string_view pin, VeltraKeyPair& record) {
+    const KeyKind& kind = kindToGenerate(record.keyType);
+    const OpenToken token = openToken(serial);
+    const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
+    const GeneratedKeyPair keys = generateKeyPair(kind); // slow, so before the lock
+    const FileLock lock = token.folder.lock();
+    record = toRecord(KeyStore(token.folder, token.description)
+                          .add(keys, kind, record.usage, labelOf(record), unlocked.masterKey()));
+}
+
+void deleteKeyPair(std::string_view serial, BytesView keyId, std::string_view pin) {
+    const OpenToken token = openToken(serial);
+    static_cast<void>(requireSession(token.folder, token.description, pin));
+    const FileLock lock = token.folder.lock();
+    KeyStore(token.folder, token.description).remove(keyId);
+}
+
+void renameKeyPair(std::string_view serial, BytesView keyId, std::string_view pin, const std::string& label) {
+    if (label.size() > kLabelMaxLength)
+        throw TokenError(Failure::BadArgument, "the label is longer than 128 bytes");
+    const OpenToken token = openToken(serial);
+    static_cast<void>(requireSession(token.folder, token.description, pin));
+    const FileLock lock = token.folder.lock();
+    KeyStore(token.folder, token.description).rename(keyId, label);
+}
+
+Bytes sign(std::string_view serial, BytesView keyId, std::string_view pin, BytesView hash,
+           std::size_t capacity, SignatureScheme scheme) {
+    const OpenToken token = openToken(serial);
+    if (token.description.fips == FipsGeneration::Fips1403 && isWeakHash(hash.size())) {
+        throw TokenError(Failure::WeakHash, "a FIPS 140-3 token does not sign MD5 or SHA-1");
+    }
+    const KeyStore store(token.folder, token.description);
+    const StoredKeyPair key = store.find(keyId);
+    const KeyKind& kind = *findKeyKind(key.type);
+    requireSignable(kind, hash.size(), scheme);
+    if (capacity < kind.signatureLength()) {
+        throw TokenError(Failure::BufferTooSmall,
+                         "the signature needs " + std::to_string(kind.signatureLength()) + " bytes");
+    }
+    const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
+    return signHash(kind, store.privateKey(key, unlocked.masterKey()), hash, scheme);
+}
+
+bool verify(std::uint32_t keyType, BytesView hash, BytesView publicKey, BytesView signature,
+            SignatureScheme scheme) {
+    const KeyKind* kind = findKeyKind(keyType);
+    if (kind == nullptr)
+        throw TokenError(Failure::BadArgument, "unknown key type " + std::to_string(keyType));
+    if (!kind->isRsa()) return verifyEcdsa(*kind, publicKey, hash, signature);
+    const std::optional<RsaPublicKey> key = parseRsaPublicKey(publicKey);
+    return key && verifyRsa(*key, hash, signature, scheme);
+}
+
+} // namespace veltra::softtoken

@@ -1,0 +1,85 @@
+#pragma once
+
+#include "support/googletest.h"
+
+#include "foundation/device_library_contract.h"
+#include "gcrypt_support.h"
+#include "token_store.h"
+
+#include <string>
+#include <vector>
+
+namespace veltra::softtoken::test {
+
+/// One loaded instance of VeltraDSCLibrary.dll, with its exports. Every instance has state of its own, as if
+/// it were in another process.
+class LoadedLibrary {
+public:
+    /// The DLL beside the test program, or a copy of it, which the system loads a second time.
+    enum class Instance { First, Second };
+    explicit LoadedLibrary(Instance instance);
+    LoadedLibrary(const LoadedLibrary&) = delete;
+    LoadedLibrary& operator=(const LoadedLibrary&) = delete;
+    ~LoadedLibrary();
+
+    decltype(&veltra_init) init = nullptr;
+    decltype(&veltra_getConnectedDeviceList) getConnectedDeviceList = nullptr;
+    decltype(&veltra_initDevice) initDevice = nullptr;
+    decltype(&veltra_getTokenInfo) getTokenInfo = nullptr;
+    decltype(&veltra_validatePassword) validatePassword = nullptr;
+    decltype(&veltra_getKeyPairList) getKeyPairList = nullptr;
+    decltype(&veltra_generateKeyPair) generateKeyPair = nullptr;
+    decltype(&veltra_deleteKeyPair) deleteKeyPair = nullptr;
+    decltype(&veltra_updateKeyPairDetails) updateKeyPairDetails = nullptr;
+    decltype(&veltra_signHash) signHash = nullptr;
+    decltype(&veltra_verifySignatureHash) verifySignatureHash = nullptr;
+    decltype(&veltra_generateRamdomNumber) generateRamdomNumber = nullptr;
+    decltype(&veltra_initHash) initHash = nullptr;
+    decltype(&veltra_updateHash) updateHash = nullptr;
+    decltype(&veltra_finalHash) finalHash = nullptr;
+
+private:
+    template <class Function>
+    void bind(Function& function, const char* name);
+
+    void* module_;
+};
+
+/// A fresh home folder with one plugged-in token "T1" and the DLL.
+class SoftTokenTest : public testing::Test {
+protected:
+    static constexpr const char* kSerial = "T1";
+    static constexpr const char* kPin = "123456";
+
+    SoftTokenTest();
+    ~SoftTokenTest() override;
+
+    /// Makes another token.
+    static void create(const char* serial, FipsGeneration fips = FipsGeneration::Fips1402,
+                       std::uint32_t attempts = kDefaultAttempts);
+    template <class Change>
+    static void change(Change change) {
+        const TokenFolder token(kSerial);
+        TokenDescription description = token.description();
+        change(description);
+        token.saveDescription(description);
+    }
+
+    /// veltra_validatePassword of kSerial.
+    int logIn(const char* pin = kPin, int* remaining = nullptr);
+    /// A generated key of kSerial; fails the test when there is none.
+    VeltraKeyPair generate(std::uint32_t keyType, std::uint32_t usage = kUsageSign);
+    /// veltra_signHash of kSerial over `hashLength` bytes; fills `signature` when it succeeds.
+    int sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes& signature, bool pss = false,
+             const char* pin = kPin);
+    int sign(const VeltraKeyPair& key, const char* pin = kPin);
+    /// veltra_verifySignatureHash over the same hash as sign().
+    int verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature, bool pss = false);
+
+    static Bytes hashOf(std::size_t length);
+
+    std::filesystem::path home_;
+    LoadedLibrary library_{LoadedLibrary::Instance::First};
+};
+
+} // namespace veltra::softtoken::test
