@@ -19,7 +19,7 @@ using ContainerCache = std::map<std::string, std::vector<std::string>>;
 
 // Call with the shared state mutex held. Never destroyed, like the mutex.
 ContainerCache& cache() {
-    static ContainerCache* const instance = new ContainerCache;
+    static auto* const instance = new ContainerCache;
     return *instance;
 }
 
@@ -54,7 +54,7 @@ std::vector<std::string> readRegistry(const std::string& containerName) {
     const UniqueRegistryKey key(opened);
     std::array<char, kMaxDataLength> data{};
     DWORD type = REG_NONE;
-    DWORD length = static_cast<DWORD>(data.size());
+    auto length = static_cast<DWORD>(data.size());
     if (RegQueryValueExA(key.get(), containerName.c_str(), nullptr, &type,
                          reinterpret_cast<BYTE*>(data.data()), &length) != ERROR_SUCCESS ||
         type != REG_SZ) {

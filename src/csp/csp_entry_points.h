@@ -7,7 +7,8 @@
 
 // What the system hands to CPAcquireContext. The headers of newer targets leave it out, and nothing here
 // reads it.
-struct _VTableProvStruc;
+struct _VTableProvStruc; // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the platform's
+                         // name
 using VTableProvStruc = _VTableProvStruc;
 
 extern "C" {

@@ -90,7 +90,7 @@ Outcome finishHmac(const CSP_CONTEXT& context, HASH_CONTEXT& hash, std::uint32_t
         code != kDeviceOk) {
         return refuseStep("veltra_finalHash", code);
     }
-    wipe(hash.hmacKey.data(), hash.hmacKey.size());
+    wipe(hash.hmacKey.data(), kMaxBlockLength);
     hash.hmacKeyLength = 0;
     Utils::debug("CPGetHashParam: HMAC finalized successfully");
     return success();

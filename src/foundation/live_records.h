@@ -49,7 +49,7 @@ private:
 
     // Never destroyed: a thread that process exit killed may have held the lock.
     static Table& instance() {
-        static Table* const table = new Table;
+        static auto* const table = new Table;
         return *table;
     }
 };

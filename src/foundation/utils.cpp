@@ -21,7 +21,7 @@ enum Level : std::uint32_t { kLevelException = 1, kLevelError = 2, kLevelDebug =
 
 std::optional<std::uint32_t> readLogLevel() {
     std::array<unsigned char, 32> data{};
-    DWORD length = static_cast<DWORD>(data.size());
+    auto length = static_cast<DWORD>(data.size());
     const LSTATUS status = RegGetValueA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)", "logLevel",
                                         RRF_RT_ANY, nullptr, data.data(), &length);
     if (status != ERROR_SUCCESS) return std::nullopt;
@@ -46,8 +46,8 @@ const char* levelTag(std::uint32_t level) {
 
 // Console hosts see these messages; in every other process they go nowhere.
 void printToStandardOutput(const char* text) {
-    std::fputs(text, stdout);
-    std::fflush(stdout);
+    static_cast<void>(std::fputs(text, stdout));
+    static_cast<void>(std::fflush(stdout));
 }
 
 // The folder that the log file of this process lies in, ending in "/", cut to the path buffer.
@@ -64,12 +64,12 @@ std::string logFolderPath() {
 template <class... Arguments>
 std::string formatted(const char* format, Arguments... arguments) {
     std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), format, arguments...);
+    static_cast<void>(std::snprintf(text.data(), text.size(), format, arguments...));
     return text.data();
 }
 
 // One line is one append, so that lines of other threads and processes are never torn.
-void writeLine(std::uint32_t level, std::string message) {
+void writeLine(std::uint32_t level, const std::string& message) {
     const std::string folder = logFolderPath();
     Utils::createFolderPath(folder);
     SYSTEMTIME now{};
@@ -88,10 +88,10 @@ void writeLine(std::uint32_t level, std::string message) {
     }
 }
 
-void writeIf(bool wanted, std::uint32_t level, std::string message) noexcept {
+void writeIf(bool wanted, std::uint32_t level, const std::string& message) noexcept {
     if (!wanted) return;
     try {
-        writeLine(level, std::move(message));
+        writeLine(level, message);
     } catch (...) {
         printToStandardOutput("\nUnable to write log");
     }
@@ -101,15 +101,15 @@ void writeIf(bool wanted, std::uint32_t level, std::string message) noexcept {
 
 void Utils::debug(std::string&& message) noexcept {
     const LastErrorKeeper keeper;
-    std::string taken = std::exchange(message, std::string());
-    writeIf(readLogLevel() == kLevelDebug, kLevelDebug, std::move(taken));
+    const std::string taken = std::exchange(message, std::string());
+    writeIf(readLogLevel() == kLevelDebug, kLevelDebug, taken);
 }
 
 void Utils::error(std::string&& message) noexcept {
     const LastErrorKeeper keeper;
-    std::string taken = std::exchange(message, std::string());
+    const std::string taken = std::exchange(message, std::string());
     // Not the same threshold as for debug lines: a level above 3 keeps errors and silences debug lines.
-    writeIf(readLogLevel().value_or(kLevelError) >= kLevelError, kLevelError, std::move(taken));
+    writeIf(readLogLevel().value_or(kLevelError) >= kLevelError, kLevelError, taken);
 }
 
 int Utils::getLogBaseFolderPath(char* buffer, std::size_t size) noexcept {

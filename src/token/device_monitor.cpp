@@ -29,7 +29,7 @@ struct MonitorThread {
 
 // Created with the first thread and never destroyed: the thread may outlive every static destructor.
 MonitorThread& monitorThread() {
-    static MonitorThread* const instance = new MonitorThread;
+    static auto* const instance = new MonitorThread;
     return *instance;
 }
 

@@ -18,7 +18,7 @@ using DeviceMap = std::map<std::string, DeviceEntry>;
 
 // Call with the shared state mutex held. Never destroyed, like the mutex.
 DeviceMap& devices() {
-    static DeviceMap* const map = new DeviceMap;
+    static auto* const map = new DeviceMap;
     return *map;
 }
 

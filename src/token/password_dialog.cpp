@@ -73,6 +73,7 @@ INT_PTR CALLBACK PasswordDialog::procedure(HWND window, UINT message, WPARAM wPa
         SetWindowLongPtrW(window, DWLP_USER, lParam);
         return initialise(window);
     case WM_COMMAND: {
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the window keeps the pointer as an integer
         auto* dialog = reinterpret_cast<PasswordDialog*>(GetWindowLongPtrW(window, DWLP_USER));
         return dialog != nullptr ? dialog->handleCommand(window, LOWORD(wParam), HIWORD(wParam)) : FALSE;
     }

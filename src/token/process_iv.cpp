@@ -12,7 +12,7 @@ struct ProcessIv {
 };
 
 ProcessIv& instance() {
-    static ProcessIv* const iv = new ProcessIv;
+    static auto* const iv = new ProcessIv;
     return *iv;
 }
 

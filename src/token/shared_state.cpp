@@ -3,7 +3,7 @@
 namespace veltra {
 
 std::mutex& sharedStateMutex() {
-    static std::mutex* const mutex = new std::mutex;
+    static auto* const mutex = new std::mutex;
     return *mutex;
 }
 
