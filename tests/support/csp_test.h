@@ -1,0 +1,46 @@
+#pragma once
+
+#include "support/provider_test.h"
+
+#include "csp/csp_entry_points.h"
+#include "csp/key_handle.h"
+
+namespace veltra::test {
+
+/// Fixture of the CryptoAPI tests: provider functions with the arguments that vary, and hash and key objects
+/// that are destroyed behind the test.
+class CspTest : public ProviderTest {
+protected:
+    CspTest();
+    ~CspTest() override;
+
+    /// A context that the fixture releases; 0 when it is refused.
+    HCRYPTPROV acquire(const char* container = nullptr, DWORD flags = 0);
+    BOOL tryAcquire(HCRYPTPROV* context, const char* container, DWORD flags);
+
+    HCRYPTHASH createHash(HCRYPTPROV context, ALG_ID algorithm, HCRYPTKEY key = 0);
+    BOOL hashData(HCRYPTPROV context, HCRYPTHASH hash, const std::string& data);
+    /// HP_HASHVAL, or nothing when it is refused.
+    Bytes hashValue(HCRYPTPROV context, HCRYPTHASH hash);
+    /// A hash object with this value set, so that no device hash is in play.
+    HCRYPTHASH hashWithValue(HCRYPTPROV context, unsigned char firstByte = 0x11);
+
+    HCRYPTKEY userKey(HCRYPTPROV context, DWORD keySpec);
+    DWORD keyParameter(HCRYPTPROV context, HCRYPTKEY key, DWORD parameter);
+    /// A key object made without the provider, such as one with symmetric key bytes.
+    HCRYPTKEY addKey(std::unique_ptr<KEY_HANDLE> key);
+    HCRYPTKEY addSymmetricKey(const std::string& bytes);
+
+    /// Makes the PIN of the fixture's token known to the provider, as an earlier login would have.
+    void storePinOfToken();
+    std::string storedPin() const;
+
+    VTableProvStruc table{};
+
+private:
+    std::vector<HCRYPTPROV> contexts_;
+    std::vector<HCRYPTHASH> hashes_;
+    std::vector<HCRYPTKEY> keys_;
+};
+
+} // namespace veltra::test
