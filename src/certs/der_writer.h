@@ -13,7 +13,10 @@ using Bytes = std::vector<unsigned char>;
 enum class DerTag : unsigned char {
     Integer = 0x02,
     BitString = 0x03,
+    ObjectIdentifier = 0x06,
     Sequence = 0x30,
+    Set = 0x31,
+    Context0 = 0xA0, ///< [0], constructed
 };
 
 /// One DER element: tag, definite length, and the concatenation of `contents`.

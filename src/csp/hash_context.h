@@ -22,6 +22,9 @@ struct HashAlgorithm {
 inline constexpr std::size_t kMaxBlockLength = 128;
 inline constexpr std::size_t kHashValueCapacity = 256;
 
+/// Room offered to the token for a digest that signing or derivation finishes, whatever the algorithm.
+inline constexpr std::uint32_t kUnboundedDigestCapacity = 128;
+
 /// Rows of the mechanism table; null when there is none.
 const HashAlgorithm* findHashAlgorithm(ALG_ID algId);
 const HashAlgorithm* findHashMechanism(std::uint32_t mechanism);

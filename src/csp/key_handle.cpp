@@ -6,18 +6,31 @@
 
 namespace veltra {
 
+namespace {
+
+// The fields that records of key pairs and of AES keys have in common.
+template <class Record>
+void fillCommonFields(KEY_HANDLE& key, const Record& record) {
+    std::ranges::copy(record.keyId, key.keyId);
+    key.keyIdLength = kKeyIdLength;
+    std::ranges::copy(record.credentialId, key.credentialId);
+    key.credentialIdLength = record.credentialIdLength;
+    std::ranges::fill(key.label, '\0');
+    std::ranges::copy(boundedText(record.label, kLabelMaxLength), key.label);
+    key.keyUsage = record.usage;
+    key.tokenFlag = record.flag != 0;
+}
+
+} // namespace
+
 void KEY_HANDLE::fillFrom(const VeltraKeyPair& pair) {
-    std::ranges::copy(pair.keyId, keyId);
-    keyIdLength = kKeyIdLength;
-    std::ranges::copy(pair.credentialId, credentialId);
-    credentialIdLength = pair.credentialIdLength;
-    const std::string text = boundedText(pair.label, kLabelMaxLength);
-    std::ranges::fill(label, '\0');
-    std::ranges::copy(text, label);
-    keyUsage = pair.usage;
-    tokenFlag = pair.flag != 0;
+    fillCommonFields(*this, pair);
     std::ranges::copy(pair.publicKey, publicKey);
     publicKeyLength = pair.publicKeyLength;
+}
+
+void KEY_HANDLE::fillFrom(const VeltraSymmetricKey& symmetric) {
+    fillCommonFields(*this, symmetric);
 }
 
 } // namespace veltra

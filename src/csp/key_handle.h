@@ -36,6 +36,9 @@ struct KEY_HANDLE {
     /// Takes everything but algId, keyBits and mode from a token record whose lengths were checked.
     void fillFrom(const VeltraKeyPair& pair);
 
+    /// The same from the record of an AES key, whose material is not taken.
+    void fillFrom(const VeltraSymmetricKey& symmetric);
+
     [[nodiscard]] std::span<const unsigned char> publicKeyBytes() const {
         return {publicKey, publicKeyLength};
     }

@@ -2,6 +2,7 @@
 
 #include "csp/csp_entry_points.h"
 #include "csp/entry_guard.h"
+#include "csp/key_certificate.h"
 #include "csp/key_handle.h"
 #include "csp/provider_context.h"
 #include "token/process_iv.h"
@@ -113,15 +114,16 @@ using namespace veltra;
 BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen,
                           DWORD) {
     return cspEntry("CPGetKeyParam", [&] {
-        if (usableContext(hProv) == nullptr) {
+        const CSP_CONTEXT* context = usableContext(hProv);
+        if (context == nullptr)
             return refuse(NTE_BAD_UID, "CPGetKeyParam: context is null or not initialized");
-        }
         const KEY_HANDLE* key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPGetKeyParam: key handle is null");
         if (pdwDataLen == nullptr)
             return refuse(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pdwDataLen is null");
         Utils::debug(concat("CPGetKeyParam - dwparam : ", dwParam));
         Utils::debug(concat("CPGetKeyParam - key id : ", toHex({key->keyId, key->keyIdLength})));
+        if (dwParam == KP_CERTIFICATE) return getKeyCertificate(*context, *key, pbData, pdwDataLen);
         for (const KeyParameter& parameter : kKeyParameters) {
             if (parameter.code == dwParam) return getParameter(*key, parameter, pbData, pdwDataLen);
         }
@@ -132,16 +134,20 @@ BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE*
 BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const BYTE* pbData,
                           DWORD dwFlags) {
     return cspEntry("CPSetKeyParam", [&] {
-        if (usableContext(hProv) == nullptr) {
+        CSP_CONTEXT* context = usableContext(hProv);
+        if (context == nullptr)
             return refuse(NTE_BAD_UID, "CPSetKeyParam: context is null or not initialized");
-        }
         KEY_HANDLE* key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPSetKeyParam: key handle is null");
         Utils::debug(concat("Set key param key id : ", toHex(key->keyId)));
         Utils::debug(concat("Set key param  dwParam : ", dwParam));
         Utils::debug(concat("Set key param  dwFlags : ", dwFlags));
         Utils::debug(concat("Set key param key algo : ", key->algId));
-        setParameter(*key, dwParam, pbData);
+        if (dwParam == KP_CERTIFICATE) {
+            if (const Outcome stored = setKeyCertificate(*context, *key, pbData); !stored) return stored;
+        } else {
+            setParameter(*key, dwParam, pbData);
+        }
         Utils::debug("CPSetKeyParam: return TRUE");
         return success();
     });

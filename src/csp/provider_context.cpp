@@ -111,9 +111,9 @@ void KeySlot::fill(std::span<const unsigned char, kKeyIdLength> id) {
     keyIdLength = kKeyIdLength;
 }
 
-KeySlot* CSP_CONTEXT::slotOf(DWORD keySpec) {
-    if (keySpec == AT_SIGNATURE) return &signatureKey;
-    if (keySpec == AT_KEYEXCHANGE) return &exchangeKey;
+KeySlot* CSP_CONTEXT::slotOf(DWORD specification) {
+    if (specification == AT_SIGNATURE) return &signatureKey;
+    if (specification == AT_KEYEXCHANGE) return &exchangeKey;
     return nullptr;
 }
 

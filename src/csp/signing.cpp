@@ -20,9 +20,6 @@ namespace {
 constexpr DWORD kSignatureFailed = static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL);
 constexpr DWORD kVerificationFailed = static_cast<DWORD>(NTE_BAD_SIGNATURE);
 
-// The token is offered this much room for a digest that is finished for a signature.
-constexpr std::uint32_t kSignedHashCapacity = 128;
-
 bool canSign(const VeltraKeyPair& pair) {
     return pair.usage == kUsageSign || pair.usage == kUsageBoth;
 }
@@ -43,7 +40,7 @@ Outcome finishHashForSigning(const CSP_CONTEXT& context, HASH_CONTEXT& hash) {
     if (hash.hashValueLength != 0) return success();
     std::uint32_t length = 0;
     const int code =
-        finishDeviceHash(context, hash.deviceHash, hash.hashValue.data(), kSignedHashCapacity, length);
+        finishDeviceHash(context, hash.deviceHash, hash.hashValue.data(), kUnboundedDigestCapacity, length);
     if (code != kDeviceOk)
         return refuse(NTE_FAIL, concat("CPSignHash: veltra_finalHash failed with ret=", code));
     hash.hashValueLength = length;

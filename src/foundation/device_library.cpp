@@ -31,6 +31,31 @@ public:
     int veltra_deleteKeyPair(const char*, const unsigned char*, const char*, bool, void*) override {
         return kLibraryMissing;
     }
+    int veltra_updateKeyPairDetails(const char*, const unsigned char*, const char*, const char*,
+                                    const unsigned char*, int, void*) override {
+        return kLibraryMissing;
+    }
+    std::vector<VeltraCertificate>& veltra_getCertificateList(const char*, void*) override {
+        return noCertificates_;
+    }
+    VeltraCertificate* veltra_findCertificateForKey(const char*, const unsigned char*, void*) override {
+        return nullptr;
+    }
+    int veltra_importCertificate(const char*, const char*, VeltraCertificate*, void*) override {
+        return kLibraryMissing;
+    }
+    int veltra_getCertificateDetails(const unsigned char*, int, CertificateDetails&, void*) override {
+        return kLibraryMissing;
+    }
+    std::vector<std::pair<std::string, std::vector<unsigned char>>>
+    veltra_getFilesWithExtensionsAndConvertDER(const std::string&, const std::vector<std::string>&,
+                                               void*) override {
+        return {};
+    }
+    std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char*, void*) override { return noAesKeys_; }
+    int veltra_importAesKey(const char*, const char*, VeltraSymmetricKey*, void*) override {
+        return kLibraryMissing;
+    }
     int veltra_signHash(const char*, const unsigned char*, const char*, const unsigned char*, int,
                         unsigned char*, int*, bool, void*, bool) override {
         return kLibraryMissing;
@@ -39,12 +64,34 @@ public:
                                    int, const unsigned char*, int, void*, bool) override {
         return kLibraryMissing;
     }
+    int veltra_encrypt(EncryptionType, PaddingMode, const unsigned char*, int, unsigned char*, int*,
+                       const unsigned char*, int, void*) override {
+        return kLibraryMissing;
+    }
+    int veltra_decrypt(const char*, const unsigned char*, const char*, const unsigned char*, int,
+                       unsigned char**, int*, bool, void*) override {
+        return kLibraryMissing;
+    }
+    int veltra_encrypt_aes(const char*, EncryptionType, const unsigned char*, int, const unsigned char*, int,
+                           unsigned char**, int*, bool, const unsigned char*, int, const unsigned char*, int,
+                           void*) override {
+        return kLibraryMissing;
+    }
+    int veltra_decrypt_aes(const char*, const unsigned char*, int, const unsigned char*, int, unsigned char**,
+                           int*, bool, const unsigned char*, int, void*) override {
+        return kLibraryMissing;
+    }
+    int veltra_generateRamdomNumber(const char*, int, unsigned char*, bool, void*) override {
+        return kLibraryMissing;
+    }
     int veltra_initHash(const char*, int, void**, void*) override { return kLibraryMissing; }
     int veltra_updateHash(void*, const unsigned char*, int, void*) override { return kLibraryMissing; }
     int veltra_finalHash(void*, unsigned char*, int*, void*) override { return kLibraryMissing; }
 
 private:
     std::vector<VeltraKeyPair> noKeyPairs_;
+    std::vector<VeltraCertificate> noCertificates_;
+    std::vector<VeltraSymmetricKey> noAesKeys_;
 };
 
 /// The exports of a loaded device library.
@@ -68,8 +115,21 @@ public:
         bindExport(getKeyPairList_, "veltra_getKeyPairList");
         bindExport(generateKeyPair_, "veltra_generateKeyPair");
         bindExport(deleteKeyPair_, "veltra_deleteKeyPair");
+        bindExport(updateKeyPairDetails_, "veltra_updateKeyPairDetails");
+        bindExport(getCertificateList_, "veltra_getCertificateList");
+        bindExport(findCertificateForKey_, "veltra_findCertificateForKey");
+        bindExport(importCertificate_, "veltra_importCertificate");
+        bindExport(getCertificateDetails_, "veltra_getCertificateDetails");
+        bindExport(getFiles_, "veltra_getFilesWithExtensionsAndConvertDER");
+        bindExport(getAesKeyList_, "veltra_getAesKeyList");
+        bindExport(importAesKey_, "veltra_importAesKey");
         bindExport(signHash_, "veltra_signHash");
         bindExport(verifySignatureHash_, "veltra_verifySignatureHash");
+        bindExport(encrypt_, "veltra_encrypt");
+        bindExport(decrypt_, "veltra_decrypt");
+        bindExport(encryptAes_, "veltra_encrypt_aes");
+        bindExport(decryptAes_, "veltra_decrypt_aes");
+        bindExport(generateRandomNumber_, "veltra_generateRamdomNumber");
         bindExport(initHash_, "veltra_initHash");
         bindExport(updateHash_, "veltra_updateHash");
         bindExport(finalHash_, "veltra_finalHash");
@@ -101,6 +161,39 @@ public:
                              void* ctx) override {
         return deleteKeyPair_(serial, keyId, pin, flag, ctx);
     }
+    int veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId, const char* pin,
+                                    const char* label, const unsigned char* data, int length,
+                                    void* ctx) override {
+        return updateKeyPairDetails_(serial, keyId, pin, label, data, length, ctx);
+    }
+    std::vector<VeltraCertificate>& veltra_getCertificateList(const char* serial, void* ctx) override {
+        return getCertificateList_(serial, ctx);
+    }
+    VeltraCertificate* veltra_findCertificateForKey(const char* serial, const unsigned char* keyId,
+                                                    void* ctx) override {
+        return findCertificateForKey_(serial, keyId, ctx);
+    }
+    int veltra_importCertificate(const char* serial, const char* pin, VeltraCertificate* inout,
+                                 void* ctx) override {
+        return importCertificate_(serial, pin, inout, ctx);
+    }
+    int veltra_getCertificateDetails(const unsigned char* der, int length, CertificateDetails& out,
+                                     void* ctx) override {
+        return getCertificateDetails_(der, length, out, ctx);
+    }
+    std::vector<std::pair<std::string, std::vector<unsigned char>>>
+    veltra_getFilesWithExtensionsAndConvertDER(const std::string& folder,
+                                               const std::vector<std::string>& extensions,
+                                               void* ctx) override {
+        return getFiles_(folder, extensions, ctx);
+    }
+    std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char* serial, void* ctx) override {
+        return getAesKeyList_(serial, ctx);
+    }
+    int veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
+                            void* ctx) override {
+        return importAesKey_(serial, pin, inout, ctx);
+    }
     int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
                         const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
                         bool reserved, void* ctx, bool pss) override {
@@ -112,6 +205,33 @@ public:
                                    bool pss) override {
         return verifySignatureHash_(keyType, serial, hash, hashLength, publicKey, publicKeyLength, signature,
                                     signatureLength, ctx, pss);
+    }
+    int veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in, int inLength,
+                       unsigned char* out, int* outLength, const unsigned char* key, int keyLength,
+                       void* ctx) override {
+        return encrypt_(type, padding, in, inLength, out, outLength, key, keyLength, ctx);
+    }
+    int veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
+                       const unsigned char* in, int inLength, unsigned char** out, int* outLength, bool flag,
+                       void* ctx) override {
+        return decrypt_(serial, keyId, pin, in, inLength, out, outLength, flag, ctx);
+    }
+    int veltra_encrypt_aes(const char* serial, EncryptionType type, const unsigned char* key, int keyLength,
+                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
+                           bool final, const unsigned char* iv, int ivLength, const unsigned char* extra,
+                           int extraLength, void* ctx) override {
+        return encryptAes_(serial, type, key, keyLength, in, inLength, out, outLength, final, iv, ivLength,
+                           extra, extraLength, ctx);
+    }
+    int veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
+                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
+                           bool flag, const unsigned char* iv, int ivLength, void* ctx) override {
+        return decryptAes_(serial, keyOrKeyId, keyLength, in, inLength, out, outLength, flag, iv, ivLength,
+                           ctx);
+    }
+    int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
+                                    void* ctx) override {
+        return generateRandomNumber_(serial, count, out, software, ctx);
     }
     int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) override {
         return initHash_(serial, algorithm, hash, ctx);
@@ -132,8 +252,21 @@ private:
     decltype(&::veltra_getKeyPairList) getKeyPairList_ = nullptr;
     decltype(&::veltra_generateKeyPair) generateKeyPair_ = nullptr;
     decltype(&::veltra_deleteKeyPair) deleteKeyPair_ = nullptr;
+    decltype(&::veltra_updateKeyPairDetails) updateKeyPairDetails_ = nullptr;
+    decltype(&::veltra_getCertificateList) getCertificateList_ = nullptr;
+    decltype(&::veltra_findCertificateForKey) findCertificateForKey_ = nullptr;
+    decltype(&::veltra_importCertificate) importCertificate_ = nullptr;
+    decltype(&::veltra_getCertificateDetails) getCertificateDetails_ = nullptr;
+    decltype(&::veltra_getFilesWithExtensionsAndConvertDER) getFiles_ = nullptr;
+    decltype(&::veltra_getAesKeyList) getAesKeyList_ = nullptr;
+    decltype(&::veltra_importAesKey) importAesKey_ = nullptr;
     decltype(&::veltra_signHash) signHash_ = nullptr;
     decltype(&::veltra_verifySignatureHash) verifySignatureHash_ = nullptr;
+    decltype(&::veltra_encrypt) encrypt_ = nullptr;
+    decltype(&::veltra_decrypt) decrypt_ = nullptr;
+    decltype(&::veltra_encrypt_aes) encryptAes_ = nullptr;
+    decltype(&::veltra_decrypt_aes) decryptAes_ = nullptr;
+    decltype(&::veltra_generateRamdomNumber) generateRandomNumber_ = nullptr;
     decltype(&::veltra_initHash) initHash_ = nullptr;
     decltype(&::veltra_updateHash) updateHash_ = nullptr;
     decltype(&::veltra_finalHash) finalHash_ = nullptr;

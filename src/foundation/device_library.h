@@ -26,6 +26,22 @@ public:
                                        void* ctx) = 0;
     virtual int veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin,
                                      bool flag, void* ctx) = 0;
+    virtual int veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId, const char* pin,
+                                            const char* label, const unsigned char* data, int length,
+                                            void* ctx) = 0;
+    virtual std::vector<VeltraCertificate>& veltra_getCertificateList(const char* serial, void* ctx) = 0;
+    virtual VeltraCertificate* veltra_findCertificateForKey(const char* serial, const unsigned char* keyId,
+                                                            void* ctx) = 0;
+    virtual int veltra_importCertificate(const char* serial, const char* pin, VeltraCertificate* inout,
+                                         void* ctx) = 0;
+    virtual int veltra_getCertificateDetails(const unsigned char* der, int length, CertificateDetails& out,
+                                             void* ctx) = 0;
+    virtual std::vector<std::pair<std::string, std::vector<unsigned char>>>
+    veltra_getFilesWithExtensionsAndConvertDER(const std::string& folder,
+                                               const std::vector<std::string>& extensions, void* ctx) = 0;
+    virtual std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char* serial, void* ctx) = 0;
+    virtual int veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
+                                    void* ctx) = 0;
     virtual int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
                                 const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
                                 bool reserved, void* ctx, bool pss) = 0;
@@ -34,6 +50,21 @@ public:
                                            const unsigned char* publicKey, int publicKeyLength,
                                            const unsigned char* signature, int signatureLength, void* ctx,
                                            bool pss) = 0;
+    virtual int veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in,
+                               int inLength, unsigned char* out, int* outLength, const unsigned char* key,
+                               int keyLength, void* ctx) = 0;
+    virtual int veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
+                               const unsigned char* in, int inLength, unsigned char** out, int* outLength,
+                               bool flag, void* ctx) = 0;
+    virtual int veltra_encrypt_aes(const char* serial, EncryptionType type, const unsigned char* key,
+                                   int keyLength, const unsigned char* in, int inLength, unsigned char** out,
+                                   int* outLength, bool final, const unsigned char* iv, int ivLength,
+                                   const unsigned char* extra, int extraLength, void* ctx) = 0;
+    virtual int veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
+                                   const unsigned char* in, int inLength, unsigned char** out, int* outLength,
+                                   bool flag, const unsigned char* iv, int ivLength, void* ctx) = 0;
+    virtual int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
+                                            void* ctx) = 0;
     virtual int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) = 0;
     virtual int veltra_updateHash(void* hash, const unsigned char* data, int length, void* ctx) = 0;
     virtual int veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) = 0;

@@ -1,0 +1,262 @@
+// CPEncrypt and CPDecrypt. RSA data is little-endian in CryptoAPI and big-endian on the token: ciphertext is
+// reversed in both directions. AES data never is.
+
+#include "certs/public_key_encoding.h"
+#include "csp/csp_entry_points.h"
+#include "csp/csp_login.h"
+#include "csp/key_handle.h"
+#include "foundation/device_library.h"
+#include "foundation/library_buffer.h"
+#include "token/crypto_policy.h"
+#include "token/process_iv.h"
+#include "token/user_verification.h"
+
+#include <algorithm>
+#include <climits>
+#include <optional>
+
+namespace veltra {
+
+namespace {
+
+constexpr std::size_t kDefaultIvLength = 16;
+
+bool isSymmetric(const KEY_HANDLE& key) {
+    return key.symmetricKeyLength >= 1;
+}
+
+/// Input and output of one call: the application's buffer, which is both.
+struct DataBuffer {
+    BYTE* data;
+    DWORD* length; ///< bytes of input, then of output
+    DWORD capacity;
+
+    [[nodiscard]] int inputLength() const { return static_cast<int>(*length); }
+};
+
+// The process's IV for CBC, zeros when none was set; no IV for ECB.
+Bytes ivFor(const KEY_HANDLE& key) {
+    if (key.mode == CRYPT_MODE_ECB) return {};
+    Bytes iv = processIv();
+    return iv.empty() ? Bytes(kDefaultIvLength) : iv;
+}
+
+std::optional<EncryptionType> aesTypeFor(const KEY_HANDLE& key) {
+    if (key.mode == CRYPT_MODE_ECB) {
+        return key.symmetricKeyLength == 16 ? EncryptionType::Aes128Ecb : EncryptionType::Aes192Or256Ecb;
+    }
+    switch (key.symmetricKeyLength) {
+    case 16:
+        return EncryptionType::Aes128Cbc;
+    case 24:
+    case 32:
+        return EncryptionType::Aes192Or256Cbc;
+    default:
+        return std::nullopt;
+    }
+}
+
+Outcome encryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final, const DataBuffer& buffer) {
+    Utils::debug(concat("CPEncrypt: symmetric encryption, keyLen=", key.symmetricKeyLength));
+    const std::optional<EncryptionType> type = aesTypeFor(key);
+    if (!type) {
+        return refuse(NTE_BAD_KEY,
+                      concat("CPEncrypt: unsupported symmetric key length: ", key.symmetricKeyLength));
+    }
+    const Bytes iv = ivFor(key);
+    LibraryBuffer output;
+    const int code = output.fill([&](unsigned char** out, int* outLength) {
+        return deviceLibrary().veltra_encrypt_aes(
+            context.serial.c_str(), *type, key.symmetricKey.data(), static_cast<int>(key.symmetricKeyLength),
+            buffer.data, buffer.inputLength(), out, outLength, final, iv.empty() ? nullptr : iv.data(),
+            static_cast<int>(iv.size()), nullptr, 0, context.libraryContext);
+    });
+    if (code != kDeviceOk) {
+        return refuse(NTE_PROVIDER_DLL_FAIL, concat("CPEncrypt: symmetric encryption failed: ", code));
+    }
+    const auto length = static_cast<DWORD>(output.size());
+    *buffer.length = length;
+    if (buffer.capacity < length) {
+        return refuse(ERROR_MORE_DATA,
+                      concat("CPEncrypt: symmetric output buffer too small, required=", length));
+    }
+    std::ranges::copy(output.bytes(), buffer.data);
+    Utils::debug(concat("CPEncrypt: symmetric encryption success, length=", length));
+    return success();
+}
+
+// The count of public key bytes is compared with sizes in bits: deliberate, and so nearly always RSA 2048.
+EncryptionType rsaTypeFor(const KEY_HANDLE& key) {
+    switch (key.publicKeyLength) {
+    case 4096:
+        return EncryptionType::Rsa4096;
+    case 3072:
+        return EncryptionType::Rsa3072;
+    case 1024:
+        return EncryptionType::Rsa1024;
+    default:
+        return EncryptionType::Rsa2048;
+    }
+}
+
+Outcome encryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flags, DWORD outputLength,
+                   const DataBuffer& buffer) {
+    const Bytes publicKey =
+        rsaPublicKeyAsDer(key.publicKeyBytes(), {"CSP: Public key is already DER encoded",
+                                                 "CSP: Public key is raw modulus, converting to DER"});
+    const PaddingMode padding = (flags & CRYPT_OAEP) != 0 ? PaddingMode::OaepSha1 : PaddingMode::Pkcs1;
+    Bytes output(outputLength);
+    int length = static_cast<int>(outputLength);
+    int code = deviceLibrary().veltra_encrypt(rsaTypeFor(key), padding, buffer.data, buffer.inputLength(),
+                                              output.data(), &length, publicKey.data(),
+                                              static_cast<int>(publicKey.size()), context.libraryContext);
+    if (code == kDeviceOk && (length < 0 || static_cast<DWORD>(length) > outputLength))
+        code = kDeviceBadLength;
+    if (code == kDeviceOk) {
+        std::reverse_copy(output.begin(), output.begin() + length, buffer.data);
+        *buffer.length = static_cast<DWORD>(length);
+    }
+    wipe(output.data(), output.size());
+    if (code != kDeviceOk) return refuse(NTE_PROVIDER_DLL_FAIL, concat("Encrypt data failed: ", code));
+    Utils::debug("CPEncrypt - return success");
+    return success();
+}
+
+Outcome encryptData(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final, DWORD flags,
+                    const DataBuffer& buffer) {
+    const DWORD requiredSize = key.keyBits / 8;
+    if (buffer.data == nullptr) {
+        *buffer.length = requiredSize;
+        return success();
+    }
+    if (buffer.capacity < requiredSize) {
+        *buffer.length = requiredSize;
+        return refuse(ERROR_MORE_DATA, concat("CPEncrypt: buffer too small, cbBufLen=", buffer.capacity,
+                                              " requiredSize=", requiredSize));
+    }
+    if (*buffer.length == 0 || *buffer.length > buffer.capacity || *buffer.length > INT_MAX) {
+        return refuse(NTE_BAD_LEN, concat("Invalid data length for encrypt: ", *buffer.length));
+    }
+    return isSymmetric(key) ? encryptAes(context, key, final, buffer)
+                            : encryptRsa(context, key, flags, requiredSize, buffer);
+}
+
+// The plaintext as the library gave it, over the ciphertext.
+Outcome handOutPlaintext(const LibraryBuffer& plaintext, const DataBuffer& buffer) {
+    const auto length = static_cast<DWORD>(plaintext.size());
+    *buffer.length = length;
+    if (length > buffer.capacity) {
+        return refuse(ERROR_MORE_DATA, concat("CPDecrypt: output buffer too small, required=", length));
+    }
+    std::ranges::copy(plaintext.bytes(), buffer.data);
+    Utils::debug("CPDecrypt- return");
+    return success();
+}
+
+// Key and plaintext go to the debug log, which is off unless somebody turns it on: part of the log format.
+Outcome decryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, const DataBuffer& buffer) {
+    const Bytes iv = ivFor(key);
+    Utils::debug(concat("CPDecrypt input iv : ", toHex(iv)));
+    Utils::debug(concat("CPDecrypt input key : ", toHex({key.symmetricKey.data(), key.symmetricKeyLength})));
+    LibraryBuffer output;
+    const int code = output.fill([&](unsigned char** out, int* outLength) {
+        return deviceLibrary().veltra_decrypt_aes(
+            context.serial.c_str(), key.symmetricKey.data(), static_cast<int>(key.symmetricKeyLength),
+            buffer.data, buffer.inputLength(), out, outLength, false, iv.empty() ? nullptr : iv.data(),
+            static_cast<int>(iv.size()), context.libraryContext);
+    });
+    if (code != kDeviceOk)
+        return refuse(NTE_PROVIDER_DLL_FAIL, concat("Symmetric decryption failed : ", code));
+    Utils::debug(concat("CPDecrypt - decrypted data : ", toHex(output.bytes())));
+    return handOutPlaintext(output, buffer);
+}
+
+Outcome refusePkcs1() {
+    const Outcome refused = refuse(
+        NTE_BAD_FLAGS, "CPDecrypt: PKCS#1 v1.5 padding not allowed on FIPS 140-3 token (OAEP required)");
+    raisePolicyEvent(kPkcs1DecryptBlockedEvent);
+    return refused;
+}
+
+// The padding is the token's choice: the flag decides about the policy only.
+Outcome decryptRsa(CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flags, const DataBuffer& buffer) {
+    if ((flags & CRYPT_OAEP) == 0 && !context.serial.empty() &&
+        !isFips1402Token(context.serial, context.libraryContext)) {
+        return refusePkcs1();
+    }
+    if (const Outcome verified = ensurePasswordValidated(context); !verified) {
+        return refuse(*verified.lastError, "CPDecrypt: ensurePasswordValidated failed");
+    }
+    Utils::debug("Before reversing encrypted data");
+    const Bytes ciphertext(std::reverse_iterator(buffer.data + *buffer.length),
+                           std::reverse_iterator(buffer.data));
+    Utils::debug("After reversing encrypted data");
+    Utils::debug("Before decrypting data");
+    LibraryBuffer output;
+    Outcome verifiedAgain;
+    const PinOperationResult result = runWithSessionRetry(
+        context.serial, "CPDecrypt: SSO expired, re-prompting for PIN",
+        [&](const Pin& pin) {
+            return output.fill([&](unsigned char** out, int* outLength) {
+                return deviceLibrary().veltra_decrypt(context.serial.c_str(), key.keyId, pin.c_str(),
+                                                      ciphertext.data(), static_cast<int>(ciphertext.size()),
+                                                      out, outLength, key.tokenFlag != 0,
+                                                      context.libraryContext);
+            });
+        },
+        [&] {
+            verifiedAgain = ensurePasswordValidated(context);
+            return static_cast<bool>(verifiedAgain);
+        });
+    if (result.verificationFailed) {
+        return refuse(*verifiedAgain.lastError, "CPDecrypt: ensurePasswordValidated failed after SSO expiry");
+    }
+    Utils::debug("After decrypting data");
+    if (result.code != kDeviceOk) {
+        return refuse(NTE_PROVIDER_DLL_FAIL, concat("Decrypt data failed : ", result.code));
+    }
+    return handOutPlaintext(output, buffer);
+}
+
+} // namespace
+
+} // namespace veltra
+
+using namespace veltra;
+
+BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL Final, DWORD dwFlags, BYTE* pbData,
+                      DWORD* pdwDataLen, DWORD dwBufLen) {
+    return cspEntry("CPEncrypt", [&] {
+        if (pdwDataLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPEncrypt: pcbDataLen is null");
+        const CSP_CONTEXT* context = usableContext(hProv);
+        if (context == nullptr) return refuse(NTE_BAD_UID, "CPEncrypt: context is null or not initialized");
+        const KEY_HANDLE* key = liveKey(hKey);
+        if (key == nullptr) return refuse(NTE_BAD_KEY, "CPEncrypt: key handle is null");
+        return encryptData(*context, *key, Final != FALSE, dwFlags,
+                           {.data = pbData, .length = pdwDataLen, .capacity = dwBufLen});
+    });
+}
+
+BOOL WINAPI CPDecrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD dwFlags, BYTE* pbData,
+                      DWORD* pdwDataLen) {
+    return cspEntry("CPDecrypt", [&] {
+        CSP_CONTEXT* context = usableContext(hProv);
+        if (context == nullptr) return refuse(NTE_BAD_UID, "CPDecrypt: context is null or not initialized");
+        const KEY_HANDLE* key = liveKey(hKey);
+        if (key == nullptr) return refuse(NTE_BAD_KEY, "CPDecrypt: key handle is null");
+        if (pdwDataLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPDecrypt: pdwDataLen is null");
+        const char* padding = (dwFlags & CRYPT_OAEP) != 0 ? "OAEP" : "PKCS1 (defaulting to OAEP)";
+        Utils::debug(concat("CPDecrypt - dwFlags : 0x", toHex8(dwFlags), " padding=", padding));
+        Utils::debug(concat("CPDecrypt - key id : ", toHex({key->keyId, key->keyIdLength})));
+        Utils::debug(concat("CPDecrypt - usage : ", key->keyUsage));
+        if (pbData == nullptr || *pdwDataLen == 0) {
+            return refuse(NTE_BAD_DATA, concat("Invalid data length for decrypt : ", *pdwDataLen));
+        }
+        if (*pdwDataLen > INT_MAX) {
+            return refuse(NTE_BAD_LEN, concat("Invalid data length for decrypt : ", *pdwDataLen));
+        }
+        const DataBuffer buffer{.data = pbData, .length = pdwDataLen, .capacity = *pdwDataLen};
+        return isSymmetric(*key) ? decryptAes(*context, *key, buffer)
+                                 : decryptRsa(*context, *key, dwFlags, buffer);
+    });
+}

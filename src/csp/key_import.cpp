@@ -1,0 +1,256 @@
+// CPImportKey: public keys and AES keys from CryptoAPI key blobs. Every blob begins with a BLOBHEADER and a
+// 32-bit word; its length is the application's and is checked before any field is read.
+
+#include "certs/public_key_encoding.h"
+#include "csp/aes_algorithms.h"
+#include "csp/csp_entry_points.h"
+#include "csp/entry_guard.h"
+#include "csp/key_handle.h"
+#include "csp/provider_context.h"
+#include "foundation/device_library.h"
+#include "foundation/library_buffer.h"
+#include "token/device_state.h"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstring>
+
+namespace veltra {
+
+namespace {
+
+constexpr std::size_t kBlobPrefixLength = sizeof(BLOBHEADER) + sizeof(DWORD);
+constexpr std::size_t kModulusOffset = sizeof(BLOBHEADER) + sizeof(RSAPUBKEY);
+constexpr DWORD kRsa1Magic = 0x31415352; // "RSA1"
+constexpr BYTE kSymmetricWrapBlob = SYMMETRICWRAPKEYBLOB;
+
+using Blob = std::span<const BYTE>;
+
+BLOBHEADER headerOf(Blob blob) {
+    BLOBHEADER header{};
+    std::memcpy(&header, blob.data(), sizeof(header));
+    return header;
+}
+
+std::unique_ptr<KEY_HANDLE> newKey() {
+    auto key = std::make_unique<KEY_HANDLE>();
+    key->mode = CRYPT_MODE_CBC;
+    return key;
+}
+
+Outcome handOut(std::unique_ptr<KEY_HANDLE> key, HCRYPTKEY* phKey, const char* line) {
+    *phKey = LiveRecords<KEY_HANDLE>::add(std::move(key));
+    Utils::debug(line);
+    return success();
+}
+
+// The token's code of an RSA key of this length; 0 for a length that is not accepted.
+ALG_ID rsaCodeForBits(DWORD bits) {
+    switch (bits) {
+    case 1024:
+        return kKeyTypeRsa1024;
+    case 2048:
+        return kKeyTypeRsa2048;
+    case 3072:
+        return kKeyTypeRsa3072;
+    case 4096:
+        return kKeyTypeRsa4096;
+    default:
+        return 0;
+    }
+}
+
+// What KP_ALGID reports of an imported public key is the token's code, not an ALG_ID: deliberate.
+Outcome importPublicKey(Blob blob, HCRYPTKEY* phKey) {
+    const auto refuseSize = [&](std::uint64_t required) {
+        return refuse(NTE_BAD_DATA, concat("CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=",
+                                           blob.size(), " required=", required));
+    };
+    if (blob.size() < kModulusOffset) return refuseSize(kModulusOffset);
+    RSAPUBKEY header{};
+    std::memcpy(&header, blob.data() + sizeof(BLOBHEADER), sizeof(header));
+    if (header.magic != kRsa1Magic) {
+        return refuse(NTE_BAD_DATA,
+                      concat("CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x", toHex8(header.magic)));
+    }
+    const std::size_t modulusLength = header.bitlen / 8;
+    if (blob.size() < modulusLength + kModulusOffset) return refuseSize(modulusLength + kModulusOffset);
+    const ALG_ID code = rsaCodeForBits(header.bitlen);
+    if (code == 0) return refuse(NTE_BAD_DATA, "Unsupported RSA key size");
+
+    const Blob littleEndian = blob.subspan(kModulusOffset, modulusLength);
+    const Bytes modulus(littleEndian.rbegin(), littleEndian.rend());
+    const std::array<unsigned char, 3> exponent = {static_cast<unsigned char>(header.pubexp >> 16),
+                                                   static_cast<unsigned char>(header.pubexp >> 8),
+                                                   static_cast<unsigned char>(header.pubexp)};
+    Utils::debug(concat("Public exponent : ", toHex(exponent)));
+    const Bytes der = rsaSubjectPublicKeyInfo(modulus, exponent);
+    std::unique_ptr<KEY_HANDLE> key = newKey();
+    std::ranges::copy(der, key->publicKey);
+    key->publicKeyLength = static_cast<std::uint32_t>(der.size());
+    key->keyBits = header.bitlen;
+    key->keyIdLength = kKeyIdLength;
+    key->algId = code;
+    return handOut(std::move(key), phKey, "PUBLICKEYBLOB imported successfully");
+}
+
+int decryptSessionKey(const CSP_CONTEXT& context, const KEY_HANDLE& decryptionKey, const Bytes& encrypted,
+                      LibraryBuffer& sessionKey) {
+    const Pin pin = getPin(context.serial);
+    return sessionKey.fill([&](unsigned char** out, int* outLength) {
+        return deviceLibrary().veltra_decrypt(context.serial.c_str(), decryptionKey.keyId, pin.c_str(),
+                                              encrypted.data(), static_cast<int>(encrypted.size()), out,
+                                              outLength, decryptionKey.tokenFlag != 0,
+                                              context.libraryContext);
+    });
+}
+
+// A session key encrypted for a token RSA key, little-endian; some writers leave it big-endian.
+Outcome importSimpleBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
+    const KEY_HANDLE* decryptionKey = liveKey(hPubKey);
+    if (decryptionKey == nullptr) return refuse(NTE_BAD_TYPE, "SIMPLEBLOB requires public key handle");
+    Utils::debug(concat("Input key id : ", toHex(decryptionKey->keyId)));
+    const Blob encrypted = blob.subspan(kBlobPrefixLength);
+    LibraryBuffer sessionKey;
+    if (decryptSessionKey(context, *decryptionKey, Bytes(encrypted.rbegin(), encrypted.rend()), sessionKey) !=
+        kDeviceOk) {
+        Utils::error("SIMPLEBLOB decryption failed");
+        if (decryptSessionKey(context, *decryptionKey, Bytes(encrypted.begin(), encrypted.end()),
+                              sessionKey) != kDeviceOk) {
+            return refuse(NTE_FAIL, "SIMPLEBLOB decryption failed (both orderings)");
+        }
+    }
+    const ALG_ID algId = headerOf(blob).aiKeyAlg;
+    const std::optional<std::uint32_t> code = aesKeyTypeOf(algId);
+    if (!code) return refuse(NTE_BAD_ALGID, concat("Unsupported algorithm for SIMPLEBLOB: ", algId));
+    const std::span<const unsigned char> bytes = sessionKey.bytes();
+    if (bytes.empty() || bytes.size() > kSymmetricKeyCapacity) {
+        return refuse(NTE_BAD_DATA,
+                      concat("SIMPLEBLOB session key has an impossible length: ", bytes.size()));
+    }
+    std::unique_ptr<KEY_HANDLE> key = newKey();
+    std::ranges::copy(bytes, key->symmetricKey.data());
+    key->symmetricKeyLength = static_cast<std::uint32_t>(bytes.size());
+    key->keyBits = key->symmetricKeyLength * 8;
+    key->keyIdLength = kKeyIdLength;
+    key->algId = *code;
+    Utils::debug(concat("Output key id : ", toHex(key->keyId)));
+    return handOut(std::move(key), phKey, "SIMPLEBLOB imported successfully (AES)");
+}
+
+/// A record for the token's AES key store, wiped when it goes out of scope.
+struct SymmetricKeyRecord {
+    VeltraSymmetricKey key{};
+
+    SymmetricKeyRecord() = default;
+    SymmetricKeyRecord(const SymmetricKeyRecord&) = delete;
+    SymmetricKeyRecord& operator=(const SymmetricKeyRecord&) = delete;
+    ~SymmetricKeyRecord() { wipe(&key, sizeof(key)); }
+
+    /// Takes 0 to 32 bytes; false for more.
+    bool setMaterial(std::span<const unsigned char> material) {
+        if (material.size() > kSymmetricKeyCapacity) return false;
+        std::ranges::copy(material, key.key);
+        key.keyLength = static_cast<std::uint32_t>(material.size());
+        return true;
+    }
+};
+
+// Stores the key on the token and makes a key object of what the token returned. The material stays there.
+Outcome storeOnToken(const CSP_CONTEXT& context, SymmetricKeyRecord& record, ALG_ID algId,
+                     const char* failureText, const char* successText, HCRYPTKEY* phKey) {
+    const Pin pin = getPin(context.serial);
+    const int code = deviceLibrary().veltra_importAesKey(context.serial.c_str(), pin.c_str(), &record.key,
+                                                         context.libraryContext);
+    if (code != kDeviceOk || record.key.credentialIdLength > kCredentialIdCapacity) {
+        return refuse(NTE_BAD_TYPE, failureText);
+    }
+    std::unique_ptr<KEY_HANDLE> key = newKey();
+    key->fillFrom(record.key);
+    key->algId = algId;
+    return handOut(std::move(key), phKey, successText);
+}
+
+Outcome importPlaintextKey(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY* phKey) {
+    const ALG_ID algId = headerOf(blob).aiKeyAlg;
+    SymmetricKeyRecord record;
+    if (!record.setMaterial(blob.subspan(kBlobPrefixLength))) {
+        return refuse(NTE_BAD_DATA, "PLAINTEXTKEYBLOB key is longer than 32 bytes");
+    }
+    const std::optional<std::uint32_t> code = aesKeyTypeOf(algId);
+    if (!code) return refuse(NTE_BAD_ALGID, concat("Unsupported algorithm for PLAINTEXTKEYBLOB: ", algId));
+    record.key.keyType = *code;
+    return storeOnToken(context, record, algId, "PLAINTEXTKEYBLOB import failed",
+                        "PLAINTEXTKEYBLOB imported successfully (AES)", phKey);
+}
+
+// The wrapped key is taken from behind the header, and the last four bytes of the blob are left out:
+// deliberate.
+Outcome importWrappedKey(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY* phKey) {
+    const Blob wrapped = blob.subspan(sizeof(BLOBHEADER), blob.size() - kBlobPrefixLength);
+    Utils::debug(concat("SYMMETRICWRAPKEYBLOB: wrapped key length = ", wrapped.size()));
+    LibraryBuffer unwrapped;
+    const auto wrappingKey = unwrapWithAnyKey(context.serial, context.libraryContext, wrapped, unwrapped);
+    if (!wrappingKey) {
+        return refuse(NTE_BAD_KEY, "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK");
+    }
+    Utils::debug(concat("Successfully unwrapped key with KEK: ", toHex(*wrappingKey)));
+    SymmetricKeyRecord record;
+    if (!record.setMaterial(unwrapped.bytes())) {
+        return refuse(NTE_BAD_DATA, "SYMMETRICWRAPKEYBLOB key is longer than 32 bytes");
+    }
+    const ALG_ID algId = headerOf(blob).aiKeyAlg;
+    record.key.keyType = algId == CALG_AES_128 ? kKeyTypeAes128 : kKeyTypeAes192Or256;
+    return storeOnToken(context, record, algId, "Import of unwrapped AES key failed",
+                        "SYMMETRICWRAPKEYBLOB imported successfully", phKey);
+}
+
+Outcome importBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
+    const BLOBHEADER header = headerOf(blob);
+    Utils::debug(concat("CPImportKey - input type : ", header.bType));
+    Utils::debug(concat("CPImportKey - input version : ", header.bVersion));
+    Utils::debug(concat("CPImportKey - input alg : ", header.aiKeyAlg));
+    Utils::debug(concat("CPImportKey - input data length : ", blob.size() - kBlobPrefixLength));
+    if (blob.size() == kBlobPrefixLength) {
+        return refuse(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
+    }
+    switch (header.bType) {
+    case PUBLICKEYBLOB:
+        return importPublicKey(blob, phKey);
+    case SIMPLEBLOB:
+        return importSimpleBlob(context, blob, hPubKey, phKey);
+    case PLAINTEXTKEYBLOB:
+        return importPlaintextKey(context, blob, phKey);
+    case kSymmetricWrapBlob:
+        return importWrappedKey(context, blob, phKey);
+    case PRIVATEKEYBLOB:
+    case OPAQUEKEYBLOB:
+        return refuse(NTE_BAD_TYPE, "Key Block Not Implemented yet");
+    default:
+        return refuse(NTE_BAD_TYPE, concat("CPImportKey - Unsupported type : ", header.bType));
+    }
+}
+
+} // namespace
+
+} // namespace veltra
+
+using namespace veltra;
+
+BOOL WINAPI CPImportKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbDataLen, HCRYPTKEY hPubKey,
+                        DWORD dwFlags, HCRYPTKEY* phKey) {
+    return cspEntry("CPImportKey", [&] {
+        Utils::debug(concat("Input length : ", cbDataLen));
+        Utils::debug(concat("Input flag : ", dwFlags));
+        if (pbData == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPImportKey - Input data is null");
+        const CSP_CONTEXT* context = usableContext(hProv);
+        if (context == nullptr) return refuse(NTE_BAD_UID, "CPImportKey - Contest null or not initialised");
+        if (phKey == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPImportKey - phKey is null");
+        if (cbDataLen > INT_MAX) return refuse(NTE_BAD_LEN, "CPImportKey - Input data is too long");
+        if (cbDataLen < kBlobPrefixLength) {
+            return refuse(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
+        }
+        return importBlob(*context, {pbData, cbDataLen}, hPubKey, phKey);
+    });
+}

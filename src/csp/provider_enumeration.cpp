@@ -1,0 +1,154 @@
+#include "csp/provider_enumeration.h"
+
+#include "csp/algorithm_table.h"
+#include "token/crypto_policy.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+namespace veltra {
+
+namespace {
+
+std::span<const ReportedAlgorithm> algorithmsOf(const CSP_CONTEXT& context) {
+    return reportedAlgorithms(!context.serial.empty() &&
+                              isFips1402Token(context.serial, context.libraryContext));
+}
+
+void advance(std::size_t& cursor, std::size_t count) {
+    cursor = std::min(cursor + 1, count);
+}
+
+// Copies a name, with its terminating zero, into a field of a record; returns its length in the record.
+template <std::size_t Capacity>
+DWORD setName(char (&field)[Capacity], const char* name) {
+    const std::size_t length = std::min(std::strlen(name) + 1, Capacity);
+    std::copy_n(name, length, field);
+    return static_cast<DWORD>(length);
+}
+
+PROV_ENUMALGS recordOf(const ReportedAlgorithm& algorithm, PROV_ENUMALGS record) {
+    record.aiAlgid = algorithm.algId;
+    record.dwBitLen = algorithm.defaultLength;
+    record.dwNameLen = setName(record.szName, algorithm.shortName);
+    return record;
+}
+
+PROV_ENUMALGS_EX recordOf(const ReportedAlgorithm& algorithm, PROV_ENUMALGS_EX record) {
+    record.aiAlgid = algorithm.algId;
+    record.dwDefaultLen = algorithm.defaultLength;
+    record.dwMinLen = algorithm.minLength;
+    record.dwMaxLen = algorithm.maxLength;
+    record.dwProtocols = algorithm.protocols;
+    record.dwNameLen = setName(record.szName, algorithm.shortName);
+    record.dwLongNameLen = setName(record.szLongName, algorithm.longName);
+    return record;
+}
+
+/// One enumeration of algorithm records: how it is called in the log.
+struct EnumerationTexts {
+    const char* name;
+    const char* noMoreItems;
+    const char* returned;
+};
+
+std::string noMoreItemsLine(const EnumerationTexts& texts, std::size_t cursor) {
+    const std::string_view line = texts.noMoreItems;
+    return line.ends_with('=') ? concat(line, cursor) : std::string(line);
+}
+
+// A call without CRYPT_FIRST moves on before it reads, and a record that did not fit is skipped by the next
+// such call: deliberate, applications expect it.
+template <class Record, class Rows>
+Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts& texts, BYTE* data,
+                  DWORD* dataLength, DWORD flags) {
+    if (data == nullptr) {
+        *dataLength = sizeof(Record);
+        return success();
+    }
+    switch (flags & ~static_cast<DWORD>(CRYPT_SGC_ENUM)) {
+    case CRYPT_FIRST:
+        cursor = 0;
+        break;
+    case 0:
+    case CRYPT_NEXT:
+        advance(cursor, rows.size());
+        break;
+    default:
+        return refuse(ERROR_INVALID_PARAMETER, concat(texts.name, ": invalid dwFlags=", flags));
+    }
+    if (cursor >= rows.size()) return refuse(ERROR_NO_MORE_ITEMS, noMoreItemsLine(texts, cursor));
+    const DWORD available = *dataLength;
+    *dataLength = sizeof(Record);
+    if (available < sizeof(Record)) {
+        return refuse(ERROR_MORE_DATA,
+                      concat(texts.name, ": output buffer too small, required=", sizeof(Record)));
+    }
+    const Record record = recordOf(rows[cursor], Record{});
+    std::memcpy(data, &record, sizeof(record));
+    Utils::debug(concat(texts.returned, rows[cursor].shortName));
+    return success();
+}
+
+} // namespace
+
+Outcome enumerateAlgorithms(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength, DWORD flags) {
+    static constexpr EnumerationTexts kTexts = {
+        "CPGetProvParam PP_ENUMALGS",
+        "CPGetProvParam PP_ENUMALGS: no more algorithms, index=", "CPGetProvParam: returned algorithm -> "};
+    return enumerate<PROV_ENUMALGS>(algorithmsOf(context), context.algorithmCursor, kTexts, data, dataLength,
+                                    flags);
+}
+
+Outcome enumerateAlgorithmsEx(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength, DWORD flags) {
+    static constexpr EnumerationTexts kTexts = {"CPGetProvParam PP_ENUMALGS_EX",
+                                                "CPGetProvParam PP_ENUMALGS_EX: no more algorithms, index=",
+                                                "CPGetProvParam: returned EX algorithm -> "};
+    return enumerate<PROV_ENUMALGS_EX>(algorithmsOf(context), context.algorithmCursor, kTexts, data,
+                                       dataLength, flags);
+}
+
+Outcome enumerateSigningProtocols(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength, DWORD flags) {
+    static constexpr EnumerationTexts kTexts = {"CPGetProvParam PP_ENUMEX_SIGNING_PROT",
+                                                "CPGetProvParam: PP_ENUMEX_SIGNING_PROT no more items",
+                                                "CPGetProvParam: returned signing algorithm -> "};
+    std::vector<ReportedAlgorithm> rows;
+    std::ranges::copy_if(algorithmsOf(context), std::back_inserter(rows), [](const ReportedAlgorithm& row) {
+        return (row.protocols & CRYPT_FLAG_SIGNING) != 0;
+    });
+    Utils::debug(concat("CPGetProvParam: PP_ENUMEX_SIGNING_PROT index=", context.signingProtocolCursor));
+    return enumerate<PROV_ENUMALGS_EX>(rows, context.signingProtocolCursor, kTexts, data, dataLength, flags);
+}
+
+// A name that does not fit succeeds with ERROR_MORE_DATA: with CRYPT_FIRST and no buffer an application
+// learns the size that it needs.
+Outcome enumerateContainers(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength, DWORD flags) {
+    switch (flags & ~static_cast<DWORD>(CRYPT_MACHINE_KEYSET)) {
+    case CRYPT_FIRST:
+        context.containerCursor = 0;
+        break;
+    case CRYPT_NEXT:
+        advance(context.containerCursor, context.keyList.size());
+        break;
+    default:
+        return refuse(ERROR_INVALID_PARAMETER,
+                      concat("CPGetProvParam PP_ENUMCONTAINERS: invalid dwFlags=", flags));
+    }
+    if (context.containerCursor >= context.keyList.size()) {
+        return refuse(
+            ERROR_NO_MORE_ITEMS,
+            concat("CPGetProvParam PP_ENUMCONTAINERS: no more containers, index=", context.containerCursor));
+    }
+    context.containersEnumerated = true;
+    const std::string& name = context.keyList[context.containerCursor];
+    const auto size = static_cast<DWORD>(name.size() + 1);
+    const DWORD available = *dataLength;
+    *dataLength = size;
+    if (data == nullptr || available < size) return successWithLastError(ERROR_MORE_DATA);
+    std::memcpy(data, name.c_str(), size);
+    Utils::debug(concat("CPGetProvParam: returned container -> ", name));
+    return success();
+}
+
+} // namespace veltra

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "foundation/device_library_contract.h"
+#include "foundation/secret.h"
+
+#include <cstdlib>
+#include <span>
+
+namespace veltra {
+
+/// A buffer that the device library allocates and hands back. It may hold a plaintext, a key or a secret: it
+/// is wiped and released, from the C heap that both modules share, when it goes out of scope.
+class LibraryBuffer {
+public:
+    LibraryBuffer() = default;
+    LibraryBuffer(const LibraryBuffer&) = delete;
+    LibraryBuffer& operator=(const LibraryBuffer&) = delete;
+    ~LibraryBuffer() { reset(); }
+
+    /// Runs `call(unsigned char** out, int* outLength)`, a call of the library, into this buffer and returns
+    /// its code. A success with a negative length, or with bytes but no buffer, is a failure.
+    template <class Call>
+    int fill(Call call) {
+        reset();
+        const int code = call(&data_, &length_);
+        if (code == kDeviceOk && (length_ < 0 || (length_ > 0 && data_ == nullptr))) return kDeviceBadLength;
+        return code;
+    }
+
+    /// What the library handed back; empty after a failure.
+    [[nodiscard]] std::span<const unsigned char> bytes() const { return {data_, size()}; }
+    [[nodiscard]] std::size_t size() const {
+        return data_ != nullptr && length_ > 0 ? static_cast<std::size_t>(length_) : 0;
+    }
+
+private:
+    void reset() {
+        if (data_ == nullptr) return;
+        wipe(data_, size());
+        std::free(data_); // NOLINT(cppcoreguidelines-no-malloc): the library allocated it with malloc
+        data_ = nullptr;
+        length_ = 0;
+    }
+
+    unsigned char* data_ = nullptr;
+    int length_ = 0;
+};
+
+} // namespace veltra

@@ -1,0 +1,39 @@
+#include "token/aes_keys.h"
+
+#include <algorithm>
+
+namespace veltra {
+
+std::optional<std::uint32_t> aesKeyTypeForBits(std::uint32_t bits) {
+    switch (bits) {
+    case 128:
+        return kKeyTypeAes128;
+    case 192:
+    case 256:
+        return kKeyTypeAes192Or256;
+    default:
+        return std::nullopt;
+    }
+}
+
+std::optional<std::array<unsigned char, kKeyIdLength>>
+unwrapWithAnyKey(const std::string& serial, void* libraryContext, std::span<const unsigned char> wrapped,
+                 LibraryBuffer& unwrapped) {
+    const std::vector<VeltraSymmetricKey> keys =
+        deviceLibrary().veltra_getAesKeyList(serial.c_str(), libraryContext);
+    for (const VeltraSymmetricKey& key : keys) {
+        if (key.keyType != kKeyTypeAes128 && key.keyType != kKeyTypeAes192Or256) continue;
+        const int code = unwrapped.fill([&](unsigned char** out, int* outLength) {
+            return deviceLibrary().veltra_decrypt_aes(
+                serial.c_str(), key.keyId, static_cast<int>(kKeyIdLength), wrapped.data(),
+                static_cast<int>(wrapped.size()), out, outLength, key.flag != 0, nullptr, 0, libraryContext);
+        });
+        if (code != kDeviceOk) continue;
+        std::array<unsigned char, kKeyIdLength> keyId{};
+        std::ranges::copy(key.keyId, keyId.begin());
+        return keyId;
+    }
+    return std::nullopt;
+}
+
+} // namespace veltra

@@ -1,0 +1,29 @@
+#include "token/certificates.h"
+
+namespace veltra {
+
+namespace {
+
+bool isWellFormed(const VeltraCertificate& certificate) {
+    return certificate.derLength <= kCertificateCapacity;
+}
+
+} // namespace
+
+std::vector<VeltraCertificate> certificatesOf(const std::string& serial, void* libraryContext) {
+    std::vector<VeltraCertificate> certificates =
+        deviceLibrary().veltra_getCertificateList(serial.c_str(), libraryContext);
+    std::erase_if(certificates, [](const VeltraCertificate& it) { return !isWellFormed(it); });
+    return certificates;
+}
+
+std::optional<VeltraCertificate> certificateOfKey(const std::string& serial,
+                                                  std::span<const unsigned char, kKeyIdLength> keyId,
+                                                  void* libraryContext) {
+    const VeltraCertificate* found =
+        deviceLibrary().veltra_findCertificateForKey(serial.c_str(), keyId.data(), libraryContext);
+    if (found == nullptr || !isWellFormed(*found)) return std::nullopt;
+    return *found;
+}
+
+} // namespace veltra
