@@ -47,9 +47,9 @@ TEST_F(ProviderContextTest, AcquireAndReleaseRefuseWhatIsMissing) {
     const auto decimal = [](const void* pointer) {
         return std::to_string(reinterpret_cast<ULONG_PTR>(pointer));
     };
-    EXPECT_EQ(run([&] { return CPAcquireContext(nullptr, "x", CRYPT_DELETEKEYSET, &table); }),
+    EXPECT_EQ(run([&] { return CPAcquireContext(nullptr, "x", CRYPT_DELETEKEYSET, table); }),
               refused(ERROR_INVALID_PARAMETER,
-                      {"CPAcquireContext: invalid parameter - phProv=0 pVTable=" + decimal(&table)}));
+                      {"CPAcquireContext: invalid parameter - phProv=0 pVTable=" + decimal(table)}));
     EXPECT_EQ(run([&] { return CPAcquireContext(&context, "x", 0, nullptr); }),
               refused(ERROR_INVALID_PARAMETER,
                       {"CPAcquireContext: invalid parameter - phProv=" + decimal(&context) + " pVTable=0"}));
