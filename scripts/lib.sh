@@ -6,7 +6,7 @@
 veltraRoot=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 export WINEPREFIX=${VELTRA_WINEPREFIX:-$veltraRoot/build/wine}
 export WINEDEBUG=${WINEDEBUG:--all}
-export WINEDLLOVERRIDES="mscoree,mshtml="
+export WINEDLLOVERRIDES="mscoree,mshtml=;winemenubuilder.exe=d"
 
 wineServerPid=
 xServerPid=
@@ -57,12 +57,14 @@ needPackages() {
 # Packages that a build of the Windows programs needs, and those to run them.
 buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev libgcrypt-mingw-w64-dev googletest)
 runPackages=(wine64 openssl)
-displayPackages=(xvfb xdotool imagemagick fonts-liberation)
+displayPackages=(xvfb xauth xdotool imagemagick fonts-liberation)
+testPackages=(clang-format g++ wine64-tools libwine-dev)
 
 # buildPreset PRESET [TARGET...]: configures where needed and builds, all targets by default.
 buildPreset() {
     local preset=$1
     shift
+    mkdir -p "$veltraRoot/build"
     (cd "$veltraRoot" && cmake --preset "$preset" >"$veltraRoot/build/configure-$preset.log" 2>&1) || {
         cat "$veltraRoot/build/configure-$preset.log" >&2
         fail "could not configure the preset $preset"
@@ -91,10 +93,27 @@ makeWinePrefix() {
     ) 9>"$WINEPREFIX.lock"
 }
 
+# Starts Wine's services. They keep the output of the program that starts them open, so that whoever reads that
+# program's output would wait for them as well: a program without output has to be the first.
+bootWine() { "$(wineLoader)" cmd /c exit </dev/null >/dev/null 2>&1; }
+
+# Boots Wine if it does not run, for as long as it is used and a minute more.
+ensureWineRuns() {
+    "$(wineServer)" -p60 </dev/null >/dev/null 2>&1 || return 0 # a server runs already
+    bootWine
+}
+
 # Keeps the prefix's Wine server alive between programs: a start then takes 50 ms instead of seconds.
+# A server that is just ending, or that somebody else keeps, does not let a second one start.
 startWineServer() {
-    "$(wineServer)" -f -p >/dev/null 2>&1 &
-    wineServerPid=$!
+    mkdir -p "$WINEPREFIX"
+    for _ in $(seq 10); do
+        "$(wineServer)" -f -p </dev/null >/dev/null 2>&1 &
+        wineServerPid=$!
+        sleep 0.5
+        kill -0 "$wineServerPid" 2>/dev/null && return
+    done
+    wineServerPid=
 }
 
 # Starts an X server without a screen on a free display and exports DISPLAY.
@@ -130,9 +149,17 @@ startServices() {
     trap stopServices EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM
-    [ "${1:-}" = --display ] && startDisplay
-    makeWinePrefix
+    [ "${1:-}" != --display ] || startDisplay
     startWineServer
+    makeWinePrefix
+    bootWine
+}
+
+# The path that a Windows program has to use for a file of this machine.
+windowsPath() {
+    local path
+    path=$(realpath -m "$1")
+    printf 'Z:%s\n' "${path//\//\\}"
 }
 
 # Runs a Windows program: `runWindows PROGRAM ARGUMENTS...`.

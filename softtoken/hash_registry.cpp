@@ -56,6 +56,7 @@ HashRegistry& HashRegistry::instance() {
 void* HashRegistry::add(std::shared_ptr<RunningHash> hash) {
     const std::lock_guard guard(mutex_);
     lastHandle_ += 16;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a name for the caller, never followed
     auto* handle = reinterpret_cast<void*>(lastHandle_);
     hashes_.emplace(handle, std::move(hash));
     return handle;

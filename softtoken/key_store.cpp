@@ -37,10 +37,17 @@ StoredKeyPair fromExpression(const Expression& record) {
     return key;
 }
 
-} // namespace
+/// What a private key is sealed together with: its public part and its purpose, but not the label, so that a
+/// key can be renamed without its master key.
+Bytes sealingContext(const StoredKeyPair& key) {
+    return Expression::build("(key-pair-context %S %S %S %S)", Expression::field("key-id", key.keyId).get(),
+                             Expression::field("type", key.type).get(),
+                             Expression::field("usage", key.usage).get(),
+                             Expression::field("public-key", key.publicKey).get())
+        .canonical();
+}
 
-KeyStore::KeyStore(const TokenFolder& token, const TokenDescription& description)
-    : folder_(token.path() / "keys"), tokenId_(description.tokenId) {}
+} // namespace
 
 std::vector<StoredKeyPair> KeyStore::list() const {
     std::vector<StoredKeyPair> keys;
@@ -99,15 +106,6 @@ SecureBytes KeyStore::privateKey(const StoredKeyPair& key, BytesView masterKey) 
 
 fs::path KeyStore::file(BytesView keyId) const {
     return folder_ / (toHex(keyId) + kExtension);
-}
-
-Bytes KeyStore::sealingContext(const StoredKeyPair& key) const {
-    return Expression::build(
-               "(key-pair-context %S %S %S %S %S)", Expression::field("token-id", tokenId_).get(),
-               Expression::field("key-id", key.keyId).get(), Expression::field("type", key.type).get(),
-               Expression::field("usage", key.usage).get(),
-               Expression::field("public-key", key.publicKey).get())
-        .canonical();
 }
 
 } // namespace veltra::softtoken

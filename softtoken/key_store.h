@@ -20,7 +20,7 @@ struct StoredKeyPair {
 /// the token's master key. Whoever modifies the store holds the token's lock.
 class KeyStore {
 public:
-    KeyStore(const TokenFolder& token, const TokenDescription& description);
+    explicit KeyStore(const TokenFolder& token) : folder_(token.path() / "keys") {}
 
     /// All keys that can be read, in the order of their creation; damaged files are reported and left out.
     [[nodiscard]] std::vector<StoredKeyPair> list() const;
@@ -41,10 +41,8 @@ public:
 
 private:
     [[nodiscard]] std::filesystem::path file(BytesView keyId) const;
-    [[nodiscard]] Bytes sealingContext(const StoredKeyPair& key) const;
 
     std::filesystem::path folder_;
-    Bytes tokenId_;
 };
 
 } // namespace veltra::softtoken

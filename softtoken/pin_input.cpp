@@ -1,7 +1,10 @@
 #include "pin_input.h"
 
+#include "foundation/windows.h"
+#include "token_store.h"
+
 #include <CLI.hpp>
-#include <cstdlib>
+#include <algorithm>
 #include <iostream>
 
 namespace veltra::softtoken {
@@ -22,6 +25,16 @@ SecureBytes readLine() {
     return line;
 }
 
+SecureBytes readVariable(const std::string& name) {
+    SecureBytes value(kMaxPinLength + 2); // one byte too many shows up as a PIN that is too long
+    const DWORD length = GetEnvironmentVariableA(name.c_str(), reinterpret_cast<char*>(value.data()),
+                                                 static_cast<DWORD>(value.size()));
+    if (length == 0)
+        throw TokenError(Failure::BadArgument, "the environment variable " + name + " is not set");
+    value.resize(std::min<std::size_t>(length, value.size() - 1));
+    return value;
+}
+
 } // namespace
 
 void PinInput::addOptions(CLI::App& command, const std::string& name, const std::string& meaning) {
@@ -37,11 +50,7 @@ void PinInput::addOptions(CLI::App& command, const std::string& name, const std:
 SecureBytes PinInput::read() const {
     if (fromStdin_) return readLine();
     if (!variable_.empty()) {
-        const char* value = std::getenv(variable_.c_str());
-        if (value == nullptr) {
-            throw TokenError(Failure::BadArgument, "the environment variable " + variable_ + " is not set");
-        }
-        return toSecure(value);
+        return readVariable(variable_);
     }
     std::cerr << "softtoken: warning: other programs can see a PIN given with --" << name_ << "; use --"
               << name_ << "-env or --" << name_ << "-stdin\n";

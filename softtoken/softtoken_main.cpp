@@ -56,13 +56,13 @@ const char* fipsName(FipsGeneration generation) {
 const char* adviceFor(Failure failure) {
     switch (failure) {
     case Failure::NoSuchToken:
-        return "\"softtoken list\" shows the tokens; \"softtoken plug\" plugs one in.";
+        return R"("softtoken list" shows the tokens; "softtoken plug" plugs one in.)";
     case Failure::AlreadyExists:
         return "Choose another serial, or delete the token first.";
     case Failure::PinLocked:
-        return "\"softtoken unblock\" gives the attempts back.";
+        return R"("softtoken unblock" gives the attempts back.)";
     case Failure::TimeMismatch:
-        return "\"softtoken set SERIAL --clock-mismatch off\" ends the mismatch.";
+        return R"("softtoken set SERIAL --clock-mismatch off" ends the mismatch.)";
     case Failure::Damaged:
         return "Nothing was changed. Restore the file from a copy, or delete the token.";
     case Failure::Storage:
@@ -127,7 +127,7 @@ void show(const std::string& serial) {
                     << '\n';
     line("Single sign-on") << (secondsLeft == 0 ? "none" : std::to_string(secondsLeft) + " s left") << '\n';
     line("Clock mismatch") << (description.clockMismatch ? "on" : "off") << '\n';
-    for (const StoredKeyPair& key : KeyStore(token, description).list()) {
+    for (const StoredKeyPair& key : KeyStore(token).list()) {
         line("Key") << toHex(key.keyId) << "  " << keyTypeName(*findKeyKind(key.type)) << "  "
                     << usageName(key.usage) << "  " << key.label << '\n';
     }

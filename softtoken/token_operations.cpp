@@ -118,7 +118,7 @@ void logIn(std::string_view serial, std::string_view pin, std::uint32_t seconds,
 std::vector<VeltraKeyPair> keyPairs(std::string_view serial) {
     const OpenToken token = openToken(serial);
     std::vector<VeltraKeyPair> records;
-    for (const StoredKeyPair& key : KeyStore(token.folder, token.description).list()) {
+    for (const StoredKeyPair& key : KeyStore(token.folder).list()) {
         records.push_back(toRecord(key));
     }
     return records;
@@ -130,15 +130,15 @@ void generateKeyPair(std::string_view serial, std::string_view pin, VeltraKeyPai
     const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
     const GeneratedKeyPair keys = generateKeyPair(kind); // slow, so before the lock
     const FileLock lock = token.folder.lock();
-    record = toRecord(KeyStore(token.folder, token.description)
-                          .add(keys, kind, record.usage, labelOf(record), unlocked.masterKey()));
+    record =
+        toRecord(KeyStore(token.folder).add(keys, kind, record.usage, labelOf(record), unlocked.masterKey()));
 }
 
 void deleteKeyPair(std::string_view serial, BytesView keyId, std::string_view pin) {
     const OpenToken token = openToken(serial);
     static_cast<void>(requireSession(token.folder, token.description, pin));
     const FileLock lock = token.folder.lock();
-    KeyStore(token.folder, token.description).remove(keyId);
+    KeyStore(token.folder).remove(keyId);
 }
 
 void renameKeyPair(std::string_view serial, BytesView keyId, std::string_view pin, const std::string& label) {
@@ -147,7 +147,7 @@ void renameKeyPair(std::string_view serial, BytesView keyId, std::string_view pi
     const OpenToken token = openToken(serial);
     static_cast<void>(requireSession(token.folder, token.description, pin));
     const FileLock lock = token.folder.lock();
-    KeyStore(token.folder, token.description).rename(keyId, label);
+    KeyStore(token.folder).rename(keyId, label);
 }
 
 Bytes sign(std::string_view serial, BytesView keyId, std::string_view pin, BytesView hash,
@@ -156,7 +156,7 @@ Bytes sign(std::string_view serial, BytesView keyId, std::string_view pin, Bytes
     if (token.description.fips == FipsGeneration::Fips1403 && isWeakHash(hash.size())) {
         throw TokenError(Failure::WeakHash, "a FIPS 140-3 token does not sign MD5 or SHA-1");
     }
-    const KeyStore store(token.folder, token.description);
+    const KeyStore store(token.folder);
     const StoredKeyPair key = store.find(keyId);
     const KeyKind& kind = *findKeyKind(key.type);
     requireSignable(kind, hash.size(), scheme);

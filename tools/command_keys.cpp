@@ -8,18 +8,23 @@
 
 #include <iomanip>
 #include <iostream>
+#include <optional>
 
 namespace veltra {
 namespace {
 
-/// A key is looked for by its own identifier, which is a container name too and finds the key on any token.
-bool isOnToken(const ProviderChoice& provider, const std::wstring& keyId) {
+/// The key with this identifier, or nothing when no connected token has it. The identifier is a container
+/// name too, and one that finds the key on whichever token has it.
+std::optional<KeyDescription> findKey(const ProviderChoice& provider, const std::wstring& keyId) {
+    const CryptoProvider context = CryptoProvider::open(provider, keyId);
     try {
-        const CryptoProvider context = CryptoProvider::open(provider, keyId);
-        context.ownKey();
-        return true;
-    } catch (const CommandError&) {
-        return false;
+        return CryptoProvider::describe(context.ownKey());
+    } catch (const CommandError& error) {
+        const auto code = static_cast<LONG>(error.systemCode());
+        if (code == NTE_BAD_KEY || code == NTE_NO_KEY) {
+            return std::nullopt;
+        }
+        throw;
     }
 }
 
@@ -37,23 +42,16 @@ int listKeys(const ProviderChoice& provider) {
         std::cout << "No containers yet; 'veltra keygen' makes one.\n";
         return kExitOk;
     }
-    int exitCode = kExitOk;
     printKeyRow("CONTAINER", "ALGORITHM", "BITS", "USAGE", "KEY");
     for (const Container& container : containers) {
         for (const std::wstring& keyId : container.keyIds) {
-            try {
-                const CryptoProvider context = CryptoProvider::open(provider, keyId);
-                const KeyDescription key = CryptoProvider::describe(context.ownKey());
-                printKeyRow(toUtf8(container.name), key.algorithm, std::to_string(key.bits), key.usage,
-                            toUtf8(keyId));
-            } catch (const CommandError& error) {
-                printKeyRow(toUtf8(container.name), "-", "-", "-", toUtf8(keyId));
-                std::cerr << "veltra: key " << toUtf8(keyId) << ": " << error.what() << '\n';
-                exitCode = kExitFailed;
-            }
+            const std::optional<KeyDescription> key = findKey(provider, keyId);
+            printKeyRow(toUtf8(container.name), key ? key->algorithm : "-",
+                        key ? std::to_string(key->bits) : "-", key ? key->usage : "-",
+                        toUtf8(keyId) + (key ? "" : " (not on a connected token)"));
         }
     }
-    return exitCode;
+    return kExitOk;
 }
 
 int generateKey(const ProviderChoice& provider, const KeygenOptions& options) {
@@ -92,7 +90,7 @@ int deleteContainer(const ProviderChoice& provider, const DeleteContainerOptions
 
     // The provider succeeds when the container is gone, even if the token kept a key.
     for (const std::wstring& keyId : container.keyIds) {
-        if (isOnToken(provider, keyId)) {
+        if (findKey(provider, keyId)) {
             throw CommandError("the container " + inQuotes(container.name) + " is deleted, but its key " +
                                toUtf8(keyId) + " is still on the token");
         }

@@ -14,6 +14,7 @@ namespace veltra {
 namespace {
 
 constexpr std::size_t kSignatureFileLimit = 16 * 1024 * 1024;
+constexpr std::size_t kSignedFileLimit = 1024 * 1024 * 1024;
 
 int reportBadSignature(std::string_view why) {
     std::cout << "The signature does NOT verify: " << why << '\n';
@@ -51,11 +52,10 @@ UniqueMessage decodeMessage(const VerifyOptions& options) {
     if (messageNumber(message.get(), CMSG_TYPE_PARAM) != CMSG_SIGNED) {
         throw CommandError("the signature file is a CMS message, but not a signed one");
     }
-    readInPieces(options.file, [&](std::span<const unsigned char> piece) {
-        require(CryptMsgUpdate(message.get(), piece.data(), static_cast<DWORD>(piece.size()), FALSE),
-                "could not hash the file");
-    });
-    require(CryptMsgUpdate(message.get(), nullptr, 0, TRUE), "could not hash the file");
+    // Not every platform takes the content of a detached message in several pieces.
+    const std::vector<unsigned char> content = readSmallFile(options.file, kSignedFileLimit);
+    require(CryptMsgUpdate(message.get(), content.data(), static_cast<DWORD>(content.size()), TRUE),
+            "could not hash the file");
     return message;
 }
 
@@ -72,16 +72,68 @@ UniqueStore signerCertificates(HCRYPTMSG message, const std::filesystem::path& g
     return store;
 }
 
+/// A parameter of the `index`th signer, as a platform structure of type `Info` with what it points to behind
+/// it.
+template <class Info>
+class SignerParameter {
+public:
+    SignerParameter(HCRYPTMSG message, DWORD parameter, DWORD index) {
+        require(CryptMsgGetParam(message, parameter, index, nullptr, &length_), kCannotReadSigner);
+        buffer_.resize(length_ / sizeof(std::max_align_t) + 1);
+        require(CryptMsgGetParam(message, parameter, index, buffer_.data(), &length_), kCannotReadSigner);
+    }
+
+    Info* get() { return reinterpret_cast<Info*>(buffer_.data()); }
+    DWORD length() const { return length_; }
+
+private:
+    static constexpr const char* kCannotReadSigner = "could not read the signer";
+
+    std::vector<std::max_align_t> buffer_;
+    DWORD length_ = 0;
+};
+
 /// The certificate that the `index`th signer names, from `store`; null if it is not there.
 UniqueCertificate signerCertificate(HCRYPTMSG message, DWORD index, HCERTSTORE store) {
+    SignerParameter<CERT_INFO> name(message, CMSG_SIGNER_CERT_INFO_PARAM, index);
+    return UniqueCertificate(CertGetSubjectCertificateFromStore(store, kMessageEncoding, name.get()));
+}
+
+/// The content of a DER octet string.
+std::vector<BYTE> decodeOctetString(const CRYPT_ATTR_BLOB& encoded) {
+    const auto decode = [&](void* decoded, DWORD* length) {
+        require(CryptDecodeObject(X509_ASN_ENCODING, X509_OCTET_STRING, encoded.pbData, encoded.cbData, 0,
+                                  decoded, length),
+                "the message digest in the message is damaged");
+    };
     DWORD length = 0;
-    require(CryptMsgGetParam(message, CMSG_SIGNER_CERT_INFO_PARAM, index, nullptr, &length),
-            "could not read the signer");
+    decode(nullptr, &length);
     std::vector<std::max_align_t> buffer(length / sizeof(std::max_align_t) + 1);
-    require(CryptMsgGetParam(message, CMSG_SIGNER_CERT_INFO_PARAM, index, buffer.data(), &length),
-            "could not read the signer");
-    return UniqueCertificate(CertGetSubjectCertificateFromStore(store, kMessageEncoding,
-                                                                reinterpret_cast<CERT_INFO*>(buffer.data())));
+    decode(buffer.data(), &length);
+    const auto* octets = reinterpret_cast<const CRYPT_DATA_BLOB*>(buffer.data());
+    return {octets->pbData, octets->pbData + octets->cbData};
+}
+
+/// With signed attributes the signature covers the attributes, and one of them holds the digest of the
+/// content (RFC 5652, 5.4). Not every platform compares that digest when it checks the signature.
+bool digestMatchesContent(HCRYPTMSG message, DWORD index) {
+    DWORD length = 0;
+    if (!CryptMsgGetParam(message, CMSG_SIGNER_AUTH_ATTR_PARAM, index, nullptr, &length) &&
+        GetLastError() == static_cast<DWORD>(CRYPT_E_ATTRIBUTES_MISSING)) {
+        return true;
+    }
+    SignerParameter<CRYPT_ATTRIBUTES> attributes(message, CMSG_SIGNER_AUTH_ATTR_PARAM, index);
+    if (attributes.get()->cAttr == 0) {
+        return true;
+    }
+    const CRYPT_ATTRIBUTE* digest =
+        CertFindAttribute(szOID_RSA_messageDigest, attributes.get()->cAttr, attributes.get()->rgAttr);
+    if (digest == nullptr || digest->cValue != 1) {
+        return false;
+    }
+    SignerParameter<BYTE> computed(message, CMSG_COMPUTED_HASH_PARAM, index);
+    return std::ranges::equal(decodeOctetString(digest->rgValue[0]),
+                              std::span(computed.get(), computed.length()));
 }
 
 /// Every signer has to verify; with a given certificate, every signer that it belongs to, and at least one.
@@ -103,7 +155,8 @@ int verifyCms(const VerifyOptions& options) {
         // CMSG_CTRL_VERIFY_SIGNATURE takes the certificate's information as a pointer to non-const.
         CERT_INFO signer = *certificate->pCertInfo;
         if (!verdict(CryptMsgControl(message.get(), 0, CMSG_CTRL_VERIFY_SIGNATURE, &signer),
-                     "could not check the signature")) {
+                     "could not check the signature") ||
+            !digestMatchesContent(message.get(), index)) {
             return reportBadSignature("the file or the message was changed, or another key signed.");
         }
         signers += (signers.empty() ? "" : "; ") + nameText(certificate->pCertInfo->Subject);

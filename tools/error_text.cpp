@@ -68,6 +68,8 @@ constexpr std::array kKnownErrors = {
                "the PIN is needed and --silent forbids to ask for it; leave --silent out"},
     KnownError{NTE_TOKEN_KEYSET_STORAGE_FULL, "NTE_TOKEN_KEYSET_STORAGE_FULL",
                "no token is connected, or the token could not make the key; plug the token in"},
+    KnownError{CRYPT_E_MSG_ERROR, "CRYPT_E_MSG_ERROR", "the platform cannot handle the message"},
+    KnownError{CRYPT_E_HASH_VALUE, "CRYPT_E_HASH_VALUE", "the file is not the one that was signed"},
     KnownError{NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED", "the provider does not offer this operation"},
 };
 
@@ -96,7 +98,7 @@ std::string describeError(DWORD code) {
 }
 
 void failWithCode(DWORD code, std::string_view what) {
-    throw CommandError(std::string(what) + ": " + describeError(code));
+    throw CommandError(std::string(what) + ": " + describeError(code), kExitFailed, code);
 }
 
 void require(BOOL succeeded, std::string_view what) {

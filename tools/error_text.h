@@ -15,16 +15,19 @@ enum ExitCode : int {
     kExitBadSignature = 3,
 };
 
-/// A command that cannot go on: the sentence for the user and the exit code of the program.
+/// A command that cannot go on: the sentence for the user, the exit code of the program and, where the system
+/// or the provider refused something, its error code.
 class CommandError : public std::runtime_error {
 public:
-    explicit CommandError(const std::string& sentence, ExitCode exitCode = kExitFailed)
-        : std::runtime_error(sentence), exitCode_(exitCode) {}
+    explicit CommandError(const std::string& sentence, ExitCode exitCode = kExitFailed, DWORD systemCode = 0)
+        : std::runtime_error(sentence), exitCode_(exitCode), systemCode_(systemCode) {}
 
     ExitCode exitCode() const { return exitCode_; }
+    DWORD systemCode() const { return systemCode_; }
 
 private:
     ExitCode exitCode_;
+    DWORD systemCode_;
 };
 
 /// Number, name and meaning of a system error code, and what to do about it where that is known:

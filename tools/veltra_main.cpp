@@ -5,7 +5,7 @@
 #include "error_text.h"
 #include "wide_text.h"
 
-#include <CLI/CLI.hpp>
+#include <CLI.hpp>
 
 #include <shellapi.h>
 
@@ -201,7 +201,6 @@ int run() {
     line.provider = toUtf8(provider.name);
 
     CLI::App app("Signs, verifies and manages keys on tokens through the Veltra provider.", "veltra");
-    app.footer(kFooter);
     app.fallthrough();
     app.require_subcommand(1);
     app.add_option("--provider", line.provider, "Name of the provider")
@@ -213,6 +212,7 @@ int run() {
     addCertificate(app, line, action);
     addSign(app, line, action);
     addVerify(app, line, action);
+    app.footer(kFooter); // after the commands, which would take it over
 
     try {
         app.parse(reversedArguments());

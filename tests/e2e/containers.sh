@@ -1,7 +1,7 @@
 # Containers and their keys, and what a user sees when something is missing.
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-sign() { veltra "$@" --raw --out document.sig sign document; }
+sign() { veltra sign document "$@" --raw --out document.sig; }
 keysOnToken() { softtoken show E2E-BOX | grep -c '^Key ' || true; }
 
 echo "a document" >document

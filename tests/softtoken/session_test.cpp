@@ -4,6 +4,8 @@
 #include "pin_vault.h"
 #include "token_operations.h"
 
+#include <thread>
+
 namespace veltra::softtoken::test {
 
 namespace {
@@ -53,6 +55,19 @@ TEST_F(SoftTokenTest, AnAttemptIsTakenOnDiskBeforeThePinIsCompared) {
     EXPECT_EQ(attemptsOnDisk(kSerial), kDefaultAttempts - 1);
 }
 
+TEST_F(SoftTokenTest, WrongPinsFromManyThreadsAndProcessesAreAllCounted) {
+    LoadedLibrary other(LoadedLibrary::Instance::Second);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        for (const LoadedLibrary* library : {&library_, &other}) {
+            threads.emplace_back([=] { library->validatePassword(kSerial, "000000", 1, nullptr, nullptr); });
+        }
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(attemptsOnDisk(kSerial), kDefaultAttempts - threads.size());
+}
+
 TEST_F(SoftTokenTest, PinsOfImpossibleLengthCostNoAttempt) {
     for (const std::string& pin :
          {std::string(), std::string("123"), std::string(64, '1'), std::string(5000, '1')}) {
@@ -99,19 +114,26 @@ TEST_F(SoftTokenTest, ASessionEndsWithItsTimeAndANewPinBeginsAnother) {
     EXPECT_EQ(sign(key), 0);
 }
 
-TEST_F(SoftTokenTest, ASessionEndsWhenTheTokenIsPulledOrMadeAnew) {
+TEST_F(SoftTokenTest, ASessionEndsWhenTheTokenIsPulledOut) {
     ASSERT_EQ(logIn(), 0);
     const VeltraKeyPair key = generate(kKeyTypeEcP256);
-    setPlugged(TokenFolder(kSerial), false);
+    const TokenFolder token(kSerial);
+    setPlugged(token, false);
+    setPlugged(token, true);
+    EXPECT_EQ(sign(key), kDeviceSessionExpired);
+    ASSERT_EQ(logIn(), 0);
+    EXPECT_EQ(sign(key), 0);
+
+    setPlugged(token, false);
     EXPECT_TRUE(library_.getConnectedDeviceList(false, nullptr).empty());
     EXPECT_NE(library_.initDevice(kSerial, false, nullptr), 0);
     EXPECT_TRUE(library_.getTokenInfo(kSerial, nullptr).model.empty());
     EXPECT_TRUE(library_.getKeyPairList(kSerial, nullptr).empty());
-    setPlugged(TokenFolder(kSerial), true);
-    EXPECT_EQ(library_.initDevice(kSerial, false, nullptr), 0);
-    EXPECT_EQ(sign(key), kDeviceSessionExpired);
+    EXPECT_NE(sign(key), 0);
+}
+
+TEST_F(SoftTokenTest, ASessionDoesNotOutliveItsTokenIntoANewOneOfTheSameSerial) {
     ASSERT_EQ(logIn(), 0);
-    EXPECT_EQ(sign(key), 0);
     deleteToken(TokenFolder(kSerial));
     create(kSerial);
     VeltraKeyPair record{};

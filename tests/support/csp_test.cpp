@@ -6,10 +6,6 @@
 
 namespace veltra::test {
 
-CspTest::CspTest() {
-    table.Version = 3;
-}
-
 CspTest::~CspTest() {
     const HCRYPTPROV any = acquire(nullptr, CRYPT_VERIFYCONTEXT);
     for (const HCRYPTHASH hash : hashes_)
@@ -27,7 +23,7 @@ HCRYPTPROV CspTest::acquire(const char* container, DWORD flags) {
 }
 
 BOOL CspTest::tryAcquire(HCRYPTPROV* context, const char* container, DWORD flags) {
-    return CPAcquireContext(context, container, flags, &table);
+    return CPAcquireContext(context, container, flags, table);
 }
 
 HCRYPTHASH CspTest::createHash(HCRYPTPROV context, ALG_ID algorithm, HCRYPTKEY key) {

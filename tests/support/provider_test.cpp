@@ -3,6 +3,8 @@
 #include "support/log_file.h"
 #include "support/sanitizer_stack.h"
 
+#include "token/device_monitor.h"
+
 #include <array>
 #include <atomic>
 #include <ostream>
@@ -67,9 +69,11 @@ void writeContainerValue(const std::string& container, const std::string& data, 
     HKEY key = nullptr;
     ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_CURRENT_USER, kContainersKey, 0, nullptr, 0, KEY_SET_VALUE,
                                              nullptr, &key, nullptr));
-    EXPECT_EQ(ERROR_SUCCESS,
-              RegSetValueExA(key, container.c_str(), 0, type, reinterpret_cast<const BYTE*>(data.data()),
-                             static_cast<DWORD>(data.size())));
+    // A zero behind the data would be taken along as its terminator.
+    const std::string unterminated = data + 'x';
+    EXPECT_EQ(ERROR_SUCCESS, RegSetValueExA(key, container.c_str(), 0, type,
+                                            reinterpret_cast<const BYTE*>(unterminated.data()),
+                                            static_cast<DWORD>(data.size())));
     RegCloseKey(key);
 }
 
@@ -96,6 +100,10 @@ ProviderTest::ProviderTest() : token((library.reset(), library.addToken(serial))
 
 ProviderTest::~ProviderTest() {
     setPinPrompt(nullptr);
+}
+
+void ProviderTest::TearDownTestSuite() {
+    stopDeviceMonitor();
 }
 
 Answer ProviderTest::run(const std::function<BOOL()>& call) {

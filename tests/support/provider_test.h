@@ -52,6 +52,10 @@ protected:
     ProviderTest();
     ~ProviderTest() override;
 
+    /// Stops the device monitor: a Winelib program whose destructors still call the system loses its exit
+    /// status.
+    static void TearDownTestSuite();
+
     /// Runs one call of an entry point and collects its answer. The debug lines it wrote are in debugLines.
     Answer run(const std::function<BOOL()>& call);
 
