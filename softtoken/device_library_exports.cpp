@@ -3,8 +3,10 @@
 
 #include "foundation/device_library_contract.h"
 
+#include "certificate_files.h"
 #include "hash_registry.h"
 #include "returned_lists.h"
+#include "rsa_encryption.h"
 #include "token_operations.h"
 #include "token_store.h"
 
@@ -92,6 +94,73 @@ void requireOutBuffer(const unsigned char* out, const int* length) {
             "the output buffer or its length is unusable");
 }
 
+/// Tells what veltra_findCertificateForKey returned from the lists of certificates.
+struct FoundCertificate {};
+
+/// What `read` finds on the token, kept for the caller; an empty list when that fails.
+template <class Record, class Use = Record, class Read>
+std::vector<Record>& returnedList(const char* function, const char* serial, Read read) {
+    // What a caller gets when not even an empty list can be made for it.
+    static auto& nothing = *new std::vector<Record>;
+    std::vector<Record>* list = &nothing;
+    guarded(function, [&] {
+        std::vector<Record> records;
+        const int result = guarded(function, [&] { records = read(serialText(serial)); });
+        const bool known = result == kDeviceOk;
+        list = &ReturnedLists<Record, Use>::instance().store(
+            known ? std::string(serialText(serial)) : std::string(), std::move(records));
+    });
+    return *list;
+}
+
+/// Makes the places for a buffer of the library's empty, so that a caller who releases it after a failure
+/// releases nothing.
+void clearOutput(unsigned char** out, int* outLength) {
+    require(out != nullptr && outLength != nullptr, "the place for the output or its length is null");
+    *out = nullptr;
+    *outLength = 0;
+}
+
+bool isEcb(EncryptionType type) {
+    return type == EncryptionType::Aes128Ecb || type == EncryptionType::Aes192Or256Ecb;
+}
+
+/// The IV that the type asks for: one block for CBC, none for ECB, where one that was given is not used.
+BytesView ivFor(EncryptionType type, const unsigned char* iv, int ivLength) {
+    const BytesView given = bufferOf(iv, ivLength);
+    if (isEcb(type)) return {};
+    require(given.size() == kAesBlockLength, "CBC needs an IV of 16 bytes");
+    return given;
+}
+
+void requireAesType(EncryptionType type, std::size_t keyLength) {
+    switch (type) {
+    case EncryptionType::Aes128Cbc:
+    case EncryptionType::Aes128Ecb:
+        return require(keyLength == 16, "AES-128 needs a key of 16 bytes");
+    case EncryptionType::Aes192Or256Cbc:
+    case EncryptionType::Aes192Or256Ecb:
+        return require(keyLength == 24 || keyLength == 32,
+                       "AES-192 and AES-256 need a key of 24 or 32 bytes");
+    default:
+        throw TokenError(Failure::NotSupported, "the type is not one of AES");
+    }
+}
+
+/// Without a serial an operation that needs no key of a token is done by the host.
+void requirePluggedIfNamed(const char* serial) {
+    if (const std::string_view name = serialText(serial); !name.empty()) requirePlugged(name);
+}
+
+CallerBuffer decryptOrUnwrap(std::string_view serial, BytesView keyOrKeyId, BytesView iv, BytesView data) {
+    if (!serial.empty()) {
+        if (const auto unwrapped = unwrapWithTokenKey(serial, keyOrKeyId, data)) {
+            return CallerBuffer(*unwrapped);
+        }
+    }
+    return decryptAes(keyOrKeyId, iv, data);
+}
+
 } // namespace
 
 extern "C" {
@@ -131,17 +200,7 @@ int __cdecl veltra_validatePassword(const char* serial, const char* pin, int, in
 }
 
 std::vector<VeltraKeyPair>& __cdecl veltra_getKeyPairList(const char* serial, void*) {
-    // What a caller gets when not even an empty list can be made for it.
-    static auto& nothing = *new std::vector<VeltraKeyPair>;
-    std::vector<VeltraKeyPair>* list = &nothing;
-    guarded("veltra_getKeyPairList", [&] {
-        std::vector<VeltraKeyPair> keys;
-        const int result = guarded("veltra_getKeyPairList", [&] { keys = keyPairs(serialText(serial)); });
-        const bool known = result == kDeviceOk;
-        list = &ReturnedLists::instance().store(known ? std::string(serialText(serial)) : std::string(),
-                                                std::move(keys));
-    });
-    return *list;
+    return returnedList<VeltraKeyPair>("veltra_getKeyPairList", serial, keyPairs);
 }
 
 int __cdecl veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout, void*) {
@@ -169,6 +228,51 @@ int __cdecl veltra_updateKeyPairDetails(const char* serial, const unsigned char*
     });
 }
 
+std::vector<VeltraCertificate>& __cdecl veltra_getCertificateList(const char* serial, void*) {
+    return returnedList<VeltraCertificate>("veltra_getCertificateList", serial, certificates);
+}
+
+VeltraCertificate* __cdecl veltra_findCertificateForKey(const char* serial, const unsigned char* keyId,
+                                                        void*) {
+    auto& found = returnedList<VeltraCertificate, FoundCertificate>(
+        "veltra_findCertificateForKey", serial, [&](std::string_view name) {
+            const std::optional<VeltraCertificate> certificate = findCertificate(name, keyIdOf(keyId));
+            return certificate ? std::vector{*certificate} : std::vector<VeltraCertificate>();
+        });
+    return found.empty() ? nullptr : &found.front();
+}
+
+int __cdecl veltra_importCertificate(const char* serial, const char* pin, VeltraCertificate* inout, void*) {
+    return guarded("veltra_importCertificate", [&] {
+        require(inout != nullptr, "the record is null");
+        importCertificate(serialText(serial), pinText(pin), *inout);
+    });
+}
+
+int __cdecl veltra_getCertificateDetails(const unsigned char* der, int length, CertificateDetails& out,
+                                         void*) {
+    return guarded("veltra_getCertificateDetails", [&] { out = certificateDetails(bufferOf(der, length)); });
+}
+
+NamedCertificates __cdecl veltra_getFilesWithExtensionsAndConvertDER(
+    const std::string& folder, const std::vector<std::string>& extensions, void*) {
+    NamedCertificates files;
+    guarded("veltra_getFilesWithExtensionsAndConvertDER",
+            [&] { files = readCertificateFolder(folder, extensions); });
+    return files;
+}
+
+std::vector<VeltraSymmetricKey>& __cdecl veltra_getAesKeyList(const char* serial, void*) {
+    return returnedList<VeltraSymmetricKey>("veltra_getAesKeyList", serial, aesKeys);
+}
+
+int __cdecl veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout, void*) {
+    return guarded("veltra_importAesKey", [&] {
+        require(inout != nullptr, "the record is null");
+        importAesKey(serialText(serial), pinText(pin), *inout);
+    });
+}
+
 int __cdecl veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
                             const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
                             bool, void*, bool pss) {
@@ -192,6 +296,63 @@ int __cdecl veltra_verifySignatureHash(unsigned int keyType, const char*, const 
     });
 }
 
+int __cdecl veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in, int inLength,
+                           unsigned char* out, int* outLength, const unsigned char* key, int keyLength,
+                           void*) {
+    return guarded("veltra_encrypt", [&] {
+        requireOutBuffer(out, outLength);
+        const bool isRsa = type >= EncryptionType::Rsa1024 && type <= EncryptionType::Rsa4096;
+        if (!isRsa) throw TokenError(Failure::NotSupported, "the type is not one of RSA");
+        const BytesView message = bufferOf(in, inLength);
+        // Callers name RSA-2048 for most keys: the key itself says how long it is.
+        const std::optional<RsaPublicKey> publicKey = parseRsaPublicKey(bufferOf(key, keyLength));
+        require(publicKey.has_value(), "the key is not an RSA public key");
+        if (static_cast<std::size_t>(*outLength) < publicKey->modulus.size()) {
+            throw TokenError(Failure::BufferTooSmall, "the buffer is shorter than the modulus");
+        }
+        deliver(encryptRsa(*publicKey, padding, message), out, outLength);
+    });
+}
+
+int __cdecl veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
+                           const unsigned char* in, int inLength, unsigned char** out, int* outLength, bool,
+                           void*) {
+    return guarded("veltra_decrypt", [&] {
+        clearOutput(out, outLength);
+        CallerBuffer(decrypt(serialText(serial), keyIdOf(keyId), pinText(pin), bufferOf(in, inLength)))
+            .handOut(out, outLength);
+    });
+}
+
+int __cdecl veltra_encrypt_aes(const char* serial, EncryptionType type, const unsigned char* key,
+                               int keyLength, const unsigned char* in, int inLength, unsigned char** out,
+                               int* outLength, bool final, const unsigned char* iv, int ivLength,
+                               const unsigned char* extra, int extraLength, void*) {
+    return guarded("veltra_encrypt_aes", [&] {
+        clearOutput(out, outLength);
+        if (!bufferOf(extra, extraLength).empty()) {
+            throw TokenError(Failure::NotSupported, "AES-CBC and AES-ECB take no further data");
+        }
+        const BytesView keyBytes = bufferOf(key, keyLength);
+        requireAesType(type, keyBytes.size());
+        requirePluggedIfNamed(serial);
+        encryptAes(keyBytes, ivFor(type, iv, ivLength), bufferOf(in, inLength),
+                   final ? BlockPadding::Pkcs7 : BlockPadding::None)
+            .handOut(out, outLength);
+    });
+}
+
+int __cdecl veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
+                               const unsigned char* in, int inLength, unsigned char** out, int* outLength,
+                               bool, const unsigned char* iv, int ivLength, void*) {
+    return guarded("veltra_decrypt_aes", [&] {
+        clearOutput(out, outLength);
+        decryptOrUnwrap(serialText(serial), bufferOf(keyOrKeyId, keyLength), bufferOf(iv, ivLength),
+                        bufferOf(in, inLength))
+            .handOut(out, outLength);
+    });
+}
+
 int __cdecl veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
                                         void*) {
     return guarded("veltra_generateRamdomNumber", [&] {
@@ -205,8 +366,7 @@ int __cdecl veltra_initHash(const char* serial, int algorithm, void** hash, void
     return guarded("veltra_initHash", [&] {
         require(hash != nullptr, "the place for the handle is null");
         *hash = nullptr;
-        // Without a serial the hash is one of the host.
-        if (const std::string_view name = serialText(serial); !name.empty()) requirePlugged(name);
+        requirePluggedIfNamed(serial);
         *hash = HashRegistry::instance().add(std::make_shared<RunningHash>(algorithm));
     });
 }

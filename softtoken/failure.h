@@ -25,6 +25,7 @@ enum class Failure : int {
     OutOfMemory = 13,
     Internal = 14,
     AlreadyExists = 15,
+    Undecryptable = 16, ///< data that cannot be decrypted or unwrapped, whatever is wrong with it
     TimeMismatch = kDeviceTimeMismatch,
     SessionExpired = kDeviceSessionExpired,
     WeakHash = kDeviceWeakHashRefused,

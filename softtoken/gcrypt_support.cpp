@@ -1,9 +1,7 @@
 #include "gcrypt_support.h"
 
 #include <cstdarg>
-#include <memory>
 #include <new>
-#include <type_traits>
 
 namespace veltra::softtoken {
 
@@ -74,6 +72,21 @@ Bytes randomBytes(std::size_t length) {
     Bytes bytes(length);
     fillRandom(bytes);
     return bytes;
+}
+
+CipherHandle openAes(gcry_cipher_modes mode, BytesView key) {
+    if (key.size() != 16 && key.size() != 24 && key.size() != 32) {
+        throw TokenError(Failure::BadArgument, "an AES key has 16, 24 or 32 bytes");
+    }
+    initialiseCrypto();
+    const int algorithm = key.size() == 16   ? GCRY_CIPHER_AES128
+                          : key.size() == 24 ? GCRY_CIPHER_AES192
+                                             : GCRY_CIPHER_AES256;
+    gcry_cipher_hd_t raw = nullptr;
+    checkCrypto(gcry_cipher_open(&raw, algorithm, mode, GCRY_CIPHER_SECURE), "AES");
+    CipherHandle cipher(raw);
+    checkCrypto(gcry_cipher_setkey(raw, key.data(), key.size()), "AES key");
+    return cipher;
 }
 
 Bytes hmacSha256(BytesView key, BytesView message) {

@@ -7,8 +7,10 @@
 
 #include <cstddef>
 #include <gcrypt.h>
+#include <memory>
 #include <span>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace veltra::softtoken {
@@ -49,6 +51,15 @@ void checkCrypto(gcry_error_t error, const char* what);
 /// Fills `out` with random bytes of key strength.
 void fillRandom(std::span<unsigned char> out);
 Bytes randomBytes(std::size_t length);
+
+struct CipherCloser {
+    void operator()(gcry_cipher_hd_t cipher) const noexcept { gcry_cipher_close(cipher); }
+};
+using CipherHandle = std::unique_ptr<std::remove_pointer_t<gcry_cipher_hd_t>, CipherCloser>;
+
+/// AES in one of libgcrypt's modes, with the key set; 16, 24 and 32 bytes choose AES-128, AES-192 and
+/// AES-256, Failure::BadArgument for another length.
+CipherHandle openAes(gcry_cipher_modes mode, BytesView key);
 
 /// HMAC-SHA-256, 32 bytes.
 Bytes hmacSha256(BytesView key, BytesView message);

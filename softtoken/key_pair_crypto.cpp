@@ -1,10 +1,7 @@
 #include "key_pair_crypto.h"
 
-#include "foundation/windows.h"
-
 #include <algorithm>
 #include <array>
-#include <cstring>
 
 namespace veltra::softtoken {
 
@@ -42,18 +39,6 @@ const char* findHashName(std::size_t length) {
     return found == kHashNames.end() ? nullptr : found->name;
 }
 
-/// `number` in exactly `length` bytes: libgcrypt prints a leading zero byte before a set top bit, and nothing
-/// for leading zero bytes.
-Bytes fixedLength(const Bytes& number, std::size_t length) {
-    const auto first =
-        std::find_if(number.begin(), number.end(), [](unsigned char byte) { return byte != 0; });
-    const auto significant = static_cast<std::size_t>(number.end() - first);
-    if (significant > length) throw TokenError(Failure::Crypto, "a number is longer than its field");
-    Bytes result(length);
-    std::copy(first, number.end(), result.end() - static_cast<std::ptrdiff_t>(significant));
-    return result;
-}
-
 /// The "(data ..)" expression that signing and verification share.
 Expression hashToSign(bool isRsa, BytesView hash, SignatureScheme scheme) {
     const int length = static_cast<int>(hash.size());
@@ -78,28 +63,22 @@ bool verifies(const Expression& signature, const Expression& data, const Express
     return gcry_pk_verify(signature.get(), data.get(), publicKey.get()) == 0;
 }
 
-struct LocalRelease {
-    void operator()(void* memory) const noexcept { LocalFree(memory); }
-};
-using LocalBuffer = std::unique_ptr<void, LocalRelease>;
-
-/// CryptDecodeObjectEx into a buffer of its own; null when `der` is not a `structure`.
-LocalBuffer decodeDer(LPCSTR structure, BytesView der, DWORD& length) {
-    void* decoded = nullptr;
-    length = 0;
-    if (!CryptDecodeObjectEx(X509_ASN_ENCODING, structure, der.data(), static_cast<DWORD>(der.size()),
-                             CRYPT_DECODE_ALLOC_FLAG, nullptr, static_cast<void*>(&decoded), &length)) {
-        return nullptr;
-    }
-    return LocalBuffer(decoded);
-}
-
 } // namespace
 
 const KeyKind* findKeyKind(std::uint32_t type) {
     const auto* found = std::find_if(kKeyKinds.begin(), kKeyKinds.end(),
                                      [&](const KeyKind& kind) { return kind.type == type; });
     return found == kKeyKinds.end() ? nullptr : found;
+}
+
+Bytes fixedLength(const Bytes& number, std::size_t length) {
+    const auto first =
+        std::find_if(number.begin(), number.end(), [](unsigned char byte) { return byte != 0; });
+    const auto significant = static_cast<std::size_t>(number.end() - first);
+    if (significant > length) throw TokenError(Failure::Crypto, "a number is longer than its field");
+    Bytes result(length);
+    std::copy(first, number.end(), result.end() - static_cast<std::ptrdiff_t>(significant));
+    return result;
 }
 
 GeneratedKeyPair generateKeyPair(const KeyKind& kind) {
@@ -131,34 +110,6 @@ Bytes signHash(const KeyKind& kind, BytesView privateKey, BytesView hash, Signat
     const Bytes s = fixedLength(signature.bytes("s"), kind.numberLength);
     result.insert(result.end(), s.begin(), s.end());
     return result;
-}
-
-std::optional<RsaPublicKey> parseRsaPublicKey(BytesView der) {
-    DWORD length = 0;
-    const LocalBuffer infoBuffer = decodeDer(X509_PUBLIC_KEY_INFO, der, length);
-    if (!infoBuffer || length < sizeof(CERT_PUBLIC_KEY_INFO)) return std::nullopt;
-    const auto* info = static_cast<const CERT_PUBLIC_KEY_INFO*>(infoBuffer.get());
-    if (info->Algorithm.pszObjId == nullptr || std::strcmp(info->Algorithm.pszObjId, szOID_RSA_RSA) != 0) {
-        return std::nullopt;
-    }
-    const LocalBuffer blob =
-        decodeDer(RSA_CSP_PUBLICKEYBLOB, {info->PublicKey.pbData, info->PublicKey.cbData}, length);
-    constexpr std::size_t kHeadLength = sizeof(PUBLICKEYSTRUC) + sizeof(RSAPUBKEY);
-    if (!blob || length < kHeadLength) return std::nullopt;
-    RSAPUBKEY head{};
-    const auto* bytes = static_cast<const unsigned char*>(blob.get());
-    std::memcpy(&head, bytes + sizeof(PUBLICKEYSTRUC), sizeof(head));
-    const std::size_t modulusLength = head.bitlen / 8;
-    if (modulusLength == 0 || modulusLength > kPublicKeyCapacity || length - kHeadLength < modulusLength) {
-        return std::nullopt;
-    }
-    RsaPublicKey key;
-    key.modulus.assign(bytes + kHeadLength, bytes + kHeadLength + modulusLength);
-    std::reverse(key.modulus.begin(), key.modulus.end());
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        key.exponent.push_back(static_cast<unsigned char>(head.pubexp >> shift));
-    }
-    return key;
 }
 
 bool verifyRsa(const RsaPublicKey& key, BytesView hash, BytesView signature, SignatureScheme scheme) {

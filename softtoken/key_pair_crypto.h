@@ -1,8 +1,7 @@
 #pragma once
 
 #include "expression.h"
-
-#include <optional>
+#include "x509.h"
 
 namespace veltra::softtoken {
 
@@ -30,6 +29,10 @@ struct GeneratedKeyPair {
     SecureBytes privateKey; ///< canonical "(private-key ..)" expression
 };
 
+/// `number`, as libgcrypt prints one, in exactly `length` bytes: it puts a zero byte before a set top bit,
+/// and leaves out leading zero bytes. Failure::Crypto when the number is longer.
+Bytes fixedLength(const Bytes& number, std::size_t length);
+
 GeneratedKeyPair generateKeyPair(const KeyKind& kind);
 
 /// Signs `hash`, whose algorithm follows from its length: 16 MD5, 20 SHA-1, 28, 32, 48, 64 SHA-2, and 36 MD5
@@ -39,15 +42,6 @@ Bytes signHash(const KeyKind& kind, BytesView privateKey, BytesView hash, Signat
 
 /// Throws Failure::NotSupported where signHash() would.
 void requireSignable(const KeyKind& kind, std::size_t hashLength, SignatureScheme scheme);
-
-/// An RSA public key, both numbers big-endian.
-struct RsaPublicKey {
-    Bytes modulus;
-    Bytes exponent;
-};
-
-/// Reads a DER SubjectPublicKeyInfo (RFC 5280); nothing when it is not one of an RSA key.
-std::optional<RsaPublicKey> parseRsaPublicKey(BytesView der);
 
 /// Whether `signature` is one of `hash` under the key; the same forms as signHash(). A key or signature that
 /// is malformed does not verify.

@@ -1,8 +1,7 @@
 #include "key_store.h"
 
+#include "record_folder.h"
 #include "sealed_data.h"
-
-#include <algorithm>
 
 namespace veltra::softtoken {
 
@@ -50,22 +49,7 @@ Bytes sealingContext(const StoredKeyPair& key) {
 } // namespace
 
 std::vector<StoredKeyPair> KeyStore::list() const {
-    std::vector<StoredKeyPair> keys;
-    std::error_code error;
-    for (fs::directory_iterator entry(folder_, error), end; !error && entry != end; entry.increment(error)) {
-        if (entry->path().extension() != kExtension) continue;
-        try {
-            // A file that another process has just deleted is not damaged.
-            if (const auto record = readRecord(entry->path(), "key-pair"))
-                keys.push_back(fromExpression(*record));
-        } catch (const TokenError& failure) {
-            report(std::string("a key pair is skipped: ") + failure.what());
-        }
-    }
-    std::sort(keys.begin(), keys.end(), [](const StoredKeyPair& left, const StoredKeyPair& right) {
-        return left.sequence < right.sequence;
-    });
-    return keys;
+    return readRecordFolder(folder_, kExtension, "key-pair", fromExpression);
 }
 
 StoredKeyPair KeyStore::find(BytesView keyId) const {
@@ -76,13 +60,12 @@ StoredKeyPair KeyStore::find(BytesView keyId) const {
 
 StoredKeyPair KeyStore::add(const GeneratedKeyPair& keys, const KeyKind& kind, std::uint32_t usage,
                             std::string label, BytesView masterKey) const {
-    const std::vector<StoredKeyPair> existing = list();
     StoredKeyPair key;
     key.keyId = randomBytes(kKeyIdLength);
     key.type = kind.type;
     key.usage = usage;
-    key.label = label.empty() ? "Key-" + toHex(key.keyId).substr(0, 8) : std::move(label);
-    key.sequence = existing.empty() ? 1 : existing.back().sequence + 1;
+    key.label = label.empty() ? defaultLabel("Key-", key.keyId) : std::move(label);
+    key.sequence = nextSequence(list());
     key.publicKey = keys.publicKey;
     key.sealedPrivateKey = seal(masterKey, sealingContext(key), keys.privateKey).canonical();
     writeRecord(file(key.keyId), toExpression(key), Overwrite::Refused);

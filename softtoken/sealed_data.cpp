@@ -9,36 +9,18 @@ namespace {
 constexpr std::size_t kNonceLength = 12;
 constexpr std::size_t kTagLength = 16;
 
-/// AES-256-GCM with key, nonce and context set.
-class Gcm {
-public:
-    Gcm(BytesView key, BytesView nonce, BytesView context) {
-        initialiseCrypto();
-        checkCrypto(gcry_cipher_open(&raw_, GCRY_CIPHER_AES256, GCRY_CIPHER_MODE_GCM, GCRY_CIPHER_SECURE),
-                    "AES-GCM");
-        gcry_error_t error = gcry_cipher_setkey(raw_, key.data(), key.size());
-        if (error == 0) error = gcry_cipher_setiv(raw_, nonce.data(), nonce.size());
-        if (error == 0) error = gcry_cipher_authenticate(raw_, context.data(), context.size());
-        if (error != 0) {
-            gcry_cipher_close(raw_);
-            checkCrypto(error, "AES-GCM set-up");
-        }
-    }
-    Gcm(const Gcm&) = delete;
-    Gcm& operator=(const Gcm&) = delete;
-    ~Gcm() { gcry_cipher_close(raw_); }
-
-    [[nodiscard]] gcry_cipher_hd_t get() const noexcept { return raw_; }
-
-private:
-    gcry_cipher_hd_t raw_ = nullptr;
-};
+CipherHandle openGcm(BytesView key, BytesView nonce, BytesView context) {
+    CipherHandle gcm = openAes(GCRY_CIPHER_MODE_GCM, key);
+    checkCrypto(gcry_cipher_setiv(gcm.get(), nonce.data(), nonce.size()), "AES-GCM nonce");
+    checkCrypto(gcry_cipher_authenticate(gcm.get(), context.data(), context.size()), "AES-GCM context");
+    return gcm;
+}
 
 } // namespace
 
 Expression seal(BytesView key, BytesView context, BytesView plaintext) {
     const Bytes nonce = randomBytes(kNonceLength);
-    const Gcm gcm(key, nonce, context);
+    const CipherHandle gcm = openGcm(key, nonce, context);
     Bytes ciphertext(plaintext.size());
     checkCrypto(gcry_cipher_final(gcm.get()), "AES-GCM");
     checkCrypto(gcry_cipher_encrypt(gcm.get(), ciphertext.data(), ciphertext.size(), plaintext.data(),
@@ -58,7 +40,7 @@ SecureBytes unseal(BytesView key, BytesView context, const Expression& sealed) {
     if (nonce.size() != kNonceLength || tag.size() != kTagLength) {
         throw TokenError(Failure::Damaged, "sealed data has the wrong shape");
     }
-    const Gcm gcm(key, nonce, context);
+    const CipherHandle gcm = openGcm(key, nonce, context);
     SecureBytes plaintext(ciphertext.size());
     checkCrypto(gcry_cipher_final(gcm.get()), "AES-GCM");
     checkCrypto(gcry_cipher_decrypt(gcm.get(), plaintext.data(), plaintext.size(), ciphertext.data(),

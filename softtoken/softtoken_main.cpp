@@ -1,14 +1,21 @@
 // softtoken.exe: makes and manages the tokens that VeltraDSCLibrary.dll presents. It works on the same files
 // and does not load the DLL.
 
+#include "aes_key_store.h"
+#include "certificate_files.h"
+#include "certificate_store.h"
 #include "key_store.h"
 #include "pin_input.h"
 #include "pin_vault.h"
 #include "session.h"
+#include "text_encoding.h"
 #include "token_operations.h"
 #include "token_store.h"
+#include "x509.h"
 
 #include <CLI.hpp>
+#include <algorithm>
+#include <cctype>
 #include <iomanip>
 #include <iostream>
 #include <map>
@@ -42,6 +49,7 @@ Examples:
   softtoken show DEV-1
   softtoken login DEV-1 --pin-env TOKEN_PIN --seconds 600
   softtoken set DEV-1 --session-seconds 30 --clock-mismatch on
+  softtoken import-certificate DEV-1 chain.pem
   softtoken unplug DEV-1
   softtoken delete DEV-1 --yes
 
@@ -130,6 +138,49 @@ void show(const std::string& serial) {
     for (const StoredKeyPair& key : KeyStore(token).list()) {
         line("Key") << toHex(key.keyId) << "  " << keyTypeName(*findKeyKind(key.type)) << "  "
                     << usageName(key.usage) << "  " << key.label << '\n';
+    }
+    for (const StoredAesKey& key : AesKeyStore(token).list()) {
+        line("AES key") << toHex(key.keyId) << "  AES-" << key.keyLength * 8 << "  " << key.label << '\n';
+    }
+    for (const StoredCertificate& certificate : CertificateStore(token).list()) {
+        line("Certificate") << toHex(certificate.keyId) << "  " << certificateDetails(certificate.der).subject
+                            << "  " << certificate.label << '\n';
+    }
+}
+
+/// The identifier of the key pair that a certificate is for: with the digits that were given, or else with
+/// the certified public key. Empty when the token has no key pair for the certificate.
+Bytes findKeyId(const TokenFolder& token, std::string digits, BytesView der) {
+    std::ranges::transform(digits, digits.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    const Bytes publicKey = certifiedPublicKey(der);
+    for (StoredKeyPair& key : KeyStore(token).list()) {
+        if (digits.empty() ? key.publicKey == publicKey : toHex(key.keyId) == digits)
+            return std::move(key.keyId);
+    }
+    if (!digits.empty()) throw TokenError(Failure::NoSuchKey, "there is no key pair " + digits);
+    return {};
+}
+
+void importCertificates(const std::string& serial, const std::string& file, const std::string& keyDigits) {
+    const TokenFolder token(serial);
+    static_cast<void>(token.description());
+    const std::vector<Bytes> certificates = readCertificateFile(fromSystemCodePage(file));
+    if (certificates.empty()) {
+        throw TokenError(Failure::BadArgument, file + " cannot be read or has no certificate in it");
+    }
+    if (!keyDigits.empty() && certificates.size() > 1) {
+        throw TokenError(Failure::BadArgument,
+                         file + " has several certificates in it; a key pair has only one");
+    }
+    const FileLock lock = token.lock();
+    for (const Bytes& der : certificates) {
+        const Bytes keyId = findKeyId(token, keyDigits, der);
+        static_cast<void>(CertificateStore(token).put(keyId, "", der));
+        std::cout << "Stored " << certificateDetails(der).subject
+                  << (keyId.empty() ? ", which is for no key pair of the token"
+                                    : " for the key pair " + toHex(keyId))
+                  << '\n';
     }
 }
 
@@ -290,6 +341,23 @@ void addChangePin(CLI::App& app) {
     command->callback([options] { changePin(options->serial, options->oldPin, options->newPin); });
 }
 
+void addImportCertificate(CLI::App& app) {
+    struct Options {
+        std::string serial, file, key;
+    };
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand(
+        "import-certificate", "Store certificates; each takes the place of the one that its key pair had");
+    addSerial(*command, options->serial);
+    command->add_option("FILE", options->file, "PEM, with one or more certificates, or DER")->required();
+    command
+        ->add_option("--key", options->key,
+                     "Identifier of the key pair it is for (default: the one with its public key; a "
+                     "certificate of no key pair is stored too)")
+        ->type_name("ID");
+    command->callback([options] { importCertificates(options->serial, options->file, options->key); });
+}
+
 void addDelete(CLI::App& app) {
     auto serial = std::make_shared<std::string>();
     auto confirmed = std::make_shared<bool>(false);
@@ -308,7 +376,7 @@ void addDelete(CLI::App& app) {
 void addCommands(CLI::App& app) {
     addCreate(app);
     app.add_subcommand("list", "List all tokens, unplugged ones too")->callback(listAll);
-    addSimpleCommand(app, "show", "Show a token with its state and keys", show);
+    addSimpleCommand(app, "show", "Show a token with its state, keys and certificates", show);
     addSimpleCommand(app, "plug", "Plug a token in",
                      [](const std::string& serial) { setPlugged(TokenFolder(serial), true); });
     addSimpleCommand(app, "unplug", "Pull a token out; its sessions end",
@@ -317,6 +385,7 @@ void addCommands(CLI::App& app) {
     addSimpleCommand(app, "logout", "End single sign-on", logOut);
     addSet(app);
     addChangePin(app);
+    addImportCertificate(app);
     addSimpleCommand(app, "unblock",
                      "Give all PIN attempts back; a real token would ask for an unblocking PIN", unblock);
     addDelete(app);

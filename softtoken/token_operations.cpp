@@ -1,7 +1,8 @@
 #include "token_operations.h"
 
-#include "key_store.h"
+#include "contract_records.h"
 #include "pin_vault.h"
+#include "rsa_encryption.h"
 #include "session.h"
 
 #include <algorithm>
@@ -42,19 +43,6 @@ UnlockedToken checkPin(const OpenToken& token, std::string_view pin, std::uint32
     }
 }
 
-VeltraKeyPair toRecord(const StoredKeyPair& key) {
-    VeltraKeyPair record{};
-    std::memcpy(record.keyId, key.keyId.data(), kKeyIdLength);
-    std::memcpy(record.publicKey, key.publicKey.data(), key.publicKey.size());
-    record.publicKeyLength = static_cast<std::uint32_t>(key.publicKey.size());
-    std::memcpy(record.credentialId, key.keyId.data(), kKeyIdLength);
-    record.credentialIdLength = kKeyIdLength;
-    std::memcpy(record.label, key.label.data(), key.label.size());
-    record.usage = key.usage;
-    record.keyType = key.type;
-    return record;
-}
-
 const KeyKind& kindToGenerate(std::uint32_t requested) {
     if (requested == kKeyTypeRsa1024)
         throw TokenError(Failure::NotSupported, "RSA-1024 keys are not generated");
@@ -66,9 +54,17 @@ bool isWeakHash(std::size_t length) {
     return length == 16 || length == 20 || length == 36; // MD5, SHA-1, and the two together
 }
 
-std::string labelOf(const VeltraKeyPair& record) {
-    const auto* end = std::find(std::begin(record.label), std::begin(record.label) + kLabelMaxLength, '\0');
-    return {std::begin(record.label), end};
+template <class Record, class Stored>
+std::vector<Record> toRecords(const std::vector<Stored>& stored) {
+    std::vector<Record> records;
+    records.reserve(stored.size());
+    for (const Stored& entry : stored)
+        records.push_back(toRecord(entry));
+    return records;
+}
+
+bool isZero(BytesView bytes) {
+    return std::ranges::all_of(bytes, [](unsigned char byte) { return byte == 0; });
 }
 
 } // namespace
@@ -116,12 +112,7 @@ void logIn(std::string_view serial, std::string_view pin, std::uint32_t seconds,
 }
 
 std::vector<VeltraKeyPair> keyPairs(std::string_view serial) {
-    const OpenToken token = openToken(serial);
-    std::vector<VeltraKeyPair> records;
-    for (const StoredKeyPair& key : KeyStore(token.folder).list()) {
-        records.push_back(toRecord(key));
-    }
-    return records;
+    return toRecords<VeltraKeyPair>(KeyStore(openToken(serial).folder).list());
 }
 
 void generateKeyPair(std::string_view serial, std::string_view pin, VeltraKeyPair& record) {
@@ -130,8 +121,8 @@ void generateKeyPair(std::string_view serial, std::string_view pin, VeltraKeyPai
     const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
     const GeneratedKeyPair keys = generateKeyPair(kind); // slow, so before the lock
     const FileLock lock = token.folder.lock();
-    record =
-        toRecord(KeyStore(token.folder).add(keys, kind, record.usage, labelOf(record), unlocked.masterKey()));
+    record = toRecord(
+        KeyStore(token.folder).add(keys, kind, record.usage, labelOf(record.label), unlocked.masterKey()));
 }
 
 void deleteKeyPair(std::string_view serial, BytesView keyId, std::string_view pin) {
@@ -176,6 +167,67 @@ bool verify(std::uint32_t keyType, BytesView hash, BytesView publicKey, BytesVie
     if (!kind->isRsa()) return verifyEcdsa(*kind, publicKey, hash, signature);
     const std::optional<RsaPublicKey> key = parseRsaPublicKey(publicKey);
     return key && verifyRsa(*key, hash, signature, scheme);
+}
+
+SecureBytes decrypt(std::string_view serial, BytesView keyId, std::string_view pin, BytesView ciphertext) {
+    const OpenToken token = openToken(serial);
+    const KeyStore store(token.folder);
+    const StoredKeyPair key = store.find(keyId);
+    if (!findKeyKind(key.type)->isRsa()) {
+        throw TokenError(Failure::NotSupported, "an EC key does not decrypt");
+    }
+    const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
+    return decryptRsa(store.privateKey(key, unlocked.masterKey()), key.publicKey, ciphertext);
+}
+
+std::vector<VeltraSymmetricKey> aesKeys(std::string_view serial) {
+    return toRecords<VeltraSymmetricKey>(AesKeyStore(openToken(serial).folder).list());
+}
+
+void importAesKey(std::string_view serial, std::string_view pin, VeltraSymmetricKey& record) {
+    if (record.keyLength > kSymmetricKeyCapacity) {
+        throw TokenError(Failure::BadArgument, "an AES key has 16, 24 or 32 bytes");
+    }
+    const BytesView key(record.key, record.keyLength);
+    const OpenToken token = openToken(serial);
+    const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
+    const FileLock lock = token.folder.lock();
+    VeltraSymmetricKey stored = toRecord(
+        AesKeyStore(token.folder).add(key, record.usage, labelOf(record.label), unlocked.masterKey()));
+    std::memcpy(stored.key, record.key, sizeof(record.key));
+    record = stored;
+}
+
+std::optional<SecureBytes> unwrapWithTokenKey(std::string_view serial, BytesView keyId, BytesView wrapped) {
+    const OpenToken token = openToken(serial);
+    if (keyId.size() != kKeyIdLength) return std::nullopt;
+    const AesKeyStore store(token.folder);
+    const std::optional<StoredAesKey> key = store.find(keyId);
+    if (!key) return std::nullopt;
+    const UnlockedToken unlocked = requireSession(token.folder, token.description, {});
+    return unwrapKey(store.key(*key, unlocked.masterKey()), wrapped);
+}
+
+std::vector<VeltraCertificate> certificates(std::string_view serial) {
+    return toRecords<VeltraCertificate>(CertificateStore(openToken(serial).folder).list());
+}
+
+std::optional<VeltraCertificate> findCertificate(std::string_view serial, BytesView keyId) {
+    const std::optional<StoredCertificate> found = CertificateStore(openToken(serial).folder).find(keyId);
+    if (!found) return std::nullopt;
+    return toRecord(*found);
+}
+
+void importCertificate(std::string_view serial, std::string_view pin, VeltraCertificate& record) {
+    if (record.derLength > kCertificateCapacity) {
+        throw TokenError(Failure::BadArgument, "a certificate of the token has at most 3072 bytes");
+    }
+    const OpenToken token = openToken(serial);
+    static_cast<void>(requireSession(token.folder, token.description, pin));
+    const FileLock lock = token.folder.lock();
+    const BytesView keyId = isZero(record.keyId) ? BytesView() : BytesView(record.keyId);
+    record = toRecord(
+        CertificateStore(token.folder).put(keyId, labelOf(record.label), {record.der, record.derLength}));
 }
 
 } // namespace veltra::softtoken

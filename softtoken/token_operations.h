@@ -4,8 +4,10 @@
 // The exports put the contract's argument forms around it. Thread-safe; the state is read from disk by each
 // call.
 
+#include "aes_encryption.h"
 #include "key_pair_crypto.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,5 +47,29 @@ Bytes sign(std::string_view serial, BytesView keyId, std::string_view pin, Bytes
 /// types: the uncompressed point.
 bool verify(std::uint32_t keyType, BytesView hash, BytesView publicKey, BytesView signature,
             SignatureScheme scheme);
+
+/// decryptRsa() with a key pair of the token; Failure::NotSupported for an EC key. Needs a session. Any usage
+/// decrypts.
+SecureBytes decrypt(std::string_view serial, BytesView keyId, std::string_view pin, BytesView ciphertext);
+
+/// The records carry no key material.
+std::vector<VeltraSymmetricKey> aesKeys(std::string_view serial);
+
+/// Stores the record's key, of 16, 24 or 32 bytes, and fills in identifiers, label and key type; the caller's
+/// copy of the key stays in the record. Needs a session.
+void importAesKey(std::string_view serial, std::string_view pin, VeltraSymmetricKey& record);
+
+/// unwrapKey() with the AES key of the token that has this identifier; nothing when there is none. Needs a
+/// session.
+std::optional<SecureBytes> unwrapWithTokenKey(std::string_view serial, BytesView keyId, BytesView wrapped);
+
+std::vector<VeltraCertificate> certificates(std::string_view serial);
+
+/// Nothing when the key has no certificate.
+std::optional<VeltraCertificate> findCertificate(std::string_view serial, BytesView keyId);
+
+/// CertificateStore::put() of the record, whose key identifier is all zero for a certificate that belongs to
+/// no key; fills in the record. Needs a session.
+void importCertificate(std::string_view serial, std::string_view pin, VeltraCertificate& record);
 
 } // namespace veltra::softtoken

@@ -33,11 +33,13 @@ struct TokenDescription {
 
 /// The files of one token; a value that names them, not a handle. Its folder holds
 ///
-///   token        TokenDescription
-///   pin          the master key, sealed under a key derived from the PIN
-///   retries      PIN attempts left
-///   session      the single sign-on session, while there is one
-///   keys/        one file for each key pair, the private key sealed under the master key
+///   token          TokenDescription
+///   pin            the master key, sealed under a key derived from the PIN
+///   retries        PIN attempts left
+///   session        the single sign-on session, while there is one
+///   keys/          one file for each key pair, the private key sealed under the master key
+///   aes-keys/      one file for each AES key, sealed under the master key
+///   certificates/  one file for each certificate
 ///
 /// Modifications happen under lock(); reading needs no lock, since files are replaced as a whole.
 class TokenFolder {

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "token_store.h"
+
+namespace veltra::softtoken {
+
+/// One certificate as it lies on a token.
+struct StoredCertificate {
+    Bytes keyId; ///< 16 bytes: the key pair it belongs to, or random
+    std::string label;
+    std::uint64_t sequence = 0; ///< grows with each certificate of the token: the order of import
+    Bytes der;
+};
+
+/// The certificates of one token, one for each key identifier. Whoever modifies the store holds the token's
+/// lock.
+class CertificateStore {
+public:
+    explicit CertificateStore(const TokenFolder& token) : folder_(token.path() / "certificates") {}
+
+    /// All certificates that can be read, in the order of their import; damaged files are reported and left
+    /// out.
+    [[nodiscard]] std::vector<StoredCertificate> list() const;
+
+    /// Nothing when the key has no certificate. Failure::Damaged.
+    [[nodiscard]] std::optional<StoredCertificate> find(BytesView keyId) const;
+
+    /// Stores a DER certificate for a key, in the place of the one that the key had. An empty `keyId` means
+    /// no key: a random identifier, or the one under which the same certificate is here already. The same
+    /// certificate under another identifier goes. An empty label becomes "Certificate-" and the first eight
+    /// digits of the identifier. Failure::BadArgument when label or certificate is longer than the contract's
+    /// records allow, and when `der` is not a certificate; Failure::Damaged, with nothing changed, when a
+    /// damaged file is in its place.
+    [[nodiscard]] StoredCertificate put(BytesView keyId, std::string label, BytesView der) const;
+
+private:
+    [[nodiscard]] std::filesystem::path file(BytesView keyId) const;
+
+    std::filesystem::path folder_;
+};
+
+} // namespace veltra::softtoken
