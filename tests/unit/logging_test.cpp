@@ -3,16 +3,14 @@
 
 #include "foundation/utils.h"
 
+#include <algorithm>
 #include <array>
-#include <ctime>
 
 namespace veltra::test {
 namespace {
 
 using testing::ElementsAre;
-using testing::EndsWith;
 using testing::IsEmpty;
-using testing::MatchesRegex;
 using testing::SizeIs;
 
 class LoggingTest : public ProviderTest {
@@ -83,11 +81,12 @@ TEST_F(LoggingTest, SilentLevelDoesNotEvenCreateTheFile) {
 TEST_F(LoggingTest, LineHasTimeArrowArrowTagAndText) {
     Utils::error("CPAcquireContext: \xE2\x80\x94 text");
     Utils::debug("");
-    EXPECT_THAT(
-        takeRawLogLines(),
-        ElementsAre(MatchesRegex("[0-9][0-9]/[0-9][0-9]::[0-9][0-9]:[0-9][0-9]:[0-9][0-9]:[0-9][0-9][0-9]-> "
-                                 "->ERROR ::=>CPAcquireContext: \xE2\x80\x94 text"),
-                    EndsWith("-> ->DEBUG ::=>")));
+    auto lines = takeRawLogLines();
+    for (std::string& line : lines)
+        std::replace_if(
+            line.begin(), line.end(), [](char letter) { return letter >= '0' && letter <= '9'; }, '9');
+    EXPECT_THAT(lines, ElementsAre("99/99::99:99:99:999-> ->ERROR ::=>CPAcquireContext: \xE2\x80\x94 text",
+                                   "99/99::99:99:99:999-> ->DEBUG ::=>"));
 }
 
 TEST_F(LoggingTest, TimeStampIsLocalDayBeforeMonth) {
