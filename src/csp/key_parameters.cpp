@@ -12,8 +12,7 @@ namespace veltra {
 
 namespace {
 
-constexpr ALG_ID kAes192Or256Code = kKeyTypeAes192Or256;
-constexpr ALG_ID kShortIvCode = 11;
+constexpr ALG_ID kShortIvCode = 11; // a code of the token whose IV has 8 bytes
 constexpr std::size_t kIvLength = 16;
 constexpr std::size_t kShortIvLength = 8;
 
@@ -51,6 +50,7 @@ constexpr KeyParameter kKeyParameters[] = {
 };
 
 Outcome getParameter(const KEY_HANDLE& key, const KeyParameter& parameter, BYTE* data, DWORD* dataLength) {
+    if (dataLength == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pdwDataLen is null");
     const DWORD available = *dataLength;
     const bool sizeQuery = data == nullptr || (available == 0 && parameter.zeroLengthIsSizeQuery);
     const DWORD value = parameter.value(key);
@@ -77,7 +77,7 @@ DWORD dwordAt(const BYTE* data) {
 
 // Stored for the whole process, not for the key, and only for two of the token's AES codes: deliberate.
 void setIv(const KEY_HANDLE& key, const BYTE* iv) {
-    if (key.algId == kAes192Or256Code) setProcessIv({iv, kIvLength});
+    if (key.algId == kKeyTypeAes192Or256) setProcessIv({iv, kIvLength});
     if (key.algId == kShortIvCode) setProcessIv({iv, kShortIvLength});
 }
 
@@ -116,10 +116,8 @@ BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE*
         if (usableContext(hProv) == nullptr) {
             return refuse(NTE_BAD_UID, "CPGetKeyParam: context is null or not initialized");
         }
-        const KEY_HANDLE* key = liveKey(hKey);
+        const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPGetKeyParam: key handle is null");
-        if (pdwDataLen == nullptr)
-            return refuse(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pdwDataLen is null");
         Utils::debug(concat("CPGetKeyParam - dwparam : ", dwParam));
         Utils::debug(concat("CPGetKeyParam - key id : ", toHex({key->keyId, key->keyIdLength})));
         for (const KeyParameter& parameter : kKeyParameters) {
@@ -135,7 +133,7 @@ BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const
         if (usableContext(hProv) == nullptr) {
             return refuse(NTE_BAD_UID, "CPSetKeyParam: context is null or not initialized");
         }
-        KEY_HANDLE* key = liveKey(hKey);
+        const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPSetKeyParam: key handle is null");
         Utils::debug(concat("Set key param key id : ", toHex(key->keyId)));
         Utils::debug(concat("Set key param  dwParam : ", dwParam));
