@@ -147,8 +147,7 @@ Bytes sign(std::string_view serial, BytesView keyId, std::string_view pin, Bytes
     if (token.description.fips == FipsGeneration::Fips1403 && isWeakHash(hash.size())) {
         throw TokenError(Failure::WeakHash, "a FIPS 140-3 token does not sign MD5 or SHA-1");
     }
-    const KeyStore store(token.folder);
-    const StoredKeyPair key = store.find(keyId);
+    const StoredKeyPair key = KeyStore(token.folder).find(keyId);
     const KeyKind& kind = *findKeyKind(key.type);
     requireSignable(kind, hash.size(), scheme);
     if (capacity < kind.signatureLength()) {
@@ -156,7 +155,7 @@ Bytes sign(std::string_view serial, BytesView keyId, std::string_view pin, Bytes
                          "the signature needs " + std::to_string(kind.signatureLength()) + " bytes");
     }
     const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
-    return signHash(kind, store.privateKey(key, unlocked.masterKey()), hash, scheme);
+    return signHash(kind, openPrivateKey(key, unlocked.masterKey()), hash, scheme);
 }
 
 bool verify(std::uint32_t keyType, BytesView hash, BytesView publicKey, BytesView signature,

@@ -179,13 +179,13 @@ Outcome refusePkcs1() {
 }
 
 // The padding is the token's choice: the flag decides about the policy only.
-Outcome decryptRsa(CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flags, const DataBuffer& buffer) {
+Outcome decryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flags, const DataBuffer& buffer) {
     if ((flags & CRYPT_OAEP) == 0 && !context.serial.empty() &&
         !isFips1402Token(context.serial, context.libraryContext)) {
         return refusePkcs1();
     }
     if (const Outcome verified = ensurePasswordValidated(context); !verified) {
-        return refuse(*verified.lastError, "CPDecrypt: ensurePasswordValidated failed");
+        return refuse(verified.code(), "CPDecrypt: ensurePasswordValidated failed");
     }
     Utils::debug("Before reversing encrypted data");
     const Bytes ciphertext(std::reverse_iterator(buffer.data + *buffer.length),
@@ -193,7 +193,7 @@ Outcome decryptRsa(CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flags, con
     Utils::debug("After reversing encrypted data");
     Utils::debug("Before decrypting data");
     LibraryBuffer output;
-    Outcome verifiedAgain;
+    Outcome verifiedAgain; // why the user could not be verified again, for the last error
     const PinOperationResult result = runWithSessionRetry(
         context.serial, "CPDecrypt: SSO expired, re-prompting for PIN",
         [&](const Pin& pin) {
@@ -209,7 +209,7 @@ Outcome decryptRsa(CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flags, con
             return static_cast<bool>(verifiedAgain);
         });
     if (result.verificationFailed) {
-        return refuse(*verifiedAgain.lastError, "CPDecrypt: ensurePasswordValidated failed after SSO expiry");
+        return refuse(verifiedAgain.code(), "CPDecrypt: ensurePasswordValidated failed after SSO expiry");
     }
     Utils::debug("After decrypting data");
     if (result.code != kDeviceOk) {
@@ -228,9 +228,9 @@ BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL Final, 
                       DWORD* pdwDataLen, DWORD dwBufLen) {
     return cspEntry("CPEncrypt", [&] {
         if (pdwDataLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPEncrypt: pcbDataLen is null");
-        const CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPEncrypt: context is null or not initialized");
-        const KEY_HANDLE* key = liveKey(hKey);
+        const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPEncrypt: key handle is null");
         return encryptData(*context, *key, Final != FALSE, dwFlags,
                            {.data = pbData, .length = pdwDataLen, .capacity = dwBufLen});
@@ -240,9 +240,9 @@ BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL Final, 
 BOOL WINAPI CPDecrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD dwFlags, BYTE* pbData,
                       DWORD* pdwDataLen) {
     return cspEntry("CPDecrypt", [&] {
-        CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPDecrypt: context is null or not initialized");
-        const KEY_HANDLE* key = liveKey(hKey);
+        const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPDecrypt: key handle is null");
         if (pdwDataLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPDecrypt: pdwDataLen is null");
         const char* padding = (dwFlags & CRYPT_OAEP) != 0 ? "OAEP" : "PKCS1 (defaulting to OAEP)";

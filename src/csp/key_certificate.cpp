@@ -27,7 +27,7 @@ std::optional<std::size_t> derTotalLength(const BYTE* data) {
 }
 
 // The stored PIN, or that of a new login.
-Outcome pinForImport(CSP_CONTEXT& context, Pin& pin) {
+Outcome pinForImport(const CSP_CONTEXT& context, Pin& pin) {
     pin = getPin(context.serial);
     if (!pin.empty() || context.serial.empty()) return success();
     if (!loginUser(context, pin)) return refuse(NTE_FAIL, "CPSetKeyParam: KP_CERTIFICATE login failed");
@@ -49,6 +49,7 @@ VeltraCertificate recordOf(const KEY_HANDLE& key, std::span<const BYTE> der) {
 } // namespace
 
 Outcome getKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, BYTE* data, DWORD* dataLength) {
+    if (dataLength == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pdwDataLen is null");
     deviceLibrary().veltra_initDevice(context.serial.c_str(), true, context.libraryContext);
     const auto certificate = certificateOfKey(context.serial, key.keyId, context.libraryContext);
     if (!certificate) return refuse(NTE_NOT_FOUND, "CPGetKeyParam: KP_CERTIFICATE not found, return FALSE");
@@ -67,7 +68,7 @@ Outcome getKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, BYT
     return success();
 }
 
-Outcome setKeyCertificate(CSP_CONTEXT& context, const KEY_HANDLE& key, const BYTE* data) {
+Outcome setKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, const BYTE* data) {
     if (data == nullptr)
         return refuse(ERROR_INVALID_PARAMETER, "CPSetKeyParam: KP_CERTIFICATE pbData is null");
     if (data[0] != static_cast<BYTE>(DerTag::Sequence)) {

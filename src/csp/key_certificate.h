@@ -12,6 +12,6 @@ Outcome getKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, BYT
 
 /// KP_CERTIFICATE of CPSetKeyParam: stores the certificate at `data`, DER of at most 3072 bytes whose length
 /// is taken from its own header, on the token, with its issuers as far as they are known.
-Outcome setKeyCertificate(CSP_CONTEXT& context, const KEY_HANDLE& key, const BYTE* data);
+Outcome setKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, const BYTE* data);
 
 } // namespace veltra

@@ -34,9 +34,10 @@ Outcome deriveKey(const CSP_CONTEXT& context, HASH_CONTEXT& hash, ALG_ID algId, 
     key->symmetricKeyLength = keyBits / 8;
     std::copy_n(hash.hashValue.begin(), std::min(hash.hashValueLength, key->symmetricKeyLength),
                 key->symmetricKey.data());
+    // A decimal number behind "0x", here and in the refusal: part of the log format.
+    std::string line = concat("CPDeriveKey: derived ", keyBits, "-bit key for algId=0x", algId);
     *phKey = LiveRecords<KEY_HANDLE>::add(std::move(key));
-    // A decimal number behind "0x", in both lines: part of the log format.
-    Utils::debug(concat("CPDeriveKey: derived ", keyBits, "-bit key for algId=0x", algId));
+    Utils::debug(std::move(line));
     return success();
 }
 
@@ -48,10 +49,10 @@ using namespace veltra;
 
 BOOL WINAPI CPDeriveKey(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTHASH hBaseData, DWORD, HCRYPTKEY* phKey) {
     return cspEntry("CPDeriveKey", [&] {
-        const CSP_CONTEXT* context = liveContext(hProv);
+        const auto context = liveContext(hProv);
         if (phKey == nullptr || context == nullptr) return failure(ERROR_INVALID_PARAMETER);
         if (context->initialised == 0) return failure(NTE_BAD_UID);
-        HASH_CONTEXT* hash = liveHash(hBaseData);
+        const auto hash = liveHash(hBaseData);
         if (hash == nullptr) return failure(NTE_BAD_HASH);
         const DWORD keyBits = aesKeyBits(Algid);
         if (keyBits == 0)

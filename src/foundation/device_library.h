@@ -4,6 +4,13 @@
 
 namespace veltra {
 
+/// Not a code of the library: what its callers make of a success whose reported length is negative or does
+/// not fit the buffer that the library was given.
+constexpr int kDeviceBadLength = -1;
+
+/// Nor is this: a call that threw, where one failing token must not fail the whole operation.
+constexpr int kDeviceThrew = -2;
+
 /// The seam to the device library: everything in the provider that touches a token goes through this
 /// interface. The methods carry the library's own names and contracts (device_library_contract.h).
 ///
@@ -36,7 +43,7 @@ public:
                                          void* ctx) = 0;
     virtual int veltra_getCertificateDetails(const unsigned char* der, int length, CertificateDetails& out,
                                              void* ctx) = 0;
-    virtual std::vector<std::pair<std::string, std::vector<unsigned char>>>
+    virtual std::vector<NamedDer>
     veltra_getFilesWithExtensionsAndConvertDER(const std::string& folder,
                                                const std::vector<std::string>& extensions, void* ctx) = 0;
     virtual std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char* serial, void* ctx) = 0;
