@@ -130,7 +130,7 @@ TEST_F(GenKeyTest, Refusals) {
     library.script("veltra_generateKeyPair", {.result = 23});
     EXPECT_EQ(generate(CALG_RSA_SIGN, 0), refused(kTokenFull, {"RSA Keypair Generation Failed, code=23"}));
     EXPECT_EQ(key, 0u);
-    const CSP_CONTEXT* context = liveContext(provider);
+    const auto context = liveContext(provider);
     EXPECT_EQ(context->keyName, container);
     EXPECT_FALSE(context->signatureKey.filled());
     EXPECT_EQ(readContainerValue(container), "");
@@ -155,7 +155,7 @@ TEST_F(GenKeyTest, UserIsVerifiedBeforeTheLengthIsLookedAt) {
 TEST_F(GenKeyTest, KeysOfAContainerAreRememberedInOrderAndBecomeTheContextsKey) {
     EXPECT_EQ(generate(CALG_RSA_SIGN, 0), accepted());
     const std::string first(keyNameOf(token.keyPairs.at(0).keyId));
-    const CSP_CONTEXT* context = liveContext(provider);
+    const auto context = liveContext(provider);
     EXPECT_EQ(context->keyName, first);
     EXPECT_EQ(context->containerName, container);
     EXPECT_EQ(0, std::memcmp(context->signatureKey.keyId.data(), token.keyPairs[0].keyId, 16));
@@ -171,6 +171,23 @@ TEST_F(GenKeyTest, KeysOfAContainerAreRememberedInOrderAndBecomeTheContextsKey) 
     EXPECT_TRUE(CPDestroyKey(provider, key));
     EXPECT_EQ(liveContext(acquire(container.c_str()))->keyName, first)
         << "the first one is the container's key";
+}
+
+TEST_F(GenKeyTest, WhatTheRegistryHoldsOfAContainerIsNeverLost) {
+    writeContainerValue(container, "ANOTHER,PROCESS");
+    EXPECT_EQ(generate(CALG_RSA_SIGN, 0), accepted());
+    const std::string first(keyNameOf(token.keyPairs.at(0).keyId));
+    EXPECT_EQ(readContainerValue(container), "ANOTHER,PROCESS," + first + std::string(1, '\0'));
+    EXPECT_TRUE(CPDestroyKey(provider, key));
+
+    // With one more name the value would be longer than what is ever read back.
+    const std::string full = std::string(900, 'F') + "," + first + "," + std::string(60, 'G');
+    writeContainerValue(container, full);
+    const Answer answer = generate(CALG_RSA_SIGN, 0);
+    EXPECT_EQ(answer.result, TRUE);
+    EXPECT_EQ(answer.errors.size(), 1u);
+    EXPECT_EQ(readContainerValue(container), full);
+    EXPECT_TRUE(CPDestroyKey(provider, key));
 }
 
 TEST_F(GenKeyTest, KeyWithoutAContainerNameIsNotRemembered) {
@@ -241,7 +258,7 @@ TEST_F(UserKeyTest, RecordIsFilledFromTheTokensPair) {
     std::memset(pair.label, 'L', sizeof pair.label); // nothing in it ends it
     pair.flag = 0x100;
     const HCRYPTPROV provider = acquire(std::string(32, '1').c_str());
-    const KEY_HANDLE* record = liveKey(userKey(provider, AT_SIGNATURE));
+    const auto record = liveKey(userKey(provider, AT_SIGNATURE));
     ASSERT_NE(record, nullptr);
     EXPECT_EQ(record->publicKeyLength, 550u);
     EXPECT_EQ(0, std::memcmp(record->publicKey, pair.publicKey, 550));
@@ -250,21 +267,23 @@ TEST_F(UserKeyTest, RecordIsFilledFromTheTokensPair) {
     EXPECT_EQ(std::string(record->label), std::string(128, 'L'));
     EXPECT_EQ(record->tokenFlag, 1);
     EXPECT_EQ(record->keyUsage, 3u);
-    const CSP_CONTEXT* context = liveContext(provider);
+    const auto context = liveContext(provider);
     EXPECT_TRUE(context->signatureKey.filled());
     EXPECT_FALSE(context->exchangeKey.filled());
 }
 
-TEST_F(UserKeyTest, PairWithImpossibleLengthsIsLeftOut) {
+TEST_F(UserKeyTest, ImpossibleLengthsInATokensPairCountAsNothing) {
     token.addKeyPair(0x11).publicKeyLength = 1025;
     token.addKeyPair(0x22).credentialIdLength = 0xFFFFFFFF;
-    token.addKeyPair(0x33);
-    const HCRYPTPROV provider = acquire();
-    open(provider, AT_KEYEXCHANGE);
-    const KEY_HANDLE* record = liveKey(key);
-    ASSERT_NE(record, nullptr);
-    EXPECT_EQ(record->keyId[0], 0x33);
-    EXPECT_TRUE(CPDestroyKey(provider, key));
+    const auto withoutPublicKey = liveKey(userKey(acquire(std::string(32, '1').c_str()), AT_SIGNATURE));
+    const auto withoutCredential = liveKey(userKey(acquire(std::string(32, '2').c_str()), AT_SIGNATURE));
+    ASSERT_TRUE(withoutPublicKey && withoutCredential);
+    EXPECT_EQ(withoutPublicKey->publicKeyLength, 0u);
+    EXPECT_EQ(withoutPublicKey->credentialIdLength, 1u);
+    EXPECT_EQ(withoutCredential->publicKeyLength, 256u);
+    EXPECT_EQ(withoutCredential->credentialIdLength, 0u);
+    EXPECT_THAT(takeLogLines(),
+                Contains("ERROR Key pair " + std::string(32, '1') + " has an impossible public key length"));
 }
 
 TEST_F(UserKeyTest, WithoutAContainerOnlyTheExchangeKeyIsGivenOutUntilContainersWereEnumerated) {
@@ -278,7 +297,7 @@ TEST_F(UserKeyTest, WithoutAContainerOnlyTheExchangeKeyIsGivenOutUntilContainers
     EXPECT_EQ(keyParameter(provider, key, KP_ALGID), static_cast<DWORD>(CALG_RSA_KEYX));
     EXPECT_TRUE(CPDestroyKey(provider, key));
 
-    CSP_CONTEXT* context = liveContext(provider);
+    const auto context = liveContext(provider);
     context->containersEnumerated = true;
     EXPECT_EQ(open(provider, AT_SIGNATURE), accepted());
     EXPECT_EQ(liveKey(key)->keyId[0], 0x11);
@@ -290,7 +309,7 @@ TEST_F(UserKeyTest, FilledSlotKeepsItsKey) {
     token.addKeyPair(0x11);
     token.addKeyPair(0x22);
     const HCRYPTPROV provider = acquire(std::string(32, '2').c_str());
-    CSP_CONTEXT* context = liveContext(provider);
+    const auto context = liveContext(provider);
     context->signatureKey.fill(token.keyPairs[0].keyId);
     EXPECT_NE(userKey(provider, AT_SIGNATURE), 0u);
     EXPECT_EQ(context->signatureKey.keyId[0], 0x11);

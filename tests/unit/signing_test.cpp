@@ -179,7 +179,7 @@ TEST_F(SigningTest, RememberedKeyOfTheSpecificationComesFirst) {
     token.addKeyPair(0x11);
     token.addKeyPair(0x22, kKeyTypeRsa3072, kUsageEncrypt);
     const HCRYPTPROV provider = openKey('1');
-    CSP_CONTEXT* context = liveContext(provider);
+    const auto context = liveContext(provider);
     context->exchangeKey.fill(token.keyPairs[1].keyId);
 
     EXPECT_EQ(sign(provider, hashWithValue(provider), AT_KEYEXCHANGE), accepted());
