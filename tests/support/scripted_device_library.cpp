@@ -1,6 +1,7 @@
 #include "support/scripted_device_library.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
@@ -16,6 +17,10 @@ constexpr int kWrongPin = 73;
 constexpr int kBufferTooSmall = 74;
 constexpr int kBadSignature = 75;
 constexpr int kNoSuchHash = 76;
+constexpr int kNotACiphertext = 77;
+constexpr int kNotACertificate = 78;
+
+constexpr std::size_t kAesBlock = 16;
 
 constexpr std::size_t kSignatureBytes[] = {0, 128, 256, 384, 512, 64, 96, 132};
 constexpr std::size_t kPublicKeyBytes[] = {0, 128, 256, 384, 512, 65, 97, 133};
@@ -47,6 +52,29 @@ std::string show(const int* value) {
 
 std::string showKeyId(const unsigned char* keyId) {
     return keyId ? hex(keyId, 2) + ".." + hex(keyId + kKeyIdLength - 2, 2) : "null";
+}
+
+std::string show(bool value) {
+    return value ? "1" : "0";
+}
+
+template <class Enum>
+requires std::is_enum_v<Enum> std::string show(Enum value) {
+    return std::to_string(static_cast<std::uint32_t>(value));
+}
+
+/// Hands out what the library allocates; at least as many bytes as a script says that there are.
+int handOut(const Bytes& bytes, const Script& script, unsigned char** out, int* outLength) {
+    *outLength = script.length.value_or(static_cast<int>(bytes.size()));
+    const auto reported = static_cast<std::size_t>(std::max(*outLength, 1));
+    *out = static_cast<unsigned char*>(std::calloc(std::max(bytes.size(), reported), 1));
+    std::copy(bytes.begin(), bytes.end(), *out);
+    return kDeviceOk;
+}
+
+template <class Record>
+bool hasId(const Record& record, const unsigned char* keyId) {
+    return std::equal(std::begin(record.keyId), std::end(record.keyId), keyId);
 }
 
 /// Adds the library context, which the provider always leaves null, only where it is not.
@@ -84,6 +112,23 @@ VeltraKeyPair& ScriptedToken::addKeyPair(unsigned char id, std::uint32_t keyType
     return pair;
 }
 
+VeltraSymmetricKey& ScriptedToken::addAesKey(unsigned char id, std::uint32_t keyType) {
+    VeltraSymmetricKey& key = aesKeys.emplace_back();
+    std::memset(&key, 0, sizeof key);
+    std::fill(std::begin(key.keyId), std::end(key.keyId), id);
+    key.keyType = keyType;
+    return key;
+}
+
+VeltraCertificate& ScriptedToken::addCertificate(unsigned char id, const Bytes& der) {
+    VeltraCertificate& certificate = certificates.emplace_back();
+    std::memset(&certificate, 0, sizeof certificate);
+    std::fill(std::begin(certificate.keyId), std::end(certificate.keyId), id);
+    std::copy(der.begin(), der.end(), certificate.der);
+    certificate.derLength = static_cast<std::uint32_t>(der.size());
+    return certificate;
+}
+
 ScriptedDeviceLibrary& ScriptedDeviceLibrary::instance() {
     static auto* library = new ScriptedDeviceLibrary;
     return *library;
@@ -95,6 +140,7 @@ void ScriptedDeviceLibrary::reset() {
     calls_.clear();
     scripts_.clear();
     hashes_.clear();
+    caFiles.clear();
     generatedKeys_ = 0;
 }
 
@@ -175,6 +221,24 @@ Bytes ScriptedDeviceLibrary::publicKeyOf(std::uint32_t keyType) {
         key[i] = static_cast<unsigned char>(0xC0 + i);
     if (keyType >= kKeyTypeEcP256) key[0] = 4;
     return key;
+}
+
+Bytes ScriptedDeviceLibrary::maskOf(Bytes bytes) {
+    for (unsigned char& byte : bytes)
+        byte ^= 0x5A;
+    return bytes;
+}
+
+Bytes ScriptedDeviceLibrary::fakeCertificate(const std::string& commonName, const std::string& issuer,
+                                             const std::string& subject) {
+    const std::string text = commonName + "|" + issuer + "|" + subject;
+    Bytes der(4 + text.size());
+    der[0] = 0x30;
+    der[1] = 0x82;
+    der[2] = static_cast<unsigned char>(text.size() >> 8);
+    der[3] = static_cast<unsigned char>(text.size());
+    std::copy(text.begin(), text.end(), der.begin() + 4);
+    return der;
 }
 
 Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arguments) {
@@ -290,6 +354,194 @@ int ScriptedDeviceLibrary::veltra_deleteKeyPair(const char* serial, const unsign
         return std::equal(std::begin(pair.keyId), std::end(pair.keyId), keyId);
     });
     return deleted ? kDeviceOk : kNoSuchKey;
+}
+
+int ScriptedDeviceLibrary::veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId,
+                                                       const char* pin, const char* label,
+                                                       const unsigned char* data, int length, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    return begin("veltra_updateKeyPairDetails", "serial=" + show(serial) + ", key=" + showKeyId(keyId) +
+                                                    ", pin=" + show(pin) + ", label=" + show(label) +
+                                                    ", data=" + show(data, length) + showContext(ctx))
+        .result;
+}
+
+std::vector<VeltraCertificate>& ScriptedDeviceLibrary::veltra_getCertificateList(const char* serial,
+                                                                                 void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    begin("veltra_getCertificateList", "serial=" + show(serial) + showContext(ctx));
+    ScriptedToken* token = find(serial);
+    return token ? token->certificates : noCertificates_;
+}
+
+VeltraCertificate* ScriptedDeviceLibrary::veltra_findCertificateForKey(const char* serial,
+                                                                       const unsigned char* keyId,
+                                                                       void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    begin("veltra_findCertificateForKey",
+          "serial=" + show(serial) + ", key=" + showKeyId(keyId) + showContext(ctx));
+    if (ScriptedToken* token = find(serial))
+        for (VeltraCertificate& certificate : token->certificates)
+            if (hasId(certificate, keyId)) return &certificate;
+    return nullptr;
+}
+
+int ScriptedDeviceLibrary::veltra_importCertificate(const char* serial, const char* pin,
+                                                    VeltraCertificate* inout, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script =
+        begin("veltra_importCertificate",
+              "serial=" + show(serial) + ", pin=" + show(pin) + ", key=" + showKeyId(inout->keyId) +
+                  ", der=" + show(inout->der, static_cast<int>(inout->derLength)) + ", label='" +
+                  inout->label + "'" + showContext(ctx));
+    if (script.result) return script.result;
+    ScriptedToken* token = find(serial);
+    if (!token) return kNoSuchToken;
+    if (!acceptsPin(*token, pin)) return kWrongPin;
+    token->certificates.push_back(*inout);
+    return kDeviceOk;
+}
+
+int ScriptedDeviceLibrary::veltra_getCertificateDetails(const unsigned char* der, int length,
+                                                        CertificateDetails& out, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script =
+        begin("veltra_getCertificateDetails", "der=" + show(der, length) + showContext(ctx));
+    if (script.result) return script.result;
+    std::istringstream text(std::string(der + 4, der + std::max(length, 4)));
+    if (!std::getline(text, out.commonName, '|') || !std::getline(text, out.issuer, '|')) {
+        return kNotACertificate;
+    }
+    std::getline(text, out.subject, '|');
+    return kDeviceOk;
+}
+
+std::vector<NamedDer> ScriptedDeviceLibrary::veltra_getFilesWithExtensionsAndConvertDER(
+    const std::string& folder, const std::vector<std::string>& extensions, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    std::string list;
+    for (const std::string& extension : extensions)
+        list += " " + extension;
+    begin("veltra_getFilesWithExtensionsAndConvertDER",
+          "folder=" + folder + ", extensions=" + list + showContext(ctx));
+    return caFiles;
+}
+
+std::vector<VeltraSymmetricKey>& ScriptedDeviceLibrary::veltra_getAesKeyList(const char* serial, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    begin("veltra_getAesKeyList", "serial=" + show(serial) + showContext(ctx));
+    ScriptedToken* token = find(serial);
+    return token ? token->aesKeys : noAesKeys_;
+}
+
+int ScriptedDeviceLibrary::veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
+                                               void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script =
+        begin("veltra_importAesKey", "serial=" + show(serial) + ", pin=" + show(pin) +
+                                         ", key=" + show(inout->key, static_cast<int>(inout->keyLength)) +
+                                         ", type=" + std::to_string(inout->keyType) + showContext(ctx));
+    if (script.result) return script.result;
+    ScriptedToken* token = find(serial);
+    if (!token) return kNoSuchToken;
+    if (!acceptsPin(*token, pin)) return kWrongPin;
+    std::fill(std::begin(inout->keyId), std::end(inout->keyId), 0xAE);
+    inout->credentialId[0] = 0xAE;
+    inout->credentialIdLength = 1;
+    std::strcpy(inout->label, "stored");
+    inout->usage = kUsageBoth;
+    inout->flag = 1;
+    token->aesKeys.push_back(*inout);
+    return kDeviceOk;
+}
+
+int ScriptedDeviceLibrary::veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in,
+                                          int inLength, unsigned char* out, int* outLength,
+                                          const unsigned char* key, int keyLength, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script =
+        begin("veltra_encrypt", "type=" + show(type) + ", padding=" + show(padding) +
+                                    ", in=" + show(in, inLength) + ", out=" + show(outLength) +
+                                    ", key=" + show(key, keyLength) + showContext(ctx));
+    if (script.result) return script.result;
+    if (inLength >= *outLength) return kBufferTooSmall;
+    const Bytes masked = maskOf(Bytes(in, in + inLength));
+    std::fill(out, out + *outLength - inLength, 0);
+    std::copy(masked.begin(), masked.end(), out + *outLength - inLength);
+    *outLength = script.length.value_or(*outLength);
+    return kDeviceOk;
+}
+
+int ScriptedDeviceLibrary::veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
+                                          const unsigned char* in, int inLength, unsigned char** out,
+                                          int* outLength, bool flag, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script = begin("veltra_decrypt", "serial=" + show(serial) + ", key=" + showKeyId(keyId) +
+                                                      ", pin=" + show(pin) + ", in=" + show(in, inLength) +
+                                                      ", flag=" + show(flag) + showContext(ctx));
+    if (script.result) return script.result;
+    const ScriptedToken* token = find(serial);
+    if (!token) return kNoSuchToken;
+    if (!acceptsPin(*token, pin)) return kWrongPin;
+    if (*in != 0) return kNotACiphertext;
+    const unsigned char* end = in + inLength;
+    const unsigned char* start = std::find_if(in, end, [](unsigned char byte) { return byte != 0; });
+    return handOut(maskOf(Bytes(start, end)), script, out, outLength);
+}
+
+int ScriptedDeviceLibrary::veltra_encrypt_aes(const char* serial, EncryptionType type,
+                                              const unsigned char* key, int keyLength,
+                                              const unsigned char* in, int inLength, unsigned char** out,
+                                              int* outLength, bool final, const unsigned char* iv,
+                                              int ivLength, const unsigned char* extra, int extraLength,
+                                              void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script =
+        begin("veltra_encrypt_aes", "serial=" + show(serial) + ", type=" + show(type) +
+                                        ", key=" + show(key, keyLength) + ", in=" + show(in, inLength) +
+                                        ", final=" + show(final) + ", iv=" + show(iv, ivLength) +
+                                        ", extra=" + show(extra, extraLength) + showContext(ctx));
+    if (script.result) return script.result;
+    Bytes plain(in, in + inLength);
+    const std::size_t padding = kAesBlock - plain.size() % kAesBlock;
+    if (final) plain.insert(plain.end(), padding, static_cast<unsigned char>(padding));
+    return handOut(maskOf(plain), script, out, outLength);
+}
+
+int ScriptedDeviceLibrary::veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId,
+                                              int keyLength, const unsigned char* in, int inLength,
+                                              unsigned char** out, int* outLength, bool flag,
+                                              const unsigned char* iv, int ivLength, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script =
+        begin("veltra_decrypt_aes", "serial=" + show(serial) + ", key=" + show(keyOrKeyId, keyLength) +
+                                        ", in=" + show(in, inLength) + ", flag=" + show(flag) +
+                                        ", iv=" + show(iv, ivLength) + showContext(ctx));
+    if (script.result) return script.result;
+    Bytes plain = maskOf(Bytes(in, in + inLength));
+    const ScriptedToken* token = find(serial);
+    const bool isWrapped = token && keyLength == static_cast<int>(kKeyIdLength) &&
+                           std::ranges::any_of(token->aesKeys, [&](const VeltraSymmetricKey& candidate) {
+                               return hasId(candidate, keyOrKeyId);
+                           });
+    if (isWrapped) {
+        if (plain.empty() || plain[0] != keyOrKeyId[0]) return kNotACiphertext;
+        plain.erase(plain.begin());
+    } else if (!plain.empty() && plain.back() <= kAesBlock && plain.back() <= plain.size()) {
+        plain.resize(plain.size() - plain.back());
+    }
+    return handOut(plain, script, out, outLength);
+}
+
+int ScriptedDeviceLibrary::veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out,
+                                                       bool software, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script =
+        begin("veltra_generateRamdomNumber", "serial=" + show(serial) + ", count=" + std::to_string(count) +
+                                                 ", software=" + show(software) + showContext(ctx));
+    if (script.result) return script.result;
+    std::fill(out, out + count, 0x77);
+    return kDeviceOk;
 }
 
 int ScriptedDeviceLibrary::veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,

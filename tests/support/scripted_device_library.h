@@ -23,6 +23,8 @@ struct ScriptedToken {
     std::string pin = "1234";
     int remaining = 3;
     std::vector<VeltraKeyPair> keyPairs;
+    std::vector<VeltraCertificate> certificates;
+    std::vector<VeltraSymmetricKey> aesKeys;
 
     /// Makes the token report a logged-in session; it then accepts any PIN.
     void logIn();
@@ -32,6 +34,12 @@ struct ScriptedToken {
     /// point that publicKeyOf gives.
     VeltraKeyPair& addKeyPair(unsigned char id, std::uint32_t keyType = kKeyTypeRsa2048,
                               std::uint32_t usage = kUsageSign);
+
+    /// Appends an AES key whose identifier is `id` 16 times.
+    VeltraSymmetricKey& addAesKey(unsigned char id, std::uint32_t keyType);
+
+    /// Appends the certificate of the key `id`.
+    VeltraCertificate& addCertificate(unsigned char id, const Bytes& der);
 };
 
 /// What a scripted call does instead of, or on top of, its ordinary work.
@@ -46,8 +54,10 @@ struct Script {
 /// order of data visible, a record of every call, and any call made to fail as a test asks. Thread-safe.
 ///
 /// Signatures are the bytes 1, 2, 3, ...; a verification succeeds exactly for those. Digests come from
-/// fakeDigest. There is one instance, because the device monitor's thread may call it at any time: tests
-/// reset it.
+/// fakeDigest. Ciphertexts are the plaintext's bytes changed by maskOf: an RSA ciphertext begins with zeros
+/// and one that does not is refused; AES pads the final piece to whole blocks; a wrapped key begins with a
+/// byte of the wrapping key's identifier. A certificate is what fakeCertificate makes. There is one instance,
+/// because the device monitor's thread may call it at any time: tests reset it.
 class ScriptedDeviceLibrary final : public DeviceLibrary {
 public:
     static ScriptedDeviceLibrary& instance();
@@ -73,6 +83,12 @@ public:
     static Bytes fakeDigest(int mechanism, const Bytes& data);
     static Bytes fakeSignature(std::uint32_t keyType);
     static Bytes publicKeyOf(std::uint32_t keyType);
+    static Bytes maskOf(Bytes bytes);
+    static Bytes fakeCertificate(const std::string& commonName, const std::string& issuer,
+                                 const std::string& subject);
+
+    /// The files of the CA folder, whatever folder is asked for.
+    std::vector<NamedDer> caFiles;
 
     int veltra_init(int mode, void* ctx, int kind) override;
     std::vector<std::string> veltra_getConnectedDeviceList(bool refresh, void* ctx) override;
@@ -84,6 +100,36 @@ public:
     int veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout, void* ctx) override;
     int veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin, bool flag,
                              void* ctx) override;
+    int veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId, const char* pin,
+                                    const char* label, const unsigned char* data, int length,
+                                    void* ctx) override;
+    std::vector<VeltraCertificate>& veltra_getCertificateList(const char* serial, void* ctx) override;
+    VeltraCertificate* veltra_findCertificateForKey(const char* serial, const unsigned char* keyId,
+                                                    void* ctx) override;
+    int veltra_importCertificate(const char* serial, const char* pin, VeltraCertificate* inout,
+                                 void* ctx) override;
+    int veltra_getCertificateDetails(const unsigned char* der, int length, CertificateDetails& out,
+                                     void* ctx) override;
+    std::vector<NamedDer> veltra_getFilesWithExtensionsAndConvertDER(
+        const std::string& folder, const std::vector<std::string>& extensions, void* ctx) override;
+    std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char* serial, void* ctx) override;
+    int veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
+                            void* ctx) override;
+    int veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in, int inLength,
+                       unsigned char* out, int* outLength, const unsigned char* key, int keyLength,
+                       void* ctx) override;
+    int veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
+                       const unsigned char* in, int inLength, unsigned char** out, int* outLength, bool flag,
+                       void* ctx) override;
+    int veltra_encrypt_aes(const char* serial, EncryptionType type, const unsigned char* key, int keyLength,
+                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
+                           bool final, const unsigned char* iv, int ivLength, const unsigned char* extra,
+                           int extraLength, void* ctx) override;
+    int veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
+                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
+                           bool flag, const unsigned char* iv, int ivLength, void* ctx) override;
+    int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
+                                    void* ctx) override;
     int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
                         const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
                         bool reserved, void* ctx, bool pss) override;
@@ -124,6 +170,8 @@ private:
     std::multimap<std::string, ScriptState> scripts_;
     std::vector<Hash> hashes_;
     std::vector<VeltraKeyPair> noKeyPairs_;
+    std::vector<VeltraCertificate> noCertificates_;
+    std::vector<VeltraSymmetricKey> noAesKeys_;
     unsigned char generatedKeys_ = 0;
 };
 
