@@ -24,6 +24,9 @@ constexpr std::size_t kBlobPrefixLength = sizeof(BLOBHEADER) + sizeof(DWORD);
 constexpr std::size_t kModulusOffset = sizeof(BLOBHEADER) + sizeof(RSAPUBKEY);
 constexpr DWORD kRsa1Magic = 0x31415352; // "RSA1"
 constexpr BYTE kSymmetricWrapBlob = SYMMETRICWRAPKEYBLOB;
+// The refusal that names a type as known is given for this value; the platform's OPAQUEKEYBLOB, 9, counts as
+// unknown: deliberate.
+constexpr BYTE kOpaqueKeyBlob = 10;
 
 using Blob = std::span<const BYTE>;
 
@@ -225,7 +228,7 @@ Outcome importBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKey, HCR
     case kSymmetricWrapBlob:
         return importWrappedKey(context, blob, phKey);
     case PRIVATEKEYBLOB:
-    case OPAQUEKEYBLOB:
+    case kOpaqueKeyBlob:
         return refuse(NTE_BAD_TYPE, "Key Block Not Implemented yet");
     default:
         return refuse(NTE_BAD_TYPE, concat("CPImportKey - Unsupported type : ", header.bType));
