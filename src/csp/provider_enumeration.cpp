@@ -11,6 +11,8 @@ namespace veltra {
 
 namespace {
 
+constexpr DWORD kSgcEnum = 4; // CRYPT_SGC_ENUM, which not every platform header has
+
 std::span<const ReportedAlgorithm> algorithmsOf(const CSP_CONTEXT& context) {
     return reportedAlgorithms(!context.serial.empty() &&
                               isFips1402Token(context.serial, context.libraryContext));
@@ -67,7 +69,7 @@ Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts&
         *dataLength = sizeof(Record);
         return success();
     }
-    switch (flags & ~static_cast<DWORD>(CRYPT_SGC_ENUM)) {
+    switch (flags & ~kSgcEnum) {
     case CRYPT_FIRST:
         cursor = 0;
         break;

@@ -19,8 +19,9 @@ namespace veltra {
 namespace {
 
 constexpr const char* kProviderName = "Veltra Cryptographic Provider CSP";
-constexpr DWORD kImplementationType = CRYPT_IMPL_HARDWARE | CRYPT_IMPL_REMOVABLE;
-constexpr DWORD kVersion = 0x100; // 1.0
+constexpr DWORD kCertificateChain = 9; // PP_CERTCHAIN, which not every platform header has
+constexpr DWORD kImplementationType = CRYPT_IMPL_HARDWARE | 8; // 8: CRYPT_IMPL_REMOVABLE, missing likewise
+constexpr DWORD kVersion = 0x100;                              // 1.0
 constexpr DWORD kKeySizeIncrement = 1024;
 
 /// How a 32-bit answer treats a buffer under four bytes; the cases differ on purpose.
@@ -153,7 +154,7 @@ Outcome getParameter(CSP_CONTEXT& context, DWORD parameter, BYTE* data, DWORD* d
         return answerContainer(context, data, dataLength);
     case PP_KEYSET_SEC_DESCR:
         return answerSecurityDescriptor(data, dataLength);
-    case PP_CERTCHAIN:
+    case kCertificateChain:
         return answerCertificateChain(context, data, dataLength);
     case PP_PROVTYPE:
         return answerDword(PROV_RSA_FULL, SmallBuffer::Refused, data, dataLength);
