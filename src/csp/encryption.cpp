@@ -157,7 +157,7 @@ Outcome handOutPlaintext(const LibraryBuffer& plaintext, const DataBuffer& buffe
 Outcome decryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, const DataBuffer& buffer) {
     const Bytes iv = ivFor(key);
     Utils::debug(concat("CPDecrypt input iv : ", toHex(iv)));
-    Utils::debug(concat("CPDecrypt input key : ", toHex({key.symmetricKey.data(), key.symmetricKeyLength})));
+    Utils::debugSecret("CPDecrypt input key : ", {key.symmetricKey.data(), key.symmetricKeyLength});
     LibraryBuffer output;
     const int code = output.fill([&](unsigned char** out, int* outLength) {
         return deviceLibrary().veltra_decrypt_aes(
@@ -167,7 +167,7 @@ Outcome decryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, const Data
     });
     if (code != kDeviceOk)
         return refuse(NTE_PROVIDER_DLL_FAIL, concat("Symmetric decryption failed : ", code));
-    Utils::debug(concat("CPDecrypt - decrypted data : ", toHex(output.bytes())));
+    Utils::debugSecret("CPDecrypt - decrypted data : ", output.bytes());
     return handOutPlaintext(output, buffer);
 }
 

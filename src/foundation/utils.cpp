@@ -121,6 +121,16 @@ void Utils::debug(const char* message) noexcept {
     writeIf(isDebugWanted(), kLevelDebug, message);
 }
 
+void Utils::debugSecret(const char* start, std::span<const unsigned char> secret) noexcept {
+    const LastErrorKeeper keeper;
+    if (!isDebugWanted()) return;
+    try {
+        writeLine(kLevelDebug, concat(start, toHex(secret)));
+    } catch (...) {
+        printToStandardOutput("\nUnable to write log");
+    }
+}
+
 void Utils::error(std::string&& message) noexcept {
     const LastErrorKeeper keeper;
     const std::string taken = std::exchange(message, std::string());

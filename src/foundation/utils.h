@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 #include <string>
 
 namespace veltra {
@@ -24,6 +25,10 @@ public:
     static void debug(std::string&& message) noexcept;
 
     static void debug(const char* message) noexcept;
+
+    /// A debug line of `start` and the bytes in hexadecimal. Their text is made only if the line is written,
+    /// and never left in memory by a process that does not log.
+    static void debugSecret(const char* start, std::span<const unsigned char> secret) noexcept;
 
     /// Writes an error line unless "logLevel" was read and is below 2. Takes the message over and leaves it
     /// empty.
