@@ -27,7 +27,7 @@ public:
         return code;
     }
 
-    /// What the library handed back; empty after a failure.
+    /// What the library handed back; of no meaning after a failure.
     [[nodiscard]] std::span<const unsigned char> bytes() const { return {data_, size()}; }
     [[nodiscard]] std::size_t size() const {
         return data_ != nullptr && length_ > 0 ? static_cast<std::size_t>(length_) : 0;
@@ -35,7 +35,6 @@ public:
 
 private:
     void reset() {
-        if (data_ == nullptr) return;
         wipe(data_, size());
         std::free(data_); // NOLINT(cppcoreguidelines-no-malloc): the library allocated it with malloc
         data_ = nullptr;
