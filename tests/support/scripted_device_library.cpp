@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 
@@ -186,6 +187,7 @@ Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arg
         ++state.callsSeen;
         if (state.script.onCall == 0 || state.script.onCall == state.callsSeen) merged = state.script;
     }
+    if (merged.outOfMemory) throw std::bad_alloc();
     if (merged.throws) throw std::runtime_error(std::string("scripted fault in ") + function);
     return merged;
 }
