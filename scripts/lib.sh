@@ -57,7 +57,7 @@ needPackages() {
 # Packages that a build of the Windows programs needs, and those to run them.
 buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev libgcrypt-mingw-w64-dev googletest)
 runPackages=(wine64 openssl)
-displayPackages=(xvfb xauth xdotool imagemagick fonts-liberation)
+displayPackages=(xvfb xauth xdotool imagemagick fonts-liberation fonts-wine)
 testPackages=(clang-format g++ wine64-tools libwine-dev)
 
 # buildPreset PRESET [TARGET...]: configures where needed and builds, all targets by default.
@@ -133,15 +133,18 @@ startDisplay() {
     export DISPLAY=:$number
 }
 
-# Stops what this shell started, by its process id.
+# Stops what this shell started. Wine's server ends its programs only when it is asked to in its own way; after
+# a plain signal they would stay behind.
 stopServices() {
-    local pid
-    for pid in $wineServerPid $xServerPid; do
-        kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
-    done
+    if [ -n "$wineServerPid" ] && kill -0 "$wineServerPid" 2>/dev/null; then
+        "$(wineServer)" -k 2>/dev/null || true
+        wait "$wineServerPid" 2>/dev/null || true
+    fi
     wineServerPid=
+    if [ -n "$xServerPid" ] && kill "$xServerPid" 2>/dev/null; then
+        wait "$xServerPid" 2>/dev/null || true
+    fi
     xServerPid=
-    return 0
 }
 
 # startServices [--display]: Wine server and prefix, and an X server if asked for, until the shell exits.

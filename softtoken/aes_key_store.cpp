@@ -73,7 +73,7 @@ StoredAesKey AesKeyStore::add(BytesView key, std::uint32_t usage, std::string la
     return stored;
 }
 
-SecureBytes AesKeyStore::key(const StoredAesKey& stored, BytesView masterKey) const {
+SecureBytes openAesKey(const StoredAesKey& stored, BytesView masterKey) {
     SecureBytes key = unseal(masterKey, sealingContext(stored), Expression::parse(stored.sealedKey));
     if (key.size() != stored.keyLength) throw TokenError(Failure::Damaged, "an AES key has a wrong length");
     return key;

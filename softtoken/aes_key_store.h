@@ -31,11 +31,11 @@ public:
     [[nodiscard]] StoredAesKey add(BytesView key, std::uint32_t usage, std::string label,
                                    BytesView masterKey) const;
 
-    /// The key itself. Failure::Damaged when it does not authenticate.
-    [[nodiscard]] SecureBytes key(const StoredAesKey& stored, BytesView masterKey) const;
-
 private:
     std::filesystem::path folder_;
 };
+
+/// The key itself. Failure::Damaged when it does not authenticate.
+SecureBytes openAesKey(const StoredAesKey& stored, BytesView masterKey);
 
 } // namespace veltra::softtoken

@@ -83,12 +83,12 @@ void KeyStore::remove(BytesView keyId) const {
     removeFile(file(keyId));
 }
 
-SecureBytes KeyStore::privateKey(const StoredKeyPair& key, BytesView masterKey) const {
-    return unseal(masterKey, sealingContext(key), Expression::parse(key.sealedPrivateKey));
-}
-
 fs::path KeyStore::file(BytesView keyId) const {
     return folder_ / (toHex(keyId) + kExtension);
+}
+
+SecureBytes openPrivateKey(const StoredKeyPair& key, BytesView masterKey) {
+    return unseal(masterKey, sealingContext(key), Expression::parse(key.sealedPrivateKey));
 }
 
 } // namespace veltra::softtoken

@@ -36,13 +36,13 @@ public:
     void rename(BytesView keyId, const std::string& label) const;
     void remove(BytesView keyId) const;
 
-    /// The canonical "(private-key ..)" expression. Failure::Damaged when it does not authenticate.
-    [[nodiscard]] SecureBytes privateKey(const StoredKeyPair& key, BytesView masterKey) const;
-
 private:
     [[nodiscard]] std::filesystem::path file(BytesView keyId) const;
 
     std::filesystem::path folder_;
 };
+
+/// The canonical "(private-key ..)" expression. Failure::Damaged when it does not authenticate.
+SecureBytes openPrivateKey(const StoredKeyPair& key, BytesView masterKey);
 
 } // namespace veltra::softtoken

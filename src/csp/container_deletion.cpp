@@ -13,7 +13,8 @@ namespace veltra {
 
 namespace {
 
-// The outcome of the initialisation is not looked at: a token that refused it refuses the deletion as well.
+// The outcome of the initialisation is not looked at, and the token counts as initialised all the same: one
+// that refused refuses the deletion as well.
 void initialiseFirstToken(const std::string& serial) {
     if (isInitialised(serial)) return;
     initialiseLibrary();

@@ -63,14 +63,13 @@ std::vector<std::string> readRegistry(const std::string& containerName) {
     return splitNames(boundedText(data.data(), std::min<std::size_t>(length, data.size())));
 }
 
-void writeRegistry(const std::string& containerName, const std::vector<std::string>& keyNames) {
+void writeRegistry(const std::string& containerName, const std::string& data) {
     HKEY opened = nullptr;
     if (RegCreateKeyExA(HKEY_CURRENT_USER, kContainersKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_SET_VALUE,
                         nullptr, &opened, nullptr) != ERROR_SUCCESS) {
         return;
     }
     const UniqueRegistryKey key(opened);
-    const std::string data = joinNames(keyNames);
     RegSetValueExA(key.get(), containerName.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(data.c_str()),
                    static_cast<DWORD>(data.size() + 1));
 }
@@ -100,11 +99,18 @@ std::vector<std::string> mappedKeyNames(const std::string& containerName) {
     return names.empty() ? readRegistry(containerName) : names;
 }
 
-void recordKey(const std::string& containerName, const std::string& keyName) {
+bool recordKey(const std::string& containerName, const std::string& keyName) {
     const std::lock_guard lock(sharedStateMutex());
     std::vector<std::string>& names = cache()[containerName];
-    if (std::ranges::find(names, keyName) == names.end()) names.push_back(keyName);
-    writeRegistry(containerName, names);
+    std::vector<std::string> added = readRegistry(containerName);
+    added.push_back(keyName);
+    for (std::string& name : added) {
+        if (std::ranges::find(names, name) == names.end()) names.push_back(std::move(name));
+    }
+    const std::string data = joinNames(names);
+    if (data.size() >= kMaxDataLength) return false;
+    writeRegistry(containerName, data);
+    return true;
 }
 
 void forgetContainer(const std::string& containerName) {

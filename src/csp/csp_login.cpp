@@ -14,7 +14,7 @@ constexpr std::size_t kPinBufferLength = 64;
 
 } // namespace
 
-Outcome loginUser(CSP_CONTEXT& context, Pin& pinOut) {
+Outcome loginUser(const CSP_CONTEXT& context, Pin& pinOut) {
     Utils::debug("loginUser: enter");
     if (isSessionValidated(context.serial, context.libraryContext)) {
         Utils::debug("loginUser: SSO already validated, return TRUE");
@@ -38,7 +38,7 @@ Outcome loginUser(CSP_CONTEXT& context, Pin& pinOut) {
     return refuse(NTE_FAIL, "loginUser: user cancelled password dialog, return FALSE");
 }
 
-Outcome ensurePasswordValidated(CSP_CONTEXT& context) {
+Outcome ensurePasswordValidated(const CSP_CONTEXT& context) {
     if (hasUsablePin(context.serial)) {
         Utils::debug("ensurePasswordValidated: PIN already validated, return true");
         return success();

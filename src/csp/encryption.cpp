@@ -228,9 +228,9 @@ BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL Final, 
                       DWORD* pdwDataLen, DWORD dwBufLen) {
     return cspEntry("CPEncrypt", [&] {
         if (pdwDataLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPEncrypt: pcbDataLen is null");
-        const CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPEncrypt: context is null or not initialized");
-        const KEY_HANDLE* key = liveKey(hKey);
+        const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPEncrypt: key handle is null");
         return encryptData(*context, *key, Final != FALSE, dwFlags,
                            {.data = pbData, .length = pdwDataLen, .capacity = dwBufLen});
@@ -240,9 +240,9 @@ BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL Final, 
 BOOL WINAPI CPDecrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD dwFlags, BYTE* pbData,
                       DWORD* pdwDataLen) {
     return cspEntry("CPDecrypt", [&] {
-        CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPDecrypt: context is null or not initialized");
-        const KEY_HANDLE* key = liveKey(hKey);
+        const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPDecrypt: key handle is null");
         if (pdwDataLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPDecrypt: pdwDataLen is null");
         const char* padding = (dwFlags & CRYPT_OAEP) != 0 ? "OAEP" : "PKCS1 (defaulting to OAEP)";

@@ -7,6 +7,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace veltra {
 
@@ -17,6 +18,9 @@ struct Outcome {
     std::optional<DWORD> lastError;
 
     explicit operator bool() const { return result != FALSE; }
+
+    /// The reason of a failure.
+    [[nodiscard]] DWORD code() const { return lastError.value_or(static_cast<DWORD>(NTE_FAIL)); }
 };
 
 inline Outcome success() {
@@ -60,10 +64,10 @@ BOOL cspEntry(const char* name, Body&& body) noexcept {
         outcome = body();
     } catch (const std::bad_alloc&) {
         reportException(name, "out of memory");
-        outcome = failure(static_cast<DWORD>(NTE_NO_MEMORY));
+        outcome = failure(NTE_NO_MEMORY);
     } catch (...) {
         reportException(name, "unexpected exception");
-        outcome = failure(static_cast<DWORD>(NTE_FAIL));
+        outcome = failure(NTE_FAIL);
     }
     SetLastError(outcome.lastError.value_or(callersLastError));
     return outcome.result;

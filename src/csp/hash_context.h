@@ -36,7 +36,7 @@ struct HASH_CONTEXT {
     std::uint32_t mechanism = 0;      ///< 0 until known: an HMAC object before HP_HMAC_INFO
     std::uint32_t innerMechanism = 0; ///< always the same as mechanism
     HMAC_INFO hmacInfo{};             ///< as the application set it; its strings are never used
-    void* deviceHash = nullptr;       ///< the library's handle, which the library itself releases
+    void* deviceHash = nullptr;       ///< not owned: the library has no call to release it
     std::uint8_t valid = 1;
     std::uint8_t isHmac = 0;
     std::uint8_t finalized = 0;
@@ -53,7 +53,7 @@ struct HASH_CONTEXT {
 };
 
 /// The live hash object behind a handle, or null.
-inline HASH_CONTEXT* liveHash(HCRYPTHASH handle) {
+inline std::shared_ptr<HASH_CONTEXT> liveHash(HCRYPTHASH handle) {
     return LiveRecords<HASH_CONTEXT>::find(handle);
 }
 
@@ -64,14 +64,5 @@ int finishDeviceHash(const CSP_CONTEXT& context, void* deviceHash, unsigned char
 
 /// Starts a device hash, which goes to `deviceHash`. Returns the library's code.
 int startDeviceHash(const CSP_CONTEXT& context, std::uint32_t mechanism, void** deviceHash);
-
-/// Keys an HMAC object as HP_HMAC_INFO asks (RFC 2104, pads 0x36 and 0x5C). On failure the object is as it
-/// was.
-Outcome setUpHmac(const CSP_CONTEXT& context, HASH_CONTEXT& hash, const HMAC_INFO& info);
-
-/// Runs the outer hash over the inner digest in `hash.hashValue` (`hash.hashValueLength` bytes is not read;
-/// `length` is its length and becomes that of the MAC), and wipes the key. On failure the object can only be
-/// destroyed.
-Outcome finishHmac(const CSP_CONTEXT& context, HASH_CONTEXT& hash, std::uint32_t& length);
 
 } // namespace veltra

@@ -14,7 +14,7 @@ namespace {
 
 Outcome createHmac(HASH_CONTEXT& hash, HCRYPTKEY hKey) {
     Utils::debug("CPCreateHash: HMAC");
-    const KEY_HANDLE* key = liveKey(hKey);
+    const auto key = liveKey(hKey);
     if (key == nullptr) return refuse(NTE_BAD_KEY, "CPCreateHash: CALG_HMAC requires a key handle");
     if (key->symmetricKeyLength == 0) {
         return refuse(NTE_BAD_KEY, "CPCreateHash: HMAC key has no symmetric key material");
@@ -114,11 +114,11 @@ Outcome duplicateHash(const HASH_CONTEXT& source, HCRYPTHASH* phHash) {
     copy->hashValue = source.hashValue;
     copy->hashValueLength = source.hashValueLength;
     copy->hashSize = source.hashSize;
-    const auto sourceAddress = reinterpret_cast<std::uintptr_t>(&source);
-    const std::uintptr_t handle = LiveRecords<HASH_CONTEXT>::add(std::move(copy));
-    *phHash = handle;
-    Utils::debug(concat("CPDuplicateHash - source: 0x", toHexAddress(sourceAddress), " duplicate: 0x",
-                        toHexAddress(handle)));
+    std::string line =
+        concat("CPDuplicateHash - source: 0x", toHexAddress(reinterpret_cast<std::uintptr_t>(&source)),
+               " duplicate: 0x", toHexAddress(reinterpret_cast<std::uintptr_t>(copy.get())));
+    *phHash = LiveRecords<HASH_CONTEXT>::add(std::move(copy));
+    Utils::debug(std::move(line));
     return success();
 }
 
@@ -130,7 +130,7 @@ using namespace veltra;
 
 BOOL WINAPI CPCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY hKey, DWORD dwFlags, HCRYPTHASH* phHash) {
     return cspEntry("CPCreateHash", [&] {
-        const CSP_CONTEXT* context = liveContext(hProv);
+        const auto context = liveContext(hProv);
         if (phHash == nullptr || context == nullptr) {
             return refuse(ERROR_INVALID_PARAMETER,
                           concat("CPCreateHash: invalid parameter - phHash=", phHash, " hProv=", hProv));
@@ -145,10 +145,11 @@ BOOL WINAPI CPCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY hKey, DWORD d
 
 BOOL WINAPI CPHashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, DWORD cbData, DWORD) {
     return cspEntry("CPHashData", [&] {
-        const CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPHashData: invalid or uninitialized context");
-        const HASH_CONTEXT* hash = liveHash(hHash);
-        if (hash == nullptr) return refuse(NTE_BAD_HASH, "CPHashData: pHashHandle is NULL");
+        const auto hash = liveHash(hHash);
+        if (hash == nullptr || hash->valid == 0)
+            return refuse(NTE_BAD_HASH, "CPHashData: pHashHandle is NULL");
         if (hash->finalized != 0) {
             return refuse(NTE_BAD_HASH_STATE,
                           "CPHashData: hash already finalized (HP_HASHVAL was set), cannot add more data");
@@ -161,8 +162,8 @@ BOOL WINAPI CPHashData(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbData, D
 
 BOOL WINAPI CPDuplicateHash(HCRYPTPROV hUID, HCRYPTHASH hHash, DWORD*, DWORD dwFlags, HCRYPTHASH* phHash) {
     return cspEntry("CPDuplicateHash", [&] {
-        const CSP_CONTEXT* context = liveContext(hUID);
-        HASH_CONTEXT* source = liveHash(hHash);
+        const auto context = liveContext(hUID);
+        const auto source = liveHash(hHash);
         if (phHash == nullptr || context == nullptr || source == nullptr) {
             return refuse(ERROR_INVALID_PARAMETER, concat("CPDuplicateHash: invalid parameter - phHash=",
                                                           phHash, " hProv=", hUID, " hHash=", hHash));

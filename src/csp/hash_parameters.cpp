@@ -1,7 +1,7 @@
 // CPGetHashParam and CPSetHashParam.
 
 #include "csp/csp_entry_points.h"
-#include "csp/hash_context.h"
+#include "csp/hmac.h"
 
 #include <algorithm>
 #include <cstring>
@@ -127,8 +127,8 @@ using namespace veltra;
 BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen,
                            DWORD dwFlags) {
     return cspEntry("CPGetHashParam", [&] {
-        const CSP_CONTEXT* context = liveContext(hProv);
-        HASH_CONTEXT* hash = liveHash(hHash);
+        const auto context = liveContext(hProv);
+        const auto hash = liveHash(hHash);
         if (context == nullptr || hash == nullptr || pdwDataLen == nullptr) {
             return refuse(ERROR_INVALID_PARAMETER, concat("CPGetHashParam: invalid parameter - hProv=", hProv,
                                                           " hHash=", hHash, " pcbDataLen=", pdwDataLen));
@@ -159,8 +159,8 @@ BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BY
 BOOL WINAPI CPSetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, const BYTE* pbData,
                            DWORD dwFlags) {
     return cspEntry("CPSetHashParam", [&] {
-        const CSP_CONTEXT* context = liveContext(hProv);
-        HASH_CONTEXT* hash = liveHash(hHash);
+        const auto context = liveContext(hProv);
+        const auto hash = liveHash(hHash);
         if (context == nullptr || hash == nullptr || pbData == nullptr) {
             return refuse(ERROR_INVALID_PARAMETER, concat("CPSetHashParam: invalid parameter - hProv=", hProv,
                                                           " hHash=", hHash, " pbData=", pbData));

@@ -1,6 +1,5 @@
-// HMAC (RFC 2104) on the token's hash primitive.
+#include "csp/hmac.h"
 
-#include "csp/hash_context.h"
 #include "foundation/device_library.h"
 
 #include <algorithm>
@@ -74,6 +73,7 @@ Outcome finishHmac(const CSP_CONTEXT& context, HASH_CONTEXT& hash, std::uint32_t
     const auto refuseStep = [](const char* step, int code) {
         return refuse(NTE_FAIL, concat("CPGetHashParam: HMAC outer ", step, " failed, ret=", code));
     };
+    hash.deviceHash = nullptr; // the inner hash is consumed
     SecretBytes<kHashValueCapacity> inner;
     std::copy_n(hash.hashValue.begin(), length, inner.data());
     void* outer = nullptr;

@@ -49,6 +49,7 @@ VeltraCertificate recordOf(const KEY_HANDLE& key, std::span<const BYTE> der) {
 } // namespace
 
 Outcome getKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, BYTE* data, DWORD* dataLength) {
+    if (dataLength == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pdwDataLen is null");
     deviceLibrary().veltra_initDevice(context.serial.c_str(), true, context.libraryContext);
     const auto certificate = certificateOfKey(context.serial, key.keyId, context.libraryContext);
     if (!certificate) return refuse(NTE_NOT_FOUND, "CPGetKeyParam: KP_CERTIFICATE not found, return FALSE");

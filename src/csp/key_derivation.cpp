@@ -48,10 +48,10 @@ using namespace veltra;
 
 BOOL WINAPI CPDeriveKey(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTHASH hBaseData, DWORD, HCRYPTKEY* phKey) {
     return cspEntry("CPDeriveKey", [&] {
-        const CSP_CONTEXT* context = liveContext(hProv);
+        const auto context = liveContext(hProv);
         if (phKey == nullptr || context == nullptr) return failure(ERROR_INVALID_PARAMETER);
         if (context->initialised == 0) return failure(NTE_BAD_UID);
-        HASH_CONTEXT* hash = liveHash(hBaseData);
+        const auto hash = liveHash(hBaseData);
         if (hash == nullptr) return failure(NTE_BAD_HASH);
         const DWORD keyBits = aesKeyBits(Algid);
         if (keyBits == 0)

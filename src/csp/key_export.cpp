@@ -66,11 +66,11 @@ BOOL WINAPI CPExportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTKEY, DWORD dwBlo
     return cspEntry("CPExportKey", [&] {
         Utils::debug(concat("dwBlobType : ", dwBlobType));
         Utils::debug(concat("dwFlags : ", dwFlags));
-        const KEY_HANDLE* key = liveKey(hKey);
+        const auto key = liveKey(hKey);
         if (key == nullptr || pcbDataLen == nullptr) {
             return refuse(ERROR_INVALID_PARAMETER, "CPExportKey: hKey or pcbData is null");
         }
-        const CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPExportKey: context is null or not initialized");
         if (dwBlobType == PUBLICKEYBLOB) {
             const Outcome outcome = ExportPublicKeyComponents(*context, *key, pbData, pcbDataLen);

@@ -8,12 +8,14 @@
 #include "token/key_pairs.h"
 #include "token/token_session.h"
 
+#include <memory>
+
 namespace veltra {
 
 namespace {
 
 constexpr DWORD kDefaultKeyBits = 2048;
-constexpr DWORD kRefusedKeyBits = 1024;
+constexpr DWORD kLargestRefusedKeyBits = 1024;
 
 struct KeyKind {
     ALG_ID requested; ///< algorithm or key specification, as the application names it
@@ -49,19 +51,22 @@ int generateOnToken(const CSP_CONTEXT& context, VeltraKeyPair& pair) {
     const Pin pin = getPin(context.serial);
     const int code = deviceLibrary().veltra_generateKeyPair(context.serial.c_str(), pin.c_str(), &pair,
                                                             context.libraryContext);
-    return code == kDeviceOk && !isWellFormed(pair) ? kDeviceBadLength : code;
+    if (code != kDeviceOk || clearImpossibleLengths(pair)) return code;
+    Utils::error(concat("CPGenKey: the token reports an impossible public key length for its new key ",
+                        keyName(pair.keyId)));
+    return kDeviceBadLength;
 }
 
 Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYPTKEY* phKey) {
     std::unique_ptr<KEY_HANDLE> key(new (std::nothrow) KEY_HANDLE);
     if (!key) return refuse(ERROR_NOT_ENOUGH_MEMORY, "CPGenKey: failed to allocate KEY_HANDLE");
     if (const Outcome verified = ensurePasswordValidated(context); !verified) {
-        return refuse(*verified.lastError, "CPGenKey: ensurePasswordValidated failed");
+        return refuse(verified.code(), "CPGenKey: ensurePasswordValidated failed");
     }
     // The mode stays 0 here, unlike that of a key opened or imported: deliberate.
     key->algId = kind.algId;
     key->keyBits = bits;
-    if (bits <= kRefusedKeyBits) {
+    if (bits <= kLargestRefusedKeyBits) {
         if (!context.serial.empty()) readTokenInfo(context.serial, context.libraryContext);
         return refuse(NTE_BAD_LEN,
                       "CPGenKey: RSA-1024 key generation not allowed \xE2\x80\x94 key size below 112-bit "
@@ -74,13 +79,18 @@ Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYP
         return refuse(NTE_TOKEN_KEYSET_STORAGE_FULL, concat("RSA Keypair Generation Failed, code=", code));
     }
     key->fillFrom(pair);
-    const std::string name = keyName(pair.keyId);
-    if (context.persistedContainer) recordKey(context.containerName, name);
-    context.keyName = name;
+    std::string name = keyName(pair.keyId);
+    std::string line = concat("Key generated successfully, Algid=", kind.algId, " bits=", bits);
+    if (context.persistedContainer && !recordKey(context.containerName, name)) {
+        Utils::error(concat("CPGenKey: container ", context.containerName, " is full, key ", name,
+                            " is not recorded in it"));
+    }
+    const HCRYPTKEY handle = LiveRecords<KEY_HANDLE>::add(std::move(key));
+    context.keyName = std::move(name);
     context.signatureKey.fill(pair.keyId);
     context.exchangeKey.fill(pair.keyId);
-    *phKey = LiveRecords<KEY_HANDLE>::add(std::move(key));
-    Utils::debug(concat("Key generated successfully, Algid=", kind.algId, " bits=", bits));
+    *phKey = handle;
+    Utils::debug(std::move(line));
     return success();
 }
 
@@ -93,7 +103,7 @@ using namespace veltra;
 BOOL WINAPI CPGenKey(HCRYPTPROV hProv, ALG_ID Algid, DWORD dwFlags, HCRYPTKEY* phKey) {
     return cspEntry("CPGenKey", [&] {
         if (phKey == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPGenKey: phKey is NULL");
-        CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "Invalid CSP context");
         const KeyKind* kind = findKeyKind(Algid);
         if (kind == nullptr) return refuse(NTE_BAD_ALGID, concat("Unsupported algorithm", Algid));

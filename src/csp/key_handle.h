@@ -45,7 +45,7 @@ struct KEY_HANDLE {
 };
 
 /// The live key object behind a handle, or null.
-inline KEY_HANDLE* liveKey(HCRYPTKEY handle) {
+inline std::shared_ptr<KEY_HANDLE> liveKey(HCRYPTKEY handle) {
     return LiveRecords<KEY_HANDLE>::find(handle);
 }
 

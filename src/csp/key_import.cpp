@@ -108,7 +108,7 @@ int decryptSessionKey(const CSP_CONTEXT& context, const KEY_HANDLE& decryptionKe
 
 // A session key encrypted for a token RSA key, little-endian; some writers leave it big-endian.
 Outcome importSimpleBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
-    const KEY_HANDLE* decryptionKey = liveKey(hPubKey);
+    const auto decryptionKey = liveKey(hPubKey);
     if (decryptionKey == nullptr) return refuse(NTE_BAD_TYPE, "SIMPLEBLOB requires public key handle");
     Utils::debug(concat("Input key id : ", toHex(decryptionKey->keyId)));
     const Blob encrypted = blob.subspan(kBlobPrefixLength);
@@ -244,7 +244,7 @@ BOOL WINAPI CPImportKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbDataLen, H
         Utils::debug(concat("Input length : ", cbDataLen));
         Utils::debug(concat("Input flag : ", dwFlags));
         if (pbData == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPImportKey - Input data is null");
-        const CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPImportKey - Contest null or not initialised");
         if (phKey == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPImportKey - phKey is null");
         if (cbDataLen > INT_MAX) return refuse(NTE_BAD_LEN, "CPImportKey - Input data is too long");

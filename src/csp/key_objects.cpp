@@ -6,6 +6,8 @@
 #include "csp/provider_context.h"
 #include "token/key_pairs.h"
 
+#include <memory>
+
 namespace veltra {
 
 namespace {
@@ -20,7 +22,8 @@ ALG_ID algIdOf(const VeltraKeyPair& pair, DWORD keySpec) {
 }
 
 // The first pair of the container. The usage of a key is not compared with the key specification. Without a
-// container only the exchange key is given out, until the application has enumerated the containers.
+// container only the exchange key is given out, until the application has enumerated the containers; any key
+// of the token serves as that, so a signing key needs no case of its own.
 const VeltraKeyPair* findUserKey(const CSP_CONTEXT& context, const std::vector<VeltraKeyPair>& pairs,
                                  DWORD keySpec) {
     for (const VeltraKeyPair& pair : pairs) {
@@ -35,19 +38,6 @@ const VeltraKeyPair* findUserKey(const CSP_CONTEXT& context, const std::vector<V
     return nullptr;
 }
 
-const VeltraKeyPair* findFallbackKey(const CSP_CONTEXT& context, const std::vector<VeltraKeyPair>& pairs,
-                                     DWORD keySpec) {
-    if (keySpec != AT_KEYEXCHANGE || !context.keyName.empty()) return nullptr;
-    Utils::debug(
-        "CPGetUserKey: no encryption key found, falling back to first signing key for AT_KEYEXCHANGE");
-    for (const VeltraKeyPair& pair : pairs) {
-        if (pair.usage != kUsageSign && pair.usage != kUsageBoth) continue;
-        Utils::debug("CPGetUserKey: fallback to signing key as key exchange");
-        return &pair;
-    }
-    return nullptr;
-}
-
 Outcome openUserKey(CSP_CONTEXT& context, DWORD keySpec, HCRYPTKEY* phUserKey) {
     Utils::debug(concat("CPGetUserKey -> dwKeySpec : ", keySpec));
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
@@ -56,7 +46,6 @@ Outcome openUserKey(CSP_CONTEXT& context, DWORD keySpec, HCRYPTKEY* phUserKey) {
     key->mode = CRYPT_MODE_CBC;
     Utils::debug(concat("CPGetUserKey - Container name : ", context.containerName));
     const VeltraKeyPair* pair = findUserKey(context, pairs, keySpec);
-    if (pair == nullptr) pair = findFallbackKey(context, pairs, keySpec);
     if (pair == nullptr) {
         return refuse(NTE_BAD_KEY, concat("CPGetUserKey: requested key not found, dwKeySpec=", keySpec,
                                           " container=", context.containerName, ", return FALSE"));
@@ -64,11 +53,12 @@ Outcome openUserKey(CSP_CONTEXT& context, DWORD keySpec, HCRYPTKEY* phUserKey) {
     key->fillFrom(*pair);
     key->algId = algIdOf(*pair, keySpec);
     key->keyBits = keyBitsOf(pair->keyType);
+    std::string line = concat("CPGetUserKey: algo=", key->algId, " keyUsage=", key->keyUsage,
+                              " bits=", key->keyBits, ", return TRUE");
+    const HCRYPTKEY handle = LiveRecords<KEY_HANDLE>::add(std::move(key));
     if (KeySlot* slot = context.slotOf(keySpec); slot != nullptr && !slot->filled()) slot->fill(pair->keyId);
-    const std::string line = concat("CPGetUserKey: algo=", key->algId, " keyUsage=", key->keyUsage,
-                                    " bits=", key->keyBits, ", return TRUE");
-    *phUserKey = LiveRecords<KEY_HANDLE>::add(std::move(key));
-    Utils::debug(std::string(line));
+    *phUserKey = handle;
+    Utils::debug(std::move(line));
     return success();
 }
 
@@ -80,7 +70,7 @@ using namespace veltra;
 
 BOOL WINAPI CPGetUserKey(HCRYPTPROV hProv, DWORD dwKeySpec, HCRYPTKEY* phUserKey) {
     return cspEntry("CPGetUserKey", [&] {
-        CSP_CONTEXT* context = liveContext(hProv);
+        const auto context = liveContext(hProv);
         if (phUserKey == nullptr || context == nullptr) {
             return refuse(NTE_BAD_KEY, "CPGetUserKey: phUserKey or hProv is null");
         }

@@ -13,8 +13,7 @@ namespace veltra {
 
 namespace {
 
-constexpr ALG_ID kAes192Or256Code = kKeyTypeAes192Or256;
-constexpr ALG_ID kShortIvCode = 11;
+constexpr ALG_ID kShortIvCode = 11; // a code of the token whose IV has 8 bytes
 constexpr std::size_t kIvLength = 16;
 constexpr std::size_t kShortIvLength = 8;
 
@@ -52,6 +51,7 @@ constexpr KeyParameter kKeyParameters[] = {
 };
 
 Outcome getParameter(const KEY_HANDLE& key, const KeyParameter& parameter, BYTE* data, DWORD* dataLength) {
+    if (dataLength == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pdwDataLen is null");
     const DWORD available = *dataLength;
     const bool sizeQuery = data == nullptr || (available == 0 && parameter.zeroLengthIsSizeQuery);
     const DWORD value = parameter.value(key);
@@ -78,7 +78,7 @@ DWORD dwordAt(const BYTE* data) {
 
 // Stored for the whole process, not for the key, and only for two of the token's AES codes: deliberate.
 void setIv(const KEY_HANDLE& key, const BYTE* iv) {
-    if (key.algId == kAes192Or256Code) setProcessIv({iv, kIvLength});
+    if (key.algId == kKeyTypeAes192Or256) setProcessIv({iv, kIvLength});
     if (key.algId == kShortIvCode) setProcessIv({iv, kShortIvLength});
 }
 
@@ -114,13 +114,11 @@ using namespace veltra;
 BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen,
                           DWORD) {
     return cspEntry("CPGetKeyParam", [&] {
-        const CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr)
             return refuse(NTE_BAD_UID, "CPGetKeyParam: context is null or not initialized");
-        const KEY_HANDLE* key = liveKey(hKey);
+        const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPGetKeyParam: key handle is null");
-        if (pdwDataLen == nullptr)
-            return refuse(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pdwDataLen is null");
         Utils::debug(concat("CPGetKeyParam - dwparam : ", dwParam));
         Utils::debug(concat("CPGetKeyParam - key id : ", toHex({key->keyId, key->keyIdLength})));
         if (dwParam == KP_CERTIFICATE) return getKeyCertificate(*context, *key, pbData, pdwDataLen);
@@ -134,10 +132,10 @@ BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE*
 BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const BYTE* pbData,
                           DWORD dwFlags) {
     return cspEntry("CPSetKeyParam", [&] {
-        CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr)
             return refuse(NTE_BAD_UID, "CPSetKeyParam: context is null or not initialized");
-        KEY_HANDLE* key = liveKey(hKey);
+        const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPSetKeyParam: key handle is null");
         Utils::debug(concat("Set key param key id : ", toHex(key->keyId)));
         Utils::debug(concat("Set key param  dwParam : ", dwParam));

@@ -95,12 +95,12 @@ Outcome openContext(HCRYPTPROV* phProv, const char* container, DWORD flags) {
         if (const Outcome opened = openToken(*context, container); !opened) return opened;
     }
     context->initialised = 1;
-    const std::string line =
+    std::string line =
         verifyOnly ? "CPAcquireContext: CRYPT_VERIFYCONTEXT, no token required, return TRUE"
                    : concat("CPAcquireContext: container=", context->keyName, " serial=", context->serial,
                             " silent=", context->silent, ", return TRUE");
     *phProv = LiveRecords<CSP_CONTEXT>::add(std::move(context));
-    Utils::debug(std::string(line));
+    Utils::debug(std::move(line));
     return success();
 }
 
@@ -121,8 +121,8 @@ bool CSP_CONTEXT::containerMatches(const VeltraKeyPair& pair) const {
     return keyName.empty() || keyName == veltra::keyName(pair.keyId);
 }
 
-CSP_CONTEXT* usableContext(HCRYPTPROV handle) {
-    CSP_CONTEXT* context = liveContext(handle);
+std::shared_ptr<CSP_CONTEXT> usableContext(HCRYPTPROV handle) {
+    std::shared_ptr<CSP_CONTEXT> context = liveContext(handle);
     return context != nullptr && context->initialised != 0 ? context : nullptr;
 }
 
@@ -151,10 +151,9 @@ BOOL WINAPI CPReleaseContext(HCRYPTPROV hProv, DWORD dwFlags) {
         if (dwFlags != 0) {
             return refuse(NTE_BAD_FLAGS, concat("CPReleaseContext: invalid dwFlags=0x", toHex8(dwFlags)));
         }
-        if (usableContext(hProv) == nullptr) {
+        if (usableContext(hProv) == nullptr || LiveRecords<CSP_CONTEXT>::take(hProv) == nullptr) {
             return refuse(NTE_BAD_UID, "CPReleaseContext: invalid or uninitialized context");
         }
-        LiveRecords<CSP_CONTEXT>::take(hProv);
         return success();
     });
 }

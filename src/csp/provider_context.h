@@ -51,12 +51,12 @@ struct CSP_CONTEXT {
     [[nodiscard]] bool containerMatches(const VeltraKeyPair& pair) const;
 };
 
-/// The live, initialised context behind a handle, or null.
-CSP_CONTEXT* usableContext(HCRYPTPROV handle);
-
 /// The live context behind a handle, or null.
-inline CSP_CONTEXT* liveContext(HCRYPTPROV handle) {
+inline std::shared_ptr<CSP_CONTEXT> liveContext(HCRYPTPROV handle) {
     return LiveRecords<CSP_CONTEXT>::find(handle);
 }
+
+/// The live, initialised context behind a handle, or null.
+std::shared_ptr<CSP_CONTEXT> usableContext(HCRYPTPROV handle);
 
 } // namespace veltra

@@ -218,7 +218,7 @@ using namespace veltra;
 
 BOOL WINAPI CPGetProvParam(HCRYPTPROV hProv, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen, DWORD dwFlags) {
     return cspEntry("CPGetProvParam", [&] {
-        CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr)
             return refuse(NTE_BAD_UID, "CPGetProvParam: context is null or not initialized");
         if (pdwDataLen == nullptr)
@@ -236,7 +236,7 @@ BOOL WINAPI CPGetProvParam(HCRYPTPROV hProv, DWORD dwParam, BYTE* pbData, DWORD*
 
 BOOL WINAPI CPSetProvParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData, DWORD) {
     return cspEntry("CPSetProvParam", [&] {
-        CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr)
             return refuse(NTE_BAD_UID, "CPSetProvParam: context is null or not initialized");
         Utils::debug(concat("CPSetProvParam - input param : ", dwParam));

@@ -11,7 +11,7 @@ using namespace veltra;
 
 BOOL WINAPI CPGenRandom(HCRYPTPROV hProv, DWORD dwLen, BYTE* pbBuffer) {
     return cspEntry("CPGenRandom", [&] {
-        const CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPGenRandom: context is null or not initialized");
         if (pbBuffer == nullptr || dwLen == 0) {
             return refuse(ERROR_INVALID_PARAMETER,

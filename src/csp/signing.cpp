@@ -10,7 +10,9 @@
 #include "token/user_verification.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
+#include <span>
 
 namespace veltra {
 
@@ -53,14 +55,12 @@ Outcome chooseSigningKey(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec
     if (hash.signingKey.filled()) return success();
     const KeySlot* slot = context.slotOf(keySpec);
     const bool remembered = slot != nullptr && slot->filled();
-    if (remembered) {
-        hash.signingKey = *slot;
-        Utils::debug(concat("CPSignHash: using stored credentialId=", toHex(slot->keyId)));
-    }
+    if (remembered) Utils::debug(concat("CPSignHash: using stored credentialId=", toHex(slot->keyId)));
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
     if (remembered) {
-        const VeltraKeyPair* pair = findKeyPair(pairs, slot->keyId);
-        if (pair != nullptr) hash.signingKeyType = pair->keyType;
+        hash.signingKey = *slot;
+        const VeltraKeyPair* stored = findKeyPair(pairs, slot->keyId);
+        if (stored != nullptr) hash.signingKeyType = stored->keyType;
         return success();
     }
     const VeltraKeyPair* pair = findContainerKey(context, pairs, canSign);
@@ -94,13 +94,15 @@ int signOnce(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, const Pin& pi
     return kDeviceOk;
 }
 
-Outcome signOnToken(CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* signature, DWORD* signatureLength) {
+Outcome signOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* signature,
+                    DWORD* signatureLength) {
+    const DWORD capacity = *signatureLength;
     DWORD length = 0;
-    Outcome verifiedAgain;
+    Outcome verifiedAgain; // why the user could not be verified again, for the last error
     const PinOperationResult result = runWithSessionRetry(
         context.serial, "CPSignHash: SSO expired, re-prompting for PIN",
         [&](const Pin& pin) {
-            length = *signatureLength;
+            length = capacity;
             return signOnce(context, hash, pin, signature, length);
         },
         [&] {
@@ -108,8 +110,7 @@ Outcome signOnToken(CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* signat
             return static_cast<bool>(verifiedAgain);
         });
     if (result.verificationFailed) {
-        return refuse(*verifiedAgain.lastError,
-                      "CPSignHash: ensurePasswordValidated failed after SSO expiry");
+        return refuse(verifiedAgain.code(), "CPSignHash: ensurePasswordValidated failed after SSO expiry");
     }
     if (result.code == kDeviceWeakHashRefused) {
         return refuse(NTE_BAD_ALGID, "CPSignHash: SHA1/MD5 signing blocked on FIPS 140-3 token");
@@ -128,10 +129,8 @@ Outcome signHash(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec, DWORD 
         *signatureLength = signatureLengthFor(hash.signingKeyType);
         return success();
     }
-    if (*signatureLength > INT_MAX)
-        return refuse(NTE_BAD_LEN, "CPSignHash: signature buffer length is too large");
     if (const Outcome verified = ensurePasswordValidated(context); !verified) {
-        return refuse(*verified.lastError, "CPSignHash: ensurePasswordValidated failed");
+        return refuse(verified.code(), "CPSignHash: ensurePasswordValidated failed");
     }
     Utils::debug(concat("CPSignHash dwFlags : ", flags));
     Utils::debug(concat("CPSignHash hashAlgorithm : ", hash.algId));
@@ -238,11 +237,14 @@ using namespace veltra;
 BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwKeySpec, LPCWSTR, DWORD dwFlags,
                        BYTE* pbSignature, DWORD* pdwSigLen) {
     return cspEntry("CPSignHash", [&] {
-        CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPSignHash: context is null or not initialized");
-        HASH_CONTEXT* hash = liveHash(hHash);
+        const auto hash = liveHash(hHash);
         if (hash == nullptr) return refuse(NTE_BAD_HASH, "CPSignHash: hash handle is null");
         if (pdwSigLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPSignHash: pdwSigLen is null");
+        if (pbSignature != nullptr && *pdwSigLen > INT_MAX) {
+            return refuse(NTE_BAD_LEN, "CPSignHash: signature buffer length is too large");
+        }
         return signHash(*context, *hash, dwKeySpec, dwFlags, pbSignature, pdwSigLen);
     });
 }
@@ -250,9 +252,9 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwKeySpec, LPCW
 BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pbSignature, DWORD cbSigLen,
                               HCRYPTKEY hPubKey, LPCWSTR, DWORD) {
     return cspEntry("CPVerifySignature", [&] {
-        const CSP_CONTEXT* context = usableContext(hProv);
+        const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CSP Context Not Initialized");
-        HASH_CONTEXT* hash = liveHash(hHash);
+        const auto hash = liveHash(hHash);
         if (hash == nullptr) return refuse(NTE_BAD_HASH, "Hash Context is not Initialized");
         if (pbSignature == nullptr && cbSigLen != 0) {
             return refuse(ERROR_INVALID_PARAMETER, "CPVerifySignature: pbSignature is null");
@@ -261,7 +263,7 @@ BOOL WINAPI CPVerifySignature(HCRYPTPROV hProv, HCRYPTHASH hHash, const BYTE* pb
             return refuse(NTE_BAD_LEN, "CPVerifySignature: signature length is too large");
         if (const Outcome finished = finishHashForVerifying(hProv, hHash, *hash); !finished) return finished;
         VerificationKey key;
-        const KEY_HANDLE* keyObject = liveKey(hPubKey);
+        const auto keyObject = liveKey(hPubKey);
         if (keyObject != nullptr && keyObject->publicKeyLength != 0) {
             key = verificationKeyOf(*keyObject);
         } else if (const Outcome found = findVerificationKey(*context, key); !found) {

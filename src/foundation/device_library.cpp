@@ -272,20 +272,30 @@ private:
     decltype(&::veltra_finalHash) finalHash_ = nullptr;
 };
 
-UniqueModule loadDeviceLibraryModule() {
-    const std::wstring beside = thisModuleFolder() + L"VeltraDSCLibrary.dll";
-    if (HMODULE module = LoadLibraryExW(beside.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH)) {
-        return UniqueModule(module);
+constexpr const wchar_t* kLibraryName = L"VeltraDSCLibrary.dll";
+
+// First beside this module, then by the system's search. On failure `error` says why the file beside this
+// module was refused, if there is one, and otherwise why none was found.
+UniqueModule loadDeviceLibraryModule(DWORD& error) {
+    const std::wstring folder = thisModuleFolder();
+    const std::wstring beside = folder + kLibraryName;
+    if (!folder.empty() && GetFileAttributesW(beside.c_str()) != INVALID_FILE_ATTRIBUTES) {
+        UniqueModule module(LoadLibraryExW(beside.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+        if (module) return module;
+        error = GetLastError();
     }
-    return UniqueModule(LoadLibraryW(L"VeltraDSCLibrary.dll"));
+    UniqueModule module(LoadLibraryW(kLibraryName));
+    if (!module && error == ERROR_SUCCESS) error = GetLastError();
+    return module;
 }
 
 // The library stays loaded and its binding is never destroyed: the monitor thread may be in it at any time.
 DeviceLibrary* bindDeviceLibrary() {
     const LastErrorKeeper keeper;
-    UniqueModule module = loadDeviceLibraryModule();
+    DWORD error = ERROR_SUCCESS;
+    UniqueModule module = loadDeviceLibraryModule(error);
     if (!module) {
-        Utils::error(concat("VeltraDSCLibrary.dll cannot be loaded, error=", GetLastError()));
+        Utils::error(concat("VeltraDSCLibrary.dll cannot be loaded, error=", error));
         return new MissingDeviceLibrary;
     }
     auto library = std::make_unique<LoadedDeviceLibrary>();

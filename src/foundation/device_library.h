@@ -4,6 +4,13 @@
 
 namespace veltra {
 
+/// Not a code of the library: what its callers make of a success whose reported length is negative or does
+/// not fit the buffer that the library was given.
+constexpr int kDeviceBadLength = -1;
+
+/// Nor is this: a call that threw, where one failing token must not fail the whole operation.
+constexpr int kDeviceThrew = -2;
+
 /// The seam to the device library: everything in the provider that touches a token goes through this
 /// interface. The methods carry the library's own names and contracts (device_library_contract.h).
 ///

@@ -28,10 +28,6 @@ constexpr int kDeviceTimeMismatch = 48;    ///< veltra_validatePassword: host an
 constexpr int kDeviceSessionExpired = 49;  ///< a PIN-using operation: the token's session has expired
 constexpr int kDeviceWeakHashRefused = 51; ///< veltra_signHash: SHA-1 or MD5 under FIPS 140-3
 
-/// Not a code of the library: what its callers make of a success whose reported length is negative or does
-/// not fit the buffer that the library was given.
-constexpr int kDeviceBadLength = -1;
-
 constexpr std::size_t kKeyIdLength = 16;
 constexpr std::size_t kPublicKeyCapacity = 1024;
 constexpr std::size_t kCredentialIdCapacity = 128;
@@ -167,6 +163,9 @@ struct CertificateDetails {
     std::string issuer;     ///< distinguished name that contains "CN="
     std::string subject;    ///< distinguished name that contains "CN="
 };
+
+/// A certificate file that was read: its name, and its content as DER.
+using NamedDer = std::pair<std::string, std::vector<unsigned char>>;
 
 /// What a token says about itself.
 struct TokenInfo {

@@ -5,19 +5,22 @@
 #include <mutex>
 #include <shared_mutex>
 #include <unordered_map>
+#include <utility>
 
 namespace veltra {
 
 /// The records behind the handles of one kind that are alive: a handle is the address of its record, and a
 /// value that is not the address of a live record of this kind is never dereferenced.
 ///
-/// Thread safety: every function may be called from any thread. A record itself is not locked: the pointer
-/// that find returns is good until the handle is taken, and one handle is used by one thread at a time.
+/// Thread safety: every function may be called from any thread. A record itself is not locked: one handle is
+/// used by one thread at a time. A caller keeps what find returns for as long as it works with the record:
+/// the dialog runs the host's window procedures on the calling thread, and one of those may destroy the
+/// handle.
 template <class Record>
 class LiveRecords {
 public:
-    /// Takes over `record` and returns its handle.
-    static std::uintptr_t add(std::unique_ptr<Record> record) {
+    /// Makes `record` live and returns its handle.
+    static std::uintptr_t add(std::shared_ptr<Record> record) {
         const auto handle = reinterpret_cast<std::uintptr_t>(record.get());
         Table& table = instance();
         const std::unique_lock lock(table.mutex);
@@ -26,15 +29,16 @@ public:
     }
 
     /// The live record behind `handle`, or null.
-    static Record* find(std::uintptr_t handle) {
+    static std::shared_ptr<Record> find(std::uintptr_t handle) {
         Table& table = instance();
         const std::shared_lock lock(table.mutex);
         const auto found = table.records.find(handle);
-        return found == table.records.end() ? nullptr : found->second.get();
+        return found == table.records.end() ? nullptr : found->second;
     }
 
-    /// Ends the life of the handle and hands its record out; null when it was not alive.
-    static std::unique_ptr<Record> take(std::uintptr_t handle) {
+    /// Ends the life of the handle and hands its record out; null when it was not alive. The record is gone
+    /// when the last caller that holds it lets go.
+    [[nodiscard]] static std::shared_ptr<Record> take(std::uintptr_t handle) {
         Table& table = instance();
         const std::unique_lock lock(table.mutex);
         auto node = table.records.extract(handle);
@@ -44,7 +48,7 @@ public:
 private:
     struct Table {
         std::shared_mutex mutex;
-        std::unordered_map<std::uintptr_t, std::unique_ptr<Record>> records;
+        std::unordered_map<std::uintptr_t, std::shared_ptr<Record>> records;
     };
 
     // Never destroyed: a thread that process exit killed may have held the lock.

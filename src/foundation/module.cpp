@@ -1,6 +1,5 @@
 #include "foundation/module.h"
 
-#include <array>
 #include <atomic>
 
 namespace veltra {
@@ -24,16 +23,15 @@ HMODULE thisModule() {
 }
 
 std::wstring thisModuleFolder() {
-    std::array<wchar_t, 32768> path{};
+    std::wstring path(32768, L'\0');
     const DWORD length = GetModuleFileNameW(thisModule(), path.data(), static_cast<DWORD>(path.size()));
     if (length == 0 || length >= path.size()) return {};
-    const std::wstring full(path.data(), length);
-    const std::size_t separator = full.find_last_of(L"\\/");
-    return separator == std::wstring::npos ? std::wstring() : full.substr(0, separator + 1);
+    const std::size_t separator = path.find_last_of(L"\\/", length - 1);
+    return separator == std::wstring::npos ? std::wstring() : path.substr(0, separator + 1);
 }
 
-void pinThisModule() {
-    moduleOfThisCode(GET_MODULE_HANDLE_EX_FLAG_PIN);
+bool pinThisModule() {
+    return moduleOfThisCode(GET_MODULE_HANDLE_EX_FLAG_PIN) != nullptr;
 }
 
 void noteProcessTermination() {

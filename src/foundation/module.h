@@ -12,8 +12,9 @@ HMODULE thisModule();
 /// The folder of thisModule(), ending in a backslash; empty when it cannot be read.
 std::wstring thisModuleFolder();
 
-/// Keeps this module loaded until the process ends, so that its threads never run in unmapped code.
-void pinThisModule();
+/// Keeps this module loaded until the process ends, so that its threads never run in unmapped code. False
+/// when the system refuses.
+bool pinThisModule();
 
 /// The process is ending and all other threads are gone: DllMain notes it, and clean-up that would wait for
 /// a thread asks for it.

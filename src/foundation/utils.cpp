@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 namespace veltra {
@@ -28,6 +29,15 @@ std::optional<std::uint32_t> readLogLevel() {
     std::uint32_t level = 0;
     std::memcpy(&level, data.data(), sizeof(level));
     return level;
+}
+
+bool isDebugWanted() {
+    return readLogLevel() == kLevelDebug;
+}
+
+// Not the same threshold as for debug lines: a level above 3 keeps errors and silences debug lines.
+bool isErrorWanted() {
+    return readLogLevel().value_or(kLevelError) >= kLevelError;
 }
 
 // All tags are ten characters wide.
@@ -68,8 +78,9 @@ std::string formatted(const char* format, Arguments... arguments) {
     return text.data();
 }
 
-// One line is one append, so that lines of other threads and processes are never torn.
-void writeLine(std::uint32_t level, const std::string& message) {
+// One line is one append: the system puts lines of other threads and processes behind each other. (Wine seeks
+// and then writes, so there lines may overlay each other.)
+void writeLine(std::uint32_t level, std::string_view message) {
     const std::string folder = logFolderPath();
     Utils::createFolderPath(folder);
     SYSTEMTIME now{};
@@ -88,7 +99,7 @@ void writeLine(std::uint32_t level, const std::string& message) {
     }
 }
 
-void writeIf(bool wanted, std::uint32_t level, const std::string& message) noexcept {
+void writeIf(bool wanted, std::uint32_t level, std::string_view message) noexcept {
     if (!wanted) return;
     try {
         writeLine(level, message);
@@ -102,14 +113,23 @@ void writeIf(bool wanted, std::uint32_t level, const std::string& message) noexc
 void Utils::debug(std::string&& message) noexcept {
     const LastErrorKeeper keeper;
     const std::string taken = std::exchange(message, std::string());
-    writeIf(readLogLevel() == kLevelDebug, kLevelDebug, taken);
+    writeIf(isDebugWanted(), kLevelDebug, taken);
+}
+
+void Utils::debug(const char* message) noexcept {
+    const LastErrorKeeper keeper;
+    writeIf(isDebugWanted(), kLevelDebug, message);
 }
 
 void Utils::error(std::string&& message) noexcept {
     const LastErrorKeeper keeper;
     const std::string taken = std::exchange(message, std::string());
-    // Not the same threshold as for debug lines: a level above 3 keeps errors and silences debug lines.
-    writeIf(readLogLevel().value_or(kLevelError) >= kLevelError, kLevelError, taken);
+    writeIf(isErrorWanted(), kLevelError, taken);
+}
+
+void Utils::error(const char* message) noexcept {
+    const LastErrorKeeper keeper;
+    writeIf(isErrorWanted(), kLevelError, message);
 }
 
 int Utils::getLogBaseFolderPath(char* buffer, std::size_t size) noexcept {

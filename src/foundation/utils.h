@@ -16,21 +16,26 @@ namespace veltra {
 ///   missing  error lines
 ///
 /// Thread safety: any thread, any process; every line is one append to a file opened with full sharing, and
-/// no lock is taken. Nothing that fails here reaches the caller, and the caller's last error is kept.
+/// no lock is taken. Nothing that fails in debug and error reaches the caller, and they keep the caller's
+/// last error. The file-system helpers below are what they use.
 class Utils {
 public:
     /// Writes a debug line if "logLevel" is exactly 3. Takes the message over and leaves it empty.
     static void debug(std::string&& message) noexcept;
 
+    static void debug(const char* message) noexcept;
+
     /// Writes an error line unless "logLevel" was read and is below 2. Takes the message over and leaves it
     /// empty.
     static void error(std::string&& message) noexcept;
+    static void error(const char* message) noexcept;
 
     /// Fills `buffer` with the temporary folder of the current user, if that is a folder. 0 on success;
     /// -1 on failure, and the buffer is empty.
     static int getLogBaseFolderPath(char* buffer, std::size_t size) noexcept;
 
-    /// Base name of the process's main module up to its first "."; empty when it cannot be read.
+    /// Base name of the process's main module up to its first "."; empty when it cannot be read. May throw
+    /// std::bad_alloc.
     static std::string getProcessName();
 
     /// Whether `path` names an existing folder.
@@ -39,7 +44,7 @@ public:
     /// Creates one folder with default security; the result is that of CreateDirectoryA.
     static int createFolder(const char* path) noexcept;
 
-    /// Creates every folder along `path`, whose steps end in "/".
+    /// Creates every folder along `path`, whose steps end in "/". May throw std::bad_alloc.
     static void createFolderPath(const std::string& path);
 };
 

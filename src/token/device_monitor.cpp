@@ -22,7 +22,7 @@ std::atomic<bool> stopRequested{false};
 /// A Win32 thread and event instead of the standard library's: those hang when a static destructor stops
 /// them at process exit or under the loader lock.
 struct MonitorThread {
-    std::mutex mutex; // held for assignments of the two handles only
+    std::mutex mutex; // held while the two handles change, never while waiting
     UniqueHandle thread;
     UniqueHandle stopEvent;
 };
@@ -33,6 +33,7 @@ MonitorThread& monitorThread() {
     return *instance;
 }
 
+// The entries are erased under the lock and reported after it: no lock is held across a log line.
 void forgetPulledTokens() {
     const std::vector<std::string> connected = connectedSerials(nullptr);
     for (const std::string& serial : forgetDisconnected({connected.begin(), connected.end()})) {
@@ -40,19 +41,38 @@ void forgetPulledTokens() {
     }
 }
 
+// A poll that fails is skipped: nothing is erased, and the next one comes in a second. The first one of a row
+// is reported.
+void poll(bool& failing) noexcept {
+    try {
+        forgetPulledTokens();
+        failing = false;
+    } catch (...) {
+        if (!failing) Utils::error("Device monitor: a poll of the connected tokens failed");
+        failing = true;
+    }
+}
+
 DWORD WINAPI monitorLoop(void* stopEvent) noexcept {
     Utils::debug("Device monitor thread started.");
-    while (!stopRequested) {
-        try {
-            forgetPulledTokens();
-        } catch (...) {
-            // A poll that fails is skipped: nothing is erased, and the next one comes in a second.
-            Utils::error("Device monitor: reading the connected tokens failed");
-        }
-        WaitForSingleObject(stopEvent, kPollMilliseconds);
+    bool failing = false;
+    DWORD waited = WAIT_TIMEOUT;
+    while (!stopRequested && waited == WAIT_TIMEOUT) {
+        poll(failing);
+        waited = WaitForSingleObject(stopEvent, kPollMilliseconds);
     }
     Utils::debug("Device monitor thread stopped.");
     return 0;
+}
+
+bool startThread(MonitorThread& state) {
+    const std::lock_guard lock(state.mutex);
+    stopRequested = false;
+    state.stopEvent.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (state.stopEvent) {
+        state.thread.reset(CreateThread(nullptr, 0, monitorLoop, state.stopEvent.get(), 0, nullptr));
+    }
+    return state.thread != nullptr;
 }
 
 struct StopAtUnload {
@@ -67,21 +87,10 @@ void startDeviceMonitor() {
         Utils::debug("Monitor thread already running, not starting again.");
         return;
     }
-    pinThisModule();
-    stopRequested = false;
-    UniqueHandle stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    UniqueHandle thread(stopEvent ? CreateThread(nullptr, 0, monitorLoop, stopEvent.get(), 0, nullptr)
-                                  : nullptr);
-    if (!thread) {
+    if (!pinThisModule() || !startThread(monitorThread())) {
         running = false;
         Utils::error("Monitor thread cannot be started");
         return;
-    }
-    {
-        MonitorThread& state = monitorThread();
-        const std::lock_guard lock(state.mutex);
-        state.stopEvent = std::move(stopEvent);
-        state.thread = std::move(thread);
     }
     Utils::debug("Monitor thread started (startDeviceMonitor).");
 }

@@ -61,6 +61,12 @@ void forgetPin(const std::string& serial) {
     if (found != devices().end()) found->second.pin = Pin();
 }
 
+void forgetPin(const std::string& serial, const Pin& pin) {
+    const std::lock_guard lock(sharedStateMutex());
+    const auto found = devices().find(serial);
+    if (found != devices().end() && found->second.pin.view() == pin.view()) found->second.pin = Pin();
+}
+
 bool isInitialised(const std::string& serial) {
     const std::lock_guard lock(sharedStateMutex());
     const DeviceEntry* device = findDevice(serial);

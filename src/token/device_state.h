@@ -8,9 +8,9 @@
 
 namespace veltra {
 
-/// What this process knows of each token, by serial (exact comparison): whether it was initialised, whether
-/// its PIN was validated, and the PIN itself. Every function takes the shared state mutex for its own
-/// duration and may be called from any thread.
+// What this process knows of each token, by serial (exact comparison): whether it was initialised, whether
+// its PIN was validated, and the PIN itself. Every function takes the shared state mutex for its own
+// duration and may be called from any thread.
 
 /// Whether a PIN was accepted or the token reported a logged-in session; false for an unknown serial.
 bool isPinValidated(const std::string& serial);
@@ -26,6 +26,9 @@ void storePin(const std::string& serial, const Pin& pin);
 
 /// Empties the stored PIN of a known serial. The validated mark stays.
 void forgetPin(const std::string& serial);
+
+/// The same, but only if the stored PIN is still `pin`: another thread may have stored a newer one.
+void forgetPin(const std::string& serial, const Pin& pin);
 
 /// Whether the token was initialised in this process; false for an unknown serial.
 bool isInitialised(const std::string& serial);

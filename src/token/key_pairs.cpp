@@ -10,16 +10,19 @@ namespace veltra {
 
 std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext) {
     std::vector<VeltraKeyPair> pairs = deviceLibrary().veltra_getKeyPairList(serial.c_str(), libraryContext);
-    std::erase_if(pairs, [](const VeltraKeyPair& pair) {
-        if (isWellFormed(pair)) return false;
-        Utils::error(concat("Key pair ", keyName(pair.keyId), " has impossible lengths, left out"));
-        return true;
-    });
+    for (VeltraKeyPair& pair : pairs) {
+        if (!clearImpossibleLengths(pair)) {
+            Utils::error(concat("Key pair ", keyName(pair.keyId), " has an impossible public key length"));
+        }
+    }
     return pairs;
 }
 
-bool isWellFormed(const VeltraKeyPair& pair) {
-    return pair.publicKeyLength <= kPublicKeyCapacity && pair.credentialIdLength <= kCredentialIdCapacity;
+bool clearImpossibleLengths(VeltraKeyPair& pair) {
+    if (pair.credentialIdLength > kCredentialIdCapacity) pair.credentialIdLength = 0;
+    const bool fits = pair.publicKeyLength <= kPublicKeyCapacity;
+    if (!fits) pair.publicKeyLength = 0;
+    return fits;
 }
 
 std::string keyName(std::span<const unsigned char, kKeyIdLength> keyId) {

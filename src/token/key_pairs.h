@@ -8,12 +8,13 @@
 
 namespace veltra {
 
-/// A copy of the token's key pair list, in the token's order. A record whose lengths do not fit its own
-/// buffers is reported and left out.
+/// A copy of the token's key pair list, in the token's order. A length in a record that does not fit
+/// its own buffer is reported and counts as 0.
 std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext);
 
-/// Whether the lengths in a record that the device library filled fit its buffers.
-bool isWellFormed(const VeltraKeyPair& pair);
+/// Makes lengths that do not fit their buffers 0 in a record that the device library filled. Returns whether
+/// the public key fits; the credential identifier is only carried.
+bool clearImpossibleLengths(VeltraKeyPair& pair);
 
 /// The name of a key in both front ends: its identifier as 32 upper-case hexadecimal characters.
 std::string keyName(std::span<const unsigned char, kKeyIdLength> keyId);

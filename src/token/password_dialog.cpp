@@ -51,6 +51,7 @@ Pin readPin(HWND window) {
     GetDlgItemTextA(window, IDC_PIN, text.data(), static_cast<int>(text.size()));
     const Pin pin{std::string_view(text.data())};
     wipe(text.data(), text.size());
+    SetDlgItemTextA(window, IDC_PIN, ""); // nor does it stay in the edit control
     return pin;
 }
 
@@ -60,6 +61,7 @@ int PasswordDialog::show() {
     Utils::debug("Password dialog show window");
     enteredText_ = Pin();
     Utils::debug("Password dialog show window before");
+    // The parameter tells two dialogs of two threads apart, so that each reads its own text.
     const INT_PTR result = DialogBoxParamA(thisModule(), MAKEINTRESOURCEA(IDD_PASSWORD), nullptr, procedure,
                                            reinterpret_cast<LPARAM>(this));
     Utils::debug("Password dialog show window after");

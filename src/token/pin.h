@@ -7,7 +7,7 @@
 namespace veltra {
 
 /// A user PIN: at most 255 characters in a buffer of its own, zero-terminated and wiped when it goes out of
-/// scope. It never lies in memory that somebody else frees unwiped.
+/// scope.
 class Pin {
 public:
     static constexpr std::size_t kMaxLength = 255;

@@ -26,8 +26,8 @@ std::atomic<PinPrompt*> substitute{nullptr};
 
 PinPrompt& pinPrompt() {
     if (PinPrompt* prompt = substitute) return *prompt;
-    static WindowPrompt windows;
-    return windows;
+    static auto* const windows = new WindowPrompt;
+    return *windows;
 }
 
 void setPinPrompt(PinPrompt* prompt) {

@@ -14,12 +14,25 @@ void initialiseLibrary() {
     deviceLibrary().veltra_init(0, nullptr, 2);
 }
 
+namespace {
+
+// An exception counts as a refusal of this one token.
+int initialiseToken(const std::string& serial, void* libraryContext) {
+    try {
+        initialiseLibrary();
+        return deviceLibrary().veltra_initDevice(serial.c_str(), false, libraryContext);
+    } catch (...) {
+        return kDeviceThrew;
+    }
+}
+
+} // namespace
+
 void initialiseTokens(const std::vector<std::string>& serials, void* libraryContext,
                       std::string_view logPrefix) {
     for (const std::string& serial : serials) {
         if (isInitialised(serial)) continue;
-        initialiseLibrary();
-        const int code = deviceLibrary().veltra_initDevice(serial.c_str(), false, libraryContext);
+        const int code = initialiseToken(serial, libraryContext);
         if (code == kDeviceOk) {
             markInitialised(serial);
         } else {

@@ -29,15 +29,16 @@ struct PinOperationResult {
 };
 
 /// Runs `operation(pin)` with the stored PIN. If the token answers that its session has expired, writes the
-/// debug line `expiredLine`, forgets the PIN, runs `verifyAgain()` and, if that returns true, repeats the
+/// debug line `expiredLine`, forgets that PIN, runs `verifyAgain()` and, if that returns true, repeats the
 /// operation once with the new PIN; the second result is final.
 template <class Operation, class VerifyAgain>
 PinOperationResult runWithSessionRetry(const std::string& serial, std::string_view expiredLine,
                                        Operation operation, VerifyAgain verifyAgain) {
-    const int first = operation(getPin(serial));
+    const Pin pin = getPin(serial);
+    const int first = operation(pin);
     if (first != kDeviceSessionExpired) return {.code = first};
     Utils::debug(std::string(expiredLine));
-    forgetPin(serial);
+    forgetPin(serial, pin);
     if (!verifyAgain()) return {.code = first, .verificationFailed = true};
     return {.code = operation(getPin(serial))};
 }

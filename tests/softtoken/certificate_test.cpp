@@ -61,7 +61,7 @@ protected:
         fs::remove(folder_ / "leaf.pem");
     }
 
-    Files read(const std::vector<std::string>& extensions) {
+    Files read(const std::vector<std::string>& extensions) const {
         return library_.getFilesWithExtensionsAndConvertDER(folder_.string(), extensions, nullptr);
     }
 
@@ -73,12 +73,12 @@ protected:
         return record;
     }
 
-    VeltraCertificate import(VeltraCertificate record) {
+    VeltraCertificate import(VeltraCertificate record) const {
         EXPECT_EQ(library_.importCertificate(kSerial, kPin, &record, nullptr), 0);
         return record;
     }
 
-    std::vector<Bytes> listed() {
+    std::vector<Bytes> listed() const {
         std::vector<Bytes> ders;
         for (const VeltraCertificate& it : library_.getCertificateList(kSerial, nullptr))
             ders.emplace_back(it.der, it.der + it.derLength);

@@ -25,7 +25,7 @@ protected:
     EncryptionTest() { EXPECT_EQ(logIn(), 0); }
 
     int encryptRsa(const VeltraKeyPair& key, PaddingMode padding, const Bytes& message, Bytes& ciphertext,
-                   int capacity = 512, EncryptionType type = EncryptionType::Rsa2048) {
+                   int capacity = 512, EncryptionType type = EncryptionType::Rsa2048) const {
         const Bytes der = rsaKeyDer(key);
         ciphertext.assign(512, 0xAA);
         int length = capacity;
@@ -35,25 +35,26 @@ protected:
         return result;
     }
 
-    int decryptRsa(const VeltraKeyPair& key, const Bytes& ciphertext, LibraryOutput& plaintext) {
+    int decryptRsa(const VeltraKeyPair& key, const Bytes& ciphertext, LibraryOutput& plaintext) const {
         return library_.decrypt(kSerial, key.keyId, kPin, ciphertext.data(), lengthOf(ciphertext),
                                 &plaintext.data, &plaintext.length, false, nullptr);
     }
 
     int encryptAes(EncryptionType type, const Bytes& key, const Bytes& iv, const Bytes& plaintext, bool final,
-                   LibraryOutput& ciphertext) {
+                   LibraryOutput& ciphertext) const {
         return library_.encryptAes(kSerial, type, key.data(), lengthOf(key), plaintext.data(),
                                    lengthOf(plaintext), &ciphertext.data, &ciphertext.length, final,
                                    iv.data(), lengthOf(iv), nullptr, 0, nullptr);
     }
 
-    int decryptAes(const Bytes& key, const Bytes& iv, const Bytes& ciphertext, LibraryOutput& plaintext) {
+    int decryptAes(const Bytes& key, const Bytes& iv, const Bytes& ciphertext,
+                   LibraryOutput& plaintext) const {
         return library_.decryptAes(kSerial, key.data(), lengthOf(key), ciphertext.data(),
                                    lengthOf(ciphertext), &plaintext.data, &plaintext.length, false, iv.data(),
                                    lengthOf(iv), nullptr);
     }
 
-    int importAes(const Bytes& key, VeltraSymmetricKey& record) {
+    int importAes(const Bytes& key, VeltraSymmetricKey& record) const {
         std::ranges::copy(key, record.key);
         record.keyLength = static_cast<std::uint32_t>(key.size());
         return library_.importAesKey(kSerial, kPin, &record, nullptr);

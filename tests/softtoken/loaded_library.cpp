@@ -90,11 +90,11 @@ void SoftTokenTest::create(const char* serial, FipsGeneration fips, std::uint32_
     createToken(description, kPin, attempts);
 }
 
-int SoftTokenTest::logIn(const char* pin, int* remaining) {
+int SoftTokenTest::logIn(const char* pin, int* remaining) const {
     return library_.validatePassword(kSerial, pin, 1, remaining, nullptr);
 }
 
-VeltraKeyPair SoftTokenTest::generate(std::uint32_t keyType, std::uint32_t usage) {
+VeltraKeyPair SoftTokenTest::generate(std::uint32_t keyType, std::uint32_t usage) const {
     VeltraKeyPair record{};
     record.keyType = keyType;
     record.usage = usage;
@@ -103,7 +103,7 @@ VeltraKeyPair SoftTokenTest::generate(std::uint32_t keyType, std::uint32_t usage
 }
 
 int SoftTokenTest::sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes& signature, bool pss,
-                        const char* pin) {
+                        const char* pin) const {
     const Bytes hash = hashOf(hashLength);
     signature.assign(512, 0);
     int length = static_cast<int>(signature.size());
@@ -113,13 +113,13 @@ int SoftTokenTest::sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes&
     return result;
 }
 
-int SoftTokenTest::sign(const VeltraKeyPair& key, const char* pin) {
+int SoftTokenTest::sign(const VeltraKeyPair& key, const char* pin) const {
     Bytes signature;
     return sign(key, 32, signature, false, pin);
 }
 
 int SoftTokenTest::verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature,
-                          bool pss) {
+                          bool pss) const {
     const Bytes hash = hashOf(hashLength);
     const Bytes publicKey = key.keyType <= kKeyTypeRsa4096
                                 ? rsaKeyDer(key)

@@ -91,15 +91,16 @@ protected:
     }
 
     /// veltra_validatePassword of kSerial.
-    int logIn(const char* pin = kPin, int* remaining = nullptr);
+    int logIn(const char* pin = kPin, int* remaining = nullptr) const;
     /// A generated key of kSerial; fails the test when there is none.
-    VeltraKeyPair generate(std::uint32_t keyType, std::uint32_t usage = kUsageSign);
+    [[nodiscard]] VeltraKeyPair generate(std::uint32_t keyType, std::uint32_t usage = kUsageSign) const;
     /// veltra_signHash of kSerial over `hashLength` bytes; fills `signature` when it succeeds.
     int sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes& signature, bool pss = false,
-             const char* pin = kPin);
-    int sign(const VeltraKeyPair& key, const char* pin = kPin);
+             const char* pin = kPin) const;
+    int sign(const VeltraKeyPair& key, const char* pin = kPin) const;
     /// veltra_verifySignatureHash over the same hash as sign().
-    int verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature, bool pss = false);
+    [[nodiscard]] int verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature,
+                             bool pss = false) const;
 
     /// SubjectPublicKeyInfo of an RSA key with exponent 65537, encoded by the platform.
     static Bytes rsaKeyDer(const VeltraKeyPair& key);

@@ -25,7 +25,7 @@ DWORD WINAPI runBody(void* body) {
 
 bool isFromMonitorThread(std::string_view line) {
     return line.starts_with("DEBUG Device monitor thread ") ||
-           line.starts_with("DEBUG Device disconnected: ");
+           line.starts_with("DEBUG Device disconnected: ") || line.starts_with("ERROR Device monitor: ");
 }
 
 } // namespace

@@ -25,7 +25,7 @@ protected:
         return name;
     }
     std::string keyNameOfContainer(const std::string& container) {
-        const CSP_CONTEXT* context = liveContext(acquire(container.c_str()));
+        const auto context = liveContext(acquire(container.c_str()));
         return context ? context->keyName : "refused";
     }
 };
@@ -80,7 +80,7 @@ TEST_F(ProviderContextTest, AnyOfTheTopFourBitsMakesAVerifyContextThatTouchesNoT
                     ElementsAre("CPAcquireContext", "CPAcquireContext - dwFlags : " + std::to_string(flags),
                                 std::string("CPAcquireContext - isSilent : ") + (flags & 0x40 ? "1" : "0"),
                                 "CPAcquireContext: CRYPT_VERIFYCONTEXT, no token required, return TRUE"));
-        const CSP_CONTEXT* context = liveContext(handle);
+        const auto context = liveContext(handle);
         ASSERT_NE(context, nullptr);
         EXPECT_EQ(context->serial, "");
         EXPECT_EQ(context->containerName, "");
@@ -107,7 +107,7 @@ TEST_F(ProviderContextTest, OpenWithoutContainer) {
                             "veltra_initDevice(serial=" + serial + ", reread=0)",
                             "veltra_getConnectedDeviceList(refresh=0)",
                             "veltra_getKeyPairList(serial=" + serial + ")"));
-    const CSP_CONTEXT* context = liveContext(handle);
+    const auto context = liveContext(handle);
     ASSERT_NE(context, nullptr);
     EXPECT_EQ(context->serial, serial);
     EXPECT_EQ(context->keyName, "");
@@ -131,7 +131,7 @@ TEST_F(ProviderContextTest, UnknownContainerOpensTheFirstTokenUnderItsOwnName) {
                                            Contains("Acquire Context :: Key List is empty"),
                                            Contains("CPAcquireContext: container=" + name +
                                                     " serial=" + serial + " silent=1, return TRUE")));
-    const CSP_CONTEXT* context = liveContext(handle);
+    const auto context = liveContext(handle);
     ASSERT_NE(context, nullptr);
     EXPECT_EQ(context->keyName, name);
     EXPECT_EQ(context->containerName, name);
@@ -148,7 +148,7 @@ TEST_F(ProviderContextTest, TokenThatHoldsTheNamedKeyIsChosenIgnoringCase) {
         {kId1, serial},           {kLetters.substr(1), serial},
         {kLetters + "A", serial}, {"", serial}};
     for (const auto& [container, expected] : kRows) {
-        const CSP_CONTEXT* context = liveContext(acquire(container.c_str()));
+        const auto context = liveContext(acquire(container.c_str()));
         ASSERT_NE(context, nullptr);
         EXPECT_EQ(context->serial, expected) << container;
         EXPECT_EQ(context->keyName, container);
@@ -173,6 +173,18 @@ TEST_F(ProviderContextTest, TokenThatRefusesInitialisationDoesNotFailTheCall) {
     EXPECT_FALSE(isInitialised(serial));
     EXPECT_NE(acquire(), 0u);
     EXPECT_TRUE(isInitialised(serial)) << "tried again";
+    EXPECT_TRUE(CPReleaseContext(handle, 0));
+}
+
+TEST_F(ProviderContextTest, TokenWhoseInitialisationThrowsFailsAlone) {
+    const std::string second = freshName("Token");
+    library.addToken(second);
+    library.script("veltra_initDevice", {.throws = true, .onCall = 1});
+    HCRYPTPROV handle = 0;
+    const Answer answer = run([&] { return tryAcquire(&handle, nullptr, 0); });
+    EXPECT_EQ(answer.result, TRUE);
+    EXPECT_THAT(answer.errors, ElementsAre(testing::StartsWith("Init device failed for " + serial + " : ")));
+    EXPECT_TRUE(isInitialised(second));
     EXPECT_TRUE(CPReleaseContext(handle, 0));
 }
 
@@ -300,8 +312,7 @@ TEST_F(DeleteKeysetTest, RefusalsLeaveTheMapAlone) {
 }
 
 TEST_F(ProviderContextTest, WhatTheLibraryThrowsBecomesARefusal) {
-    for (const char* function :
-         {"veltra_init", "veltra_getConnectedDeviceList", "veltra_initDevice", "veltra_getKeyPairList"}) {
+    for (const char* function : {"veltra_init", "veltra_getConnectedDeviceList", "veltra_getKeyPairList"}) {
         SCOPED_TRACE(function);
         library.clearScripts();
         library.script(function, {.throws = true});
