@@ -7,7 +7,7 @@
 namespace veltra {
 namespace {
 
-constexpr std::size_t kCertificateFileLimit = 1024 * 1024;
+constexpr std::size_t kCertificateFileLimit = std::size_t{1024} * 1024;
 
 } // namespace
 
@@ -15,7 +15,7 @@ UniqueCertificate loadCertificate(const std::filesystem::path& path) {
     const std::vector<unsigned char> file = readSmallFile(path, kCertificateFileLimit);
     const std::string text(file.begin(), file.end());
     std::vector<BYTE> der(file.size());
-    DWORD length = static_cast<DWORD>(der.size());
+    auto length = static_cast<DWORD>(der.size());
     if (CryptStringToBinaryA(text.data(), static_cast<DWORD>(text.size()), CRYPT_STRING_BASE64HEADER,
                              der.data(), &length, nullptr, nullptr)) {
         der.resize(length);

@@ -65,6 +65,7 @@ LSTATUS writeValue(HKEY key, const RegistryValue& value) {
 /// Writes all the values, or leaves the key as it was and throws.
 void writeAllOrNothing(HKEY key, const std::vector<RegistryValue>& values) {
     std::vector<RegistryValue> before;
+    before.reserve(values.size());
     for (const RegistryValue& value : values) {
         before.push_back(readValue(key, value.name));
     }

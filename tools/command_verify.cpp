@@ -13,8 +13,8 @@
 namespace veltra {
 namespace {
 
-constexpr std::size_t kSignatureFileLimit = 16 * 1024 * 1024;
-constexpr std::size_t kSignedFileLimit = 1024 * 1024 * 1024;
+constexpr std::size_t kSignatureFileLimit = std::size_t{16} * 1024 * 1024;
+constexpr std::size_t kSignedFileLimit = std::size_t{1024} * 1024 * 1024;
 
 int reportBadSignature(std::string_view why) {
     std::cout << "The signature does NOT verify: " << why << '\n';
@@ -84,7 +84,7 @@ public:
     }
 
     Info* get() { return reinterpret_cast<Info*>(buffer_.data()); }
-    DWORD length() const { return length_; }
+    [[nodiscard]] DWORD length() const { return length_; }
 
 private:
     static constexpr const char* kCannotReadSigner = "could not read the signer";

@@ -32,8 +32,8 @@ std::vector<std::wstring> splitKeyIds(std::wstring_view text) {
 std::optional<Container> readEntry(HKEY key, DWORD index) {
     std::wstring name(kValueNameCapacity, L'\0');
     std::vector<wchar_t> data(kDataCapacity);
-    DWORD nameLength = static_cast<DWORD>(name.size());
-    DWORD dataBytes = static_cast<DWORD>(data.size() * sizeof(wchar_t));
+    auto nameLength = static_cast<DWORD>(name.size());
+    auto dataBytes = static_cast<DWORD>(data.size() * sizeof(wchar_t));
     DWORD type = REG_NONE;
     const LSTATUS status = RegEnumValueW(key, index, name.data(), &nameLength, nullptr, &type,
                                          reinterpret_cast<BYTE*>(data.data()), &dataBytes);

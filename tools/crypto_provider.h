@@ -32,7 +32,7 @@ public:
         }
     }
 
-    ULONG_PTR get() const { return handle_; }
+    [[nodiscard]] ULONG_PTR get() const { return handle_; }
 
 private:
     ULONG_PTR handle_ = 0;
@@ -88,18 +88,18 @@ public:
     /// Deletes a container with its keys.
     static void deleteContainer(const ProviderChoice& choice, const std::wstring& container);
 
-    HCRYPTPROV handle() const { return context_.get(); }
+    [[nodiscard]] HCRYPTPROV handle() const { return context_.get(); }
 
     /// `keySpec` is AT_SIGNATURE or AT_KEYEXCHANGE; `bits` the length of the new RSA key.
-    CryptoKey generateKey(DWORD keySpec, DWORD bits) const;
+    [[nodiscard]] CryptoKey generateKey(DWORD keySpec, DWORD bits) const;
 
     /// The container's own key. AT_SIGNATURE gives it whatever it is meant for: the provider does not
     /// compare.
-    CryptoKey ownKey() const;
+    [[nodiscard]] CryptoKey ownKey() const;
 
     static KeyDescription describe(const CryptoKey& key);
 
-    CryptoHash createHash(const HashAlgorithm& algorithm) const;
+    [[nodiscard]] CryptoHash createHash(const HashAlgorithm& algorithm) const;
 
 private:
     explicit CryptoProvider(CryptoContext context) : context_(std::move(context)) {}

@@ -22,8 +22,8 @@ public:
     explicit CommandError(const std::string& sentence, ExitCode exitCode = kExitFailed, DWORD systemCode = 0)
         : std::runtime_error(sentence), exitCode_(exitCode), systemCode_(systemCode) {}
 
-    ExitCode exitCode() const { return exitCode_; }
-    DWORD systemCode() const { return systemCode_; }
+    [[nodiscard]] ExitCode exitCode() const { return exitCode_; }
+    [[nodiscard]] DWORD systemCode() const { return systemCode_; }
 
 private:
     ExitCode exitCode_;

@@ -167,6 +167,15 @@ TEST_F(UserVerificationTest, LongestPinFitsAndALongerOneDoesNotOverrun) {
     EXPECT_THAT(storedPin().size(), testing::Le(63u));
 }
 
+TEST_F(UserVerificationTest, DialogThatCannotBeCreatedCountsAsCancelled) {
+    setPinPrompt(nullptr); // the dialog itself, whose resource this program does not have
+    const Answer answer = ensure();
+    EXPECT_EQ(answer.lastError, kFail);
+    EXPECT_THAT(answer.errors, ElementsAre(testing::StartsWith("Password dialog creation failed : "),
+                                           kCancelledLine, kFailedLine));
+    EXPECT_THAT(library.calls("veltra_validatePassword"), IsEmpty());
+}
+
 TEST_F(UserVerificationTest, ThreadsThatAllAskEndUpWithThePin) {
     prompt.willType({"1234", "1234", "1234", "1234"});
     std::atomic<int> succeeded{0};

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "foundation/windows.h"
+
+#include <string>
+
+namespace veltra::test {
+
+/// Waits for a visible top-level window of this process with this caption, of thread `threadId` if not 0, and
+/// returns it. Ends the program when none appears within 20 seconds, because the thread that waits for it
+/// never would.
+HWND waitForWindow(const std::string& caption, DWORD threadId = 0);
+
+/// The text of a window; of a message box, that of its text.
+std::string textOf(HWND window);
+std::string messageOf(HWND messageBox);
+
+/// Types `text` into a control in the place of what it held.
+void typeInto(HWND dialog, int control, const std::string& text);
+
+/// Presses a button, whether it is enabled or not, and waits until the window is gone.
+void pressAndWait(HWND window, int button);
+void closeAndWait(HWND window);
+
+} // namespace veltra::test
