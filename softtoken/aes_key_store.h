@@ -28,7 +28,7 @@ public:
 
     /// Adds a key of 16, 24 or 32 bytes under a new random identifier; an empty label becomes "AES-" and the
     /// first eight digits of the identifier. Failure::BadArgument for another length.
-    [[nodiscard]] StoredAesKey add(BytesView key, std::uint32_t usage, std::string label,
+    [[nodiscard]] StoredAesKey add(BytesView material, std::uint32_t usage, std::string label,
                                    BytesView masterKey) const;
 
 private:
