@@ -183,6 +183,13 @@ struct TokenInfo {
 
 } // namespace veltra
 
+// The contract is between two C++ modules: clang's warning that C callers cannot use these types does not
+// apply.
+#ifdef __clang__
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
+
 extern "C" {
 
 int __cdecl veltra_init(int mode, void* ctx, int kind);
@@ -247,3 +254,7 @@ int __cdecl veltra_updateHash(void* hash, const unsigned char* data, int length,
 int __cdecl veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx);
 
 } // extern "C"
+
+#ifdef __clang__
+#pragma clang diagnostic pop
+#endif
