@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 
@@ -250,6 +251,7 @@ Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arg
         ++state.callsSeen;
         if (state.script.onCall == 0 || state.script.onCall == state.callsSeen) merged = state.script;
     }
+    if (merged.outOfMemory) throw std::bad_alloc();
     if (merged.throws) throw std::runtime_error(std::string("scripted fault in ") + function);
     return merged;
 }

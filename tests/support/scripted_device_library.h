@@ -47,6 +47,7 @@ struct Script {
     int result = 0;                 ///< not 0: the call fails with this code and has no effect
     std::optional<int> length = {}; ///< the length it reports, whatever it wrote
     bool throws = false;            ///< it throws a std::runtime_error
+    bool outOfMemory = false;       ///< it throws std::bad_alloc
     int onCall = 0;                 ///< only the n-th call from now on, counted from 1; 0: every call
 };
 

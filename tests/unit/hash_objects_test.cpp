@@ -1,7 +1,9 @@
 #include "support/csp_test.h"
 
+#include "csp/hash_context.h"
 #include "token/crypto_policy.h"
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 
@@ -407,6 +409,10 @@ TEST_F(HashTest, HmacIsBuiltOnTheTokensDigest) {
         const Bytes expected = expectedHmac(row, bytesOf(key), bytesOf("abc"));
         EXPECT_EQ(hashValue(provider, hash), expected);
         EXPECT_EQ(hashValue(provider, hash), expected) << "cached";
+        const auto record = liveHash(hash);
+        EXPECT_EQ(record->hmacKeyLength, 0u);
+        const unsigned char* keyBytes = record->hmacKey.data();
+        EXPECT_EQ(std::count(keyBytes, keyBytes + record->hmacKey.size(), 0), 128) << "wiped";
         EXPECT_THAT(library.calls("veltra_initHash"), SizeIs(2));
         EXPECT_THAT(library.calls("veltra_finalHash"), SizeIs(2));
         EXPECT_EQ(feed(hash, "x"), refused(NTE_BAD_HASH_STATE, {kFinalised}));
@@ -474,8 +480,11 @@ TEST_F(HashTest, HmacDuplicatedBeforeItsValueKeepsTheInnerDigest) {
     EXPECT_EQ(hashValue(provider, hash), expected);
     EXPECT_EQ(hashValue(provider, copy), expected);
     EXPECT_EQ(getNumber(copy, HP_ALGID), static_cast<DWORD>(CALG_HMAC));
-    DWORD length = 0;
-    EXPECT_EQ(get(copy, HP_HMAC_INFO, nullptr, length), accepted());
+    HMAC_INFO info{};
+    DWORD length = sizeof info;
+    EXPECT_EQ(get(copy, HP_HMAC_INFO, reinterpret_cast<BYTE*>(&info), length), accepted());
+    EXPECT_EQ(info.HashAlgid, static_cast<ALG_ID>(CALG_SHA_256));
+    EXPECT_EQ(liveHash(copy)->hmacKeyLength, 0u) << "the copy takes no key";
     EXPECT_TRUE(CPDestroyHash(provider, copy));
 }
 

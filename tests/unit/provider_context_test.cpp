@@ -3,6 +3,8 @@
 #include "csp/provider_context.h"
 #include "token/device_state.h"
 
+#include <algorithm>
+
 namespace veltra::test {
 namespace {
 
@@ -23,6 +25,13 @@ protected:
         const std::string name = freshName("Container");
         writeContainerValue(name, data, type);
         return name;
+    }
+    /// Whether the last call started the device monitor or found it running.
+    bool monitorWasStarted() const {
+        return std::ranges::any_of(debugLines, [](const std::string& line) {
+            return line == "Monitor thread started (startDeviceMonitor)." ||
+                   line == "Monitor thread already running, not starting again.";
+        });
     }
     std::string keyNameOfContainer(const std::string& container) {
         const auto context = liveContext(acquire(container.c_str()));
@@ -97,6 +106,7 @@ TEST_F(ProviderContextTest, OpenWithoutContainer) {
     HCRYPTPROV handle = 0;
     EXPECT_EQ(run([&] { return tryAcquire(&handle, nullptr, CRYPT_NEWKEYSET | CRYPT_MACHINE_KEYSET); }),
               accepted());
+    EXPECT_TRUE(monitorWasStarted());
     EXPECT_THAT(debugLines, testing::AllOf(Contains("CPAcquireContext - dwFlags : 40"),
                                            Contains("CPAcquireContext - Container name not provided"),
                                            Contains("CPAcquireContext: container= serial=" + serial +
@@ -285,6 +295,7 @@ TEST_F(DeleteKeysetTest, AlwaysWorksOnTheFirstTokenEvenIfItRefusesInitialisation
     storePinOfToken();
     library.script("veltra_initDevice", {.result = 5});
     EXPECT_EQ(deleteKeyset(mappedContainer(kId1), CRYPT_SILENT), accepted());
+    EXPECT_TRUE(monitorWasStarted());
     EXPECT_THAT(library.calls(),
                 ElementsAre("veltra_init(mode=0, kind=2)", "veltra_getConnectedDeviceList(refresh=0)",
                             "veltra_init(mode=0, kind=2)",

@@ -56,6 +56,10 @@ TEST(PublicKeyToDerTest, KnownEncodings) {
     }
 }
 
+TEST(PublicKeyToDerTest, EmptyKeyIsPassedOnAsIfItWereDer) {
+    EXPECT_THAT(rsaPublicKeyAsDer({}, {"der", "raw"}), IsEmpty());
+}
+
 class ExportTest : public CspTest {
 protected:
     ExportTest() : provider(acquire()) {}

@@ -197,7 +197,8 @@ TEST_F(SigningTest, RememberedKeyOfTheSpecificationComesFirst) {
 
 TEST_F(SigningTest, SecondSignatureOfAHashFinishesItNoMoreAndKeepsItsKey) {
     token.addKeyPair(0x11);
-    const HCRYPTPROV provider = openKey('1');
+    storePinOfToken();
+    const HCRYPTPROV provider = acquire();
     const HCRYPTHASH hash = createHash(provider, CALG_SHA_256);
     EXPECT_TRUE(hashData(provider, hash, "abc"));
     EXPECT_EQ(sign(provider, hash), accepted());
@@ -343,6 +344,8 @@ TEST_F(SigningTest, ExceptionOfTheLibraryBecomesARefusal) {
     const Answer answer = sign(provider, hash);
     EXPECT_EQ(answer.lastError, static_cast<DWORD>(NTE_FAIL));
     EXPECT_EQ(answer.errors.size(), 1u);
+    library.script("veltra_signHash", {.outOfMemory = true, .onCall = 1});
+    EXPECT_EQ(sign(provider, hash).lastError, static_cast<DWORD>(NTE_NO_MEMORY));
     EXPECT_EQ(sign(provider, hash), accepted()) << "the objects stay usable";
 }
 

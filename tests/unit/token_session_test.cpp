@@ -98,6 +98,8 @@ TEST_F(TokenSessionTest, PinStateOfASerial) {
     EXPECT_TRUE(hasUsablePin(serial));
     EXPECT_STREQ(getPin(serial).c_str(), "1234");
 
+    forgetPin(serial, Pin("an older one"));
+    EXPECT_TRUE(hasUsablePin(serial)) << "another thread has stored a newer PIN meanwhile";
     forgetPin(serial);
     EXPECT_TRUE(isPinValidated(serial)) << "the mark stays";
     EXPECT_FALSE(hasUsablePin(serial));
