@@ -14,7 +14,6 @@
 namespace veltra {
 namespace {
 
-constexpr std::size_t kMessageLimit = std::size_t{64} * 1024 * 1024;
 constexpr std::size_t kLongestRsaData = 512; // RSA 4096
 
 DWORD paddingFlag(const EncryptionOptions& options) {
@@ -30,42 +29,6 @@ std::vector<BYTE> decryptRsa(const CryptoProvider& context, const EncryptionOpti
             "could not decrypt the file");
     data.resize(length);
     return data;
-}
-
-std::vector<BYTE> messageContent(HCRYPTMSG message) {
-    DWORD length = 0;
-    require(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &length), "could not read the message");
-    std::vector<BYTE> content(length);
-    require(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, content.data(), &length),
-            "could not read the message");
-    content.resize(length);
-    return content;
-}
-
-/// Tries the recipients in turn, because which of them the container's key belongs to is known only by its
-/// certificate, and that need not be on the token.
-std::vector<BYTE> decryptCms(const CryptoProvider& context, const EncryptionOptions& options) {
-    const std::vector<BYTE> encoded = readSmallFile(options.file, kMessageLimit);
-    const UniqueMessage message(CryptMsgOpenToDecode(kMessageEncoding, 0, 0, 0, nullptr, nullptr));
-    require(message != nullptr, "could not read the message");
-    DWORD recipients = 0;
-    DWORD length = sizeof recipients;
-    if (!CryptMsgUpdate(message.get(), encoded.data(), static_cast<DWORD>(encoded.size()), TRUE) ||
-        !CryptMsgGetParam(message.get(), CMSG_RECIPIENT_COUNT_PARAM, 0, &recipients, &length)) {
-        const DWORD code = GetLastError();
-        failWithCode(code, inQuotes(options.file.native()) + " is not an enveloped CMS message");
-    }
-    CMSG_CTRL_DECRYPT_PARA parameters{};
-    parameters.cbSize = sizeof parameters;
-    parameters.hCryptProv = context.handle();
-    parameters.dwKeySpec = AT_KEYEXCHANGE;
-    BOOL decrypted = FALSE;
-    for (DWORD index = 0; index < recipients && !decrypted; ++index) {
-        parameters.dwRecipientIndex = index;
-        decrypted = CryptMsgControl(message.get(), 0, CMSG_CTRL_DECRYPT, &parameters);
-    }
-    require(decrypted, "could not decrypt the message");
-    return messageContent(message.get());
 }
 
 } // namespace
@@ -91,7 +54,7 @@ int encryptFile(const ProviderChoice& provider, const EncryptionOptions& options
 int decryptFile(const ProviderChoice& provider, const EncryptionOptions& options) {
     requireDifferentFiles(options.file, options.out);
     const CryptoProvider context = CryptoProvider::openForUse(provider, options.container);
-    std::vector<BYTE> plaintext = options.cms ? decryptCms(context, options) : decryptRsa(context, options);
+    std::vector<BYTE> plaintext = decryptRsa(context, options);
     replaceFile(options.out, plaintext);
     SecureZeroMemory(plaintext.data(), plaintext.size());
     std::cout << "Decrypted with container " << inQuotes(options.container) << ": "

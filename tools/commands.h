@@ -56,7 +56,6 @@ struct EncryptionOptions {
     std::wstring container;
     std::filesystem::path out;
     bool oaep = false;
-    bool cms = false; ///< decrypt: an enveloped CMS message instead of a bare RSA ciphertext
 };
 
 struct RandomOptions {

@@ -187,8 +187,7 @@ void addVerify(CLI::App& app, CommandLine& line, Action& action) {
 
 void addEncryption(CLI::App& app, CommandLine& line, Action& action) {
     const auto optionsOf = [&line] {
-        return EncryptionOptions{pathOf(line.file), toWide(line.container), pathOf(line.out), line.oaep,
-                                 line.cms};
+        return EncryptionOptions{pathOf(line.file), toWide(line.container), pathOf(line.out), line.oaep};
     };
     const auto add = [&](const char* name, const char* help) {
         auto* command = app.add_subcommand(name, help);
@@ -202,9 +201,7 @@ void addEncryption(CLI::App& app, CommandLine& line, Action& action) {
     add("encrypt", "Encrypt a few bytes to a container's RSA key; big-endian")->callback([&, optionsOf] {
         action = [optionsOf](const ProviderChoice& provider) { return encryptFile(provider, optionsOf()); };
     });
-    auto* decrypt = add("decrypt", "Decrypt what was encrypted to a container's RSA key");
-    decrypt->add_flag("--cms", line.cms, "An enveloped CMS message in DER")->excludes("--oaep");
-    decrypt->callback([&, optionsOf] {
+    add("decrypt", "Decrypt what was encrypted to a container's RSA key")->callback([&, optionsOf] {
         action = [optionsOf](const ProviderChoice& provider) { return decryptFile(provider, optionsOf()); };
     });
 }
