@@ -56,24 +56,24 @@ std::optional<StoredAesKey> AesKeyStore::find(BytesView keyId) const {
     return std::nullopt;
 }
 
-StoredAesKey AesKeyStore::add(BytesView key, std::uint32_t usage, std::string label,
+StoredAesKey AesKeyStore::add(BytesView material, std::uint32_t usage, std::string label,
                               BytesView masterKey) const {
-    if (!isKeyLength(key.size())) {
+    if (!isKeyLength(material.size())) {
         throw TokenError(Failure::BadArgument, "an AES key has 16, 24 or 32 bytes");
     }
     makeFolder(folder_);
     StoredAesKey stored;
     stored.keyId = randomBytes(kKeyIdLength);
-    stored.keyLength = static_cast<std::uint32_t>(key.size());
+    stored.keyLength = static_cast<std::uint32_t>(material.size());
     stored.usage = usage;
     stored.label = label.empty() ? defaultLabel("AES-", stored.keyId) : std::move(label);
     stored.sequence = nextSequence(list());
-    stored.sealedKey = seal(masterKey, sealingContext(stored), key).canonical();
+    stored.sealedKey = seal(masterKey, sealingContext(stored), material).canonical();
     writeRecord(folder_ / (toHex(stored.keyId) + kExtension), toExpression(stored), Overwrite::Refused);
     return stored;
 }
 
-SecureBytes AesKeyStore::key(const StoredAesKey& stored, BytesView masterKey) const {
+SecureBytes openAesKey(const StoredAesKey& stored, BytesView masterKey) {
     SecureBytes key = unseal(masterKey, sealingContext(stored), Expression::parse(stored.sealedKey));
     if (key.size() != stored.keyLength) throw TokenError(Failure::Damaged, "an AES key has a wrong length");
     return key;

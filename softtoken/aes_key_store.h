@@ -28,14 +28,14 @@ public:
 
     /// Adds a key of 16, 24 or 32 bytes under a new random identifier; an empty label becomes "AES-" and the
     /// first eight digits of the identifier. Failure::BadArgument for another length.
-    [[nodiscard]] StoredAesKey add(BytesView key, std::uint32_t usage, std::string label,
+    [[nodiscard]] StoredAesKey add(BytesView material, std::uint32_t usage, std::string label,
                                    BytesView masterKey) const;
-
-    /// The key itself. Failure::Damaged when it does not authenticate.
-    [[nodiscard]] SecureBytes key(const StoredAesKey& stored, BytesView masterKey) const;
 
 private:
     std::filesystem::path folder_;
 };
+
+/// The key itself. Failure::Damaged when it does not authenticate.
+SecureBytes openAesKey(const StoredAesKey& stored, BytesView masterKey);
 
 } // namespace veltra::softtoken

@@ -50,6 +50,7 @@ std::vector<Bytes> readCertificateFile(const fs::path& path) {
 
 NamedCertificates readCertificateFolder(std::string_view folder, const std::vector<std::string>& extensions) {
     std::vector<std::wstring> wanted;
+    wanted.reserve(extensions.size());
     for (const std::string& extension : extensions)
         wanted.push_back(fromSystemCodePage(extension));
     NamedCertificates result;

@@ -11,6 +11,9 @@ namespace {
 
 constexpr std::array<const char*, 4> kOaepHashes = {"sha1", "sha256", "sha384", "sha512"};
 
+/// What PKCS#1 v1.5 padding adds at least (RFC 8017, 7.2.1); every OAEP padding adds more.
+constexpr std::size_t kPkcs1Overhead = 11;
+
 /// The hash of an OAEP padding; null for PKCS#1 v1.5.
 const char* oaepHash(PaddingMode padding) {
     switch (padding) {
@@ -52,8 +55,9 @@ std::optional<SecureBytes> tryDecrypt(const Expression& key, const Expression& c
 
 Bytes encryptRsa(const RsaPublicKey& key, PaddingMode padding, BytesView message) {
     const char* hash = oaepHash(padding);
-    if (message.empty() || message.size() > key.modulus.size()) {
-        throw TokenError(Failure::BadArgument, "the message is empty or longer than the modulus");
+    // libgcrypt itself would accept PKCS#1 v1.5 padding that is too short for others.
+    if (message.empty() || message.size() + kPkcs1Overhead > key.modulus.size()) {
+        throw TokenError(Failure::BadArgument, "the message is empty or too long for the key");
     }
     const Expression publicKey =
         Expression::build("(public-key (rsa %S %S))", Expression::field("n", key.modulus).get(),

@@ -170,13 +170,12 @@ bool verify(std::uint32_t keyType, BytesView hash, BytesView publicKey, BytesVie
 
 SecureBytes decrypt(std::string_view serial, BytesView keyId, std::string_view pin, BytesView ciphertext) {
     const OpenToken token = openToken(serial);
-    const KeyStore store(token.folder);
-    const StoredKeyPair key = store.find(keyId);
+    const StoredKeyPair key = KeyStore(token.folder).find(keyId);
     if (!findKeyKind(key.type)->isRsa()) {
         throw TokenError(Failure::NotSupported, "an EC key does not decrypt");
     }
     const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
-    return decryptRsa(store.privateKey(key, unlocked.masterKey()), key.publicKey, ciphertext);
+    return decryptRsa(openPrivateKey(key, unlocked.masterKey()), key.publicKey, ciphertext);
 }
 
 std::vector<VeltraSymmetricKey> aesKeys(std::string_view serial) {
@@ -200,11 +199,10 @@ void importAesKey(std::string_view serial, std::string_view pin, VeltraSymmetric
 std::optional<SecureBytes> unwrapWithTokenKey(std::string_view serial, BytesView keyId, BytesView wrapped) {
     const OpenToken token = openToken(serial);
     if (keyId.size() != kKeyIdLength) return std::nullopt;
-    const AesKeyStore store(token.folder);
-    const std::optional<StoredAesKey> key = store.find(keyId);
+    const std::optional<StoredAesKey> key = AesKeyStore(token.folder).find(keyId);
     if (!key) return std::nullopt;
     const UnlockedToken unlocked = requireSession(token.folder, token.description, {});
-    return unwrapKey(store.key(*key, unlocked.masterKey()), wrapped);
+    return unwrapKey(openAesKey(*key, unlocked.masterKey()), wrapped);
 }
 
 std::vector<VeltraCertificate> certificates(std::string_view serial) {

@@ -77,25 +77,46 @@ std::optional<RsaPublicKey> rsaKeyFrom(const CERT_PUBLIC_KEY_INFO& info) {
 /// A text from a function that writes it, with its terminator, into a buffer, and returns how long it is
 /// when it gets none.
 template <class Write>
-std::string textFrom(Write write) {
+std::wstring textFrom(Write write) {
     std::wstring text(write(nullptr, 0), L'\0');
     const DWORD length = write(text.data(), static_cast<DWORD>(text.size()));
     text.resize(length == 0 ? 0 : length - 1);
-    return toUtf8(text);
+    return text;
 }
 
-std::string nameText(CERT_NAME_BLOB name) {
-    return textFrom([&](wchar_t* text, DWORD length) {
-        return CertNameToStrW(X509_ASN_ENCODING, &name, CERT_X500_NAME_STR | CERT_NAME_STR_REVERSE_FLAG, text,
-                              length);
+/// "CN=..": the platform's short name of the attribute, or its object identifier.
+std::string attributeText(CERT_RDN_ATTR& attribute) {
+    const CCRYPT_OID_INFO* known =
+        CryptFindOIDInfo(CRYPT_OID_INFO_OID_KEY, attribute.pszObjId, CRYPT_RDN_ATTR_OID_GROUP_ID);
+    const std::wstring value = textFrom([&](wchar_t* text, DWORD length) {
+        return CertRDNValueToStrW(attribute.dwValueType, &attribute.Value, text, length);
     });
+    return (known != nullptr ? toUtf8(known->pwszName) : std::string(attribute.pszObjId)) + "=" +
+           toUtf8(value);
+}
+
+/// Not CertNameToStr: Wine's puts quotes around names that need none and looks behind their end to decide it,
+/// so that one name could get two texts.
+std::string nameText(const CERT_NAME_BLOB& name) {
+    DWORD length = 0;
+    const LocalBuffer decoded = decodeDer(X509_NAME, {name.pbData, name.cbData}, length);
+    if (!decoded) throw TokenError(Failure::BadArgument, "a name in the certificate is malformed");
+    const auto* info = static_cast<const CERT_NAME_INFO*>(decoded.get());
+    std::string text;
+    for (DWORD rdn = info->cRDN; rdn > 0; --rdn) {
+        const CERT_RDN& part = info->rgRDN[rdn - 1];
+        for (DWORD i = 0; i < part.cRDNAttr; ++i) {
+            text += (text.empty() ? "" : ", ") + attributeText(part.rgRDNAttr[i]);
+        }
+    }
+    return text;
 }
 
 std::string commonName(const CERT_CONTEXT& certificate) {
     std::string attribute = szOID_COMMON_NAME;
-    return textFrom([&](wchar_t* text, DWORD length) {
+    return toUtf8(textFrom([&](wchar_t* text, DWORD length) {
         return CertGetNameStringW(&certificate, CERT_NAME_ATTR_TYPE, 0, attribute.data(), text, length);
-    });
+    }));
 }
 
 void addCertificate(std::vector<Bytes>& certificates, BytesView der) {

@@ -18,7 +18,8 @@ struct RsaPublicKey {
 std::optional<RsaPublicKey> parseRsaPublicKey(BytesView der);
 
 /// Names of a DER certificate, in UTF-8; distinguished names as "CN=..., O=..., C=...", the most specific
-/// part first. Failure::BadArgument when it is not a certificate.
+/// part first, without quotes: to be read and searched, not to be parsed back. Failure::BadArgument when it
+/// is not a certificate.
 CertificateDetails certificateDetails(BytesView der);
 
 /// The public key of a DER certificate, in the form of VeltraKeyPair: the modulus or the uncompressed point;

@@ -4,6 +4,8 @@
 #include "files.h"
 #include "wide_text.h"
 
+#include <cstddef>
+
 namespace veltra {
 namespace {
 
@@ -43,6 +45,24 @@ void saveCertificate(const std::filesystem::path& path, const CERT_CONTEXT& cert
     pem.resize(length);
     std::erase(pem, '\r');
     replaceFile(path, {reinterpret_cast<const unsigned char*>(pem.data()), pem.size()});
+}
+
+void requireSameKey(const CryptoProvider& context, const CERT_CONTEXT& certificate) {
+    const auto exportKey = [&](void* info, DWORD* length) {
+        require(CryptExportPublicKeyInfo(context.handle(), AT_SIGNATURE, X509_ASN_ENCODING,
+                                         static_cast<CERT_PUBLIC_KEY_INFO*>(info), length),
+                "could not read the container's public key");
+    };
+    DWORD length = 0;
+    exportKey(nullptr, &length);
+    std::vector<std::max_align_t> buffer(length / sizeof(std::max_align_t) + 1);
+    exportKey(buffer.data(), &length);
+    if (!CertComparePublicKeyInfo(X509_ASN_ENCODING, reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(buffer.data()),
+                                  &certificate.pCertInfo->SubjectPublicKeyInfo)) {
+        throw CommandError(
+            "the certificate belongs to another key than the container's; 'veltra certificate' "
+            "makes one for it");
+    }
 }
 
 std::vector<BYTE> encodeName(const std::wstring& name) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "crypto_provider.h"
+
 #include "foundation/windows.h"
 
 #include <filesystem>
@@ -32,6 +34,10 @@ UniqueCertificate loadCertificate(const std::filesystem::path& path);
 
 /// Writes a certificate as PEM, lines ended by a line feed.
 void saveCertificate(const std::filesystem::path& path, const CERT_CONTEXT& certificate);
+
+/// Throws a CommandError unless the certificate belongs to the container's key: what is signed or stored with
+/// another one would verify nowhere.
+void requireSameKey(const CryptoProvider& context, const CERT_CONTEXT& certificate);
 
 /// Encodes a distinguished name such as "CN=Example, O=Company" in DER.
 std::vector<BYTE> encodeName(const std::wstring& name);

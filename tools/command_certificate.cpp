@@ -27,7 +27,7 @@ SYSTEMTIME daysAfter(SYSTEMTIME start, int days) {
 
 int createCertificate(const ProviderChoice& provider, const CertificateOptions& options) {
     std::vector<BYTE> subject = encodeName(options.subject);
-    const CryptoProvider context = CryptoProvider::open(provider, options.container);
+    const CryptoProvider context = CryptoProvider::openForUse(provider, options.container);
 
     CERT_NAME_BLOB subjectBlob{static_cast<DWORD>(subject.size()), subject.data()};
     char algorithmIdentifier[] = szOID_RSA_SHA256RSA;

@@ -38,7 +38,14 @@ void printKeyRow(std::string_view container, std::string_view algorithm, std::st
 
 int listKeys(const ProviderChoice& provider) {
     const std::vector<Container> containers = readContainerMap();
-    if (containers.empty()) {
+    // The keys that no container of this user stands for are reached by their identifiers.
+    std::vector<std::string> others = CryptoProvider::openToken(provider).containerNames();
+    for (const Container& container : containers) {
+        for (const std::wstring& keyId : container.keyIds) {
+            std::erase(others, toUtf8(keyId));
+        }
+    }
+    if (containers.empty() && others.empty()) {
         std::cout << "No containers yet; 'veltra keygen' makes one.\n";
         return kExitOk;
     }
@@ -49,6 +56,11 @@ int listKeys(const ProviderChoice& provider) {
             printKeyRow(toUtf8(container.name), key ? key->algorithm : "-",
                         key ? std::to_string(key->bits) : "-", key ? key->usage : "-",
                         toUtf8(keyId) + (key ? "" : " (not on a connected token)"));
+        }
+    }
+    for (const std::string& keyId : others) {
+        if (const std::optional<KeyDescription> key = findKey(provider, toWide(keyId))) {
+            printKeyRow("-", key->algorithm, std::to_string(key->bits), key->usage, keyId);
         }
     }
     return kExitOk;
@@ -62,7 +74,7 @@ int generateKey(const ProviderChoice& provider, const KeygenOptions& options) {
                            toUtf8(existing.keyIds.front()) +
                            "; choose another name or delete it with 'veltra delete-container'");
     }
-    const CryptoProvider context = CryptoProvider::open(provider, options.container, CRYPT_NEWKEYSET);
+    const CryptoProvider context = CryptoProvider::openForUse(provider, options.container, CRYPT_NEWKEYSET);
     const CryptoKey key = context.generateKey(options.keySpec, options.bits);
     const KeyDescription description = CryptoProvider::describe(key);
     const Container container = findContainer(options.container);
@@ -86,7 +98,11 @@ int deleteContainer(const ProviderChoice& provider, const DeleteContainerOptions
                                " key(s) from the token for good; repeat the command with --yes",
                            kExitUsage);
     }
-    CryptoProvider::deleteContainer(provider, container.name);
+    {
+        // A PIN that the provider has accepted serves the whole process.
+        const CryptoProvider accepted = CryptoProvider::openForUse(provider, container.name);
+        CryptoProvider::deleteContainer(provider, container.name);
+    }
 
     // The provider succeeds when the container is gone, even if the token kept a key.
     for (const std::wstring& keyId : container.keyIds) {

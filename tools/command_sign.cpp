@@ -13,25 +13,6 @@
 namespace veltra {
 namespace {
 
-/// A message signed with a certificate that belongs to another key would verify nowhere.
-void requireSameKey(const CryptoProvider& context, const CERT_CONTEXT& certificate) {
-    const auto exportKey = [&](void* info, DWORD* length) {
-        require(CryptExportPublicKeyInfo(context.handle(), AT_SIGNATURE, X509_ASN_ENCODING,
-                                         static_cast<CERT_PUBLIC_KEY_INFO*>(info), length),
-                "could not read the container's public key");
-    };
-    DWORD length = 0;
-    exportKey(nullptr, &length);
-    std::vector<std::max_align_t> buffer(length / sizeof(std::max_align_t) + 1);
-    exportKey(buffer.data(), &length);
-    if (!CertComparePublicKeyInfo(X509_ASN_ENCODING, reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(buffer.data()),
-                                  &certificate.pCertInfo->SubjectPublicKeyInfo)) {
-        throw CommandError(
-            "the certificate belongs to another key than the container's; 'veltra certificate' "
-            "makes one for it");
-    }
-}
-
 /// The DER form of the present time for the signing-time attribute.
 std::vector<BYTE> encodedSigningTime() {
     FILETIME now{};
@@ -119,7 +100,7 @@ std::vector<BYTE> rawSignature(const CryptoProvider& context, const SignOptions&
 
 int signFile(const ProviderChoice& provider, const SignOptions& options) {
     requireDifferentFiles(options.file, options.out);
-    const CryptoProvider context = CryptoProvider::open(provider, options.container);
+    const CryptoProvider context = CryptoProvider::openForUse(provider, options.container);
     const std::vector<BYTE> signature =
         options.raw ? rawSignature(context, options) : cmsSignature(context, options);
     replaceFile(options.out, signature);

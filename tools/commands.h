@@ -51,6 +51,23 @@ struct VerifyOptions {
     const HashAlgorithm* hash = nullptr; ///< for a bare signature; a CMS message names its own
 };
 
+struct EncryptionOptions {
+    std::filesystem::path file;
+    std::wstring container;
+    std::filesystem::path out;
+    bool oaep = false;
+};
+
+struct RandomOptions {
+    DWORD length = 0;
+    std::filesystem::path out; ///< empty: hexadecimal digits to the standard output
+};
+
+struct TokenCertificateOptions {
+    std::wstring container;
+    std::filesystem::path file; ///< the certificate to import, or where the chain goes
+};
+
 int registerProvider(const ProviderChoice& provider, const RegistrationOptions& options);
 int unregisterProvider(const ProviderChoice& provider);
 int listKeys(const ProviderChoice& provider);
@@ -59,5 +76,12 @@ int deleteContainer(const ProviderChoice& provider, const DeleteContainerOptions
 int createCertificate(const ProviderChoice& provider, const CertificateOptions& options);
 int signFile(const ProviderChoice& provider, const SignOptions& options);
 int verifyFile(const ProviderChoice& provider, const VerifyOptions& options);
+int encryptFile(const ProviderChoice& provider, const EncryptionOptions& options);
+int decryptFile(const ProviderChoice& provider, const EncryptionOptions& options);
+int makeRandom(const ProviderChoice& provider, const RandomOptions& options);
+int listCertificates(const ProviderChoice& provider);
+int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options);
+int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options);
+int showProvider(const ProviderChoice& provider);
 
 } // namespace veltra

@@ -61,6 +61,27 @@ CryptoProvider CryptoProvider::open(const ProviderChoice& choice, const std::wst
     return CryptoProvider(CryptoContext(context));
 }
 
+CryptoProvider CryptoProvider::openForUse(const ProviderChoice& choice, const std::wstring& container,
+                                          DWORD flags) {
+    CryptoProvider provider = open(choice, container, flags);
+    if (choice.pin) {
+        const auto* text = reinterpret_cast<const BYTE*>(choice.pin->c_str());
+        if (!CryptSetProvParam(provider.handle(), PP_SIGNATURE_PIN, text, 0)) {
+            const DWORD code = GetLastError();
+            throw CommandError("the token does not accept the PIN", kExitFailed, code);
+        }
+    }
+    return provider;
+}
+
+CryptoProvider CryptoProvider::openToken(const ProviderChoice& choice) {
+    HCRYPTPROV context = 0;
+    require(CryptAcquireContextW(&context, nullptr, choice.name.c_str(), PROV_RSA_FULL,
+                                 choice.silent ? CRYPT_SILENT : 0u),
+            "could not open the token");
+    return CryptoProvider(CryptoContext(context));
+}
+
 CryptoProvider CryptoProvider::openSystem() {
     HCRYPTPROV context = 0;
     require(CryptAcquireContextW(&context, nullptr, nullptr, PROV_RSA_AES, CRYPT_VERIFYCONTEXT),
@@ -97,6 +118,33 @@ KeyDescription CryptoProvider::describe(const CryptoKey& key) {
     description.bits = keyNumber(key, KP_KEYLEN);
     description.usage = usageText(keyNumber(key, KP_PERMISSIONS));
     return description;
+}
+
+std::vector<std::string> CryptoProvider::containerNames() const {
+    std::vector<std::string> names;
+    for (DWORD flag = CRYPT_FIRST;; flag = CRYPT_NEXT) {
+        std::array<char, 1024> name{};
+        auto length = static_cast<DWORD>(name.size());
+        if (!CryptGetProvParam(handle(), PP_ENUMCONTAINERS, reinterpret_cast<BYTE*>(name.data()), &length,
+                               flag)) {
+            require(GetLastError() == ERROR_NO_MORE_ITEMS, "could not list the containers");
+            return names;
+        }
+        names.emplace_back(name.data());
+    }
+}
+
+std::optional<std::vector<BYTE>> CryptoProvider::certificateOf(const CryptoKey& key) {
+    DWORD length = 0;
+    if (!CryptGetKeyParam(key.get(), KP_CERTIFICATE, nullptr, &length, 0)) {
+        require(static_cast<LONG>(GetLastError()) == NTE_NOT_FOUND, "could not read the certificate");
+        return std::nullopt;
+    }
+    std::vector<BYTE> der(length);
+    require(CryptGetKeyParam(key.get(), KP_CERTIFICATE, der.data(), &length, 0),
+            "could not read the certificate");
+    der.resize(length);
+    return der;
 }
 
 CryptoHash CryptoProvider::createHash(const HashAlgorithm& algorithm) const {

@@ -2,6 +2,8 @@
 
 #include "foundation/windows.h"
 
+#include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -56,6 +58,7 @@ using CryptoHash = CryptoHandle<HashDestroyer>;
 struct ProviderChoice {
     std::wstring name = L"Veltra Cryptographic Provider CSP";
     bool silent = false;
+    std::shared_ptr<const std::string> pin; ///< null: the provider asks for the PIN when it needs one
 };
 
 struct HashAlgorithm {
@@ -82,6 +85,13 @@ public:
     /// Opens the container with this name, which must not be empty.
     static CryptoProvider open(const ProviderChoice& choice, const std::wstring& container, DWORD flags = 0);
 
+    /// Opens a container whose private key will be used: as open, and hands the chosen PIN to the provider.
+    static CryptoProvider openForUse(const ProviderChoice& choice, const std::wstring& container,
+                                     DWORD flags = 0);
+
+    /// Opens no container in particular: the first connected token.
+    static CryptoProvider openToken(const ProviderChoice& choice);
+
     /// Opens the system's own software provider, for public keys alone.
     static CryptoProvider openSystem();
 
@@ -98,6 +108,13 @@ public:
     [[nodiscard]] CryptoKey ownKey() const;
 
     static KeyDescription describe(const CryptoKey& key);
+
+    /// The names of PP_ENUMCONTAINERS, which are the identifiers of the token's keys.
+    [[nodiscard]] std::vector<std::string> containerNames() const;
+
+    /// The DER bytes of the certificate that the token has for this key (KP_CERTIFICATE); nothing if it has
+    /// none.
+    static std::optional<std::vector<BYTE>> certificateOf(const CryptoKey& key);
 
     [[nodiscard]] CryptoHash createHash(const HashAlgorithm& algorithm) const;
 

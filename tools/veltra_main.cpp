@@ -9,6 +9,7 @@
 
 #include <shellapi.h>
 
+#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -18,13 +19,15 @@ namespace {
 
 constexpr const char* kFooter = R"(
 Exit codes: 0 success, 1 the operation failed, 2 wrong usage, 3 the signature does not verify.
-The provider asks for the PIN in a window of its own. For unattended use log the token in first
-(the software token: softtoken login SERIAL). 'veltra COMMAND --help' tells a command's options.)";
+The provider asks for the PIN in a window of its own. For unattended use give the PIN
+with --pin-stdin or --pin-env, or log the token in first (the software token: softtoken login SERIAL). 'veltra COMMAND --help' tells a command's options.)";
 
 /// What the command line gives as UTF-8 text, before the commands see it.
 struct CommandLine {
     std::string provider;
     bool silent = false;
+    bool pinFromInput = false;
+    std::string pinVariable;
     std::string dll;
     std::string container;
     std::string usage = "sign";
@@ -35,9 +38,11 @@ struct CommandLine {
     std::string certificate;
     std::string hash = "sha256";
     DWORD bits = 2048;
+    DWORD length = 0;
     int days = 365;
     bool cms = false;
     bool raw = false;
+    bool oaep = false;
     bool withoutAttributes = false;
     bool confirmed = false;
 };
@@ -180,6 +185,94 @@ void addVerify(CLI::App& app, CommandLine& line, Action& action) {
     });
 }
 
+void addEncryption(CLI::App& app, CommandLine& line, Action& action) {
+    const auto optionsOf = [&line] {
+        return EncryptionOptions{pathOf(line.file), toWide(line.container), pathOf(line.out), line.oaep};
+    };
+    const auto add = [&](const char* name, const char* help) {
+        auto* command = app.add_subcommand(name, help);
+        command->add_option("file", line.file, "The input file")->required();
+        addContainer(*command, line, "The container");
+        command->get_option("--container")->required();
+        command->add_flag("--oaep", line.oaep, "RSA: OAEP with SHA-1 instead of PKCS#1 v1.5 padding");
+        command->add_option("--out", line.out, "The result")->required()->type_name("FILE");
+        return command;
+    };
+    add("encrypt", "Encrypt a few bytes to a container's RSA key; big-endian")->callback([&, optionsOf] {
+        action = [optionsOf](const ProviderChoice& provider) { return encryptFile(provider, optionsOf()); };
+    });
+    add("decrypt", "Decrypt what was encrypted to a container's RSA key")->callback([&, optionsOf] {
+        action = [optionsOf](const ProviderChoice& provider) { return decryptFile(provider, optionsOf()); };
+    });
+}
+
+void addToken(CLI::App& app, CommandLine& line, Action& action) {
+    constexpr DWORD kMostRandomBytes = 1024 * 1024;
+    auto* random = app.add_subcommand("random", "Random bytes, in hexadecimal unless --out is given");
+    random->add_option("length", line.length, "Number of bytes")
+        ->required()
+        ->check(CLI::Range(DWORD{1}, kMostRandomBytes));
+    random->add_option("--out", line.out, "Write the bytes to this file")->type_name("FILE");
+    random->callback([&] {
+        action = [&](const ProviderChoice& provider) {
+            return makeRandom(provider, {line.length, pathOf(line.out)});
+        };
+    });
+
+    app.add_subcommand("info", "Show what the provider says about itself and the token")->callback([&] {
+        action = showProvider;
+    });
+}
+
+void addTokenCertificates(CLI::App& app, CommandLine& line, Action& action) {
+    app.add_subcommand("certs", "List the certificates of the token's keys")->callback([&] {
+        action = listCertificates;
+    });
+
+    auto* import =
+        app.add_subcommand("import-cert", "Store a key's certificate, and its issuers, on the token");
+    addContainer(*import, line, "The container");
+    import->get_option("--container")->required();
+    import->add_option("file", line.file, "The certificate, PEM or DER")->required();
+    import->callback([&] {
+        action = [&](const ProviderChoice& provider) {
+            return importCertificate(provider, {toWide(line.container), pathOf(line.file)});
+};
+} // namespace
+);
+
+auto* chain = app.add_subcommand("chain", "Write a key's certificate chain as a PKCS #7 message");
+addContainer(*chain, line, "The container");
+chain->get_option("--container")->required();
+chain->add_option("--out", line.out, "The chain, DER, root first")->required()->type_name("FILE");
+chain->callback([&] {
+    action = [&](const ProviderChoice& provider) {
+        return writeChain(provider, {toWide(line.container), pathOf(line.out)});
+    };
+});
+} // namespace veltra
+
+/// The PIN that the options name, wiped when its last owner lets go of it; null if they name none.
+std::shared_ptr<const std::string> readPin(const CommandLine& line) {
+    if (!line.pinFromInput && line.pinVariable.empty()) {
+        return nullptr;
+    }
+    const std::shared_ptr<std::string> pin(new std::string, [](std::string* text) {
+        SecureZeroMemory(text->data(), text->size());
+        delete text;
+    });
+    if (line.pinFromInput) {
+        std::getline(std::cin, *pin);
+        std::erase(*pin, '\r');
+    } else if (const char* value = std::getenv(line.pinVariable.c_str())) {
+        *pin = value;
+    }
+    if (pin->empty()) {
+        throw CommandError("there is no PIN where the options say that it is", kExitUsage);
+    }
+    return pin;
+}
+
 /// The arguments of this process in UTF-8, last first, as CLI::App::parse takes them.
 std::vector<std::string> reversedArguments() {
     struct Freer {
@@ -207,11 +300,20 @@ int run() {
         ->check(kNotEmpty)
         ->capture_default_str();
     app.add_flag("--silent", line.silent, "Never let the provider show a window");
+    auto* pinFromInput =
+        app.add_flag("--pin-stdin", line.pinFromInput, "Read the PIN from the standard input, one line");
+    app.add_option("--pin-env", line.pinVariable, "Take the PIN from this environment variable")
+        ->type_name("NAME")
+        ->check(kNotEmpty)
+        ->excludes(pinFromInput);
     addRegistration(app, line, action);
     addKeys(app, line, action);
     addCertificate(app, line, action);
     addSign(app, line, action);
     addVerify(app, line, action);
+    addEncryption(app, line, action);
+    addTokenCertificates(app, line, action);
+    addToken(app, line, action);
     app.footer(kFooter); // after the commands, which would take it over
 
     try {
@@ -221,6 +323,7 @@ int run() {
     }
     provider.name = toWide(line.provider);
     provider.silent = line.silent;
+    provider.pin = readPin(line);
     return action(provider);
 }
 

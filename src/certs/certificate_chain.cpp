@@ -145,11 +145,12 @@ DWORD encodeCertificateChain(const std::vector<VeltraCertificate>& chain, Bytes&
         return static_cast<DWORD>(NTE_BAD_KEY);
     }
     const UniqueStore store = storeOf(chain);
+    SetLastError(ERROR_SUCCESS);
     const UniqueChain built = buildPlatformChain(*leaf, store.get());
     if (!built) {
         const DWORD platformError = GetLastError();
         Utils::error("Chain build failed");
-        return platformError;
+        return platformError != ERROR_SUCCESS ? platformError : static_cast<DWORD>(NTE_FAIL);
     }
     const auto certificates = encodedRootFirst(*built);
     if (certificates.empty()) {

@@ -50,9 +50,23 @@ std::string caFolderBase() {
     return separator == std::string::npos ? std::string() : file.substr(0, separator);
 }
 
-int parse(const DerBytes& der, CertificateDetails& details) {
-    return deviceLibrary().veltra_getCertificateDetails(der.data(), static_cast<int>(der.size()), details,
-                                                        nullptr);
+// An exception in here counts as a file, or a folder, that cannot be read.
+int parse(const DerBytes& der, CertificateDetails& details) noexcept {
+    try {
+        return deviceLibrary().veltra_getCertificateDetails(der.data(), static_cast<int>(der.size()), details,
+                                                            nullptr);
+    } catch (...) {
+        return kDeviceThrew;
+    }
+}
+
+std::vector<NamedDer> readFolder(const std::string& folder) noexcept {
+    try {
+        return deviceLibrary().veltra_getFilesWithExtensionsAndConvertDER(
+            folder, {".cer", ".der", ".pem", ".crt"}, nullptr);
+    } catch (...) {
+        return {};
+    }
 }
 
 // Certificates that do not parse, have no CN, or do not fit a record only shorten the chain.
@@ -60,8 +74,7 @@ IssuerIndex readIssuers() {
     const std::string folder = caFolderBase() + kCertificateFolder;
     Utils::debug(concat("importCertificateWithChain: CA Folder: ", folder));
     IssuerIndex index;
-    for (auto& [name, der] : deviceLibrary().veltra_getFilesWithExtensionsAndConvertDER(
-             folder, {".cer", ".der", ".pem", ".crt"}, nullptr)) {
+    for (auto& [name, der] : readFolder(folder)) {
         CertificateDetails details;
         if (der.size() > kCertificateCapacity || parse(der, details) != kDeviceOk) continue;
         const std::string commonName = commonNameOf(details.subject);
@@ -72,8 +85,8 @@ IssuerIndex readIssuers() {
     return index;
 }
 
-// The issuers of a certificate, nearest first. Ends after as many steps as there are issuers, so that
-// certificates that name each other end too.
+// The issuers of a certificate, nearest first. Ends at one that was taken before, so that certificates that
+// name each other end too.
 std::vector<DerBytes> issuersOf(std::string issuerName, const IssuerIndex& index) {
     std::vector<DerBytes> chain;
     for (;;) {
@@ -83,7 +96,7 @@ std::vector<DerBytes> issuersOf(std::string issuerName, const IssuerIndex& index
                                 "' NOT found \xE2\x80\x94 skipping chain import"));
             return chain;
         }
-        if (chain.size() >= index.size()) return chain;
+        if (std::ranges::find(chain, issuer->second.der) != chain.end()) return chain;
         chain.push_back(issuer->second.der);
         if (issuer->second.issuerName == issuerName) return chain;
         issuerName = issuer->second.issuerName;
@@ -172,7 +185,11 @@ int importCertificateWithChain(const std::string& serial, const Pin& pin, Veltra
     const int code = issuers.empty() ? importAlone(serial, pin, certificate, libraryContext)
                                      : importBehindIssuers(serial, pin, issuers, certificate, libraryContext);
     if (code != kDeviceOk) return code;
-    nameUnlabelledKeyPair(serial, pin, certificate, libraryContext);
+    try {
+        nameUnlabelledKeyPair(serial, pin, certificate, libraryContext);
+    } catch (...) {
+        Utils::error("importCertificateWithChain: the key pair could not be named");
+    }
     return kDeviceOk;
 }
 

@@ -25,13 +25,15 @@ bool isSymmetric(const KEY_HANDLE& key) {
     return key.symmetricKeyLength >= 1;
 }
 
-/// Input and output of one call: the application's buffer, which is both.
+/// Input and output of one call: the application's buffer, which is both. The length of the input is read
+/// once: the application may change its variable while the password dialog is up.
 struct DataBuffer {
     BYTE* data;
-    DWORD* length; ///< bytes of input, then of output
+    DWORD inputLength; ///< at most INT_MAX once it was checked
     DWORD capacity;
+    DWORD* outputLength;
 
-    [[nodiscard]] int inputLength() const { return static_cast<int>(*length); }
+    [[nodiscard]] int input() const { return static_cast<int>(inputLength); }
 };
 
 // The process's IV for CBC, zeros when none was set; no IV for ECB.
@@ -68,14 +70,14 @@ Outcome encryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final
     const int code = output.fill([&](unsigned char** out, int* outLength) {
         return deviceLibrary().veltra_encrypt_aes(
             context.serial.c_str(), *type, key.symmetricKey.data(), static_cast<int>(key.symmetricKeyLength),
-            buffer.data, buffer.inputLength(), out, outLength, final, iv.empty() ? nullptr : iv.data(),
+            buffer.data, buffer.input(), out, outLength, final, iv.empty() ? nullptr : iv.data(),
             static_cast<int>(iv.size()), nullptr, 0, context.libraryContext);
     });
     if (code != kDeviceOk) {
         return refuse(NTE_PROVIDER_DLL_FAIL, concat("CPEncrypt: symmetric encryption failed: ", code));
     }
     const auto length = static_cast<DWORD>(output.size());
-    *buffer.length = length;
+    *buffer.outputLength = length;
     if (buffer.capacity < length) {
         return refuse(ERROR_MORE_DATA,
                       concat("CPEncrypt: symmetric output buffer too small, required=", length));
@@ -107,14 +109,14 @@ Outcome encryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flag
     const PaddingMode padding = (flags & CRYPT_OAEP) != 0 ? PaddingMode::OaepSha1 : PaddingMode::Pkcs1;
     Bytes output(outputLength);
     int length = static_cast<int>(outputLength);
-    int code = deviceLibrary().veltra_encrypt(rsaTypeFor(key), padding, buffer.data, buffer.inputLength(),
+    int code = deviceLibrary().veltra_encrypt(rsaTypeFor(key), padding, buffer.data, buffer.input(),
                                               output.data(), &length, publicKey.data(),
                                               static_cast<int>(publicKey.size()), context.libraryContext);
     if (code == kDeviceOk && (length < 0 || static_cast<DWORD>(length) > outputLength))
         code = kDeviceBadLength;
     if (code == kDeviceOk) {
         std::reverse_copy(output.begin(), output.begin() + length, buffer.data);
-        *buffer.length = static_cast<DWORD>(length);
+        *buffer.outputLength = static_cast<DWORD>(length);
     }
     wipe(output.data(), output.size());
     if (code != kDeviceOk) return refuse(NTE_PROVIDER_DLL_FAIL, concat("Encrypt data failed: ", code));
@@ -126,16 +128,16 @@ Outcome encryptData(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool fina
                     const DataBuffer& buffer) {
     const DWORD requiredSize = key.keyBits / 8;
     if (buffer.data == nullptr) {
-        *buffer.length = requiredSize;
+        *buffer.outputLength = requiredSize;
         return success();
     }
     if (buffer.capacity < requiredSize) {
-        *buffer.length = requiredSize;
+        *buffer.outputLength = requiredSize;
         return refuse(ERROR_MORE_DATA, concat("CPEncrypt: buffer too small, cbBufLen=", buffer.capacity,
                                               " requiredSize=", requiredSize));
     }
-    if (*buffer.length == 0 || *buffer.length > buffer.capacity || *buffer.length > INT_MAX) {
-        return refuse(NTE_BAD_LEN, concat("Invalid data length for encrypt: ", *buffer.length));
+    if (buffer.inputLength == 0 || buffer.inputLength > buffer.capacity || buffer.inputLength > INT_MAX) {
+        return refuse(NTE_BAD_LEN, concat("Invalid data length for encrypt: ", buffer.inputLength));
     }
     return isSymmetric(key) ? encryptAes(context, key, final, buffer)
                             : encryptRsa(context, key, flags, requiredSize, buffer);
@@ -144,7 +146,7 @@ Outcome encryptData(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool fina
 // The plaintext as the library gave it, over the ciphertext.
 Outcome handOutPlaintext(const LibraryBuffer& plaintext, const DataBuffer& buffer) {
     const auto length = static_cast<DWORD>(plaintext.size());
-    *buffer.length = length;
+    *buffer.outputLength = length;
     if (length > buffer.capacity) {
         return refuse(ERROR_MORE_DATA, concat("CPDecrypt: output buffer too small, required=", length));
     }
@@ -162,7 +164,7 @@ Outcome decryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, const Data
     const int code = output.fill([&](unsigned char** out, int* outLength) {
         return deviceLibrary().veltra_decrypt_aes(
             context.serial.c_str(), key.symmetricKey.data(), static_cast<int>(key.symmetricKeyLength),
-            buffer.data, buffer.inputLength(), out, outLength, false, iv.empty() ? nullptr : iv.data(),
+            buffer.data, buffer.input(), out, outLength, false, iv.empty() ? nullptr : iv.data(),
             static_cast<int>(iv.size()), context.libraryContext);
     });
     if (code != kDeviceOk)
@@ -188,7 +190,7 @@ Outcome decryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flag
         return refuse(verified.code(), "CPDecrypt: ensurePasswordValidated failed");
     }
     Utils::debug("Before reversing encrypted data");
-    const Bytes ciphertext(std::reverse_iterator(buffer.data + *buffer.length),
+    const Bytes ciphertext(std::reverse_iterator(buffer.data + buffer.inputLength),
                            std::reverse_iterator(buffer.data));
     Utils::debug("After reversing encrypted data");
     Utils::debug("Before decrypting data");
@@ -232,8 +234,9 @@ BOOL WINAPI CPEncrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL Final, 
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPEncrypt: context is null or not initialized");
         const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPEncrypt: key handle is null");
-        return encryptData(*context, *key, Final != FALSE, dwFlags,
-                           {.data = pbData, .length = pdwDataLen, .capacity = dwBufLen});
+        return encryptData(
+            *context, *key, Final != FALSE, dwFlags,
+            {.data = pbData, .inputLength = *pdwDataLen, .capacity = dwBufLen, .outputLength = pdwDataLen});
     });
 }
 
@@ -249,13 +252,13 @@ BOOL WINAPI CPDecrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD 
         Utils::debug(concat("CPDecrypt - dwFlags : 0x", toHex8(dwFlags), " padding=", padding));
         Utils::debug(concat("CPDecrypt - key id : ", toHex({key->keyId, key->keyIdLength})));
         Utils::debug(concat("CPDecrypt - usage : ", key->keyUsage));
-        if (pbData == nullptr || *pdwDataLen == 0) {
-            return refuse(NTE_BAD_DATA, concat("Invalid data length for decrypt : ", *pdwDataLen));
+        const DWORD length = *pdwDataLen;
+        if (pbData == nullptr || length == 0) {
+            return refuse(NTE_BAD_DATA, concat("Invalid data length for decrypt : ", length));
         }
-        if (*pdwDataLen > INT_MAX) {
-            return refuse(NTE_BAD_LEN, concat("Invalid data length for decrypt : ", *pdwDataLen));
-        }
-        const DataBuffer buffer{.data = pbData, .length = pdwDataLen, .capacity = *pdwDataLen};
+        if (length > INT_MAX) return refuse(NTE_BAD_LEN, concat("CPDecrypt: data is too long : ", length));
+        const DataBuffer buffer{
+            .data = pbData, .inputLength = length, .capacity = length, .outputLength = pdwDataLen};
         return isSymmetric(*key) ? decryptAes(*context, *key, buffer)
                                  : decryptRsa(*context, *key, dwFlags, buffer);
     });

@@ -23,7 +23,7 @@ inline constexpr std::size_t kMaxBlockLength = 128;
 inline constexpr std::size_t kHashValueCapacity = 256;
 
 /// Room offered to the token for a digest that signing or derivation finishes, whatever the algorithm.
-inline constexpr std::uint32_t kUnboundedDigestCapacity = 128;
+inline constexpr std::uint32_t kDigestBufferLength = 128;
 
 /// Rows of the mechanism table; null when there is none.
 const HashAlgorithm* findHashAlgorithm(ALG_ID algId);
@@ -32,6 +32,11 @@ const HashAlgorithm* findHashMechanism(std::uint32_t mechanism);
 /// The record behind an HCRYPTHASH, made by CPCreateHash or CPDuplicateHash and freed by CPDestroyHash. Key
 /// bytes in it are wiped with it. Not locked: one handle is used by one thread at a time.
 struct HASH_CONTEXT {
+    HASH_CONTEXT() = default;
+    HASH_CONTEXT(const HASH_CONTEXT&) = delete;
+    HASH_CONTEXT& operator=(const HASH_CONTEXT&) = delete;
+    ~HASH_CONTEXT() { wipe(hashValue.data(), hashValue.size()); } // a key may have been derived from it
+
     std::uint32_t reserved = 0;
     std::uint32_t mechanism = 0;      ///< 0 until known: an HMAC object before HP_HMAC_INFO
     std::uint32_t innerMechanism = 0; ///< always the same as mechanism

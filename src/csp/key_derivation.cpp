@@ -14,7 +14,7 @@ namespace {
 Outcome finishBaseData(const CSP_CONTEXT& context, HASH_CONTEXT& hash) {
     if (hash.hashValueLength != 0) return success();
     std::uint32_t length = 0;
-    if (finishDeviceHash(context, hash.deviceHash, hash.hashValue.data(), kUnboundedDigestCapacity, length) !=
+    if (finishDeviceHash(context, hash.deviceHash, hash.hashValue.data(), kDigestBufferLength, length) !=
         kDeviceOk) {
         return refuse(NTE_FAIL, "CPDeriveKey: veltra_finalHash failed");
     }

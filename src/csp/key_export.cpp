@@ -10,7 +10,6 @@ namespace veltra {
 
 namespace {
 
-constexpr DWORD kRsa1Magic = 0x31415352; // "RSA1"
 constexpr DWORD kPublicExponent = 65537;
 
 struct PublicKeyBlobHeader {

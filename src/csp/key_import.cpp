@@ -1,10 +1,11 @@
-// CPImportKey: public keys and AES keys from CryptoAPI key blobs. Every blob begins with a BLOBHEADER and a
-// 32-bit word; its length is the application's and is checked before any field is read.
+// CPImportKey: public keys and AES keys from CryptoAPI key blobs. Every blob has a BLOBHEADER and four bytes
+// more; its length is the application's and is checked before any field is read.
 
 #include "certs/public_key_encoding.h"
 #include "csp/aes_algorithms.h"
 #include "csp/csp_entry_points.h"
 #include "csp/entry_guard.h"
+#include "csp/key_export.h"
 #include "csp/key_handle.h"
 #include "csp/provider_context.h"
 #include "foundation/device_library.h"
@@ -22,8 +23,6 @@ namespace {
 
 constexpr std::size_t kBlobPrefixLength = sizeof(BLOBHEADER) + sizeof(DWORD);
 constexpr std::size_t kModulusOffset = sizeof(BLOBHEADER) + sizeof(RSAPUBKEY);
-constexpr DWORD kRsa1Magic = 0x31415352; // "RSA1"
-constexpr BYTE kSymmetricWrapBlob = SYMMETRICWRAPKEYBLOB;
 // The refusal that names a type as known is given for this value; the platform's OPAQUEKEYBLOB, 9, counts as
 // unknown: deliberate.
 constexpr BYTE kOpaqueKeyBlob = 10;
@@ -79,15 +78,14 @@ Outcome importPublicKey(Blob blob, HCRYPTKEY* phKey) {
     }
     const std::size_t modulusLength = header.bitlen / 8;
     if (blob.size() < modulusLength + kModulusOffset) return refuseSize(modulusLength + kModulusOffset);
-    const ALG_ID code = rsaCodeForBits(header.bitlen);
-    if (code == 0) return refuse(NTE_BAD_DATA, "Unsupported RSA key size");
-
     const Blob littleEndian = blob.subspan(kModulusOffset, modulusLength);
     const Bytes modulus(littleEndian.rbegin(), littleEndian.rend());
     const std::array<unsigned char, 3> exponent = {static_cast<unsigned char>(header.pubexp >> 16),
                                                    static_cast<unsigned char>(header.pubexp >> 8),
                                                    static_cast<unsigned char>(header.pubexp)};
     Utils::debug(concat("Public exponent : ", toHex(exponent)));
+    const ALG_ID code = rsaCodeForBits(header.bitlen);
+    if (code == 0) return refuse(NTE_BAD_DATA, "Unsupported RSA key size");
     const Bytes der = rsaSubjectPublicKeyInfo(modulus, exponent);
     std::unique_ptr<KEY_HANDLE> key = newKey();
     std::ranges::copy(der, key->publicKey);
@@ -164,12 +162,12 @@ struct SymmetricKeyRecord {
 Outcome storeOnToken(const CSP_CONTEXT& context, SymmetricKeyRecord& record, ALG_ID algId,
                      const char* failureText, const char* successText, HCRYPTKEY* phKey) {
     const Pin pin = getPin(context.serial);
+    std::unique_ptr<KEY_HANDLE> key = newKey();
     const int code = deviceLibrary().veltra_importAesKey(context.serial.c_str(), pin.c_str(), &record.key,
                                                          context.libraryContext);
-    if (code != kDeviceOk || record.key.credentialIdLength > kCredentialIdCapacity) {
-        return refuse(NTE_BAD_TYPE, failureText);
-    }
-    std::unique_ptr<KEY_HANDLE> key = newKey();
+    if (code != kDeviceOk) return refuse(NTE_BAD_TYPE, failureText);
+    // Only carried: an impossible length does not undo the import.
+    if (record.key.credentialIdLength > kCredentialIdCapacity) record.key.credentialIdLength = 0;
     key->fillFrom(record.key);
     key->algId = algId;
     return handOut(std::move(key), phKey, successText);
@@ -200,8 +198,8 @@ Outcome importWrappedKey(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY* phKey
     }
     Utils::debug(concat("Successfully unwrapped key with KEK: ", toHex(*wrappingKey)));
     SymmetricKeyRecord record;
-    if (!record.setMaterial(unwrapped.bytes())) {
-        return refuse(NTE_BAD_DATA, "SYMMETRICWRAPKEYBLOB key is longer than 32 bytes");
+    if (unwrapped.size() == 0 || !record.setMaterial(unwrapped.bytes())) {
+        return refuse(NTE_BAD_DATA, "SYMMETRICWRAPKEYBLOB key is empty or longer than 32 bytes");
     }
     const ALG_ID algId = headerOf(blob).aiKeyAlg;
     record.key.keyType = algId == CALG_AES_128 ? kKeyTypeAes128 : kKeyTypeAes192Or256;
@@ -225,7 +223,7 @@ Outcome importBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKey, HCR
         return importSimpleBlob(context, blob, hPubKey, phKey);
     case PLAINTEXTKEYBLOB:
         return importPlaintextKey(context, blob, phKey);
-    case kSymmetricWrapBlob:
+    case SYMMETRICWRAPKEYBLOB:
         return importWrappedKey(context, blob, phKey);
     case PRIVATEKEYBLOB:
     case kOpaqueKeyBlob:

@@ -181,8 +181,12 @@ Outcome getParameter(CSP_CONTEXT& context, DWORD parameter, BYTE* data, DWORD* d
 Outcome setPin(const CSP_CONTEXT& context, const BYTE* data) {
     if (data == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPSetProvParam: NULL PIN data");
     const auto* text = reinterpret_cast<const char*>(data);
-    const Pin pin(std::string_view(text, strnlen(text, Pin::kMaxLength)));
-    Utils::debug(concat("CPSetProvParam - passwordLength : ", pin.view().size()));
+    const std::size_t length = strnlen(text, Pin::kMaxLength + 1);
+    if (length > Pin::kMaxLength) {
+        return refuse(NTE_KEYSET_ENTRY_BAD, "CPSetProvParam: PIN is longer than 255 characters");
+    }
+    const Pin pin(std::string_view(text, length));
+    Utils::debug(concat("CPSetProvParam - passwordLength : ", length));
     int remaining = 0;
     const int code = deviceLibrary().veltra_validatePassword(context.serial.c_str(), pin.c_str(), 1,
                                                              &remaining, context.libraryContext);

@@ -42,7 +42,7 @@ Outcome finishHashForSigning(const CSP_CONTEXT& context, HASH_CONTEXT& hash) {
     if (hash.hashValueLength != 0) return success();
     std::uint32_t length = 0;
     const int code =
-        finishDeviceHash(context, hash.deviceHash, hash.hashValue.data(), kUnboundedDigestCapacity, length);
+        finishDeviceHash(context, hash.deviceHash, hash.hashValue.data(), kDigestBufferLength, length);
     if (code != kDeviceOk)
         return refuse(NTE_FAIL, concat("CPSignHash: veltra_finalHash failed with ret=", code));
     hash.hashValueLength = length;

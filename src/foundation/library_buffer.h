@@ -22,12 +22,14 @@ public:
     template <class Call>
     int fill(Call call) {
         reset();
-        const int code = call(&data_, &length_);
-        if (code == kDeviceOk && (length_ < 0 || (length_ > 0 && data_ == nullptr))) return kDeviceBadLength;
+        int code = call(&data_, &length_);
+        if (code == kDeviceOk && (length_ < 0 || (length_ > 0 && data_ == nullptr))) code = kDeviceBadLength;
+        // What the library says of the length after a failure is not a length of the buffer.
+        if (code != kDeviceOk) length_ = 0;
         return code;
     }
 
-    /// What the library handed back; of no meaning after a failure.
+    /// What the library handed back; empty after a failure.
     [[nodiscard]] std::span<const unsigned char> bytes() const { return {data_, size()}; }
     [[nodiscard]] std::size_t size() const {
         return data_ != nullptr && length_ > 0 ? static_cast<std::size_t>(length_) : 0;

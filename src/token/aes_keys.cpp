@@ -4,6 +4,20 @@
 
 namespace veltra {
 
+namespace {
+
+/// A copy of the library's key list, wiped when it goes out of scope: a library may put key material into it.
+struct CopiedKeys {
+    explicit CopiedKeys(const std::vector<VeltraSymmetricKey>& list) : records(list) {}
+    CopiedKeys(const CopiedKeys&) = delete;
+    CopiedKeys& operator=(const CopiedKeys&) = delete;
+    ~CopiedKeys() { wipe(records.data(), records.size() * sizeof(VeltraSymmetricKey)); }
+
+    std::vector<VeltraSymmetricKey> records;
+};
+
+} // namespace
+
 std::optional<std::uint32_t> aesKeyTypeForBits(std::uint32_t bits) {
     switch (bits) {
     case 128:
@@ -19,9 +33,8 @@ std::optional<std::uint32_t> aesKeyTypeForBits(std::uint32_t bits) {
 std::optional<std::array<unsigned char, kKeyIdLength>>
 unwrapWithAnyKey(const std::string& serial, void* libraryContext, std::span<const unsigned char> wrapped,
                  LibraryBuffer& unwrapped) {
-    const std::vector<VeltraSymmetricKey> keys =
-        deviceLibrary().veltra_getAesKeyList(serial.c_str(), libraryContext);
-    for (const VeltraSymmetricKey& key : keys) {
+    const CopiedKeys keys(deviceLibrary().veltra_getAesKeyList(serial.c_str(), libraryContext));
+    for (const VeltraSymmetricKey& key : keys.records) {
         if (key.keyType != kKeyTypeAes128 && key.keyType != kKeyTypeAes192Or256) continue;
         const int code = unwrapped.fill([&](unsigned char** out, int* outLength) {
             return deviceLibrary().veltra_decrypt_aes(

@@ -22,8 +22,11 @@ std::optional<VeltraCertificate> certificateOfKey(const std::string& serial,
                                                   void* libraryContext) {
     const VeltraCertificate* found =
         deviceLibrary().veltra_findCertificateForKey(serial.c_str(), keyId.data(), libraryContext);
-    if (found == nullptr || !isWellFormed(*found)) return std::nullopt;
-    return *found;
+    if (found == nullptr) return std::nullopt;
+    // Copied before it is checked: the record is the library's, and another thread may have it read again.
+    const VeltraCertificate copy = *found;
+    if (!isWellFormed(copy)) return std::nullopt;
+    return copy;
 }
 
 } // namespace veltra

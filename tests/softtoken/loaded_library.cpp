@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -15,31 +16,6 @@ std::filesystem::path programFolder() {
     std::wstring path(MAX_PATH, L'\0');
     path.resize(GetModuleFileNameW(nullptr, path.data(), MAX_PATH));
     return std::filesystem::path(path).parent_path();
-}
-
-/// SubjectPublicKeyInfo of a bare modulus with exponent 65537, encoded by the platform.
-Bytes encodeRsaKey(const VeltraKeyPair& key) {
-    Bytes blob(sizeof(PUBLICKEYSTRUC) + sizeof(RSAPUBKEY) + key.publicKeyLength);
-    const PUBLICKEYSTRUC head{PUBLICKEYBLOB, CUR_BLOB_VERSION, 0, CALG_RSA_KEYX};
-    const RSAPUBKEY numbers{0x31415352, key.publicKeyLength * 8, 65537};
-    std::memcpy(blob.data(), &head, sizeof(head));
-    std::memcpy(blob.data() + sizeof(head), &numbers, sizeof(numbers));
-    std::reverse_copy(key.publicKey, key.publicKey + key.publicKeyLength,
-                      blob.begin() + sizeof(head) + sizeof(numbers));
-    Bytes rsaKey(1024);
-    auto length = static_cast<DWORD>(rsaKey.size());
-    EXPECT_TRUE(
-        CryptEncodeObject(X509_ASN_ENCODING, RSA_CSP_PUBLICKEYBLOB, blob.data(), rsaKey.data(), &length));
-    CERT_PUBLIC_KEY_INFO info{};
-    std::string algorithm = szOID_RSA_RSA;
-    Bytes null{0x05, 0x00};
-    info.Algorithm = {algorithm.data(), {2, null.data()}};
-    info.PublicKey = {length, rsaKey.data(), 0};
-    Bytes der(1024);
-    length = static_cast<DWORD>(der.size());
-    EXPECT_TRUE(CryptEncodeObject(X509_ASN_ENCODING, X509_PUBLIC_KEY_INFO, &info, der.data(), &length));
-    der.resize(length);
-    return der;
 }
 
 } // namespace
@@ -68,6 +44,17 @@ LoadedLibrary::LoadedLibrary(Instance instance) {
     bind(initHash, "veltra_initHash");
     bind(updateHash, "veltra_updateHash");
     bind(finalHash, "veltra_finalHash");
+    bind(getCertificateList, "veltra_getCertificateList");
+    bind(findCertificateForKey, "veltra_findCertificateForKey");
+    bind(importCertificate, "veltra_importCertificate");
+    bind(getCertificateDetails, "veltra_getCertificateDetails");
+    bind(getFilesWithExtensionsAndConvertDER, "veltra_getFilesWithExtensionsAndConvertDER");
+    bind(getAesKeyList, "veltra_getAesKeyList");
+    bind(importAesKey, "veltra_importAesKey");
+    bind(encrypt, "veltra_encrypt");
+    bind(decrypt, "veltra_decrypt");
+    bind(encryptAes, "veltra_encrypt_aes");
+    bind(decryptAes, "veltra_decrypt_aes");
 }
 
 LoadedLibrary::~LoadedLibrary() {
@@ -78,6 +65,10 @@ template <class Function>
 void LoadedLibrary::bind(Function& function, const char* name) {
     function = std::bit_cast<Function>(GetProcAddress(static_cast<HMODULE>(module_), name));
     if (function == nullptr) throw std::runtime_error(std::string("no export ") + name);
+}
+
+LibraryOutput::~LibraryOutput() {
+    std::free(data);
 }
 
 SoftTokenTest::SoftTokenTest()
@@ -131,11 +122,35 @@ int SoftTokenTest::verify(const VeltraKeyPair& key, std::size_t hashLength, cons
                           bool pss) const {
     const Bytes hash = hashOf(hashLength);
     const Bytes publicKey = key.keyType <= kKeyTypeRsa4096
-                                ? encodeRsaKey(key)
+                                ? rsaKeyDer(key)
                                 : Bytes(key.publicKey, key.publicKey + key.publicKeyLength);
     return library_.verifySignatureHash(key.keyType, "", hash.data(), static_cast<int>(hash.size()),
                                         publicKey.data(), static_cast<int>(publicKey.size()),
                                         signature.data(), static_cast<int>(signature.size()), nullptr, pss);
+}
+
+Bytes SoftTokenTest::rsaKeyDer(const VeltraKeyPair& key) {
+    Bytes blob(sizeof(PUBLICKEYSTRUC) + sizeof(RSAPUBKEY) + key.publicKeyLength);
+    const PUBLICKEYSTRUC head{PUBLICKEYBLOB, CUR_BLOB_VERSION, 0, CALG_RSA_KEYX};
+    const RSAPUBKEY numbers{0x31415352, key.publicKeyLength * 8, 65537};
+    std::memcpy(blob.data(), &head, sizeof(head));
+    std::memcpy(blob.data() + sizeof(head), &numbers, sizeof(numbers));
+    std::reverse_copy(key.publicKey, key.publicKey + key.publicKeyLength,
+                      blob.begin() + sizeof(head) + sizeof(numbers));
+    Bytes rsaKey(1024);
+    auto length = static_cast<DWORD>(rsaKey.size());
+    EXPECT_TRUE(
+        CryptEncodeObject(X509_ASN_ENCODING, RSA_CSP_PUBLICKEYBLOB, blob.data(), rsaKey.data(), &length));
+    CERT_PUBLIC_KEY_INFO info{};
+    std::string algorithm = szOID_RSA_RSA;
+    Bytes null{0x05, 0x00};
+    info.Algorithm = {algorithm.data(), {2, null.data()}};
+    info.PublicKey = {length, rsaKey.data(), 0};
+    Bytes der(1024);
+    length = static_cast<DWORD>(der.size());
+    EXPECT_TRUE(CryptEncodeObject(X509_ASN_ENCODING, X509_PUBLIC_KEY_INFO, &info, der.data(), &length));
+    der.resize(length);
+    return der;
 }
 
 Bytes SoftTokenTest::hashOf(std::size_t length) {

@@ -37,12 +37,37 @@ public:
     decltype(&veltra_initHash) initHash = nullptr;
     decltype(&veltra_updateHash) updateHash = nullptr;
     decltype(&veltra_finalHash) finalHash = nullptr;
+    decltype(&veltra_getCertificateList) getCertificateList = nullptr;
+    decltype(&veltra_findCertificateForKey) findCertificateForKey = nullptr;
+    decltype(&veltra_importCertificate) importCertificate = nullptr;
+    decltype(&veltra_getCertificateDetails) getCertificateDetails = nullptr;
+    decltype(&veltra_getFilesWithExtensionsAndConvertDER) getFilesWithExtensionsAndConvertDER = nullptr;
+    decltype(&veltra_getAesKeyList) getAesKeyList = nullptr;
+    decltype(&veltra_importAesKey) importAesKey = nullptr;
+    decltype(&veltra_encrypt) encrypt = nullptr;
+    decltype(&veltra_decrypt) decrypt = nullptr;
+    decltype(&veltra_encrypt_aes) encryptAes = nullptr;
+    decltype(&veltra_decrypt_aes) decryptAes = nullptr;
 
 private:
     template <class Function>
     void bind(Function& function, const char* name);
 
     void* module_;
+};
+
+/// The places for a buffer that a function hands out; releases it. Not empty before, to show who clears it.
+struct LibraryOutput {
+    unsigned char* data = nullptr;
+    int length = 77;
+
+    LibraryOutput() = default;
+    LibraryOutput(const LibraryOutput&) = delete;
+    LibraryOutput& operator=(const LibraryOutput&) = delete;
+    ~LibraryOutput();
+
+    [[nodiscard]] Bytes bytes() const { return {data, data + length}; }
+    [[nodiscard]] bool isEmpty() const { return data == nullptr && length == 0; }
 };
 
 /// A fresh home folder with one plugged-in token "T1" and the DLL.
@@ -77,6 +102,8 @@ protected:
     [[nodiscard]] int verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature,
                              bool pss = false) const;
 
+    /// SubjectPublicKeyInfo of an RSA key with exponent 65537, encoded by the platform.
+    static Bytes rsaKeyDer(const VeltraKeyPair& key);
     static Bytes hashOf(std::size_t length);
 
     std::filesystem::path home_;

@@ -100,7 +100,22 @@ TEST_F(SoftTokenTest, PinUsingOperationsNeedASession) {
     EXPECT_EQ(other.generateKeyPair(kSerial, kPin, &key, nullptr), expired);
     EXPECT_EQ(other.updateKeyPairDetails(kSerial, key.keyId, kPin, "x", nullptr, 0, nullptr), expired);
     EXPECT_EQ(other.deleteKeyPair(kSerial, key.keyId, kPin, false, nullptr), expired);
-    EXPECT_EQ(other.getKeyPairList(kSerial, nullptr).size(), 1u);
+    VeltraSymmetricKey aesKey{};
+    aesKey.keyLength = 16;
+    EXPECT_EQ(other.importAesKey(kSerial, kPin, &aesKey, nullptr), expired);
+    VeltraCertificate certificate{};
+    EXPECT_EQ(other.importCertificate(kSerial, kPin, &certificate, nullptr), expired);
+    ASSERT_EQ(library_.importAesKey(kSerial, kPin, &aesKey, nullptr), 0);
+    key = generate(kKeyTypeRsa2048);
+    LibraryOutput plaintext;
+    EXPECT_EQ(other.decrypt(kSerial, key.keyId, kPin, key.publicKey, 256, &plaintext.data, &plaintext.length,
+                            false, nullptr),
+              expired);
+    EXPECT_EQ(other.decryptAes(kSerial, aesKey.keyId, 16, hash.data(), 32, &plaintext.data, &plaintext.length,
+                               false, nullptr, 0, nullptr),
+              expired)
+        << "unwrapping uses a key of the token";
+    EXPECT_EQ(other.getKeyPairList(kSerial, nullptr).size(), 2u);
 }
 
 TEST_F(SoftTokenTest, ASessionEndsWithItsTimeAndANewPinBeginsAnother) {

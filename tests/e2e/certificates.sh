@@ -1,0 +1,53 @@
+# Certificates on the token: a leaf that OpenSSL issued, its chain from the folder of CA certificates, and the list.
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+# authority NAME [ISSUER]: a CA certificate NAME.pem, self-signed without an issuer.
+authority() {
+    openssl req -newkey rsa:2048 -nodes -keyout "$1.key" -subj "/CN=$1" -out "$1.csr" 2>/dev/null
+    local by=(-signkey "$1.key")
+    [ $# -eq 1 ] || by=(-CA "$2.pem" -CAkey "$2.key" -CAcreateserial)
+    openssl x509 -req -in "$1.csr" "${by[@]}" -days 30 -extfile <(echo basicConstraints=critical,CA:true) \
+        -out "$1.pem" 2>/dev/null
+}
+
+newToken E2E-CERT
+newCertifiedKey "$unique" --bits 2048
+newCertifiedKey "$unique-other" --bits 2048
+authority e2e-root
+authority e2e-intermediate e2e-root
+openssl req -new -newkey rsa:2048 -nodes -keyout unused.key -subj "/CN=e2e-leaf" -out leaf.csr 2>/dev/null
+openssl x509 -req -in leaf.csr -force_pubkey "$unique.pub" -CA e2e-intermediate.pem -CAkey e2e-intermediate.key \
+    -CAcreateserial -days 30 -out leaf.pem 2>/dev/null
+folder=home/VeltraDSC/Certificates
+mkdir -p $folder
+cp e2e-root.pem $folder/root.pem
+openssl x509 -in e2e-intermediate.pem -outform DER -out $folder/intermediate.cer
+echo "not a certificate" >$folder/damaged.crt
+export VELTRA_HOME
+VELTRA_HOME=$(windowsPath home)
+
+veltra certs >before.txt
+[ "$(grep -c 'no certificate' before.txt)" -eq 2 ] || fail "a new token has certificates: $(cat before.txt)"
+expectFailure 1 "another key" veltra import-cert --container "$unique-other" leaf.pem
+expectFailure 1 NTE_NO_KEY veltra chain --container "$unique" --out none.p7b
+[ ! -e none.p7b ] || fail "a key without a certificate has a chain"
+
+veltra import-cert --container "$unique" leaf.pem
+veltra certs >after.txt
+grep -q 'subject CN=e2e-leaf' after.txt || fail "the certificate is not in the list: $(cat after.txt)"
+grep -q 'issuer  CN=e2e-intermediate' after.txt || fail "the list has another issuer: $(cat after.txt)"
+[ "$(grep -c 'no certificate' after.txt)" -eq 1 ] || fail "the other key has a certificate: $(cat after.txt)"
+
+veltra chain --container "$unique" --out chain.p7b
+openssl asn1parse -inform DER -in chain.p7b | grep -q pkcs7-signedData || fail "the chain is not a SignedData"
+subjects=$(openssl pkcs7 -inform DER -in chain.p7b -print_certs -noout | sed -n 's/^subject=CN = //p' | tr '\n' ' ')
+[ "$subjects" = "e2e-root e2e-intermediate e2e-leaf " ] || fail "the chain is: $subjects"
+openssl pkcs7 -inform DER -in chain.p7b -print_certs -out chain.pem
+openssl verify -CAfile e2e-root.pem -untrusted chain.pem leaf.pem >/dev/null || fail "OpenSSL refuses the chain"
+
+# Every key of the token is a container for CryptoAPI, and info and keys agree on them.
+veltra info | tr -d '\r' | sed -n '/^containers$/,$s/^  //p' | sort >listed.txt
+veltra keys | tr -d '\r' | sed -n "s/^$unique.* //p" | sort >known.txt
+diff listed.txt known.txt || fail "the containers are not the token's keys"
+[ "$(wc -l <listed.txt)" -eq 2 ] || fail "the token does not have two containers"
+for container in "$unique" "$unique-other"; do veltra delete-container "$container" --yes; done

@@ -1,0 +1,69 @@
+// veltra certs, import-cert, chain: the certificates that a token keeps beside its keys.
+
+#include "commands.h"
+
+#include "certificates.h"
+#include "error_text.h"
+#include "files.h"
+#include "wide_text.h"
+
+#include <iomanip>
+#include <iostream>
+
+namespace veltra {
+namespace {
+
+void printCertificate(const std::string& container, const std::vector<BYTE>& der) {
+    const UniqueCertificate certificate(
+        CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size())));
+    require(certificate != nullptr, "the token's certificate for " + container + " is damaged");
+    SYSTEMTIME end{};
+    FileTimeToSystemTime(&certificate->pCertInfo->NotAfter, &end);
+    std::cout << container << "\n  subject " << nameText(certificate->pCertInfo->Subject) << "\n  issuer  "
+              << nameText(certificate->pCertInfo->Issuer) << "\n  until   " << std::setfill('0') << end.wYear
+              << '-' << std::setw(2) << end.wMonth << '-' << std::setw(2) << end.wDay << '\n';
+}
+
+} // namespace
+
+int listCertificates(const ProviderChoice& provider) {
+    for (const std::string& name : CryptoProvider::openToken(provider).containerNames()) {
+        const CryptoProvider context = CryptoProvider::open(provider, toWide(name));
+        if (const auto der = CryptoProvider::certificateOf(context.ownKey())) {
+            printCertificate(name, *der);
+        } else {
+            std::cout << name << "\n  no certificate\n";
+        }
+    }
+    return kExitOk;
+}
+
+int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options) {
+    const UniqueCertificate certificate = loadCertificate(options.file);
+    const CryptoProvider context = CryptoProvider::openForUse(provider, options.container);
+    // The provider stores what it is given; a certificate of another key would serve nobody.
+    requireSameKey(context, *certificate);
+    const CryptoKey key = context.ownKey();
+    require(CryptSetKeyParam(key.get(), KP_CERTIFICATE, certificate->pbCertEncoded, 0),
+            "could not store the certificate on the token");
+    std::cout << "Stored the certificate of " << nameText(certificate->pCertInfo->Subject)
+              << " for container " << inQuotes(options.container) << ".\n";
+    return kExitOk;
+}
+
+int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options) {
+    const CryptoProvider context = CryptoProvider::open(provider, options.container);
+    DWORD length = 0;
+    require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, nullptr, &length, 0),
+            "could not read the certificate chain");
+    std::vector<BYTE> message(length);
+    require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, message.data(), &length, 0),
+            "could not read the certificate chain");
+    message.resize(length);
+    replaceFile(options.file, message);
+    std::cout << "Certificate chain of container " << inQuotes(options.container) << ": "
+              << toUtf8(options.file.native()) << '\n';
+    return kExitOk;
+}
+
+} // namespace veltra
