@@ -37,7 +37,7 @@ std::string environmentVariable(const char* name) {
 }
 
 std::string caFolderBase() {
-    const std::string home = environmentVariable("VELTRA_HOME");
+    std::string home = environmentVariable("VELTRA_HOME");
     if (!home.empty()) return home;
     for (const char* folder :
          {"C:/Program Files (x86)/Quenmark/Veltra", "C:/Program Files/Quenmark/Veltra"}) {
@@ -123,6 +123,7 @@ int importAlone(const std::string& serial, const Pin& pin, VeltraCertificate& ce
 int importBehindIssuers(const std::string& serial, const Pin& pin, const std::vector<DerBytes>& issuers,
                         VeltraCertificate& certificate, void* libraryContext) {
     std::vector<VeltraCertificate> records;
+    records.reserve(issuers.size() + 1);
     for (const DerBytes& issuer : issuers)
         records.push_back(recordOf(issuer));
     records.push_back(certificate);

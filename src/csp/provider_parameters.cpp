@@ -210,9 +210,8 @@ Outcome switchHardwareRandom(const BYTE* data) {
 }
 
 Outcome setOwnerWindow(CSP_CONTEXT& context, const BYTE* data) {
-    std::uintptr_t window = 0;
-    if (data != nullptr) std::memcpy(&window, data, sizeof(window));
-    context.ownerWindow = reinterpret_cast<HWND>(window);
+    context.ownerWindow = nullptr;
+    if (data != nullptr) std::memcpy(&context.ownerWindow, data, sizeof(HWND));
     return success();
 }
 
