@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 using namespace veltra;
 using namespace veltra::softtoken;
@@ -89,6 +90,14 @@ void deliver(BytesView result, unsigned char* out, int* length) {
     *length = static_cast<int>(result.size());
 }
 
+/// As deliver(), for a result whose length the caller cannot know: a buffer that is too small also gets the
+/// needed length into `*length`.
+void deliverOrTellLength(BytesView result, unsigned char* out, int* length) {
+    const int capacity = std::exchange(*length, static_cast<int>(result.size()));
+    if (capacity < *length) throw TokenError(Failure::BufferTooSmall, "the buffer is too small");
+    std::copy(result.begin(), result.end(), out);
+}
+
 void requireOutBuffer(const unsigned char* out, const int* length) {
     require(out != nullptr && length != nullptr && *length >= 0,
             "the output buffer or its length is unusable");
@@ -125,10 +134,14 @@ bool isEcb(EncryptionType type) {
     return type == EncryptionType::Aes128Ecb || type == EncryptionType::Aes192Or256Ecb;
 }
 
-/// The IV that the type asks for: one block for CBC, none for ECB, where one that was given is not used.
+/// The IV that the type asks for: one block for CBC, none for ECB. Anything else is refused: decryption goes
+/// by the IV alone, so it would take data for the other mode's and hand out a wrong plaintext.
 BytesView ivFor(EncryptionType type, const unsigned char* iv, int ivLength) {
     const BytesView given = bufferOf(iv, ivLength);
-    if (isEcb(type)) return {};
+    if (isEcb(type)) {
+        require(given.empty(), "ECB takes no IV");
+        return {};
+    }
     require(given.size() == kAesBlockLength, "CBC needs an IV of 16 bytes");
     return given;
 }
@@ -349,6 +362,28 @@ int __cdecl veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKey
         clearOutput(out, outLength);
         decryptOrUnwrap(serialText(serial), bufferOf(keyOrKeyId, keyLength), bufferOf(iv, ivLength),
                         bufferOf(in, inLength))
+            .handOut(out, outLength);
+    });
+}
+
+int __cdecl veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength,
+                                   unsigned char* out, int* outLength, const unsigned char* iv, int ivLength,
+                                   const unsigned char* key, int keyLength, void*) {
+    return guarded("veltra_decryptSymetric", [&] {
+        requireOutBuffer(out, outLength);
+        requirePluggedIfNamed(serial);
+        const CallerBuffer plaintext =
+            decryptAes(bufferOf(key, keyLength), bufferOf(iv, ivLength), bufferOf(in, inLength));
+        deliverOrTellLength(plaintext.bytes(), out, outLength);
+    });
+}
+
+int __cdecl veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
+                              const unsigned char* peer, int peerLength, unsigned char** out, int* outLength,
+                              void*) {
+    return guarded("veltra_ecdhDerive", [&] {
+        clearOutput(out, outLength);
+        CallerBuffer(agree(serialText(serial), keyIdOf(keyId), pinText(pin), bufferOf(peer, peerLength)))
             .handOut(out, outLength);
     });
 }

@@ -1,6 +1,7 @@
 #include "token_operations.h"
 
 #include "contract_records.h"
+#include "key_agreement.h"
 #include "pin_vault.h"
 #include "rsa_encryption.h"
 #include "session.h"
@@ -176,6 +177,13 @@ SecureBytes decrypt(std::string_view serial, BytesView keyId, std::string_view p
     }
     const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
     return decryptRsa(openPrivateKey(key, unlocked.masterKey()), key.publicKey, ciphertext);
+}
+
+SecureBytes agree(std::string_view serial, BytesView keyId, std::string_view pin, BytesView peer) {
+    const OpenToken token = openToken(serial);
+    const StoredKeyPair key = KeyStore(token.folder).find(keyId);
+    const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
+    return ecdhSecret(*findKeyKind(key.type), openPrivateKey(key, unlocked.masterKey()), peer);
 }
 
 std::vector<VeltraSymmetricKey> aesKeys(std::string_view serial) {

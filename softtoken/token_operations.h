@@ -52,6 +52,9 @@ bool verify(std::uint32_t keyType, BytesView hash, BytesView publicKey, BytesVie
 /// decrypts.
 SecureBytes decrypt(std::string_view serial, BytesView keyId, std::string_view pin, BytesView ciphertext);
 
+/// ecdhSecret() with a key pair of the token. Needs a session. Any usage agrees on a secret.
+SecureBytes agree(std::string_view serial, BytesView keyId, std::string_view pin, BytesView peer);
+
 /// The records carry no key material.
 std::vector<VeltraSymmetricKey> aesKeys(std::string_view serial);
 

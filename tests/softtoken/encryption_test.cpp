@@ -7,13 +7,6 @@ namespace veltra::softtoken::test {
 
 namespace {
 
-Bytes fromHex(std::string_view text) {
-    Bytes bytes;
-    for (std::size_t i = 0; i < text.size(); i += 2)
-        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
-    return bytes;
-}
-
 int lengthOf(const Bytes& bytes) {
     return static_cast<int>(bytes.size());
 }
@@ -52,6 +45,20 @@ protected:
         return library_.decryptAes(kSerial, key.data(), lengthOf(key), ciphertext.data(),
                                    lengthOf(ciphertext), &plaintext.data, &plaintext.length, false, iv.data(),
                                    lengthOf(iv), nullptr);
+    }
+
+    /// veltra_decryptSymetric without a token into a buffer of this capacity, cut to the length that comes
+    /// back.
+    int decryptInto(Bytes& buffer, std::size_t capacity, const Bytes& key, const Bytes& iv,
+                    const Bytes& ciphertext) const {
+        buffer.assign(capacity + 16, 0xAA);
+        int length = static_cast<int>(capacity);
+        const int result =
+            library_.decryptSymetric("", ciphertext.data(), lengthOf(ciphertext), buffer.data(), &length,
+                                     iv.data(), lengthOf(iv), key.data(), lengthOf(key), nullptr);
+        EXPECT_EQ(Bytes(buffer.end() - 16, buffer.end()), Bytes(16, 0xAA)) << "written behind the buffer";
+        buffer.resize(static_cast<std::size_t>(length), 0xAA);
+        return result;
     }
 
     int importAes(const Bytes& key, VeltraSymmetricKey& record) const {
@@ -161,7 +168,7 @@ TEST_F(EncryptionTest, WhateverIsWrongWithAnRsaCiphertextGivesOneCode) {
 TEST_F(EncryptionTest, AesIsThatOfTheStandard) {
     // NIST SP 800-38A, F.1 and F.2, the first two blocks.
     const Bytes plaintext = fromHex("6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51");
-    const Bytes iv = fromHex("000102030405060708090a0b0c0d0e0f");
+    const Bytes cbcIv = fromHex("000102030405060708090a0b0c0d0e0f");
     const Bytes keys[] = {fromHex("2b7e151628aed2a6abf7158809cf4f3c"),
                           fromHex("8e73b0f7da0e6452c810f32b809079e562f8ead2522c6b7b"),
                           fromHex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4")};
@@ -184,21 +191,26 @@ TEST_F(EncryptionTest, AesIsThatOfTheStandard) {
     for (const auto& testCase : cases) {
         SCOPED_TRACE(testCase.ciphertext);
         const Bytes& key = keys[testCase.key];
-        const bool isEcb = static_cast<int>(testCase.type) >= 5;
+        const Bytes iv = static_cast<int>(testCase.type) >= 5 ? Bytes() : cbcIv;
         LibraryOutput ciphertext;
         ASSERT_EQ(encryptAes(testCase.type, key, iv, plaintext, false, ciphertext), 0);
         EXPECT_EQ(ciphertext.bytes(), fromHex(testCase.ciphertext));
         LibraryOutput again;
-        ASSERT_EQ(decryptAes(key, isEcb ? Bytes() : iv, ciphertext.bytes(), again), 0);
+        ASSERT_EQ(decryptAes(key, iv, ciphertext.bytes(), again), 0);
         EXPECT_EQ(again.bytes(), plaintext) << "data that was not padded comes back whole";
+        Bytes buffer;
+        ASSERT_EQ(decryptInto(buffer, 32, key, iv, ciphertext.bytes()), 0);
+        EXPECT_EQ(buffer, plaintext);
         for (const std::size_t length : {0, 1, 15, 16, 17, 100'000}) {
             const Bytes message = hashOf(length);
             LibraryOutput padded;
             LibraryOutput decrypted;
             ASSERT_EQ(encryptAes(testCase.type, key, iv, message, true, padded), 0);
             EXPECT_EQ(padded.length, static_cast<int>(length / 16 * 16 + 16));
-            ASSERT_EQ(decryptAes(key, isEcb ? Bytes() : iv, padded.bytes(), decrypted), 0);
+            ASSERT_EQ(decryptAes(key, iv, padded.bytes(), decrypted), 0);
             EXPECT_EQ(decrypted.bytes(), message);
+            ASSERT_EQ(decryptInto(buffer, length, key, iv, padded.bytes()), 0);
+            EXPECT_EQ(buffer, message);
         }
     }
 }
@@ -230,9 +242,9 @@ TEST_F(EncryptionTest, AesRefusesWhatDoesNotFit) {
         std::uint32_t type;
         std::size_t keyLength, ivLength, length;
     } const cases[] = {
-        {1, 15, 16, 16}, {1, 24, 16, 16}, {1, 0, 16, 16},  {2, 16, 16, 16}, {2, 33, 16, 16},
-        {5, 32, 0, 16},  {6, 16, 0, 16},  {1, 16, 15, 16}, {1, 16, 0, 16},  {1, 16, 17, 16},
-        {0, 16, 16, 16}, {7, 16, 16, 16}, {1, 16, 16, 15}, {5, 16, 0, 17},
+        {1, 15, 16, 16}, {1, 24, 16, 16}, {1, 0, 16, 16},  {2, 16, 16, 16}, {2, 33, 16, 16}, {5, 32, 0, 16},
+        {6, 16, 0, 16},  {1, 16, 15, 16}, {1, 16, 0, 16},  {1, 16, 17, 16}, {0, 16, 16, 16}, {7, 16, 16, 16},
+        {1, 16, 16, 15}, {5, 16, 0, 17},  {5, 16, 16, 16}, {6, 32, 16, 16}, {2, 32, 0, 16},
     };
     for (const auto& it : cases) {
         LibraryOutput out;
@@ -263,6 +275,46 @@ TEST_F(EncryptionTest, AesRefusesWhatDoesNotFit) {
                                   false, nullptr, 0, nullptr, 0, nullptr),
               0)
         << "key material needs no token";
+}
+
+TEST_F(EncryptionTest, DecryptionIntoABufferRefusesWhatDoesNotFit) {
+    const Bytes key(16, 0x55);
+    const Bytes iv(16, 0x0F);
+    LibraryOutput encrypted;
+    ASSERT_EQ(encryptAes(EncryptionType::Aes128Cbc, key, iv, hashOf(20), true, encrypted), 0);
+    const Bytes ciphertext = encrypted.bytes();
+    for (const std::size_t capacity : {0, 1, 19}) {
+        Bytes buffer;
+        EXPECT_NE(decryptInto(buffer, capacity, key, iv, ciphertext), 0) << capacity;
+        EXPECT_EQ(buffer, Bytes(20, 0xAA)) << "left alone, and the length tells what is needed";
+    }
+    struct {
+        std::size_t keyLength, ivLength, length;
+    } const cases[] = {{16, 16, 0}, {16, 16, 31}, {16, 15, 32}, {16, 17, 32}, {0, 16, 32}, {20, 16, 32}};
+    for (const auto& it : cases) {
+        Bytes buffer;
+        EXPECT_NE(decryptInto(buffer, 32, Bytes(it.keyLength), Bytes(it.ivLength), Bytes(it.length)), 0)
+            << it.keyLength << ' ' << it.ivLength << ' ' << it.length;
+        EXPECT_EQ(buffer, Bytes(32, 0xAA));
+    }
+    Bytes out(32, 0xAA);
+    int length = 32;
+    int negative = -1;
+    const auto call = [&](const char* serial, const unsigned char* in, unsigned char* data, int* dataLength,
+                          const unsigned char* keyBytes) {
+        return library_.decryptSymetric(serial, in, 32, data, dataLength, iv.data(), 16, keyBytes, 16,
+                                        nullptr);
+    };
+    EXPECT_NE(call("T9", ciphertext.data(), out.data(), &length, key.data()), 0)
+        << "a token that is not there";
+    EXPECT_NE(call("", nullptr, out.data(), &length, key.data()), 0);
+    EXPECT_NE(call("", ciphertext.data(), nullptr, &length, key.data()), 0);
+    EXPECT_NE(call("", ciphertext.data(), out.data(), nullptr, key.data()), 0);
+    EXPECT_NE(call("", ciphertext.data(), out.data(), &negative, key.data()), 0);
+    EXPECT_NE(call("", ciphertext.data(), out.data(), &length, nullptr), 0);
+    EXPECT_EQ(out, Bytes(32, 0xAA));
+    EXPECT_EQ(call(kSerial, ciphertext.data(), out.data(), &length, key.data()), 0);
+    EXPECT_EQ(length, 20);
 }
 
 TEST_F(EncryptionTest, KeysOfTheTokenUnwrapAsTheStandardSays) {

@@ -55,6 +55,8 @@ LoadedLibrary::LoadedLibrary(Instance instance) {
     bind(decrypt, "veltra_decrypt");
     bind(encryptAes, "veltra_encrypt_aes");
     bind(decryptAes, "veltra_decrypt_aes");
+    bind(decryptSymetric, "veltra_decryptSymetric");
+    bind(ecdhDerive, "veltra_ecdhDerive");
 }
 
 LoadedLibrary::~LoadedLibrary() {
@@ -69,6 +71,13 @@ void LoadedLibrary::bind(Function& function, const char* name) {
 
 LibraryOutput::~LibraryOutput() {
     std::free(data);
+}
+
+Bytes fromHex(std::string_view text) {
+    Bytes bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2)
+        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
+    return bytes;
 }
 
 SoftTokenTest::SoftTokenTest()

@@ -7,6 +7,7 @@
 #include "token_store.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace veltra::softtoken::test {
@@ -48,6 +49,8 @@ public:
     decltype(&veltra_decrypt) decrypt = nullptr;
     decltype(&veltra_encrypt_aes) encryptAes = nullptr;
     decltype(&veltra_decrypt_aes) decryptAes = nullptr;
+    decltype(&veltra_decryptSymetric) decryptSymetric = nullptr;
+    decltype(&veltra_ecdhDerive) ecdhDerive = nullptr;
 
 private:
     template <class Function>
@@ -69,6 +72,9 @@ struct LibraryOutput {
     [[nodiscard]] Bytes bytes() const { return {data, data + length}; }
     [[nodiscard]] bool isEmpty() const { return data == nullptr && length == 0; }
 };
+
+/// Of an even number of hexadecimal digits.
+Bytes fromHex(std::string_view text);
 
 /// A fresh home folder with one plugged-in token "T1" and the DLL.
 class SoftTokenTest : public testing::Test {

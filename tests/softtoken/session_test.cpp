@@ -106,6 +106,10 @@ TEST_F(SoftTokenTest, PinUsingOperationsNeedASession) {
     VeltraCertificate certificate{};
     EXPECT_EQ(other.importCertificate(kSerial, kPin, &certificate, nullptr), expired);
     ASSERT_EQ(library_.importAesKey(kSerial, kPin, &aesKey, nullptr), 0);
+    LibraryOutput secret;
+    EXPECT_EQ(
+        other.ecdhDerive(kSerial, key.keyId, kPin, key.publicKey, 65, &secret.data, &secret.length, nullptr),
+        expired);
     key = generate(kKeyTypeRsa2048);
     LibraryOutput plaintext;
     EXPECT_EQ(other.decrypt(kSerial, key.keyId, kPin, key.publicKey, 256, &plaintext.data, &plaintext.length,
@@ -163,6 +167,13 @@ TEST_F(SoftTokenTest, AnotherPinThanTheSessionsIsRefusedWithoutCostingAnAttempt)
     const int result = sign(key, "654321");
     EXPECT_NE(result, 0);
     EXPECT_NE(result, kDeviceSessionExpired);
+    LibraryOutput secret;
+    const auto agree = [&](const char* pin) {
+        return library_.ecdhDerive(kSerial, key.keyId, pin, key.publicKey, 65, &secret.data, &secret.length,
+                                   nullptr);
+    };
+    EXPECT_EQ(agree("654321"), result);
+    EXPECT_EQ(agree(""), 0);
     EXPECT_EQ(attemptsOnDisk(kSerial), kDefaultAttempts);
 }
 
