@@ -7,13 +7,15 @@
 #include "csp/key_handle.h"
 #include "foundation/device_library.h"
 #include "foundation/library_buffer.h"
+#include "token/aes_encryption.h"
+#include "token/aes_keys.h"
 #include "token/crypto_policy.h"
+#include "token/key_operations.h"
 #include "token/process_iv.h"
 #include "token/user_verification.h"
 
 #include <algorithm>
 #include <climits>
-#include <optional>
 
 namespace veltra {
 
@@ -43,36 +45,24 @@ Bytes ivFor(const KEY_HANDLE& key) {
     return iv.empty() ? Bytes(kDefaultIvLength) : iv;
 }
 
-std::optional<EncryptionType> aesTypeFor(const KEY_HANDLE& key) {
-    if (key.mode == CRYPT_MODE_ECB) {
-        return key.symmetricKeyLength == 16 ? EncryptionType::Aes128Ecb : EncryptionType::Aes192Or256Ecb;
-    }
-    switch (key.symmetricKeyLength) {
-    case 16:
-        return EncryptionType::Aes128Cbc;
-    case 24:
-    case 32:
-        return EncryptionType::Aes192Or256Cbc;
-    default:
-        return std::nullopt;
-    }
+// Only CBC looks at the length of the key.
+bool hasUsableLength(const KEY_HANDLE& key) {
+    return key.mode == CRYPT_MODE_ECB || aesKeyTypeForBits(key.symmetricKeyLength * 8).has_value();
 }
 
 Outcome encryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final, const DataBuffer& buffer) {
     Utils::debug(concat("CPEncrypt: symmetric encryption, keyLen=", key.symmetricKeyLength));
-    const std::optional<EncryptionType> type = aesTypeFor(key);
-    if (!type) {
+    if (!hasUsableLength(key)) {
         return refuse(NTE_BAD_KEY,
                       concat("CPEncrypt: unsupported symmetric key length: ", key.symmetricKeyLength));
     }
     const Bytes iv = ivFor(key);
     LibraryBuffer output;
-    const int code = output.fill([&](unsigned char** out, int* outLength) {
-        return deviceLibrary().veltra_encrypt_aes(
-            context.serial.c_str(), *type, key.symmetricKey.data(), static_cast<int>(key.symmetricKeyLength),
-            buffer.data, buffer.input(), out, outLength, final, iv.empty() ? nullptr : iv.data(),
-            static_cast<int>(iv.size()), nullptr, 0, context.libraryContext);
-    });
+    const AesCipher cipher{.key = {key.symmetricKey.data(), key.symmetricKeyLength},
+                           .ecb = key.mode == CRYPT_MODE_ECB,
+                           .iv = iv};
+    const int code = encryptAes(context.serial, cipher, {buffer.data, buffer.inputLength}, final, output,
+                                context.libraryContext);
     if (code != kDeviceOk) {
         return refuse(NTE_PROVIDER_DLL_FAIL, concat("CPEncrypt: symmetric encryption failed: ", code));
     }
@@ -89,16 +79,7 @@ Outcome encryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final
 
 // The count of public key bytes is compared with sizes in bits: deliberate, and so nearly always RSA 2048.
 EncryptionType rsaTypeFor(const KEY_HANDLE& key) {
-    switch (key.publicKeyLength) {
-    case 4096:
-        return EncryptionType::Rsa4096;
-    case 3072:
-        return EncryptionType::Rsa3072;
-    case 1024:
-        return EncryptionType::Rsa1024;
-    default:
-        return EncryptionType::Rsa2048;
-    }
+    return rsaEncryptionType(key.publicKeyLength);
 }
 
 Outcome encryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flags, DWORD outputLength,
@@ -108,15 +89,12 @@ Outcome encryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flag
                                                  "CSP: Public key is raw modulus, converting to DER"});
     const PaddingMode padding = (flags & CRYPT_OAEP) != 0 ? PaddingMode::OaepSha1 : PaddingMode::Pkcs1;
     Bytes output(outputLength);
-    int length = static_cast<int>(outputLength);
-    int code = deviceLibrary().veltra_encrypt(rsaTypeFor(key), padding, buffer.data, buffer.input(),
-                                              output.data(), &length, publicKey.data(),
-                                              static_cast<int>(publicKey.size()), context.libraryContext);
-    if (code == kDeviceOk && (length < 0 || static_cast<DWORD>(length) > outputLength))
-        code = kDeviceBadLength;
+    std::uint32_t length = 0;
+    const int code = encryptForKey(rsaTypeFor(key), padding, {buffer.data, buffer.inputLength}, publicKey,
+                                   output, length, context.libraryContext);
     if (code == kDeviceOk) {
         std::reverse_copy(output.begin(), output.begin() + length, buffer.data);
-        *buffer.outputLength = static_cast<DWORD>(length);
+        *buffer.outputLength = length;
     }
     wipe(output.data(), output.size());
     if (code != kDeviceOk) return refuse(NTE_PROVIDER_DLL_FAIL, concat("Encrypt data failed: ", code));
@@ -194,18 +172,13 @@ Outcome decryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flag
                            std::reverse_iterator(buffer.data));
     Utils::debug("After reversing encrypted data");
     Utils::debug("Before decrypting data");
+    const TokenKey tokenKey{
+        .serial = context.serial, .keyId = key.keyId, .libraryContext = context.libraryContext};
     LibraryBuffer output;
     Outcome verifiedAgain; // why the user could not be verified again, for the last error
     const PinOperationResult result = runWithSessionRetry(
         context.serial, "CPDecrypt: SSO expired, re-prompting for PIN",
-        [&](const Pin& pin) {
-            return output.fill([&](unsigned char** out, int* outLength) {
-                return deviceLibrary().veltra_decrypt(context.serial.c_str(), key.keyId, pin.c_str(),
-                                                      ciphertext.data(), static_cast<int>(ciphertext.size()),
-                                                      out, outLength, key.tokenFlag != 0,
-                                                      context.libraryContext);
-            });
-        },
+        [&](const Pin& pin) { return decryptWithKey(tokenKey, pin, ciphertext, key.tokenFlag != 0, output); },
         [&] {
             verifiedAgain = ensurePasswordValidated(context);
             return static_cast<bool>(verifiedAgain);

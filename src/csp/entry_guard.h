@@ -1,10 +1,10 @@
 #pragma once
 
+#include "foundation/entry_frame.h"
 #include "foundation/text.h"
 #include "foundation/utils.h"
 #include "foundation/win_handle.h"
 
-#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -43,32 +43,14 @@ inline Outcome refuse(DWORD code, std::string message) {
     return failure(code);
 }
 
-/// Logs why an entry point was ended by an exception; nothing thrown while doing so gets out.
-inline void reportException(const char* entryPoint, const char* reason) noexcept {
-    try {
-        Utils::error(concat(entryPoint, ": ", reason));
-    } catch (...) {
-        // No memory is left for the line: the last error says so all the same.
-        return;
-    }
-}
-
 /// Frame of every CryptoAPI entry point: logs its name, runs `body`, which returns an Outcome, and lets no
 /// exception out.
 template <class Body>
 BOOL cspEntry(const char* name, Body&& body) noexcept {
     const DWORD callersLastError = GetLastError();
-    Outcome outcome;
-    try {
-        Utils::debug(name);
-        outcome = body();
-    } catch (const std::bad_alloc&) {
-        reportException(name, "out of memory");
-        outcome = failure(NTE_NO_MEMORY);
-    } catch (...) {
-        reportException(name, "unexpected exception");
-        outcome = failure(NTE_FAIL);
-    }
+    const ExceptionAnswers<Outcome> answers = {.outOfMemory = failure(NTE_NO_MEMORY),
+                                               .unexpected = failure(NTE_FAIL)};
+    const Outcome outcome = runEntryPoint(name, answers, std::forward<Body>(body));
     SetLastError(outcome.lastError.value_or(callersLastError));
     return outcome.result;
 }

@@ -1,6 +1,6 @@
 #include "csp/hash_context.h"
 
-#include "foundation/device_library.h"
+#include "token/device_hash.h"
 
 #include <algorithm>
 #include <array>
@@ -32,18 +32,12 @@ const HashAlgorithm* findHashMechanism(std::uint32_t mechanism) {
 }
 
 int startDeviceHash(const CSP_CONTEXT& context, std::uint32_t mechanism, void** deviceHash) {
-    return deviceLibrary().veltra_initHash(context.serial.c_str(), static_cast<int>(mechanism), deviceHash,
-                                           context.libraryContext);
+    return startDeviceHash(context.serial, mechanism, deviceHash, context.libraryContext);
 }
 
 int finishDeviceHash(const CSP_CONTEXT& context, void* deviceHash, unsigned char* digest,
                      std::uint32_t capacity, std::uint32_t& length) {
-    int reported = static_cast<int>(capacity);
-    const int code = deviceLibrary().veltra_finalHash(deviceHash, digest, &reported, context.libraryContext);
-    if (code != kDeviceOk) return code;
-    if (reported < 0 || static_cast<std::uint32_t>(reported) > capacity) return kDeviceBadLength;
-    length = static_cast<std::uint32_t>(reported);
-    return kDeviceOk;
+    return finishDeviceHash(deviceHash, {digest, capacity}, length, context.libraryContext);
 }
 
 } // namespace veltra

@@ -35,23 +35,11 @@ Outcome pinForImport(const CSP_CONTEXT& context, Pin& pin) {
     return success();
 }
 
-VeltraCertificate recordOf(const KEY_HANDLE& key, std::span<const BYTE> der) {
-    VeltraCertificate record{};
-    std::ranges::copy(key.keyId, record.keyId);
-    std::ranges::copy(der, record.der);
-    record.derLength = static_cast<std::uint32_t>(der.size());
-    std::ranges::copy(key.credentialId, record.credentialId);
-    record.credentialIdLength = key.credentialIdLength;
-    std::copy_n(key.label, kLabelMaxLength, record.label);
-    return record;
-}
-
 } // namespace
 
 Outcome getKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, BYTE* data, DWORD* dataLength) {
     if (dataLength == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPGetKeyParam: pdwDataLen is null");
-    deviceLibrary().veltra_initDevice(context.serial.c_str(), true, context.libraryContext);
-    const auto certificate = certificateOfKey(context.serial, key.keyId, context.libraryContext);
+    const auto certificate = freshCertificateOfKey(context.serial, key.keyId, context.libraryContext);
     if (!certificate) return refuse(NTE_NOT_FOUND, "CPGetKeyParam: KP_CERTIFICATE not found, return FALSE");
     const DWORD available = *dataLength;
     const DWORD length = certificate->derLength;
@@ -82,7 +70,11 @@ Outcome setKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, con
     }
     Pin pin;
     if (const Outcome ready = pinForImport(context, pin); !ready) return ready;
-    VeltraCertificate record = recordOf(key, {data, *total});
+    VeltraCertificate record =
+        certificateRecordFor({.keyId = key.keyId,
+                              .credentialId = {key.credentialId, key.credentialIdLength},
+                              .label = boundedText(key.label, kLabelMaxLength)},
+                             {data, *total});
     const int code = importCertificateWithChain(context.serial, pin, record, context.libraryContext);
     if (code != kDeviceOk) {
         return refuse(NTE_FAIL, concat("CPSetKeyParam: KP_CERTIFICATE import failed ret=", code));

@@ -40,12 +40,6 @@ const KeyKind* findKeyKind(ALG_ID requested) {
     return nullptr;
 }
 
-std::uint32_t keyTypeForBits(DWORD bits) {
-    if (bits == 3072) return kKeyTypeRsa3072;
-    if (bits == 4096) return kKeyTypeRsa4096;
-    return kKeyTypeRsa2048;
-}
-
 // Lets the token make the pair; a record that does not fit its own buffers counts as a failure.
 int generateOnToken(const CSP_CONTEXT& context, VeltraKeyPair& pair) {
     const Pin pin = getPin(context.serial);
@@ -74,7 +68,7 @@ Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYP
     }
     VeltraKeyPair pair{};
     pair.usage = kind.usage;
-    pair.keyType = keyTypeForBits(bits);
+    pair.keyType = rsaKeyTypeForBits(bits).value_or(kKeyTypeRsa2048);
     if (const int code = generateOnToken(context, pair); code != kDeviceOk) {
         return refuse(NTE_TOKEN_KEYSET_STORAGE_FULL, concat("RSA Keypair Generation Failed, code=", code));
     }

@@ -11,6 +11,8 @@
 #include "foundation/device_library.h"
 #include "foundation/library_buffer.h"
 #include "token/device_state.h"
+#include "token/key_operations.h"
+#include "token/key_pairs.h"
 
 #include <algorithm>
 #include <array>
@@ -47,22 +49,6 @@ Outcome handOut(std::unique_ptr<KEY_HANDLE> key, HCRYPTKEY* phKey, const char* l
     return success();
 }
 
-// The token's code of an RSA key of this length; 0 for a length that is not accepted.
-ALG_ID rsaCodeForBits(DWORD bits) {
-    switch (bits) {
-    case 1024:
-        return kKeyTypeRsa1024;
-    case 2048:
-        return kKeyTypeRsa2048;
-    case 3072:
-        return kKeyTypeRsa3072;
-    case 4096:
-        return kKeyTypeRsa4096;
-    default:
-        return 0;
-    }
-}
-
 // What KP_ALGID reports of an imported public key is the token's code, not an ALG_ID: deliberate.
 Outcome importPublicKey(Blob blob, HCRYPTKEY* phKey) {
     const auto refuseSize = [&](std::uint64_t required) {
@@ -84,27 +70,23 @@ Outcome importPublicKey(Blob blob, HCRYPTKEY* phKey) {
                                                    static_cast<unsigned char>(header.pubexp >> 8),
                                                    static_cast<unsigned char>(header.pubexp)};
     Utils::debug(concat("Public exponent : ", toHex(exponent)));
-    const ALG_ID code = rsaCodeForBits(header.bitlen);
-    if (code == 0) return refuse(NTE_BAD_DATA, "Unsupported RSA key size");
+    const std::optional<std::uint32_t> code = rsaKeyTypeForBits(header.bitlen);
+    if (!code) return refuse(NTE_BAD_DATA, "Unsupported RSA key size");
     const Bytes der = rsaSubjectPublicKeyInfo(modulus, exponent);
     std::unique_ptr<KEY_HANDLE> key = newKey();
     std::ranges::copy(der, key->publicKey);
     key->publicKeyLength = static_cast<std::uint32_t>(der.size());
     key->keyBits = header.bitlen;
     key->keyIdLength = kKeyIdLength;
-    key->algId = code;
+    key->algId = *code;
     return handOut(std::move(key), phKey, "PUBLICKEYBLOB imported successfully");
 }
 
 int decryptSessionKey(const CSP_CONTEXT& context, const KEY_HANDLE& decryptionKey, const Bytes& encrypted,
                       LibraryBuffer& sessionKey) {
-    const Pin pin = getPin(context.serial);
-    return sessionKey.fill([&](unsigned char** out, int* outLength) {
-        return deviceLibrary().veltra_decrypt(context.serial.c_str(), decryptionKey.keyId, pin.c_str(),
-                                              encrypted.data(), static_cast<int>(encrypted.size()), out,
-                                              outLength, decryptionKey.tokenFlag != 0,
-                                              context.libraryContext);
-    });
+    const TokenKey key{
+        .serial = context.serial, .keyId = decryptionKey.keyId, .libraryContext = context.libraryContext};
+    return decryptWithKey(key, getPin(context.serial), encrypted, decryptionKey.tokenFlag != 0, sessionKey);
 }
 
 // A session key encrypted for a token RSA key, little-endian; some writers leave it big-endian.
@@ -140,34 +122,13 @@ Outcome importSimpleBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKe
     return handOut(std::move(key), phKey, "SIMPLEBLOB imported successfully (AES)");
 }
 
-/// A record for the token's AES key store, wiped when it goes out of scope.
-struct SymmetricKeyRecord {
-    VeltraSymmetricKey key{};
-
-    SymmetricKeyRecord() = default;
-    SymmetricKeyRecord(const SymmetricKeyRecord&) = delete;
-    SymmetricKeyRecord& operator=(const SymmetricKeyRecord&) = delete;
-    ~SymmetricKeyRecord() { wipe(&key, sizeof(key)); }
-
-    /// Takes 0 to 32 bytes; false for more.
-    bool setMaterial(std::span<const unsigned char> material) {
-        if (material.size() > kSymmetricKeyCapacity) return false;
-        std::ranges::copy(material, key.key);
-        key.keyLength = static_cast<std::uint32_t>(material.size());
-        return true;
-    }
-};
-
 // Stores the key on the token and makes a key object of what the token returned. The material stays there.
 Outcome storeOnToken(const CSP_CONTEXT& context, SymmetricKeyRecord& record, ALG_ID algId,
                      const char* failureText, const char* successText, HCRYPTKEY* phKey) {
-    const Pin pin = getPin(context.serial);
     std::unique_ptr<KEY_HANDLE> key = newKey();
-    const int code = deviceLibrary().veltra_importAesKey(context.serial.c_str(), pin.c_str(), &record.key,
-                                                         context.libraryContext);
-    if (code != kDeviceOk) return refuse(NTE_BAD_TYPE, failureText);
-    // Only carried: an impossible length does not undo the import.
-    if (record.key.credentialIdLength > kCredentialIdCapacity) record.key.credentialIdLength = 0;
+    if (storeAesKey(context.serial, record, context.libraryContext) != kDeviceOk) {
+        return refuse(NTE_BAD_TYPE, failureText);
+    }
     key->fillFrom(record.key);
     key->algId = algId;
     return handOut(std::move(key), phKey, successText);

@@ -6,10 +6,12 @@
 #include "csp/provider_context.h"
 #include "csp/provider_enumeration.h"
 #include "foundation/device_library.h"
+#include "foundation/provider_name.h"
 #include "token/certificates.h"
 #include "token/device_state.h"
 #include "token/key_pairs.h"
 #include "token/random_numbers.h"
+#include "token/user_verification.h"
 
 #include <algorithm>
 #include <cstring>
@@ -18,7 +20,6 @@ namespace veltra {
 
 namespace {
 
-constexpr const char* kProviderName = "Veltra Cryptographic Provider CSP";
 constexpr DWORD kCertificateChain = 9; // PP_CERTCHAIN, which not every platform header has
 constexpr DWORD kImplementationType = CRYPT_IMPL_HARDWARE | 8; // 8: CRYPT_IMPL_REMOVABLE, missing likewise
 constexpr DWORD kVersion = 0x100;                              // 1.0
@@ -180,21 +181,16 @@ Outcome getParameter(CSP_CONTEXT& context, DWORD parameter, BYTE* data, DWORD* d
 
 Outcome setPin(const CSP_CONTEXT& context, const BYTE* data) {
     if (data == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPSetProvParam: NULL PIN data");
-    const auto* text = reinterpret_cast<const char*>(data);
-    const std::size_t length = strnlen(text, Pin::kMaxLength + 1);
-    if (length > Pin::kMaxLength) {
+    const std::optional<Pin> pin = readApplicationPin(data);
+    if (!pin) {
         return refuse(NTE_KEYSET_ENTRY_BAD, "CPSetProvParam: PIN is longer than 255 characters");
     }
-    const Pin pin(std::string_view(text, length));
-    Utils::debug(concat("CPSetProvParam - passwordLength : ", length));
-    int remaining = 0;
-    const int code = deviceLibrary().veltra_validatePassword(context.serial.c_str(), pin.c_str(), 1,
-                                                             &remaining, context.libraryContext);
+    Utils::debug(concat("CPSetProvParam - passwordLength : ", pin->view().size()));
+    const int code = acceptPin(context.serial, *pin, context.libraryContext);
     if (code != kDeviceOk) {
         return refuse(NTE_KEYSET_ENTRY_BAD,
                       concat("CPSetProvParam - Token password validation failed : ", code));
     }
-    storePin(context.serial, pin);
     return success();
 }
 

@@ -5,6 +5,7 @@
 #include "csp/csp_login.h"
 #include "csp/hash_context.h"
 #include "token/device_state.h"
+#include "token/key_operations.h"
 #include "token/key_pairs.h"
 #include "token/token_session.h"
 #include "token/user_verification.h"
@@ -81,29 +82,18 @@ DWORD signatureLengthFor(std::uint32_t keyType) {
     return 256;
 }
 
-// One token signature into `signature`; `length` is its capacity on entry and its length on success.
-int signOnce(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, const Pin& pin, BYTE* signature,
-             DWORD& length) {
-    int reported = static_cast<int>(length);
-    const int code = deviceLibrary().veltra_signHash(
-        context.serial.c_str(), hash.signingKey.keyId.data(), pin.c_str(), hash.hashValue.data(),
-        static_cast<int>(hash.hashValueLength), signature, &reported, false, context.libraryContext, false);
-    if (code != kDeviceOk) return code;
-    if (reported < 0 || static_cast<DWORD>(reported) > length) return kDeviceBadLength;
-    length = static_cast<DWORD>(reported);
-    return kDeviceOk;
-}
-
 Outcome signOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* signature,
                     DWORD* signatureLength) {
     const DWORD capacity = *signatureLength;
-    DWORD length = 0;
+    const TokenKey key{
+        .serial = context.serial, .keyId = hash.signingKey.keyId, .libraryContext = context.libraryContext};
+    std::uint32_t length = 0;
     Outcome verifiedAgain; // why the user could not be verified again, for the last error
     const PinOperationResult result = runWithSessionRetry(
         context.serial, "CPSignHash: SSO expired, re-prompting for PIN",
         [&](const Pin& pin) {
-            length = capacity;
-            return signOnce(context, hash, pin, signature, length);
+            return signWithKey(key, pin, {hash.hashValue.data(), hash.hashValueLength}, false,
+                               {signature, capacity}, length);
         },
         [&] {
             verifiedAgain = ensurePasswordValidated(context);
@@ -162,27 +152,12 @@ Outcome finishHashForVerifying(HCRYPTPROV hProv, HCRYPTHASH hHash, HASH_CONTEXT&
     return success();
 }
 
-/// A public key as the device library's verification takes it.
-struct VerificationKey {
-    std::uint32_t keyType = 0;
-    Bytes bytes; ///< DER for RSA, the uncompressed point for EC
-};
-
 std::uint32_t keyTypeOf(const KEY_HANDLE& key) {
     if (key.algId == kEcAlgId) {
         if (key.keyBits == 384) return kKeyTypeEcP384;
         return key.keyBits == 521 ? kKeyTypeEcP521 : kKeyTypeEcP256;
     }
-    switch (key.keyBits) {
-    case 1024:
-        return kKeyTypeRsa1024;
-    case 3072:
-        return kKeyTypeRsa3072;
-    case 4096:
-        return kKeyTypeRsa4096;
-    default:
-        return kKeyTypeRsa2048;
-    }
+    return rsaKeyTypeForBits(key.keyBits).value_or(kKeyTypeRsa2048);
 }
 
 VerificationKey verificationKeyOf(const KEY_HANDLE& key) {
@@ -220,10 +195,8 @@ Outcome verifyOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, cons
                       std::span<const BYTE> littleEndianSignature) {
     Bytes signature(littleEndianSignature.begin(), littleEndianSignature.end());
     if (isRsaKeyType(key.keyType)) std::ranges::reverse(signature);
-    const int code = deviceLibrary().veltra_verifySignatureHash(
-        key.keyType, context.serial.c_str(), hash.hashValue.data(), static_cast<int>(hash.hashValueLength),
-        key.bytes.data(), static_cast<int>(key.bytes.size()), signature.data(),
-        static_cast<int>(signature.size()), nullptr, false);
+    const int code = verifySignature(context.serial, key, {hash.hashValue.data(), hash.hashValueLength},
+                                     signature, false, nullptr);
     if (code != kDeviceOk) return refuse(kVerificationFailed, concat("VERIFY SIGNATURE FAILED :: ", code));
     return success();
 }

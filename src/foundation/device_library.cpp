@@ -81,6 +81,14 @@ public:
                            int*, bool, const unsigned char*, int, void*) override {
         return kLibraryMissing;
     }
+    int veltra_decryptSymetric(const char*, const unsigned char*, int, unsigned char*, int*,
+                               const unsigned char*, int, const unsigned char*, int, void*) override {
+        return kLibraryMissing;
+    }
+    int veltra_ecdhDerive(const char*, const unsigned char*, const char*, const unsigned char*, int,
+                          unsigned char**, int*, void*) override {
+        return kLibraryMissing;
+    }
     int veltra_generateRamdomNumber(const char*, int, unsigned char*, bool, void*) override {
         return kLibraryMissing;
     }
@@ -129,6 +137,8 @@ public:
         bindExport(decrypt_, "veltra_decrypt");
         bindExport(encryptAes_, "veltra_encrypt_aes");
         bindExport(decryptAes_, "veltra_decrypt_aes");
+        bindExport(decryptSymmetric_, "veltra_decryptSymetric");
+        bindExport(ecdhDerive_, "veltra_ecdhDerive");
         bindExport(generateRandomNumber_, "veltra_generateRamdomNumber");
         bindExport(initHash_, "veltra_initHash");
         bindExport(updateHash_, "veltra_updateHash");
@@ -227,6 +237,16 @@ public:
         return decryptAes_(serial, keyOrKeyId, keyLength, in, inLength, out, outLength, flag, iv, ivLength,
                            ctx);
     }
+    int veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength, unsigned char* out,
+                               int* outLength, const unsigned char* iv, int ivLength,
+                               const unsigned char* key, int keyLength, void* ctx) override {
+        return decryptSymmetric_(serial, in, inLength, out, outLength, iv, ivLength, key, keyLength, ctx);
+    }
+    int veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
+                          const unsigned char* peer, int peerLength, unsigned char** out, int* outLength,
+                          void* ctx) override {
+        return ecdhDerive_(serial, keyId, pin, peer, peerLength, out, outLength, ctx);
+    }
     int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
                                     void* ctx) override {
         return generateRandomNumber_(serial, count, out, software, ctx);
@@ -264,6 +284,8 @@ private:
     decltype(&::veltra_decrypt) decrypt_ = nullptr;
     decltype(&::veltra_encrypt_aes) encryptAes_ = nullptr;
     decltype(&::veltra_decrypt_aes) decryptAes_ = nullptr;
+    decltype(&::veltra_decryptSymetric) decryptSymmetric_ = nullptr;
+    decltype(&::veltra_ecdhDerive) ecdhDerive_ = nullptr;
     decltype(&::veltra_generateRamdomNumber) generateRandomNumber_ = nullptr;
     decltype(&::veltra_initHash) initHash_ = nullptr;
     decltype(&::veltra_updateHash) updateHash_ = nullptr;

@@ -8,6 +8,13 @@ namespace veltra {
 /// not fit the buffer that the library was given.
 constexpr int kDeviceBadLength = -1;
 
+/// `code`, the result of a call that wrote into a buffer of `capacity` bytes, unless it is a success that
+/// reports an impossible length.
+constexpr int checkReportedLength(int code, int reported, std::size_t capacity) {
+    const bool fits = reported >= 0 && static_cast<std::size_t>(reported) <= capacity;
+    return code == kDeviceOk && !fits ? kDeviceBadLength : code;
+}
+
 /// Nor is this: a call that threw, where one failing token must not fail the whole operation.
 constexpr int kDeviceThrew = -2;
 
@@ -70,6 +77,12 @@ public:
     virtual int veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
                                    const unsigned char* in, int inLength, unsigned char** out, int* outLength,
                                    bool flag, const unsigned char* iv, int ivLength, void* ctx) = 0;
+    virtual int veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength,
+                                       unsigned char* out, int* outLength, const unsigned char* iv,
+                                       int ivLength, const unsigned char* key, int keyLength, void* ctx) = 0;
+    virtual int veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
+                                  const unsigned char* peer, int peerLength, unsigned char** out,
+                                  int* outLength, void* ctx) = 0;
     virtual int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
                                             void* ctx) = 0;
     virtual int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) = 0;

@@ -1,5 +1,7 @@
 #include "token/aes_keys.h"
 
+#include "token/device_state.h"
+
 #include <algorithm>
 
 namespace veltra {
@@ -28,6 +30,23 @@ std::optional<std::uint32_t> aesKeyTypeForBits(std::uint32_t bits) {
     default:
         return std::nullopt;
     }
+}
+
+bool SymmetricKeyRecord::setMaterial(std::span<const unsigned char> material) {
+    if (material.size() > kSymmetricKeyCapacity) return false;
+    std::ranges::copy(material, key.key);
+    key.keyLength = static_cast<std::uint32_t>(material.size());
+    return true;
+}
+
+int storeAesKey(const std::string& serial, SymmetricKeyRecord& record, void* libraryContext) {
+    const Pin pin = getPin(serial);
+    const int code =
+        deviceLibrary().veltra_importAesKey(serial.c_str(), pin.c_str(), &record.key, libraryContext);
+    // Only carried: an impossible length does not undo the import.
+    if (record.key.credentialIdLength > kCredentialIdCapacity) record.key.credentialIdLength = 0;
+    if (record.key.keyLength > kSymmetricKeyCapacity) record.key.keyLength = 0;
+    return code;
 }
 
 std::optional<std::array<unsigned char, kKeyIdLength>>

@@ -14,6 +14,23 @@ namespace veltra {
 /// another length.
 std::optional<std::uint32_t> aesKeyTypeForBits(std::uint32_t bits);
 
+/// A record for the token's AES key store, wiped when it goes out of scope.
+struct SymmetricKeyRecord {
+    VeltraSymmetricKey key{};
+
+    SymmetricKeyRecord() = default;
+    SymmetricKeyRecord(const SymmetricKeyRecord&) = delete;
+    SymmetricKeyRecord& operator=(const SymmetricKeyRecord&) = delete;
+    ~SymmetricKeyRecord() { wipe(&key, sizeof(key)); }
+
+    /// Takes 0 to 32 bytes; false for more.
+    bool setMaterial(std::span<const unsigned char> material);
+};
+
+/// Stores the key on the token with its stored PIN. On success the record is the token's, with lengths that
+/// fit. Returns the library's code.
+int storeAesKey(const std::string& serial, SymmetricKeyRecord& record, void* libraryContext);
+
 /// Unwraps `wrapped` with the first AES key of the token that can, in the token's order, into `unwrapped`.
 /// The wrapping scheme is the library's. Returns the identifier of that key, or nothing when no key fits.
 std::optional<std::array<unsigned char, kKeyIdLength>>

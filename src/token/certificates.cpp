@@ -1,5 +1,7 @@
 #include "token/certificates.h"
 
+#include <algorithm>
+
 namespace veltra {
 
 namespace {
@@ -27,6 +29,24 @@ std::optional<VeltraCertificate> certificateOfKey(const std::string& serial,
     const VeltraCertificate copy = *found;
     if (!isWellFormed(copy)) return std::nullopt;
     return copy;
+}
+
+std::optional<VeltraCertificate> freshCertificateOfKey(const std::string& serial,
+                                                       std::span<const unsigned char, kKeyIdLength> keyId,
+                                                       void* libraryContext) {
+    deviceLibrary().veltra_initDevice(serial.c_str(), true, libraryContext);
+    return certificateOfKey(serial, keyId, libraryContext);
+}
+
+VeltraCertificate certificateRecordFor(const CertifiedKey& key, std::span<const unsigned char> der) {
+    VeltraCertificate record{};
+    std::ranges::copy(key.keyId, record.keyId);
+    std::ranges::copy(der, record.der);
+    record.derLength = static_cast<std::uint32_t>(der.size());
+    std::ranges::copy(key.credentialId, record.credentialId);
+    record.credentialIdLength = static_cast<std::uint32_t>(key.credentialId.size());
+    std::ranges::copy(key.label, record.label);
+    return record;
 }
 
 } // namespace veltra

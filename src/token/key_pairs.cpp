@@ -41,6 +41,13 @@ std::uint32_t keyBitsOf(std::uint32_t keyType) {
     return keyType < kBits.size() ? kBits[keyType] : 0;
 }
 
+std::optional<std::uint32_t> rsaKeyTypeForBits(std::uint32_t bits) {
+    for (std::uint32_t type = kKeyTypeRsa1024; type <= kKeyTypeRsa4096; ++type) {
+        if (keyBitsOf(type) == bits) return type;
+    }
+    return std::nullopt;
+}
+
 bool isRsaKeyType(std::uint32_t keyType) {
     return keyType >= kKeyTypeRsa1024 && keyType <= kKeyTypeRsa4096;
 }

@@ -2,6 +2,7 @@
 
 #include "foundation/device_library.h"
 
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -25,6 +26,9 @@ const VeltraKeyPair* findKeyPair(const std::vector<VeltraKeyPair>& pairs,
 
 /// Key length in bits of a key type code; 0 for an unknown code.
 std::uint32_t keyBitsOf(std::uint32_t keyType);
+
+/// The type code of an RSA key of 1024, 2048, 3072 or 4096 bits; nothing for another length.
+std::optional<std::uint32_t> rsaKeyTypeForBits(std::uint32_t bits);
 
 bool isRsaKeyType(std::uint32_t keyType);
 bool isEcKeyType(std::uint32_t keyType);

@@ -3,6 +3,8 @@
 #include "token/pin_prompt.h"
 #include "token/token_session.h"
 
+#include <cstring>
+
 namespace veltra {
 
 namespace {
@@ -36,6 +38,21 @@ LoginOutcome askForPinUntilAccepted(const std::string& serial, void* libraryCont
         // A time mismatch ends here too: the token leaves the count at the zero it was given.
         if (remaining == 0) return LoginOutcome::Locked;
     }
+}
+
+int acceptPin(const std::string& serial, const Pin& pin, void* libraryContext) {
+    int remaining = 0;
+    const int code =
+        deviceLibrary().veltra_validatePassword(serial.c_str(), pin.c_str(), 1, &remaining, libraryContext);
+    if (code == kDeviceOk) storePin(serial, pin);
+    return code;
+}
+
+std::optional<Pin> readApplicationPin(const void* text) {
+    const auto* characters = static_cast<const char*>(text);
+    const std::size_t length = strnlen(characters, Pin::kMaxLength + 1);
+    if (length > Pin::kMaxLength) return std::nullopt;
+    return Pin(std::string_view(characters, length));
 }
 
 } // namespace veltra

@@ -5,6 +5,7 @@
 #include "token/device_state.h"
 #include "token/pin.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,14 @@ enum class LoginOutcome { Accepted, Cancelled, Locked };
 /// ends word it differently). On `Accepted`, `acceptedPin` is the PIN; otherwise it is untouched.
 LoginOutcome askForPinUntilAccepted(const std::string& serial, void* libraryContext,
                                     const char* timeMismatchText, Pin& acceptedPin);
+
+/// Lets the token check a PIN that the application gave, and stores it if the token accepts it: no later call
+/// prompts. Returns the library's code; nothing is stored for another than 0.
+int acceptPin(const std::string& serial, const Pin& pin, void* libraryContext);
+
+/// The PIN in a zero-terminated text from the application; nothing when it has more than Pin::kMaxLength
+/// characters, and no more than that is read.
+std::optional<Pin> readApplicationPin(const void* text);
 
 /// Result of an operation that uses the stored PIN: the library's code, or the user could not be verified
 /// again after the token's session had expired.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <new>
 #include <sstream>
 #include <stdexcept>
@@ -71,6 +72,15 @@ int handOut(const Bytes& bytes, const Script& script, unsigned char** out, int* 
     *out = static_cast<unsigned char*>(std::calloc(std::max(bytes.size(), reported), 1));
     std::copy(bytes.begin(), bytes.end(), *out);
     return kDeviceOk;
+}
+
+/// What AES-decrypting `in` gives: PKCS#7 padding is taken off where the data ends like it.
+Bytes aesPlaintext(const unsigned char* in, int inLength) {
+    Bytes plain = ScriptedDeviceLibrary::maskOf(Bytes(in, in + inLength));
+    if (!plain.empty() && plain.back() <= kAesBlock && plain.back() <= plain.size()) {
+        plain.resize(plain.size() - plain.back());
+    }
+    return plain;
 }
 
 template <class Record>
@@ -520,19 +530,49 @@ int ScriptedDeviceLibrary::veltra_decrypt_aes(const char* serial, const unsigned
                                         ", in=" + show(in, inLength) + ", flag=" + show(flag) +
                                         ", iv=" + show(iv, ivLength) + showContext(ctx));
     if (script.result) return script.result;
-    Bytes plain = maskOf(Bytes(in, in + inLength));
     const ScriptedToken* token = find(serial);
     const bool isWrapped = token && keyLength == static_cast<int>(kKeyIdLength) &&
                            std::ranges::any_of(token->aesKeys, [&](const VeltraSymmetricKey& candidate) {
                                return hasId(candidate, keyOrKeyId);
                            });
-    if (isWrapped) {
-        if (plain.empty() || plain[0] != keyOrKeyId[0]) return kNotACiphertext;
-        plain.erase(plain.begin());
-    } else if (!plain.empty() && plain.back() <= kAesBlock && plain.back() <= plain.size()) {
-        plain.resize(plain.size() - plain.back());
-    }
+    if (!isWrapped) return handOut(aesPlaintext(in, inLength), script, out, outLength);
+    Bytes plain = maskOf(Bytes(in, in + inLength));
+    if (plain.empty() || plain[0] != keyOrKeyId[0]) return kNotACiphertext;
+    plain.erase(plain.begin());
     return handOut(plain, script, out, outLength);
+}
+
+int ScriptedDeviceLibrary::veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength,
+                                                  unsigned char* out, int* outLength, const unsigned char* iv,
+                                                  int ivLength, const unsigned char* key, int keyLength,
+                                                  void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script = begin("veltra_decryptSymetric",
+                                "serial=" + show(serial) + ", in=" + show(in, inLength) +
+                                    ", out=" + show(outLength) + ", iv=" + show(iv, ivLength) +
+                                    ", key=" + show(key, keyLength) + showContext(ctx));
+    if (script.result) return script.result;
+    const Bytes plain = aesPlaintext(in, inLength);
+    if (plain.size() > static_cast<std::size_t>(*outLength)) return kBufferTooSmall;
+    std::copy(plain.begin(), plain.end(), out);
+    *outLength = script.length.value_or(static_cast<int>(plain.size()));
+    return kDeviceOk;
+}
+
+int ScriptedDeviceLibrary::veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
+                                             const unsigned char* peer, int peerLength, unsigned char** out,
+                                             int* outLength, void* ctx) {
+    const std::scoped_lock lock(mutex_);
+    const Script script = begin("veltra_ecdhDerive", "serial=" + show(serial) + ", key=" + showKeyId(keyId) +
+                                                         ", pin=" + show(pin) + ", peer=" +
+                                                         show(peer, peerLength) + showContext(ctx));
+    if (script.result) return script.result;
+    const ScriptedToken* token = find(serial);
+    if (!token) return kNoSuchToken;
+    if (!acceptsPin(*token, pin)) return kWrongPin;
+    Bytes secret(static_cast<std::size_t>(std::max(script.length.value_or(32), 0)));
+    std::iota(secret.begin(), secret.end(), static_cast<unsigned char>(1));
+    return handOut(secret, script, out, outLength);
 }
 
 int ScriptedDeviceLibrary::veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out,

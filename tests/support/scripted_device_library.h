@@ -54,7 +54,7 @@ struct Script {
 /// The device library's double: tokens in memory, deterministic cryptography that keeps byte orders and the
 /// order of data visible, a record of every call, and any call made to fail as a test asks. Thread-safe.
 ///
-/// Signatures are the bytes 1, 2, 3, ...; a verification succeeds exactly for those. Digests come from
+/// Signatures are the bytes 1, 2, 3, ... and so are shared secrets, 32 of them; a verification succeeds exactly for those. Digests come from
 /// fakeDigest. Ciphertexts are the plaintext's bytes changed by maskOf: an RSA ciphertext begins with zeros
 /// and one that does not is refused; AES pads the final piece to whole blocks; a wrapped key begins with a
 /// byte of the wrapping key's identifier. A certificate is what fakeCertificate makes. There is one instance,
@@ -129,6 +129,12 @@ public:
     int veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
                            const unsigned char* in, int inLength, unsigned char** out, int* outLength,
                            bool flag, const unsigned char* iv, int ivLength, void* ctx) override;
+    int veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength, unsigned char* out,
+                               int* outLength, const unsigned char* iv, int ivLength,
+                               const unsigned char* key, int keyLength, void* ctx) override;
+    int veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
+                          const unsigned char* peer, int peerLength, unsigned char** out, int* outLength,
+                          void* ctx) override;
     int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
                                     void* ctx) override;
     int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,

@@ -1,0 +1,48 @@
+#pragma once
+
+#include "foundation/live_records.h"
+#include "foundation/wide_text.h"
+
+#include <cstdlib>
+#include <memory>
+
+namespace veltra {
+
+/// One block on the C heap that is handed to the caller, who releases it with KSPFreeBuffer: `count` records,
+/// zeroed, and behind them the texts that they point to, so that one release frees them all.
+///
+/// Blocks are remembered while the caller has them: KSPFreeBuffer releases nothing that was not handed out.
+template <class Record>
+class CallerBlock {
+public:
+    /// `textBytes`: the sum of the wideSize of the texts. Without memory the block is empty. One of no
+    /// records can be handed out like every other.
+    CallerBlock(std::size_t count, std::size_t textBytes)
+        : memory_(std::calloc(1, std::size_t{1} + count * sizeof(Record) + textBytes), std::free),
+          nextText_(static_cast<unsigned char*>(memory_.get()) + count * sizeof(Record)) {}
+
+    explicit operator bool() const { return memory_ != nullptr; }
+
+    Record& operator[](std::size_t index) { return static_cast<Record*>(memory_.get())[index]; }
+
+    /// Puts a text behind the records and those that were put there before.
+    LPWSTR addText(std::string_view ascii) {
+        auto* text = reinterpret_cast<LPWSTR>(nextText_);
+        writeWide(ascii, nextText_);
+        nextText_ += wideSize(ascii);
+        return text;
+    }
+
+    /// From here on the block is the caller's.
+    Record* handOut() {
+        auto* records = static_cast<Record*>(memory_.get());
+        LiveRecords<void>::add(std::move(memory_));
+        return records;
+    }
+
+private:
+    std::shared_ptr<void> memory_;
+    unsigned char* nextText_;
+};
+
+} // namespace veltra

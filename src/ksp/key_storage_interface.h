@@ -1,0 +1,54 @@
+#pragma once
+
+// What the platform's ncrypt_provider.h declares and this toolchain does not have: the function table of a
+// key storage provider. Whoever calls the provider as the system's router does needs this header only.
+
+#include "ksp/ksp_entry_points.h"
+
+#include <cstddef>
+
+struct NCRYPT_KEY_STORAGE_FUNCTION_TABLE {
+    BCRYPT_INTERFACE_VERSION Version;
+    decltype(&KSPOpenProvider) OpenProvider;
+    decltype(&KSPOpenKey) OpenKey;
+    decltype(&KSPCreatePersistedKey) CreatePersistedKey;
+    decltype(&KSPGetProviderProperty) GetProviderProperty;
+    decltype(&KSPGetKeyProperty) GetKeyProperty;
+    decltype(&KSPSetProviderProperty) SetProviderProperty;
+    decltype(&KSPSetKeyProperty) SetKeyProperty;
+    decltype(&KSPFinalizeKey) FinalizeKey;
+    decltype(&KSPDeleteKey) DeleteKey;
+    decltype(&KSPFreeProvider) FreeProvider;
+    decltype(&KSPFreeKey) FreeKey;
+    decltype(&KSPFreeBuffer) FreeBuffer;
+    decltype(&KSPEncrypt) Encrypt;
+    decltype(&KSPDecrypt) Decrypt;
+    decltype(&KSPIsAlgSupported) IsAlgSupported;
+    decltype(&KSPEnumAlgorithms) EnumAlgorithms;
+    decltype(&KSPEnumKeys) EnumKeys;
+    decltype(&KSPImportKey) ImportKey;
+    decltype(&KSPExportKey) ExportKey;
+    decltype(&KSPSignHash) SignHash;
+    decltype(&KSPVerifySignature) VerifySignature;
+    decltype(&KSPPromptUser) PromptUser;
+    decltype(&KSPNotifyChangeKey) NotifyChangeKey;
+    decltype(&KSPSecretAgreement) SecretAgreement;
+    decltype(&KSPDeriveKey) DeriveKey;
+    decltype(&KSPFreeSecret) FreeSecret;
+};
+
+// The version takes one pointer's room, and the 26 functions follow without gaps.
+static_assert(sizeof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE) == 27 * sizeof(void*));
+static_assert(offsetof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE, OpenProvider) == sizeof(void*));
+static_assert(offsetof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE, FreeBuffer) == 12 * sizeof(void*));
+static_assert(offsetof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE, SignHash) == 20 * sizeof(void*));
+static_assert(offsetof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE, FreeSecret) == 26 * sizeof(void*));
+
+extern "C" {
+
+/// Hands out the function table, which lives as long as the module. The name and the flags are not looked at.
+SECURITY_STATUS WINAPI GetKeyStorageInterface(LPCWSTR pszProviderName,
+                                              NCRYPT_KEY_STORAGE_FUNCTION_TABLE** ppFunctionTable,
+                                              DWORD dwFlags);
+
+} // extern "C"

@@ -1,0 +1,42 @@
+#include "ksp/ksp_key.h"
+
+#include "foundation/text.h"
+#include "token/key_pairs.h"
+
+#include <algorithm>
+
+namespace veltra {
+
+void KSP_KEY::fillFrom(const VeltraKeyPair& pair) {
+    std::ranges::copy(pair.keyId, credentialId.begin());
+    credentialIdLength = kKeyIdLength;
+    keyType = pair.keyType;
+    keyUsage = pair.usage;
+    std::ranges::copy(pair.publicKey, publicKey.begin());
+    publicKeyLength = pair.publicKeyLength;
+    std::ranges::copy(pair.credentialId, publicKeyExtra.begin());
+    publicKeyExtraLength = pair.credentialIdLength;
+    label = boundedText(pair.label, kLabelMaxLength);
+    recordFlag = pair.flag != 0;
+}
+
+const char* algorithmName(std::uint32_t keyType, std::uint32_t keyUsage) {
+    const bool agrees = keyUsage == kUsageEncrypt;
+    switch (keyType) {
+    case kKeyTypeEcP256:
+        return agrees ? "ECDH_P256" : "ECDSA_P256";
+    case kKeyTypeEcP384:
+        return agrees ? "ECDH_P384" : "ECDSA_P384";
+    case kKeyTypeEcP521:
+        return agrees ? "ECDH_P521" : "ECDSA_P521";
+    default:
+        return "RSA";
+    }
+}
+
+const char* algorithmGroup(std::uint32_t keyType, std::uint32_t keyUsage) {
+    if (!isEcKeyType(keyType)) return "RSA";
+    return keyUsage == kUsageEncrypt ? "ECDH" : "ECDSA";
+}
+
+} // namespace veltra

@@ -1,0 +1,31 @@
+#include "ksp/ksp_login.h"
+
+#include "foundation/utils.h"
+#include "token/device_state.h"
+#include "token/user_verification.h"
+
+namespace veltra {
+
+namespace {
+
+constexpr const char* kTimeMismatchText = "System time mismatch, Kindly login to Token Manager";
+
+} // namespace
+
+bool ensureUserVerified(const std::string& serial, void* libraryContext) {
+    if (hasUsablePin(serial)) {
+        Utils::debug("KSP: PIN already validated");
+        return true;
+    }
+    Utils::debug("KSP: Password not validated, checking SSO");
+    Pin pin;
+    if (!isSessionValidated(serial, libraryContext)) {
+        const LoginOutcome outcome = askForPinUntilAccepted(serial, libraryContext, kTimeMismatchText, pin);
+        if (outcome == LoginOutcome::Cancelled) Utils::debug("KSP: User cancelled password dialog");
+        if (outcome != LoginOutcome::Accepted) return false;
+    }
+    storePin(serial, pin); // empty after a single sign-on
+    return true;
+}
+
+} // namespace veltra

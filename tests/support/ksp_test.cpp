@@ -1,0 +1,73 @@
+#include "support/ksp_test.h"
+
+#include "ksp/ksp_provider.h"
+#include "token/device_state.h"
+#include "token/key_pairs.h"
+
+#include <algorithm>
+#include <ostream>
+
+namespace veltra::test {
+
+std::ostream& operator<<(std::ostream& stream, const StatusAnswer& answer) {
+    stream << "status 0x" << std::hex << static_cast<unsigned long>(answer.status) << std::dec;
+    for (const std::string& error : answer.errors)
+        stream << "\n    " << error;
+    return stream;
+}
+
+StatusAnswer failed(SECURITY_STATUS status, std::vector<std::string> errors) {
+    return {.status = status, .errors = std::move(errors)};
+}
+
+StatusAnswer succeeded() {
+    return {};
+}
+
+KspTest::~KspTest() {
+    for (const NCRYPT_KEY_HANDLE key : keys_)
+        LiveRecords<KSP_KEY>::take(key).reset();
+    for (const NCRYPT_PROV_HANDLE provider : providers_)
+        KSPFreeProvider(provider);
+}
+
+NCRYPT_PROV_HANDLE KspTest::openProvider() {
+    NCRYPT_PROV_HANDLE provider = 0;
+    EXPECT_EQ(KSPOpenProvider(&provider, nullptr, 0), 0);
+    return providers_.emplace_back(provider);
+}
+
+StatusAnswer KspTest::call(const std::function<SECURITY_STATUS()>& entryPoint) {
+    SECURITY_STATUS status = 0;
+    Answer answer = run([&] {
+        status = entryPoint();
+        return status == 0;
+    });
+    EXPECT_EQ(answer.lastError, kUntouched);
+    return {.status = status, .errors = std::move(answer.errors)};
+}
+
+NCRYPT_KEY_HANDLE KspTest::addKey(const VeltraKeyPair& pair) {
+    auto key = std::make_unique<KSP_KEY>();
+    key->fillFrom(pair);
+    key->bitLength = keyBitsOf(pair.keyType);
+    key->persisted = true;
+    return addKey(std::move(key));
+}
+
+NCRYPT_KEY_HANDLE KspTest::addKey(std::unique_ptr<KSP_KEY> key) {
+    return keys_.emplace_back(LiveRecords<KSP_KEY>::add(std::move(key)));
+}
+
+NCRYPT_KEY_HANDLE KspTest::addSymmetricKey(const std::string& bytes) {
+    auto key = std::make_unique<KSP_KEY>();
+    std::copy(bytes.begin(), bytes.end(), key->symmetricKey.data());
+    key->symmetricKeyLength = static_cast<std::uint32_t>(bytes.size());
+    return addKey(std::move(key));
+}
+
+void KspTest::storePinOfToken() {
+    storePin(serial, Pin(token.pin));
+}
+
+} // namespace veltra::test

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "support/provider_test.h"
+
+#include "ksp/ksp_entry_points.h"
+#include "ksp/ksp_key.h"
+
+namespace veltra::test {
+
+/// What an entry point of the key storage provider answered: its status and the error lines it wrote.
+struct StatusAnswer {
+    SECURITY_STATUS status = 0;
+    std::vector<std::string> errors;
+
+    bool operator==(const StatusAnswer&) const = default;
+};
+std::ostream& operator<<(std::ostream& stream, const StatusAnswer& answer);
+
+/// This status and exactly these error lines.
+StatusAnswer failed(SECURITY_STATUS status, std::vector<std::string> errors);
+
+/// Success without an error line.
+StatusAnswer succeeded();
+
+/// Fixture of the key storage provider's tests: a provider on the scripted token, and key objects that are
+/// freed behind the test.
+class KspTest : public ProviderTest {
+protected:
+    ~KspTest() override;
+
+    /// A provider that the fixture frees.
+    NCRYPT_PROV_HANDLE openProvider();
+
+    /// Runs one call of an entry point and expects it to leave the last error alone. The debug lines it wrote
+    /// are in debugLines.
+    StatusAnswer call(const std::function<SECURITY_STATUS()>& entryPoint);
+
+    /// A key object as KSPOpenKey makes it of this pair, made without it.
+    NCRYPT_KEY_HANDLE addKey(const VeltraKeyPair& pair);
+    NCRYPT_KEY_HANDLE addKey(std::unique_ptr<KSP_KEY> key);
+    NCRYPT_KEY_HANDLE addSymmetricKey(const std::string& bytes);
+
+    /// Makes the PIN of the fixture's token known to the provider, as an earlier login would have.
+    void storePinOfToken();
+
+private:
+    std::vector<NCRYPT_PROV_HANDLE> providers_;
+    std::vector<NCRYPT_KEY_HANDLE> keys_;
+};
+
+} // namespace veltra::test
