@@ -36,6 +36,9 @@ public:
 
     [[nodiscard]] ULONG_PTR get() const { return handle_; }
 
+    /// Gives the handle up to the caller.
+    [[nodiscard]] ULONG_PTR release() { return std::exchange(handle_, 0); }
+
 private:
     ULONG_PTR handle_ = 0;
 };
