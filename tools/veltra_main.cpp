@@ -85,9 +85,9 @@ void addRegistration(CLI::App& app, CommandLine& line, Action& action) {
 }
 
 void addKeys(CLI::App& app, CommandLine& line, Action& action) {
-    app.add_subcommand("keys", "List your containers and the keys behind them")->callback([&] {
-        action = listKeys;
-    });
+    app.add_subcommand("keys",
+                       "List your containers and the keys behind them, and the first token's other keys")
+        ->callback([&] { action = listKeys; });
 
     auto* keygen = app.add_subcommand("keygen", "Generate an RSA key on the token, in a new container");
     addContainer(*keygen, line, "Name of the new container");
@@ -230,9 +230,9 @@ void addToken(CLI::App& app, CommandLine& line, Action& action) {
 }
 
 void addTokenCertificates(CLI::App& app, CommandLine& line, Action& action) {
-    app.add_subcommand("certs", "List the certificates of the token's keys")->callback([&] {
-        action = listCertificates;
-    });
+    app.add_subcommand("certs",
+                       "List the certificates of the first token's keys and of your containers' keys")
+        ->callback([&] { action = listCertificates; });
 
     auto* store =
         app.add_subcommand("import-cert", "Store a key's certificate, and its issuers, on the token");
