@@ -17,18 +17,18 @@ constexpr std::size_t kIvLength = 16;
 /// The recipient whose content key importContentKey is asked for: the platform hands it no data of ours.
 const CERT_INFO* wantedRecipient = nullptr;
 
-bool isWanted(const CMSG_KEY_TRANS_RECIPIENT_INFO& recipient) {
+bool isAnother(const CMSG_KEY_TRANS_RECIPIENT_INFO& recipient) {
     CERT_ID id = recipient.RecipientId;
     CERT_INFO wanted = *wantedRecipient;
     return id.dwIdChoice == CERT_ID_ISSUER_SERIAL_NUMBER &&
-           CertCompareCertificateName(X509_ASN_ENCODING, &id.IssuerSerialNumber.Issuer, &wanted.Issuer) &&
-           CertCompareIntegerBlob(&id.IssuerSerialNumber.SerialNumber, &wanted.SerialNumber);
+           !(CertCompareCertificateName(X509_ASN_ENCODING, &id.IssuerSerialNumber.Issuer, &wanted.Issuer) &&
+             CertCompareIntegerBlob(&id.IssuerSerialNumber.SerialNumber, &wanted.SerialNumber));
 }
 
 /// Documented is a pointer to the recipient itself. Wine passes all recipients, to be used with the index.
 const CMSG_KEY_TRANS_RECIPIENT_INFO& recipientOf(const CMSG_CTRL_KEY_TRANS_DECRYPT_PARA& parameters) {
-    return isWanted(*parameters.pKeyTrans) ? *parameters.pKeyTrans
-                                           : parameters.pKeyTrans[parameters.dwRecipientIndex];
+    return isAnother(*parameters.pKeyTrans) ? parameters.pKeyTrans[parameters.dwRecipientIndex]
+                                            : *parameters.pKeyTrans;
 }
 
 /// The IV of AES-CBC (RFC 3565): an OCTET STRING of one block; null for anything else.
@@ -135,7 +135,7 @@ void decryptForAnyRecipient(HCRYPTMSG message, DWORD recipients, const CryptoPro
     parameters.cbSize = sizeof parameters;
     parameters.hCryptProv = context.handle();
     parameters.dwKeySpec = AT_KEYEXCHANGE;
-    DWORD code = static_cast<DWORD>(CRYPT_E_RECIPIENT_NOT_FOUND);
+    auto code = static_cast<DWORD>(CRYPT_E_RECIPIENT_NOT_FOUND);
     for (DWORD index = 0; index < recipients; ++index) {
         DWORD length = 0;
         const auto recipient = messageParameter(message, CMSG_RECIPIENT_INFO_PARAM, index, length);

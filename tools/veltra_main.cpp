@@ -391,6 +391,7 @@ std::shared_ptr<const std::string> readPin(const CommandLine& line) {
     if (line.pinFromInput) {
         std::getline(std::cin, *pin);
         std::erase(*pin, '\r');
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): this process has one thread of its own, and sets no variable
     } else if (const char* value = std::getenv(line.pinVariable.c_str())) {
         *pin = value;
     }
