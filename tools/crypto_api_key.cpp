@@ -23,10 +23,12 @@ Bytes reversed(Bytes bytes) {
 
 class CryptoApiKey : public TokenKey {
 public:
-    CryptoApiKey(CryptoProvider context, CryptoKey key)
+    /// Without `key`, it is the container's own key, which is opened when it is needed: signing does not need
+    /// it, and reports in its own way that the container has none.
+    explicit CryptoApiKey(CryptoProvider context, CryptoKey key = CryptoKey())
         : context_(std::move(context)), key_(std::move(key)) {}
 
-    [[nodiscard]] KeyDescription describe() const override { return CryptoProvider::describe(key_); }
+    [[nodiscard]] KeyDescription describe() const override { return CryptoProvider::describe(key()); }
 
     [[nodiscard]] Bytes publicKeyInfo() const override { return exportPublicKeyInfo(context_); }
 
@@ -43,7 +45,8 @@ public:
         const CryptoHash hash = hashOf(scheme, data);
         const Bytes littleEndian = reversed(signature);
         return verdict(CryptVerifySignatureW(hash.get(), littleEndian.data(),
-                                             static_cast<DWORD>(littleEndian.size()), key_.get(), nullptr, 0),
+                                             static_cast<DWORD>(littleEndian.size()), key().get(), nullptr,
+                                             0),
                        "could not check the signature");
     }
 
@@ -51,7 +54,7 @@ public:
         Bytes data = plaintext;
         auto length = static_cast<DWORD>(data.size());
         data.resize(std::max(kLongestRsaData, data.size()));
-        require(CryptEncrypt(key_.get(), 0, TRUE, paddingFlag(scheme), data.data(), &length,
+        require(CryptEncrypt(key().get(), 0, TRUE, paddingFlag(scheme), data.data(), &length,
                              static_cast<DWORD>(data.size())),
                 kCannotEncrypt);
         data.resize(length);
@@ -61,22 +64,27 @@ public:
     [[nodiscard]] Bytes decrypt(const EncryptionScheme& scheme, const Bytes& ciphertext) const override {
         Bytes data = reversed(ciphertext);
         auto length = static_cast<DWORD>(data.size());
-        require(CryptDecrypt(key_.get(), 0, TRUE, paddingFlag(scheme), data.data(), &length),
+        require(CryptDecrypt(key().get(), 0, TRUE, paddingFlag(scheme), data.data(), &length),
                 "could not decrypt the file");
         data.resize(length);
         return data;
     }
 
     [[nodiscard]] std::optional<Bytes> certificate() const override {
-        return CryptoProvider::certificateOf(key_);
+        return CryptoProvider::certificateOf(key());
     }
 
     void storeCertificate(const CERT_CONTEXT& certificate) const override {
-        require(CryptSetKeyParam(key_.get(), KP_CERTIFICATE, certificate.pbCertEncoded, 0),
+        require(CryptSetKeyParam(key().get(), KP_CERTIFICATE, certificate.pbCertEncoded, 0),
                 "could not store the certificate on the token");
     }
 
 private:
+    [[nodiscard]] const CryptoKey& key() const {
+        if (key_.get() == 0) key_ = context_.ownKey();
+        return key_;
+    }
+
     [[nodiscard]] CryptoHash hashOf(const SignatureScheme& scheme, const Pieces& data) const {
         if (scheme.padding == SignaturePadding::Pss) unsupported("PSS signatures");
         CryptoHash hash = context_.createHash(*scheme.hash);
@@ -91,7 +99,7 @@ private:
     }
 
     CryptoProvider context_;
-    CryptoKey key_;
+    mutable CryptoKey key_;
 };
 
 class CryptoApi : public TokenInterface {
@@ -103,11 +111,11 @@ public:
     }
 
     [[nodiscard]] std::unique_ptr<TokenKey> openKey(const std::wstring& container) const override {
-        return ownKeyOf(CryptoProvider::open(choice_, container));
+        return std::make_unique<CryptoApiKey>(CryptoProvider::open(choice_, container));
     }
 
     [[nodiscard]] std::unique_ptr<TokenKey> openKeyForUse(const std::wstring& container) const override {
-        return ownKeyOf(CryptoProvider::openForUse(choice_, container));
+        return std::make_unique<CryptoApiKey>(CryptoProvider::openForUse(choice_, container));
     }
 
     [[nodiscard]] std::unique_ptr<TokenKey> findKey(const std::wstring& keyId) const override {
@@ -128,11 +136,6 @@ public:
     }
 
 private:
-    static std::unique_ptr<TokenKey> ownKeyOf(CryptoProvider context) {
-        CryptoKey key = context.ownKey();
-        return std::make_unique<CryptoApiKey>(std::move(context), std::move(key));
-    }
-
     ProviderChoice choice_;
 };
 
