@@ -81,6 +81,14 @@ DWORD signatureLengthFor(std::uint32_t keyType) {
     return 256;
 }
 
+/// The application's buffer. Its capacity is read once: the application may change its variable while the
+/// password dialog is up.
+struct SignatureBuffer {
+    BYTE* data;
+    DWORD capacity; ///< at most INT_MAX if there is data
+    DWORD* length;
+};
+
 // One token signature into `signature`; `length` is its capacity on entry and its length on success.
 int signOnce(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, const Pin& pin, BYTE* signature,
              DWORD& length) {
@@ -94,16 +102,14 @@ int signOnce(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, const Pin& pi
     return kDeviceOk;
 }
 
-Outcome signOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* signature,
-                    DWORD* signatureLength) {
-    const DWORD capacity = *signatureLength;
+Outcome signOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, const SignatureBuffer& buffer) {
     DWORD length = 0;
     Outcome verifiedAgain; // why the user could not be verified again, for the last error
     const PinOperationResult result = runWithSessionRetry(
         context.serial, "CPSignHash: SSO expired, re-prompting for PIN",
         [&](const Pin& pin) {
-            length = capacity;
-            return signOnce(context, hash, pin, signature, length);
+            length = buffer.capacity;
+            return signOnce(context, hash, pin, buffer.data, length);
         },
         [&] {
             verifiedAgain = ensurePasswordValidated(context);
@@ -116,17 +122,17 @@ Outcome signOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* 
         return refuse(NTE_BAD_ALGID, "CPSignHash: SHA1/MD5 signing blocked on FIPS 140-3 token");
     }
     if (result.code != kDeviceOk) return refuse(kSignatureFailed, concat("Sign hash failed : ", result.code));
-    if (isRsaKeyType(hash.signingKeyType)) std::reverse(signature, signature + length);
-    *signatureLength = length;
+    if (isRsaKeyType(hash.signingKeyType)) std::reverse(buffer.data, buffer.data + length);
+    *buffer.length = length;
     return success();
 }
 
-Outcome signHash(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec, DWORD flags, BYTE* signature,
-                 DWORD* signatureLength) {
+Outcome signHash(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec, DWORD flags,
+                 const SignatureBuffer& buffer) {
     if (const Outcome finished = finishHashForSigning(context, hash); !finished) return finished;
     if (const Outcome chosen = chooseSigningKey(context, hash, keySpec); !chosen) return chosen;
-    if (signature == nullptr) {
-        *signatureLength = signatureLengthFor(hash.signingKeyType);
+    if (buffer.data == nullptr) {
+        *buffer.length = signatureLengthFor(hash.signingKeyType);
         return success();
     }
     if (const Outcome verified = ensurePasswordValidated(context); !verified) {
@@ -141,7 +147,7 @@ Outcome signHash(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec, DWORD 
                       "CPSignHash: RSA-1024 signing not allowed \xE2\x80\x94 key size below 112-bit "
                       "security strength");
     }
-    return signOnToken(context, hash, signature, signatureLength);
+    return signOnToken(context, hash, buffer);
 }
 
 // Verification reads the value as an application would, so that an HMAC object gets its outer hash.
@@ -242,10 +248,11 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwKeySpec, LPCW
         const auto hash = liveHash(hHash);
         if (hash == nullptr) return refuse(NTE_BAD_HASH, "CPSignHash: hash handle is null");
         if (pdwSigLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPSignHash: pdwSigLen is null");
-        if (pbSignature != nullptr && *pdwSigLen > INT_MAX) {
+        const SignatureBuffer buffer{.data = pbSignature, .capacity = *pdwSigLen, .length = pdwSigLen};
+        if (buffer.data != nullptr && buffer.capacity > INT_MAX) {
             return refuse(NTE_BAD_LEN, "CPSignHash: signature buffer length is too large");
         }
-        return signHash(*context, *hash, dwKeySpec, dwFlags, pbSignature, pdwSigLen);
+        return signHash(*context, *hash, dwKeySpec, dwFlags, buffer);
     });
 }
 
