@@ -53,13 +53,10 @@ int importCertificate(const ProviderChoice& provider, const TokenCertificateOpti
 
 int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options) {
     const CryptoProvider context = CryptoProvider::open(provider, options.container);
-    DWORD length = 0;
-    require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, nullptr, &length, 0),
-            "could not read the certificate chain");
-    std::vector<BYTE> message(length);
-    require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, message.data(), &length, 0),
-            "could not read the certificate chain");
-    message.resize(length);
+    const std::vector<BYTE> message = askTwice([&](BYTE* data, DWORD* length) {
+        require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, data, length, 0),
+                "could not read the certificate chain");
+    });
     replaceFile(options.file, message);
     std::cout << "Certificate chain of container " << inQuotes(options.container) << ": "
               << toUtf8(options.file.native()) << '\n';

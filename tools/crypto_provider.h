@@ -54,6 +54,18 @@ using CryptoContext = CryptoHandle<ContextReleaser>;
 using CryptoKey = CryptoHandle<KeyDestroyer>;
 using CryptoHash = CryptoHandle<HashDestroyer>;
 
+/// The bytes of a call that is made twice: with null to learn the length, then for the bytes.
+/// `call(BYTE* data, DWORD* length)` throws when it is refused.
+template <class Call>
+std::vector<BYTE> askTwice(const Call& call) {
+    DWORD length = 0;
+    call(nullptr, &length);
+    std::vector<BYTE> bytes(length);
+    call(bytes.data(), &length);
+    bytes.resize(length);
+    return bytes;
+}
+
 /// Which provider to use, and whether it may show a window.
 struct ProviderChoice {
     std::wstring name = L"Veltra Cryptographic Provider CSP";
