@@ -8,10 +8,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 const DWORD kLibraryFailed = 0x8009001D;
 const DWORD kBadLen = static_cast<DWORD>(NTE_BAD_LEN);
 

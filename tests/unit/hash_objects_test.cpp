@@ -10,11 +10,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-
 struct Algorithm {
     ALG_ID algId;
     int mechanism;

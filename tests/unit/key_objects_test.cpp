@@ -8,10 +8,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 const DWORD kBadKey = static_cast<DWORD>(NTE_BAD_KEY);
 const DWORD kBadLen = static_cast<DWORD>(NTE_BAD_LEN);
 const DWORD kNoKeys = 0x8009000D;

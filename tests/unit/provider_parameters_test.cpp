@@ -10,9 +10,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-
 const DWORD kMoreData = ERROR_MORE_DATA;
 const std::string kEnumeration = "CPGetProvParam PP_ENUMALGS";
 

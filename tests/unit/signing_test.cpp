@@ -9,13 +9,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::SizeIs;
-
 const DWORD kSignFailed = 0x8009001D;
 const DWORD kVerifyFailed = 0x80090006;
 const DWORD kNoKey = 0x8009000D;
