@@ -45,11 +45,11 @@ forEachDerivedKey encryptForUs
 
 # Session keys as an application sends them: encrypted for the token's key, little-endian, behind a SIMPLEBLOB header.
 head -c 16 /dev/urandom >iv
-for bits in 192 256; do
+for kind in "192 0f" "256 10"; do
+    read -r bits algorithm <<<"$kind" # the length, and what tells AES of that length
     head -c $((bits / 8)) /dev/urandom >"session-$bits.key"
-    algorithm=$([ $bits = 192 ] && echo '\x0f' || echo '\x10')
     {
-        printf "\x01\x02\0\0$algorithm\x66\0\0\0\xa4\0\0"
+        printf "\x01\x02\0\0\x$algorithm\x66\0\0\0\xa4\0\0"
         openssl pkeyutl -encrypt -pubin -inkey "$unique-2048.pub" -in "session-$bits.key" | reverse
     } >"session-$bits.blob"
     openssl enc -e "-aes-$bits-cbc" -K "$(hexOf "session-$bits.key")" -iv "$(hexOf iv)" -in secret \
