@@ -36,6 +36,9 @@ public:
 
     [[nodiscard]] ULONG_PTR get() const { return handle_; }
 
+    /// Gives the handle up to the caller.
+    [[nodiscard]] ULONG_PTR release() { return std::exchange(handle_, 0); }
+
 private:
     ULONG_PTR handle_ = 0;
 };
@@ -119,9 +122,13 @@ public:
     /// compare.
     [[nodiscard]] CryptoKey ownKey() const;
 
+    /// The same; nothing when the connected token does not have the key.
+    [[nodiscard]] std::optional<CryptoKey> findOwnKey() const;
+
     static KeyDescription describe(const CryptoKey& key);
 
-    /// The names of PP_ENUMCONTAINERS, which are the identifiers of the token's keys.
+    /// The names of PP_ENUMCONTAINERS, which are the identifiers of the keys of the context's token.
+    /// CryptoAPI has no way to name the other connected tokens.
     [[nodiscard]] std::vector<std::string> containerNames() const;
 
     /// The DER bytes of the certificate that the token has for this key (KP_CERTIFICATE); nothing if it has
