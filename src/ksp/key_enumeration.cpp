@@ -34,7 +34,8 @@ SECURITY_STATUS nextKey(const std::shared_ptr<KSP_ENUM_STATE>& cursor, NCryptKey
                 .dwFlags = 0};
     std::string line = concat("KSP: Enumerated key: ", name);
     if (*ppEnumState == nullptr) {
-        *ppEnumState = reinterpret_cast<PVOID>(LiveRecords<KSP_ENUM_STATE>::add(cursor));
+        LiveRecords<KSP_ENUM_STATE>::add(cursor);
+        *ppEnumState = cursor.get();
     }
     *ppKeyName = block.handOut();
     ++cursor->next;
