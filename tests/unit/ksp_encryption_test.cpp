@@ -58,7 +58,7 @@ TEST_F(KspEncryptionTest, RefusalsComeInTheirOrderAndTouchNothing) {
                 return function(anyProvider, key, input, inputLength, nullptr, &byte, capacity, result,
                                 kOaep);
             });
-            return answer.errors.size() == 1 ? std::pair(answer.status, answer.errors[0]) : std::pair(0L, "");
+            return std::pair(answer.status, answer.errors.size() == 1 ? answer.errors[0] : "");
         };
         const std::pair noProvider(NTE_INVALID_HANDLE, start + "provider handle is null or not initialized");
         const std::pair noKey(NTE_INVALID_PARAMETER, start + "key handle or pcbResult is null");
