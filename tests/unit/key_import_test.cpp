@@ -9,10 +9,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::SizeIs;
-
 const DWORD kBadType = static_cast<DWORD>(NTE_BAD_TYPE);
 const DWORD kBadData = static_cast<DWORD>(NTE_BAD_DATA);
 const std::string kPublicKey = "CPImportKey PUBLICKEYBLOB: ";
