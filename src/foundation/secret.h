@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstddef>
+#include <span>
+#include <vector>
 
 namespace veltra {
 
@@ -24,6 +26,20 @@ public:
 
 private:
     std::array<unsigned char, Length> bytes_{};
+};
+
+/// The same of a length that is known at run time. It never grows, so that no copy is left behind.
+class SecretBuffer {
+public:
+    explicit SecretBuffer(std::size_t length) : bytes_(length) {}
+    SecretBuffer(const SecretBuffer&) = delete;
+    SecretBuffer& operator=(const SecretBuffer&) = delete;
+    ~SecretBuffer() { wipe(bytes_.data(), bytes_.size()); }
+
+    [[nodiscard]] std::span<unsigned char> bytes() { return bytes_; }
+
+private:
+    std::vector<unsigned char> bytes_;
 };
 
 } // namespace veltra
