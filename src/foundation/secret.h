@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <span>
@@ -28,18 +29,33 @@ private:
     std::array<unsigned char, Length> bytes_{};
 };
 
-/// The same of a length that is known at run time. It never grows, so that no copy is left behind.
+/// Secret bytes of which only running shows how many there are. The whole memory is wiped when it goes out
+/// of scope.
 class SecretBuffer {
 public:
-    explicit SecretBuffer(std::size_t length) : bytes_(length) {}
+    SecretBuffer() = default;
     SecretBuffer(const SecretBuffer&) = delete;
     SecretBuffer& operator=(const SecretBuffer&) = delete;
-    ~SecretBuffer() { wipe(bytes_.data(), bytes_.size()); }
+    ~SecretBuffer() { wipe(memory_.data(), memory_.size()); }
 
-    [[nodiscard]] std::span<unsigned char> bytes() { return bytes_; }
+    /// Makes it `length` zeros; what it held before is wiped.
+    void allocate(std::size_t length) {
+        wipe(memory_.data(), memory_.size());
+        size_ = 0;
+        memory_.assign(length, 0);
+        size_ = length;
+    }
+
+    /// Keeps only the first `length` bytes.
+    void truncate(std::size_t length) { size_ = std::min(size_, length); }
+
+    unsigned char* data() { return memory_.data(); }
+    [[nodiscard]] std::size_t size() const { return size_; }
+    [[nodiscard]] std::span<const unsigned char> bytes() const { return {memory_.data(), size_}; }
 
 private:
-    std::vector<unsigned char> bytes_;
+    std::vector<unsigned char> memory_;
+    std::size_t size_ = 0;
 };
 
 } // namespace veltra

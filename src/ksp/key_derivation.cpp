@@ -95,8 +95,9 @@ using Digest = SecretBytes<kLongestDigest>;
 // Hashes `input`, at most INT_MAX bytes, in one piece.
 SECURITY_STATUS computeDigest(const KSP_SECRET& secret, const KdfHash& hash, const Parts& input,
                               Digest& digest) {
-    SecretBuffer joined(static_cast<std::size_t>(lengthOf(input)));
-    auto end = joined.bytes().begin();
+    SecretBuffer joined;
+    joined.allocate(static_cast<std::size_t>(lengthOf(input)));
+    unsigned char* end = joined.data();
     for (const auto& part : input)
         end = std::ranges::copy(part, end).out;
 
@@ -105,8 +106,7 @@ SECURITY_STATUS computeDigest(const KSP_SECRET& secret, const KdfHash& hash, con
     if (code != kDeviceOk) {
         return refuse(NTE_INTERNAL_ERROR, concat("KSPDeriveKey: veltra_initHash failed, ret=", code));
     }
-    const std::span<const unsigned char> bytes = joined.bytes();
-    code = deviceLibrary().veltra_updateHash(deviceHash, bytes.data(), static_cast<int>(bytes.size()),
+    code = deviceLibrary().veltra_updateHash(deviceHash, joined.data(), static_cast<int>(joined.size()),
                                              secret.libraryContext);
     std::uint32_t length = 0;
     if (code == kDeviceOk) {
@@ -151,9 +151,7 @@ SECURITY_STATUS deriveKey(const KSP_SECRET& secret, const std::string& kdf, cons
     }
     const std::optional<KdfParameters> parameters = readParameters(list);
     const Parts input = parameters ? hashInput(kdf, *parameters, secret) : Parts();
-    if (!parameters || lengthOf(input) > INT_MAX) {
-        return refuse(NTE_INVALID_PARAMETER, "KSPDeriveKey: a parameter is too long");
-    }
+    if (!parameters || lengthOf(input) > INT_MAX) return refuseLength("KSPDeriveKey");
     const KdfHash& hash = kdfHash(parameters->hashName);
     Digest digest;
     const SECURITY_STATUS status = computeDigest(secret, hash, input, digest);

@@ -252,7 +252,7 @@ SECURITY_STATUS WINAPI KSPImportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HAN
         if (pszBlobType == nullptr || pbData == nullptr || phKey == nullptr) {
             return refuse(NTE_INVALID_PARAMETER, "KSPImportKey: invalid parameters");
         }
-        if (cbData > INT_MAX) return refuse(NTE_INVALID_PARAMETER, "KSPImportKey: data is too long");
+        if (cbData > INT_MAX) return refuseLength("KSPImportKey");
         const std::string serial = provider->serial();
         return importBlob({.serial = serial, .libraryContext = provider->libraryContext, .phKey = phKey},
                           fromWide(pszBlobType), hImportKey, {pbData, cbData});
