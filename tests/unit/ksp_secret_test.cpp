@@ -87,7 +87,6 @@ protected:
 };
 
 TEST_F(KspSecretTest, AgreementChecksInOrder) {
-    NCRYPT_SECRET_HANDLE handle = 0;
     EXPECT_EQ(call([] { return KSPSecretAgreement(0, 0, 0, nullptr, 0); }),
               failed(NTE_INVALID_HANDLE, {"KSPSecretAgreement: provider not initialized"}));
     token.info.firmwareVersion = "1.5.3";
@@ -108,14 +107,11 @@ TEST_F(KspSecretTest, AgreementChecksInOrder) {
         EXPECT_EQ(agree(provider, privateKey, addKey(std::move(peer))),
                   failed(NTE_BAD_KEY, {"KSPSecretAgreement: peer public key is not uncompressed EC point"}));
     }
-    token.pin = "other"; // a token that was never verified
-    ScriptedToken& locked = library.addToken(freshName("Locked"));
+    library.addToken(freshName("Unverified"));
     library.setConnected(serial, false);
-    locked.keyPairs = token.keyPairs;
     EXPECT_EQ(agree(openProvider(), privateKey, peerKey),
               failed(NTE_FAIL, {"KSPSecretAgreement: password validation failed"}));
     EXPECT_THAT(library.calls("veltra_ecdhDerive"), IsEmpty());
-    EXPECT_EQ(handle, 0u);
 }
 
 TEST_F(KspSecretTest, AgreementPassesThePointWholeAndKeeps66Bytes) {
@@ -130,18 +126,13 @@ TEST_F(KspSecretTest, AgreementPassesThePointWholeAndKeeps66Bytes) {
                                                  ", key=1111..1111, pin=1234, peer=04C1..1F20(97))"));
         EXPECT_EQ(debugLines.back(), concat("KSPSecretAgreement: ECDH shared secret computed, len=", length));
     }
-    struct Row {
-        Script script;
-        int code;
-    };
-    for (const Row& row :
-         {Row{{.result = kDeviceSessionExpired}, 49}, {{.length = 0}, 0}, {{.length = -1}, 0}}) {
+    for (const auto& [script, code] :
+         {std::pair{Script{.result = kDeviceSessionExpired}, 49}, {{.length = 0}, 0}, {{.length = -1}, 0}}) {
         library.clearScripts();
         library.clearCalls();
-        library.script("veltra_ecdhDerive", row.script);
-        EXPECT_EQ(
-            agree(provider, privateKey, peerKey),
-            failed(NTE_INTERNAL_ERROR, {concat("KSPSecretAgreement: ECDH derive failed, ret=", row.code)}));
+        library.script("veltra_ecdhDerive", script);
+        EXPECT_EQ(agree(provider, privateKey, peerKey),
+                  failed(NTE_INTERNAL_ERROR, {concat("KSPSecretAgreement: ECDH derive failed, ret=", code)}));
         EXPECT_EQ(library.calls().size(), 1u) << "no second try";
     }
 }
@@ -161,40 +152,35 @@ TEST_F(KspSecretTest, DerivationHashesOnceAndNeverExpands) {
         EXPECT_EQ(derive(other, all, 100), succeeded());
         expectKey(kMechanismSha256, kSecret, 32);
     }
-    struct Row {
-        const char* name;
-        int mechanism;
-        std::size_t length;
-    };
-    for (const Row& row : {Row{"SHA1", kMechanismSha1, 20},
-                           {"SHA224", kMechanismSha224, 28},
-                           {"SHA256", kMechanismSha256, 32},
-                           {"SHA384", kMechanismSha384, 48},
-                           {"SHA512", kMechanismSha512, 64},
-                           {"MD5", kMechanismSha256, 32}}) {
-        const Bytes name = wideBytes(row.name);
+    for (const auto& [text, mechanism, length] : {std::tuple{"SHA1", 2, 20u},
+                                                  {"SHA224", 6, 28u},
+                                                  {"SHA256", 3, 32u},
+                                                  {"SHA384", 4, 48u},
+                                                  {"SHA512", 5, 64u},
+                                                  {"MD5", 3, 32u}}) {
+        const Bytes name = wideBytes(text);
         const Bytes unterminated(name.begin(), name.end() - 2), odd(name.begin(), name.end() - 1);
         for (const Bytes& form : {name, unterminated, odd}) {
             EXPECT_EQ(derive(kConcat, {{0, wideBytes("SHA1")}, {0, form}, {0, {}}}, 0xFFFF), succeeded());
-            expectKey(row.mechanism, kSecret, row.length);
+            expectKey(mechanism, kSecret, length);
         }
     }
 }
 
 TEST_F(KspSecretTest, DerivedSizes) {
     const NCRYPT_SECRET_HANDLE secret = newSecret();
-    for (const auto& [capacity, expected] :
-         {std::pair{0u, 32u}, {16u, 16u}, {32u, 32u}, {0xFFFFFFFFu, 32u}}) {
+    const auto ask = [&](BYTE* out, DWORD capacity) {
+        NCryptBufferDesc list{0, 3, nullptr}; // no buffers, whatever its count says
+        return call([&] { return KSPDeriveKey(0, secret, nullptr, &list, out, capacity, &size, 0); });
+    };
+    for (const auto& [capacity, expected] : {std::pair{0u, 32u}, {16u, 16u}, {0xFFFFFFFFu, 32u}}) {
         library.clearCalls();
-        EXPECT_EQ(
-            call([&] { return KSPDeriveKey(0, secret, nullptr, nullptr, nullptr, capacity, &size, 0); }),
-            succeeded());
+        EXPECT_EQ(ask(nullptr, capacity), succeeded());
         EXPECT_EQ(size, expected);
         EXPECT_EQ(library.calls().size(), 3u) << "a size query hashes";
     }
     BYTE byte = 0x55;
-    EXPECT_EQ(call([&] { return KSPDeriveKey(0, secret, nullptr, nullptr, &byte, 0, &size, 0); }),
-              failed(NTE_BUFFER_TOO_SMALL, {"KSPDeriveKey: output buffer too small"}));
+    EXPECT_EQ(ask(&byte, 0), failed(NTE_BUFFER_TOO_SMALL, {"KSPDeriveKey: output buffer too small"}));
     EXPECT_EQ(size, 32u);
     EXPECT_EQ(byte, 0x55);
 }
@@ -227,10 +213,6 @@ TEST_F(KspSecretTest, DerivationRefusals) {
         expectKey(kMechanismSha256, kSecret, 16);
     }
     EXPECT_EQ(derive(kConcat, {{13, {1}, INT_MAX}}, 16).status, NTE_INVALID_PARAMETER) << "with the secret";
-    size = 77;
-    NCryptBufferDesc list{0, 3, nullptr};
-    EXPECT_EQ(call([&] { return KSPDeriveKey(0, secret, nullptr, &list, nullptr, 0, &size, 0); }),
-              succeeded());
     size = 77;
     liveSecret(secret)->firmwareVersion = "1.9";
     EXPECT_EQ(ask(secret, &size),
