@@ -9,7 +9,7 @@ namespace veltra {
 
 SECURITY_STATUS setParentWindow(KSP_PROVIDER& provider, const BYTE* value, DWORD length) {
     HWND window = nullptr;
-    if (value != nullptr && length >= sizeof(window)) std::memcpy(&window, value, sizeof(window));
+    if (value != nullptr && length >= sizeof(HWND)) std::memcpy(&window, value, sizeof(HWND));
     provider.parentWindow = window;
     return kSuccess;
 }
