@@ -130,11 +130,3 @@ HRESULT WINAPI DllUnregisterServer() {
         return S_OK;
     });
 }
-
-// This version's function table is not complete yet: the request for it is refused.
-extern "C" LONG WINAPI GetKeyStorageInterface(LPCWSTR, void** functionTable, DWORD) {
-    Utils::debug("GetKeyStorageInterface");
-    Utils::error("GetKeyStorageInterface: not available");
-    if (functionTable != nullptr) *functionTable = nullptr;
-    return NTE_NOT_SUPPORTED;
-}
