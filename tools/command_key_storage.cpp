@@ -24,12 +24,6 @@ void printKey(std::string_view what, const KeyStorage& storage, const StorageHan
     std::cout << what << ' ' << description.algorithm << ' ' << description.bits << " key";
 }
 
-std::string hexNumber(DWORD value) {
-    std::array<char, 11> digits{};
-    std::snprintf(digits.data(), digits.size(), "0x%08lX", value);
-    return digits.data();
-}
-
 std::string providerProperty(const KeyStorage& storage, const wchar_t* name) {
     constexpr std::size_t kNumberBytes = sizeof(DWORD);
     std::vector<BYTE> value(256);
@@ -56,7 +50,7 @@ void printAlgorithms(const KeyStorage& storage) {
     std::cout << "algorithms\n";
     for (const NCryptAlgorithmName& name : std::span(names, count)) {
         std::cout << "  " << std::left << std::setw(kNameWidth) << toUtf8(name.pszName) << " class "
-                  << name.dwClass << ", operations " << hexNumber(name.dwAlgOperations) << '\n';
+                  << name.dwClass << ", operations " << name.dwAlgOperations << '\n';
     }
     storage.functions().FreeBuffer(names);
 }
@@ -97,9 +91,7 @@ StorageHandle agreedSecret(const KeyStorage& storage, const StorageHandle& own, 
 }
 
 HRESULT callRegistration(const ProviderChoice& provider, const char* function) {
-    const std::filesystem::path dll = providerDll(provider);
-    const UniqueModule module(LoadLibraryExW(dll.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
-    require(module != nullptr, "could not load " + inQuotes(dll.native()));
+    const UniqueModule module = loadProvider(provider);
     const auto call =
         reinterpret_cast<HRESULT(WINAPI*)()>(reinterpret_cast<void*>(GetProcAddress(module.get(), function)));
     require(call != nullptr, "the DLL cannot register itself");

@@ -9,13 +9,6 @@
 namespace veltra {
 namespace {
 
-UniqueModule loadModule(const std::filesystem::path& dll) {
-    // The folder of the DLL is searched for what it needs itself.
-    UniqueModule module(LoadLibraryExW(dll.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
-    require(module != nullptr, "could not load " + inQuotes(dll.native()));
-    return module;
-}
-
 /// Frees what the provider hands out.
 struct BufferFreer {
     decltype(&KSPFreeBuffer) release;
@@ -39,16 +32,23 @@ std::filesystem::path providerDll(const ProviderChoice& choice) {
         chosen = std::filesystem::path(program).parent_path() / L"VeltraCSP.dll";
     }
     std::error_code error;
-    const std::filesystem::path dll = std::filesystem::absolute(chosen, error);
+    std::filesystem::path dll = std::filesystem::absolute(chosen, error);
     if (error || !std::filesystem::is_regular_file(dll, error)) {
         throw CommandError(inQuotes(dll.native()) + " is not a file; --dll names the provider's DLL");
     }
     return dll;
 }
 
+UniqueModule loadProvider(const ProviderChoice& choice) {
+    const std::filesystem::path dll = providerDll(choice);
+    // The folder of the DLL is searched for what it needs itself.
+    UniqueModule module(LoadLibraryExW(dll.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+    require(module != nullptr, "could not load " + inQuotes(dll.native()));
+    return module;
+}
+
 KeyStorage::KeyStorage(const ProviderChoice& choice)
-    : pin_(choice.pin), silentFlag_(choice.silent ? kSilentFlag : 0u),
-      module_(loadModule(providerDll(choice))) {
+    : pin_(choice.pin), silentFlag_(choice.silent ? kSilentFlag : 0u), module_(loadProvider(choice)) {
     const auto getInterface = reinterpret_cast<decltype(&GetKeyStorageInterface)>(
         reinterpret_cast<void*>(GetProcAddress(module_.get(), "GetKeyStorageInterface")));
     require(getInterface != nullptr, "the DLL is no key storage provider");

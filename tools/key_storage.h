@@ -19,6 +19,9 @@ void requireStatus(SECURITY_STATUS status, std::string_view what);
 /// a CommandError.
 std::filesystem::path providerDll(const ProviderChoice& choice);
 
+/// Loads it.
+UniqueModule loadProvider(const ProviderChoice& choice);
+
 /// Owner of a handle of a key or an agreed secret, which only its provider can release; 0 owns nothing.
 class StorageHandle {
 public:

@@ -5,32 +5,13 @@
 #include "foundation/cng.h"
 
 #include <string>
-#include <utility>
 
 namespace veltra::test {
 
-/// Owner of any handle of the NCrypt functions; 0 owns nothing.
-class CngHandle {
-public:
-    CngHandle() = default;
-    explicit CngHandle(NCRYPT_HANDLE handle) : handle_(handle) {}
-    CngHandle(CngHandle&& other) noexcept : handle_(std::exchange(other.handle_, 0)) {}
-    CngHandle& operator=(CngHandle&& other) noexcept {
-        std::swap(handle_, other.handle_);
-        return *this;
-    }
-    CngHandle(const CngHandle&) = delete;
-    CngHandle& operator=(const CngHandle&) = delete;
-    ~CngHandle() {
-        if (handle_ != 0) NCryptFreeObject(handle_);
-    }
-
-    [[nodiscard]] NCRYPT_HANDLE get() const { return handle_; }
-    NCRYPT_HANDLE release() { return std::exchange(handle_, 0); }
-
-private:
-    NCRYPT_HANDLE handle_ = 0;
+struct CngObjectFreer {
+    void operator()(NCRYPT_HANDLE handle) const { NCryptFreeObject(handle); }
 };
+using CngHandle = CryptoHandle<CngObjectFreer>; ///< of any object of the NCrypt functions
 
 /// An application that uses CNG, and CryptoAPI beside it: every call goes through the NCrypt functions, as
 /// the system's router offers them. cng_client.sh sets up the token and tells its keys in the environment.
