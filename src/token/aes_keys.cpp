@@ -43,9 +43,8 @@ int storeAesKey(const std::string& serial, SymmetricKeyRecord& record, void* lib
     const Pin pin = getPin(serial);
     const int code =
         deviceLibrary().veltra_importAesKey(serial.c_str(), pin.c_str(), &record.key, libraryContext);
-    // Only carried: an impossible length does not undo the import.
+    // Only carried: an impossible length does not undo the import. Nobody reads the key's own length.
     if (record.key.credentialIdLength > kCredentialIdCapacity) record.key.credentialIdLength = 0;
-    if (record.key.keyLength > kSymmetricKeyCapacity) record.key.keyLength = 0;
     return code;
 }
 
