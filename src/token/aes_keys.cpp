@@ -3,6 +3,8 @@
 #include "token/device_state.h"
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 namespace veltra {
 
@@ -10,7 +12,7 @@ namespace {
 
 /// A copy of the library's key list, wiped when it goes out of scope: a library may put key material into it.
 struct CopiedKeys {
-    explicit CopiedKeys(const std::vector<VeltraSymmetricKey>& list) : records(list) {}
+    explicit CopiedKeys(std::vector<VeltraSymmetricKey> list) : records(std::move(list)) {}
     CopiedKeys(const CopiedKeys&) = delete;
     CopiedKeys& operator=(const CopiedKeys&) = delete;
     ~CopiedKeys() { wipe(records.data(), records.size() * sizeof(VeltraSymmetricKey)); }
