@@ -1,5 +1,7 @@
 #include "support/scripted_device_library.h"
 
+#include "foundation/windows.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -253,6 +255,7 @@ Bytes ScriptedDeviceLibrary::fakeCertificate(const std::string& commonName, cons
 }
 
 Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arguments) {
+    SetLastError(0xBAD); // as a library does whose work fails somewhere inside
     calls_.push_back({std::this_thread::get_id(), function, std::string(function) + "(" + arguments + ")"});
     Script merged;
     const auto [first, last] = scripts_.equal_range(function);
@@ -349,6 +352,7 @@ int ScriptedDeviceLibrary::veltra_generateKeyPair(const char* serial, const char
     if (inout->keyType < kKeyTypeRsa1024 || inout->keyType > kKeyTypeEcP521) return kNoSuchKey;
     *inout =
         token->addKeyPair(static_cast<unsigned char>(0xE0 + ++generatedKeys_), inout->keyType, inout->usage);
+    inout->flag = 1;
     return kDeviceOk;
 }
 
