@@ -98,7 +98,8 @@ const BlobType* findBlobType(std::string_view name) {
     return nullptr;
 }
 
-// A key object that came without its public key takes it from the token's key pair.
+// A key object that came without its public key takes it from the token's key pair. One without an identifier
+// has none there: its identifier is zeros, which name nothing.
 void completePublicKey(const KSP_PROVIDER& provider, KSP_KEY& key) {
     if (key.publicKeyLength != 0 || key.credentialIdLength == 0) return;
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(provider.serial(), provider.libraryContext);

@@ -2,15 +2,20 @@
 // its length. Signatures are big-endian, in CNG as on the token.
 
 #include "certs/public_key_encoding.h"
+#include "ksp/entry_guard.h"
 #include "ksp/firmware_version.h"
 #include "ksp/ksp_entry_points.h"
 #include "ksp/ksp_key.h"
 #include "ksp/ksp_login.h"
 #include "ksp/ksp_provider.h"
+#include "token/key_operations.h"
 #include "token/key_pairs.h"
 #include "token/token_session.h"
 
 #include <climits>
+#include <cstdint>
+#include <span>
+#include <string>
 
 namespace veltra {
 
@@ -33,7 +38,8 @@ SECURITY_STATUS refuseOldFirmware(const char* entryPoint, const KSP_PROVIDER& pr
                   concat(entryPoint, ": PSS not supported on firmware ", provider.firmwareVersion));
 }
 
-// RSA-1024 is too weak for every token.
+// RSA-1024 is too weak for every token. The token is read as for every rule of its policy, and what it says
+// is dropped: this rule holds whatever the token is.
 SECURITY_STATUS refuseWeakKey(const TokenKey& key) {
     if (!key.serial.empty()) readTokenInfo(key.serial, key.libraryContext);
     return refuse(NTE_NOT_SUPPORTED,

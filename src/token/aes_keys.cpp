@@ -20,6 +20,10 @@ struct CopiedKeys {
     std::vector<VeltraSymmetricKey> records;
 };
 
+bool isOfAesType(const VeltraSymmetricKey& key) {
+    return key.keyType == kKeyTypeAes128 || key.keyType == kKeyTypeAes192Or256;
+}
+
 } // namespace
 
 std::optional<std::uint32_t> aesKeyTypeForBits(std::uint32_t bits) {
@@ -51,11 +55,11 @@ int storeAesKey(const std::string& serial, SymmetricKeyRecord& record, void* lib
 }
 
 std::optional<std::array<unsigned char, kKeyIdLength>>
-unwrapWithAnyKey(const std::string& serial, void* libraryContext, std::span<const unsigned char> wrapped,
-                 LibraryBuffer& unwrapped) {
+unwrapWithAnyKey(const std::string& serial, void* libraryContext, WrappingKeys tried,
+                 std::span<const unsigned char> wrapped, LibraryBuffer& unwrapped) {
     const CopiedKeys keys(deviceLibrary().veltra_getAesKeyList(serial.c_str(), libraryContext));
     for (const VeltraSymmetricKey& key : keys.records) {
-        if (key.keyType != kKeyTypeAes128 && key.keyType != kKeyTypeAes192Or256) continue;
+        if (tried == WrappingKeys::OfAesType && !isOfAesType(key)) continue;
         const int code = unwrapped.fill([&](unsigned char** out, int* outLength) {
             return deviceLibrary().veltra_decrypt_aes(
                 serial.c_str(), key.keyId, static_cast<int>(kKeyIdLength), wrapped.data(),

@@ -50,7 +50,8 @@ int verifySignature(const std::string& serial, const VerificationKey& key,
 /// The selector of veltra_encrypt for an RSA key of this length; that of 2048 bits for every other length.
 EncryptionType rsaEncryptionType(std::uint32_t bits);
 
-/// Encrypts for an RSA public key (DER) into `ciphertext`, whose first `length` bytes it is on success.
+/// Encrypts for an RSA public key (DER) into `ciphertext`, whose first `length` bytes it is on success. An
+/// empty key is passed on as one of no bytes.
 int encryptForKey(EncryptionType type, PaddingMode padding, std::span<const unsigned char> plaintext,
                   std::span<const unsigned char> publicKey, std::span<unsigned char> ciphertext,
                   std::uint32_t& length, void* libraryContext);
