@@ -17,6 +17,12 @@ fail() {
     exit 1
 }
 
+# Put before a start of Wine, which maps a page at a fixed address. Where the randomisation of addresses has put
+# something else there, once in some thousand starts, Wine ends at once with status 1. Empty where the system does not
+# let the randomisation be turned off.
+fixedAddresses=()
+! setarch -R true 2>/dev/null || fixedAddresses=(setarch -R)
+
 # The 64-bit Wine loader. Debian's front end /usr/bin/wine asks for the 32-bit one, which nothing here needs.
 wineLoader() {
     local candidate
@@ -95,7 +101,7 @@ makeWinePrefix() {
 
 # Starts Wine's services. They keep the output of the program that starts them open, so that whoever reads that
 # program's output would wait for them as well: a program without output has to be the first.
-bootWine() { "$(wineLoader)" cmd /c exit </dev/null >/dev/null 2>&1; }
+bootWine() { "${fixedAddresses[@]}" "$(wineLoader)" cmd /c exit </dev/null >/dev/null 2>&1; }
 
 # Boots Wine if it does not run, for as long as it is used and a minute more.
 ensureWineRuns() {
