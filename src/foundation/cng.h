@@ -10,6 +10,7 @@
 namespace veltra {
 
 inline constexpr SECURITY_STATUS kSuccess = ERROR_SUCCESS;
+inline constexpr auto kValidationFailed = static_cast<SECURITY_STATUS>(0x80090032); // NTE_VALIDATION_FAILED
 
 inline constexpr DWORD kImplHardwareFlag = 0x1;  // NCRYPT_IMPL_HARDWARE_FLAG
 inline constexpr DWORD kImplRemovableFlag = 0x8; // NCRYPT_IMPL_REMOVABLE_FLAG

@@ -21,11 +21,11 @@ SECURITY_STATUS setPin(const KSP_PROVIDER& provider, const char* entryPoint, con
     Utils::debug("KSP: Setting PIN via property");
     const std::optional<Pin> pin = readApplicationPin(value);
     if (!pin) {
-        return refuse(NTE_VALIDATION_FAILED, concat(entryPoint, ": PIN is longer than 255 characters"));
+        return refuse(kValidationFailed, concat(entryPoint, ": PIN is longer than 255 characters"));
     }
     const int code = acceptPin(provider.serial(), *pin, provider.libraryContext);
     if (code != kDeviceOk) {
-        return refuse(NTE_VALIDATION_FAILED, concat("KSP: PIN validation failed: ", code));
+        return refuse(kValidationFailed, concat("KSP: PIN validation failed: ", code));
     }
     return kSuccess;
 }
