@@ -58,7 +58,7 @@ needPackages() {
 buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev libgcrypt-mingw-w64-dev googletest)
 runPackages=(wine64 openssl)
 displayPackages=(xvfb xauth xdotool imagemagick fonts-liberation fonts-wine)
-testPackages=(clang-format g++ wine64-tools libwine-dev)
+testPackages=(clang-format g++ wine64-tools libwine-dev curl ca-certificates)
 fuzzPackages=(clang-14 libclang-rt-14-dev)
 
 # buildPreset PRESET [TARGET...]: configures where needed and builds, all targets by default.
@@ -168,3 +168,28 @@ windowsPath() {
 
 # Runs a Windows program: `runWindows PROGRAM ARGUMENTS...`.
 runWindows() { "$veltraRoot/scripts/wine-run" "$@"; }
+
+# runWindowsTypingPin PIN PICTURE PROGRAM ARGUMENTS...: runs a program that shows the provider's password dialog on
+# the display, types the PIN into it and leaves a picture of it in the file PICTURE.
+runWindowsTypingPin() {
+    local pin=$1 picture=$2 window='' program
+    shift 2
+    exec "$veltraRoot/scripts/wine-run" "$@" &
+    program=$!
+    for _ in $(seq 150); do
+        window=$(xdotool search --onlyvisible --name '^Verify User Password$' 2>/dev/null | head -n 1 || true)
+        [ -n "$window" ] && break
+        kill -0 "$program" 2>/dev/null || break
+        sleep 0.2
+    done
+    if [ -z "$window" ]; then
+        kill "$program" 2>/dev/null || true
+        fail "the password dialog did not appear"
+    fi
+    sleep 0.5
+    xdotool type --delay 30 "$pin"
+    sleep 0.3
+    import -window "$window" "$picture"
+    xdotool key Return
+    wait "$program"
+}

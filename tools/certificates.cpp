@@ -33,18 +33,13 @@ UniqueCertificate loadCertificate(const std::filesystem::path& path) {
 }
 
 void saveCertificate(const std::filesystem::path& path, const CERT_CONTEXT& certificate) {
-    const auto encode = [&](char* text, DWORD* length) {
+    std::vector<BYTE> pem = askTwice([&](BYTE* text, DWORD* length) {
         require(CryptBinaryToStringA(certificate.pbCertEncoded, certificate.cbCertEncoded,
-                                     CRYPT_STRING_BASE64HEADER, text, length),
+                                     CRYPT_STRING_BASE64HEADER, reinterpret_cast<char*>(text), length),
                 "could not encode the certificate as PEM");
-    };
-    DWORD length = 0;
-    encode(nullptr, &length);
-    std::string pem(length, '\0');
-    encode(pem.data(), &length);
-    pem.resize(length);
-    std::erase(pem, '\r');
-    replaceFile(path, {reinterpret_cast<const unsigned char*>(pem.data()), pem.size()});
+    });
+    std::erase(pem, BYTE{'\r'});
+    replaceFile(path, pem);
 }
 
 void requireSameKey(const CryptoProvider& context, const CERT_CONTEXT& certificate) {
@@ -66,19 +61,13 @@ void requireSameKey(const CryptoProvider& context, const CERT_CONTEXT& certifica
 }
 
 std::vector<BYTE> encodeName(const std::wstring& name) {
-    const auto encode = [&](BYTE* encoded, DWORD* length) {
+    return askTwice([&](BYTE* encoded, DWORD* length) {
         if (!CertStrToNameW(X509_ASN_ENCODING, name.c_str(), CERT_X500_NAME_STR, nullptr, encoded, length,
                             nullptr)) {
             throw CommandError(inQuotes(name) + " is not a distinguished name, such as \"CN=Example\"",
                                kExitUsage);
         }
-    };
-    DWORD length = 0;
-    encode(nullptr, &length);
-    std::vector<BYTE> encoded(length);
-    encode(encoded.data(), &length);
-    encoded.resize(length);
-    return encoded;
+    });
 }
 
 std::string nameText(const CERT_NAME_BLOB& name) {

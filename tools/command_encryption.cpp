@@ -2,7 +2,7 @@
 
 #include "commands.h"
 
-#include "certificates.h"
+#include "cms_decryption.h"
 #include "error_text.h"
 #include "files.h"
 #include "wide_text.h"
@@ -15,6 +15,7 @@ namespace veltra {
 namespace {
 
 constexpr std::size_t kLongestRsaData = 512; // RSA 4096
+constexpr std::size_t kMessageLimit = std::size_t{64} * 1024 * 1024;
 
 DWORD paddingFlag(const EncryptionOptions& options) {
     return options.oaep ? CRYPT_OAEP : 0;
@@ -29,6 +30,11 @@ std::vector<BYTE> decryptRsa(const CryptoProvider& context, const EncryptionOpti
             "could not decrypt the file");
     data.resize(length);
     return data;
+}
+
+std::vector<BYTE> decryptCms(const CryptoProvider& context, const EncryptionOptions& options) {
+    return decryptMessage(context, readSmallFile(options.file, kMessageLimit),
+                          inQuotes(options.file.native()));
 }
 
 } // namespace
@@ -54,7 +60,7 @@ int encryptFile(const ProviderChoice& provider, const EncryptionOptions& options
 int decryptFile(const ProviderChoice& provider, const EncryptionOptions& options) {
     requireDifferentFiles(options.file, options.out);
     const CryptoProvider context = CryptoProvider::openForUse(provider, options.container);
-    std::vector<BYTE> plaintext = decryptRsa(context, options);
+    std::vector<BYTE> plaintext = options.cms ? decryptCms(context, options) : decryptRsa(context, options);
     replaceFile(options.out, plaintext);
     SecureZeroMemory(plaintext.data(), plaintext.size());
     std::cout << "Decrypted with container " << inQuotes(options.container) << ": "

@@ -17,15 +17,8 @@ namespace {
 /// name too, and one that finds the key on whichever token has it.
 std::optional<KeyDescription> findKey(const ProviderChoice& provider, const std::wstring& keyId) {
     const CryptoProvider context = CryptoProvider::open(provider, keyId);
-    try {
-        return CryptoProvider::describe(context.ownKey());
-    } catch (const CommandError& error) {
-        const auto code = static_cast<LONG>(error.systemCode());
-        if (code == NTE_BAD_KEY || code == NTE_NO_KEY) {
-            return std::nullopt;
-        }
-        throw;
-    }
+    const std::optional<CryptoKey> key = context.findOwnKey();
+    return key ? std::optional(CryptoProvider::describe(*key)) : std::nullopt;
 }
 
 void printKeyRow(std::string_view container, std::string_view algorithm, std::string_view bits,
@@ -38,7 +31,8 @@ void printKeyRow(std::string_view container, std::string_view algorithm, std::st
 
 int listKeys(const ProviderChoice& provider) {
     const std::vector<Container> containers = readContainerMap();
-    // The keys that no container of this user stands for are reached by their identifiers.
+    // The keys that no container of this user stands for are reached by their identifiers, which the provider
+    // tells for the first token only.
     std::vector<std::string> others = CryptoProvider::openToken(provider).containerNames();
     for (const Container& container : containers) {
         for (const std::wstring& keyId : container.keyIds) {

@@ -17,26 +17,10 @@ namespace {
 std::vector<BYTE> encodedSigningTime() {
     FILETIME now{};
     GetSystemTimeAsFileTime(&now);
-    const auto encode = [&](BYTE* encoded, DWORD* length) {
+    return askTwice([&](BYTE* encoded, DWORD* length) {
         require(CryptEncodeObject(X509_ASN_ENCODING, X509_CHOICE_OF_TIME, &now, encoded, length),
                 "could not encode the signing time");
-    };
-    DWORD length = 0;
-    encode(nullptr, &length);
-    std::vector<BYTE> encoded(length);
-    encode(encoded.data(), &length);
-    encoded.resize(length);
-    return encoded;
-}
-
-std::vector<BYTE> encodedMessage(HCRYPTMSG message) {
-    DWORD length = 0;
-    require(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &length), "could not sign the message");
-    std::vector<BYTE> encoded(length);
-    require(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, encoded.data(), &length),
-            "could not sign the message");
-    encoded.resize(length);
-    return encoded;
+    });
 }
 
 /// A detached CMS message (RFC 5652) in DER with the certificate inside. Signed attributes: content type,
@@ -78,20 +62,20 @@ std::vector<BYTE> cmsSignature(const CryptoProvider& context, const SignOptions&
                 "could not hash the file");
     });
     require(CryptMsgUpdate(message.get(), nullptr, 0, TRUE), "could not sign the message");
-    return encodedMessage(message.get());
+    return askTwice([&](BYTE* encoded, DWORD* length) {
+        require(CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, encoded, length),
+                "could not sign the message");
+    });
 }
 
 /// The bare signature, big-endian as other software writes it; CryptoAPI's own order is little-endian.
 std::vector<BYTE> rawSignature(const CryptoProvider& context, const SignOptions& options) {
     const CryptoHash hash = context.createHash(*options.hash);
     readInPieces(options.file, [&](std::span<const unsigned char> piece) { hashPiece(hash, piece); });
-    DWORD length = 0;
-    require(CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, nullptr, &length),
-            "could not sign the file");
-    std::vector<BYTE> signature(length);
-    require(CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, signature.data(), &length),
-            "could not sign the file");
-    signature.resize(length);
+    std::vector<BYTE> signature = askTwice([&](BYTE* data, DWORD* length) {
+        require(CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, data, length),
+                "could not sign the file");
+    });
     std::ranges::reverse(signature);
     return signature;
 }

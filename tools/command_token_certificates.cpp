@@ -3,10 +3,12 @@
 #include "commands.h"
 
 #include "certificates.h"
+#include "container_map.h"
 #include "error_text.h"
 #include "files.h"
 #include "wide_text.h"
 
+#include <algorithm>
 #include <iomanip>
 #include <iostream>
 
@@ -24,12 +26,29 @@ void printCertificate(const std::string& container, const std::vector<BYTE>& der
               << '-' << std::setw(2) << end.wMonth << '-' << std::setw(2) << end.wDay << '\n';
 }
 
+/// The keys of the first token and those, on whichever token, that a container of this user stands for.
+std::vector<std::string> knownKeys(const ProviderChoice& provider) {
+    std::vector<std::string> keys = CryptoProvider::openToken(provider).containerNames();
+    for (const Container& container : readContainerMap()) {
+        for (const std::wstring& keyId : container.keyIds) {
+            if (std::string key = toUtf8(keyId); std::ranges::find(keys, key) == keys.end()) {
+                keys.push_back(std::move(key));
+            }
+        }
+    }
+    return keys;
+}
+
 } // namespace
 
 int listCertificates(const ProviderChoice& provider) {
-    for (const std::string& name : CryptoProvider::openToken(provider).containerNames()) {
+    for (const std::string& name : knownKeys(provider)) {
         const CryptoProvider context = CryptoProvider::open(provider, toWide(name));
-        if (const auto der = CryptoProvider::certificateOf(context.ownKey())) {
+        const std::optional<CryptoKey> key = context.findOwnKey();
+        if (!key) {
+            continue; // of a token that is not connected
+        }
+        if (const auto der = CryptoProvider::certificateOf(*key)) {
             printCertificate(name, *der);
         } else {
             std::cout << name << "\n  no certificate\n";
@@ -53,13 +72,10 @@ int importCertificate(const ProviderChoice& provider, const TokenCertificateOpti
 
 int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options) {
     const CryptoProvider context = CryptoProvider::open(provider, options.container);
-    DWORD length = 0;
-    require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, nullptr, &length, 0),
-            "could not read the certificate chain");
-    std::vector<BYTE> message(length);
-    require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, message.data(), &length, 0),
-            "could not read the certificate chain");
-    message.resize(length);
+    const std::vector<BYTE> message = askTwice([&](BYTE* data, DWORD* length) {
+        require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, data, length, 0),
+                "could not read the certificate chain");
+    });
     replaceFile(options.file, message);
     std::cout << "Certificate chain of container " << inQuotes(options.container) << ": "
               << toUtf8(options.file.native()) << '\n';

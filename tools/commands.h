@@ -56,6 +56,7 @@ struct EncryptionOptions {
     std::wstring container;
     std::filesystem::path out;
     bool oaep = false;
+    bool cms = false; ///< decrypt: an enveloped CMS message instead of a bare RSA ciphertext
 };
 
 struct RandomOptions {

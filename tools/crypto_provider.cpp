@@ -110,6 +110,16 @@ CryptoKey CryptoProvider::ownKey() const {
     return CryptoKey(key);
 }
 
+std::optional<CryptoKey> CryptoProvider::findOwnKey() const {
+    HCRYPTKEY key = 0;
+    if (CryptGetUserKey(handle(), AT_SIGNATURE, &key)) {
+        return CryptoKey(key);
+    }
+    const auto code = static_cast<LONG>(GetLastError());
+    require(code == NTE_BAD_KEY || code == NTE_NO_KEY, "could not open the container's key");
+    return std::nullopt;
+}
+
 KeyDescription CryptoProvider::describe(const CryptoKey& key) {
     KeyDescription description;
     // The provider reports elliptic curve keys under the identifier of DSS, the only signature algorithm with

@@ -36,6 +36,9 @@ public:
 
     [[nodiscard]] ULONG_PTR get() const { return handle_; }
 
+    /// Gives the handle up to the caller.
+    [[nodiscard]] ULONG_PTR release() { return std::exchange(handle_, 0); }
+
 private:
     ULONG_PTR handle_ = 0;
 };
@@ -53,6 +56,18 @@ struct HashDestroyer {
 using CryptoContext = CryptoHandle<ContextReleaser>;
 using CryptoKey = CryptoHandle<KeyDestroyer>;
 using CryptoHash = CryptoHandle<HashDestroyer>;
+
+/// The bytes of a call that is made twice: with null to learn the length, then for the bytes.
+/// `call(BYTE* data, DWORD* length)` throws when it is refused.
+template <class Call>
+std::vector<BYTE> askTwice(const Call& call) {
+    DWORD length = 0;
+    call(nullptr, &length);
+    std::vector<BYTE> bytes(length);
+    call(bytes.data(), &length);
+    bytes.resize(length);
+    return bytes;
+}
 
 /// Which provider to use, and whether it may show a window.
 struct ProviderChoice {
@@ -107,9 +122,13 @@ public:
     /// compare.
     [[nodiscard]] CryptoKey ownKey() const;
 
+    /// The same; nothing when the connected token does not have the key.
+    [[nodiscard]] std::optional<CryptoKey> findOwnKey() const;
+
     static KeyDescription describe(const CryptoKey& key);
 
-    /// The names of PP_ENUMCONTAINERS, which are the identifiers of the token's keys.
+    /// The names of PP_ENUMCONTAINERS, which are the identifiers of the keys of the context's token.
+    /// CryptoAPI has no way to name the other connected tokens.
     [[nodiscard]] std::vector<std::string> containerNames() const;
 
     /// The DER bytes of the certificate that the token has for this key (KP_CERTIFICATE); nothing if it has

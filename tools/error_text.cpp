@@ -3,8 +3,8 @@
 #include "wide_text.h"
 
 #include <algorithm>
-#include <array>
 #include <iomanip>
+#include <iterator>
 #include <sstream>
 
 namespace veltra {
@@ -18,59 +18,53 @@ struct KnownError {
 
 // The names are the platform's; the advice is what the code means when it comes from this provider, which
 // uses some codes for conditions that their names do not suggest.
-constexpr std::array kKnownErrors = {
-    KnownError{ERROR_FILE_NOT_FOUND, "ERROR_FILE_NOT_FOUND", "the file does not exist"},
-    KnownError{ERROR_PATH_NOT_FOUND, "ERROR_PATH_NOT_FOUND", "the folder does not exist"},
-    KnownError{ERROR_ACCESS_DENIED, "ERROR_ACCESS_DENIED",
-               "access denied; run as administrator if it is meant"},
-    KnownError{ERROR_NOT_ENOUGH_MEMORY, "ERROR_NOT_ENOUGH_MEMORY", "out of memory"},
-    KnownError{ERROR_INVALID_PARAMETER, "ERROR_INVALID_PARAMETER",
-               "the provider was called with a bad argument"},
-    KnownError{ERROR_CALL_NOT_IMPLEMENTED, "ERROR_CALL_NOT_IMPLEMENTED",
-               "the provider does not offer this operation"},
-    KnownError{ERROR_MORE_DATA, "ERROR_MORE_DATA", "the buffer is too small"},
-    KnownError{NTE_BAD_UID, "NTE_BAD_UID", "the provider does not know the context"},
-    KnownError{NTE_BAD_HASH, "NTE_BAD_HASH", "the hash is not valid"},
-    KnownError{
-        NTE_BAD_KEY, "NTE_BAD_KEY",
-        "no such key on the token, or a key that may not be used for this; 'veltra keys' lists the keys"},
-    KnownError{NTE_BAD_LEN, "NTE_BAD_LEN", "key or data length not allowed; RSA keys have 2048 bits or more"},
-    KnownError{NTE_BAD_DATA, "NTE_BAD_DATA", "the data is damaged"},
-    KnownError{NTE_BAD_SIGNATURE, "NTE_BAD_SIGNATURE", "the signature does not belong to this data and key"},
-    KnownError{NTE_BAD_VER, "NTE_BAD_VER", "the version of the data is not known"},
-    KnownError{NTE_BAD_ALGID, "NTE_BAD_ALGID",
-               "algorithm not allowed; MD5 never is, SHA-1 only on a FIPS 140-2 token: use --hash sha256"},
-    KnownError{NTE_BAD_FLAGS, "NTE_BAD_FLAGS", "flags not allowed"},
-    KnownError{NTE_BAD_TYPE, "NTE_BAD_TYPE", "the provider does not know this kind of parameter"},
-    KnownError{NTE_BAD_HASH_STATE, "NTE_BAD_HASH_STATE", "the hash is already finished"},
-    KnownError{
-        NTE_NO_KEY, "NTE_NO_KEY",
-        "the container has no key on the connected token; 'veltra keys' lists the containers and keys"},
-    KnownError{NTE_NO_MEMORY, "NTE_NO_MEMORY", "out of memory"},
-    KnownError{NTE_EXISTS, "NTE_EXISTS", "it exists already"},
-    KnownError{NTE_NOT_FOUND, "NTE_NOT_FOUND", "not found on the token"},
-    KnownError{NTE_BAD_KEYSET, "NTE_BAD_KEYSET", "there is no such container"},
-    KnownError{NTE_PROV_TYPE_NOT_DEF, "NTE_PROV_TYPE_NOT_DEF",
-               "the provider is not registered; run 'veltra csp-register'"},
-    KnownError{NTE_KEYSET_NOT_DEF, "NTE_KEYSET_NOT_DEF",
-               "the provider is not registered; run 'veltra csp-register'"},
-    KnownError{NTE_KEYSET_ENTRY_BAD, "NTE_KEYSET_ENTRY_BAD",
-               "the provider's registration is damaged; run 'veltra csp-register' again"},
-    KnownError{NTE_PROV_TYPE_NO_MATCH, "NTE_PROV_TYPE_NO_MATCH",
-               "the provider is registered for another type; run 'veltra csp-register' again"},
-    KnownError{NTE_SIGNATURE_FILE_BAD, "NTE_SIGNATURE_FILE_BAD", "the system refuses the provider's file"},
-    KnownError{NTE_PROVIDER_DLL_FAIL, "NTE_PROVIDER_DLL_FAIL",
-               "the token did not sign, or the provider's file could not be loaded; the log says which"},
-    KnownError{NTE_PROV_DLL_NOT_FOUND, "NTE_PROV_DLL_NOT_FOUND",
-               "the provider's file is not where it was registered; run 'veltra csp-register' again"},
-    KnownError{NTE_FAIL, "NTE_FAIL", "the PIN was not verified, or the token failed; the log says which"},
-    KnownError{NTE_SILENT_CONTEXT, "NTE_SILENT_CONTEXT",
-               "the PIN is needed and --silent forbids to ask for it; leave --silent out"},
-    KnownError{NTE_TOKEN_KEYSET_STORAGE_FULL, "NTE_TOKEN_KEYSET_STORAGE_FULL",
-               "no token is connected, or the token could not make the key; plug the token in"},
-    KnownError{CRYPT_E_MSG_ERROR, "CRYPT_E_MSG_ERROR", "the platform cannot handle the message"},
-    KnownError{CRYPT_E_HASH_VALUE, "CRYPT_E_HASH_VALUE", "the file is not the one that was signed"},
-    KnownError{NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED", "the provider does not offer this operation"},
+constexpr KnownError kKnownErrors[] = {
+    {ERROR_FILE_NOT_FOUND, "ERROR_FILE_NOT_FOUND", "the file does not exist"},
+    {ERROR_PATH_NOT_FOUND, "ERROR_PATH_NOT_FOUND", "the folder does not exist"},
+    {ERROR_ACCESS_DENIED, "ERROR_ACCESS_DENIED", "access denied; run as administrator if it is meant"},
+    {ERROR_NOT_ENOUGH_MEMORY, "ERROR_NOT_ENOUGH_MEMORY", "out of memory"},
+    {ERROR_INVALID_PARAMETER, "ERROR_INVALID_PARAMETER", "the provider was called with a bad argument"},
+    {ERROR_CALL_NOT_IMPLEMENTED, "ERROR_CALL_NOT_IMPLEMENTED", "the provider does not offer this operation"},
+    {ERROR_MORE_DATA, "ERROR_MORE_DATA", "the buffer is too small"},
+    {NTE_BAD_UID, "NTE_BAD_UID", "the provider does not know the context"},
+    {NTE_BAD_HASH, "NTE_BAD_HASH", "the hash is not valid"},
+    {NTE_BAD_KEY, "NTE_BAD_KEY",
+     "no such key on the token, or a key that may not be used for this; 'veltra keys' lists the keys"},
+    {NTE_BAD_LEN, "NTE_BAD_LEN", "key or data length not allowed; RSA keys have 2048 bits or more"},
+    {NTE_BAD_DATA, "NTE_BAD_DATA", "the data is damaged"},
+    {NTE_BAD_SIGNATURE, "NTE_BAD_SIGNATURE", "the signature does not belong to this data and key"},
+    {NTE_BAD_VER, "NTE_BAD_VER", "the version of the data is not known"},
+    {NTE_BAD_ALGID, "NTE_BAD_ALGID",
+     "algorithm not allowed; MD5 never is, SHA-1 only on a FIPS 140-2 token: use --hash sha256"},
+    {NTE_BAD_FLAGS, "NTE_BAD_FLAGS", "flags not allowed"},
+    {NTE_BAD_TYPE, "NTE_BAD_TYPE", "the provider does not know this kind of parameter"},
+    {NTE_BAD_HASH_STATE, "NTE_BAD_HASH_STATE", "the hash is already finished"},
+    {NTE_NO_KEY, "NTE_NO_KEY",
+     "the container has no key on the connected token; 'veltra keys' lists the containers and keys"},
+    {NTE_NO_MEMORY, "NTE_NO_MEMORY", "out of memory"},
+    {NTE_EXISTS, "NTE_EXISTS", "it exists already"},
+    {NTE_NOT_FOUND, "NTE_NOT_FOUND", "not found on the token"},
+    {NTE_BAD_KEYSET, "NTE_BAD_KEYSET", "there is no such container"},
+    {NTE_PROV_TYPE_NOT_DEF, "NTE_PROV_TYPE_NOT_DEF",
+     "the provider is not registered; run 'veltra csp-register'"},
+    {NTE_KEYSET_NOT_DEF, "NTE_KEYSET_NOT_DEF", "the provider is not registered; run 'veltra csp-register'"},
+    {NTE_KEYSET_ENTRY_BAD, "NTE_KEYSET_ENTRY_BAD",
+     "the provider's registration is damaged; run 'veltra csp-register' again"},
+    {NTE_PROV_TYPE_NO_MATCH, "NTE_PROV_TYPE_NO_MATCH",
+     "the provider is registered for another type; run 'veltra csp-register' again"},
+    {NTE_SIGNATURE_FILE_BAD, "NTE_SIGNATURE_FILE_BAD", "the system refuses the provider's file"},
+    {NTE_PROVIDER_DLL_FAIL, "NTE_PROVIDER_DLL_FAIL",
+     "the token did not sign, or the provider's file could not be loaded; the log says which"},
+    {NTE_PROV_DLL_NOT_FOUND, "NTE_PROV_DLL_NOT_FOUND",
+     "the provider's file is not where it was registered; run 'veltra csp-register' again"},
+    {NTE_FAIL, "NTE_FAIL", "the PIN was not verified, or the token failed; the log says which"},
+    {NTE_SILENT_CONTEXT, "NTE_SILENT_CONTEXT",
+     "the PIN is needed and --silent forbids to ask for it; leave --silent out"},
+    {NTE_TOKEN_KEYSET_STORAGE_FULL, "NTE_TOKEN_KEYSET_STORAGE_FULL",
+     "no token is connected, or the token could not make the key; plug the token in"},
+    {CRYPT_E_MSG_ERROR, "CRYPT_E_MSG_ERROR", "the platform cannot handle the message"},
+    {CRYPT_E_HASH_VALUE, "CRYPT_E_HASH_VALUE", "the file is not the one that was signed"},
+    {NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED", "the provider does not offer this operation"},
 };
 
 std::string systemText(DWORD code) {
@@ -89,7 +83,7 @@ std::string describeError(DWORD code) {
     const auto* known = std::ranges::find(kKnownErrors, static_cast<LONG>(code), &KnownError::code);
     std::ostringstream text;
     text << "0x" << std::uppercase << std::hex << std::setw(8) << std::setfill('0') << code;
-    if (known != kKnownErrors.end()) {
+    if (known != std::end(kKnownErrors)) {
         text << ' ' << known->name << ": " << known->advice;
     } else {
         text << ": " << systemText(code);

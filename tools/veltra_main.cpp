@@ -85,9 +85,9 @@ void addRegistration(CLI::App& app, CommandLine& line, Action& action) {
 }
 
 void addKeys(CLI::App& app, CommandLine& line, Action& action) {
-    app.add_subcommand("keys", "List your containers and the keys behind them")->callback([&] {
-        action = listKeys;
-    });
+    app.add_subcommand("keys",
+                       "List your containers and the keys behind them, and the first token's other keys")
+        ->callback([&] { action = listKeys; });
 
     auto* keygen = app.add_subcommand("keygen", "Generate an RSA key on the token, in a new container");
     addContainer(*keygen, line, "Name of the new container");
@@ -187,7 +187,8 @@ void addVerify(CLI::App& app, CommandLine& line, Action& action) {
 
 void addEncryption(CLI::App& app, CommandLine& line, Action& action) {
     const auto optionsOf = [&line] {
-        return EncryptionOptions{pathOf(line.file), toWide(line.container), pathOf(line.out), line.oaep};
+        return EncryptionOptions{pathOf(line.file), toWide(line.container), pathOf(line.out), line.oaep,
+                                 line.cms};
     };
     const auto add = [&](const char* name, const char* help) {
         auto* command = app.add_subcommand(name, help);
@@ -201,7 +202,11 @@ void addEncryption(CLI::App& app, CommandLine& line, Action& action) {
     add("encrypt", "Encrypt a few bytes to a container's RSA key; big-endian")->callback([&, optionsOf] {
         action = [optionsOf](const ProviderChoice& provider) { return encryptFile(provider, optionsOf()); };
     });
-    add("decrypt", "Decrypt what was encrypted to a container's RSA key")->callback([&, optionsOf] {
+    auto* decrypt = add("decrypt", "Decrypt what was encrypted to a container's RSA key");
+    decrypt
+        ->add_flag("--cms", line.cms, "An enveloped CMS message in DER, its content encrypted with AES-CBC")
+        ->excludes("--oaep");
+    decrypt->callback([&, optionsOf] {
         action = [optionsOf](const ProviderChoice& provider) { return decryptFile(provider, optionsOf()); };
     });
 }
@@ -225,32 +230,31 @@ void addToken(CLI::App& app, CommandLine& line, Action& action) {
 }
 
 void addTokenCertificates(CLI::App& app, CommandLine& line, Action& action) {
-    app.add_subcommand("certs", "List the certificates of the token's keys")->callback([&] {
-        action = listCertificates;
-    });
+    app.add_subcommand("certs",
+                       "List the certificates of the first token's keys and of your containers' keys")
+        ->callback([&] { action = listCertificates; });
 
-    auto* import =
+    auto* store =
         app.add_subcommand("import-cert", "Store a key's certificate, and its issuers, on the token");
-    addContainer(*import, line, "The container");
-    import->get_option("--container")->required();
-    import->add_option("file", line.file, "The certificate, PEM or DER")->required();
-    import->callback([&] {
+    addContainer(*store, line, "The container");
+    store->get_option("--container")->required();
+    store->add_option("file", line.file, "The certificate, PEM or DER")->required();
+    store->callback([&] {
         action = [&](const ProviderChoice& provider) {
             return importCertificate(provider, {toWide(line.container), pathOf(line.file)});
-};
-} // namespace
-);
+        };
+    });
 
-auto* chain = app.add_subcommand("chain", "Write a key's certificate chain as a PKCS #7 message");
-addContainer(*chain, line, "The container");
-chain->get_option("--container")->required();
-chain->add_option("--out", line.out, "The chain, DER, root first")->required()->type_name("FILE");
-chain->callback([&] {
-    action = [&](const ProviderChoice& provider) {
-        return writeChain(provider, {toWide(line.container), pathOf(line.out)});
-    };
-});
-} // namespace veltra
+    auto* chain = app.add_subcommand("chain", "Write a key's certificate chain as a PKCS #7 message");
+    addContainer(*chain, line, "The container");
+    chain->get_option("--container")->required();
+    chain->add_option("--out", line.out, "The chain, DER, root first")->required()->type_name("FILE");
+    chain->callback([&] {
+        action = [&](const ProviderChoice& provider) {
+            return writeChain(provider, {toWide(line.container), pathOf(line.out)});
+        };
+    });
+}
 
 /// The PIN that the options name, wiped when its last owner lets go of it; null if they name none.
 std::shared_ptr<const std::string> readPin(const CommandLine& line) {
@@ -264,6 +268,7 @@ std::shared_ptr<const std::string> readPin(const CommandLine& line) {
     if (line.pinFromInput) {
         std::getline(std::cin, *pin);
         std::erase(*pin, '\r');
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): this process has one thread of its own, and sets no variable
     } else if (const char* value = std::getenv(line.pinVariable.c_str())) {
         *pin = value;
     }

@@ -30,4 +30,9 @@ Bytes rsaPublicKeyAsDer(std::span<const unsigned char> publicKey, const PublicKe
 /// A bare big-endian modulus with the exponent 65537 as DER, whatever its first byte.
 Bytes rawModulusAsDer(std::span<const unsigned char> modulus);
 
+/// The bare big-endian modulus of an RSA public key in either form. DER is a SubjectPublicKeyInfo or an
+/// RSAPublicKey (RFC 8017), and loses the modulus's leading zero bytes; what does not parse as either is the
+/// modulus itself. Refers to `publicKey`.
+std::span<const unsigned char> rsaModulusOf(std::span<const unsigned char> publicKey);
+
 } // namespace veltra

@@ -1,31 +1,12 @@
 #include "csp/key_export.h"
 
+#include "certs/public_key_blob.h"
 #include "csp/csp_entry_points.h"
 #include "token/key_pairs.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace veltra {
-
-namespace {
-
-constexpr DWORD kPublicExponent = 65537;
-
-struct PublicKeyBlobHeader {
-    BLOBHEADER header;
-    RSAPUBKEY key;
-};
-
-void writePublicKeyBlob(const VeltraKeyPair& pair, ALG_ID algId, BYTE* data) {
-    const PublicKeyBlobHeader header = {
-        .header = {.bType = PUBLICKEYBLOB, .bVersion = CUR_BLOB_VERSION, .reserved = 0, .aiKeyAlg = algId},
-        .key = {.magic = kRsa1Magic, .bitlen = pair.publicKeyLength * 8, .pubexp = kPublicExponent}};
-    std::memcpy(data, &header, sizeof(header));
-    std::reverse_copy(pair.publicKey, pair.publicKey + pair.publicKeyLength, data + sizeof(header));
-}
-
-} // namespace
 
 Outcome ExportPublicKeyComponents(const CSP_CONTEXT& context, const KEY_HANDLE& key, BYTE* data,
                                   DWORD* dataLength) {
@@ -39,7 +20,8 @@ Outcome ExportPublicKeyComponents(const CSP_CONTEXT& context, const KEY_HANDLE& 
         return refuse(NTE_BAD_TYPE,
                       "ExportPublicKeyComponents: key algorithm is not RSA, cannot export as PUBLICKEYBLOB");
     }
-    const DWORD size = pair->publicKeyLength + static_cast<DWORD>(sizeof(PublicKeyBlobHeader));
+    const Bytes blob = makePublicKeyBlob({pair->publicKey, pair->publicKeyLength}, key.algId);
+    const auto size = static_cast<DWORD>(blob.size());
     if (data == nullptr) {
         *dataLength = size;
         Utils::error("Emport public key more data required");
@@ -51,7 +33,7 @@ Outcome ExportPublicKeyComponents(const CSP_CONTEXT& context, const KEY_HANDLE& 
                       concat("ExportPublicKeyComponents: output buffer too small, required=", size));
     }
     Utils::debug(concat("key usage : ", key.algId));
-    writePublicKeyBlob(*pair, key.algId, data);
+    std::ranges::copy(blob, data);
     *dataLength = size;
     return successWithLastError(ERROR_SUCCESS);
 }

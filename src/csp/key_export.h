@@ -6,9 +6,6 @@
 
 namespace veltra {
 
-/// "RSA1", the mark of an RSA public key in a blob.
-inline constexpr DWORD kRsa1Magic = 0x31415352;
-
 /// Writes the public key of a token RSA key as a PUBLICKEYBLOB (little-endian modulus, exponent 65537).
 /// `data`, `dataLength`: the CryptoAPI size protocol, except that a size query succeeds and leaves
 /// ERROR_MORE_DATA as the last error. Source: "Base provider key BLOBs" in the platform documentation.

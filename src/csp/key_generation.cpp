@@ -4,7 +4,6 @@
 #include "csp/csp_entry_points.h"
 #include "csp/csp_login.h"
 #include "csp/key_handle.h"
-#include "token/device_state.h"
 #include "token/key_pairs.h"
 #include "token/token_session.h"
 
@@ -40,17 +39,6 @@ const KeyKind* findKeyKind(ALG_ID requested) {
     return nullptr;
 }
 
-// Lets the token make the pair; a record that does not fit its own buffers counts as a failure.
-int generateOnToken(const CSP_CONTEXT& context, VeltraKeyPair& pair) {
-    const Pin pin = getPin(context.serial);
-    const int code = deviceLibrary().veltra_generateKeyPair(context.serial.c_str(), pin.c_str(), &pair,
-                                                            context.libraryContext);
-    if (code != kDeviceOk || clearImpossibleLengths(pair)) return code;
-    Utils::error(concat("CPGenKey: the token reports an impossible public key length for its new key ",
-                        keyName(pair.keyId)));
-    return kDeviceBadLength;
-}
-
 Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYPTKEY* phKey) {
     std::unique_ptr<KEY_HANDLE> key(new (std::nothrow) KEY_HANDLE);
     if (!key) return refuse(ERROR_NOT_ENOUGH_MEMORY, "CPGenKey: failed to allocate KEY_HANDLE");
@@ -69,7 +57,8 @@ Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYP
     VeltraKeyPair pair{};
     pair.usage = kind.usage;
     pair.keyType = rsaKeyTypeForBits(bits).value_or(kKeyTypeRsa2048);
-    if (const int code = generateOnToken(context, pair); code != kDeviceOk) {
+    const int code = generateKeyPair("CPGenKey", context.serial, pair, context.libraryContext);
+    if (code != kDeviceOk) {
         return refuse(NTE_TOKEN_KEYSET_STORAGE_FULL, concat("RSA Keypair Generation Failed, code=", code));
     }
     key->fillFrom(pair);

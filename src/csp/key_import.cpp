@@ -1,11 +1,11 @@
 // CPImportKey: public keys and AES keys from CryptoAPI key blobs. Every blob has a BLOBHEADER and four bytes
 // more; its length is the application's and is checked before any field is read.
 
+#include "certs/public_key_blob.h"
 #include "certs/public_key_encoding.h"
 #include "csp/aes_algorithms.h"
 #include "csp/csp_entry_points.h"
 #include "csp/entry_guard.h"
-#include "csp/key_export.h"
 #include "csp/key_handle.h"
 #include "csp/provider_context.h"
 #include "foundation/device_library.h"
@@ -24,7 +24,6 @@ namespace veltra {
 namespace {
 
 constexpr std::size_t kBlobPrefixLength = sizeof(BLOBHEADER) + sizeof(DWORD);
-constexpr std::size_t kModulusOffset = sizeof(BLOBHEADER) + sizeof(RSAPUBKEY);
 // The refusal that names a type as known is given for this value; the platform's OPAQUEKEYBLOB, 9, counts as
 // unknown: deliberate.
 constexpr BYTE kOpaqueKeyBlob = 10;
@@ -55,20 +54,17 @@ Outcome importPublicKey(Blob blob, HCRYPTKEY* phKey) {
         return refuse(NTE_BAD_DATA, concat("CPImportKey PUBLICKEYBLOB: size mismatch, cbDataLen=",
                                            blob.size(), " required=", required));
     };
-    if (blob.size() < kModulusOffset) return refuseSize(kModulusOffset);
-    RSAPUBKEY header{};
-    std::memcpy(&header, blob.data() + sizeof(BLOBHEADER), sizeof(header));
+    if (blob.size() < kPublicKeyBlobModulusOffset) return refuseSize(kPublicKeyBlobModulusOffset);
+    const RSAPUBKEY header = publicKeyBlobHeader(blob);
     if (header.magic != kRsa1Magic) {
         return refuse(NTE_BAD_DATA,
                       concat("CPImportKey PUBLICKEYBLOB: magic mismatch, actual=0x", toHex8(header.magic)));
     }
     const std::size_t modulusLength = header.bitlen / 8;
-    if (blob.size() < modulusLength + kModulusOffset) return refuseSize(modulusLength + kModulusOffset);
-    const Blob littleEndian = blob.subspan(kModulusOffset, modulusLength);
-    const Bytes modulus(littleEndian.rbegin(), littleEndian.rend());
-    const std::array<unsigned char, 3> exponent = {static_cast<unsigned char>(header.pubexp >> 16),
-                                                   static_cast<unsigned char>(header.pubexp >> 8),
-                                                   static_cast<unsigned char>(header.pubexp)};
+    const std::size_t required = modulusLength + kPublicKeyBlobModulusOffset;
+    if (blob.size() < required) return refuseSize(required);
+    const Bytes modulus = publicKeyBlobModulus(blob, modulusLength);
+    const std::array<unsigned char, 3> exponent = exponentBytes(header.pubexp);
     Utils::debug(concat("Public exponent : ", toHex(exponent)));
     const std::optional<std::uint32_t> code = rsaKeyTypeForBits(header.bitlen);
     if (!code) return refuse(NTE_BAD_DATA, "Unsupported RSA key size");

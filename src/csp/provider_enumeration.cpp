@@ -51,17 +51,13 @@ PROV_ENUMALGS_EX recordOf(const ReportedAlgorithm& algorithm, PROV_ENUMALGS_EX r
 /// One enumeration of algorithm records: how it is called in the log.
 struct EnumerationTexts {
     const char* name;
-    const char* noMoreItems;
+    const char* index; ///< debug line in front of the index that is asked for; null for none
+    std::string (*noMoreItems)(std::size_t index);
     const char* returned;
 };
 
-std::string noMoreItemsLine(const EnumerationTexts& texts, std::size_t cursor) {
-    const std::string_view line = texts.noMoreItems;
-    return line.ends_with('=') ? concat(line, cursor) : std::string(line);
-}
-
-// A call without CRYPT_FIRST moves on before it reads, and a record that did not fit is skipped by the next
-// such call: deliberate, applications expect it.
+// A call without CRYPT_FIRST moves on before it reads, so the first such call of a context gives the second
+// record, and a record that did not fit is skipped: deliberate.
 template <class Record, class Rows>
 Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts& texts, BYTE* data,
                   DWORD* dataLength, DWORD flags) {
@@ -80,7 +76,8 @@ Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts&
     default:
         return refuse(ERROR_INVALID_PARAMETER, concat(texts.name, ": invalid dwFlags=", flags));
     }
-    if (cursor >= rows.size()) return refuse(ERROR_NO_MORE_ITEMS, noMoreItemsLine(texts, cursor));
+    if (texts.index != nullptr) Utils::debug(concat(texts.index, cursor));
+    if (cursor >= rows.size()) return refuse(ERROR_NO_MORE_ITEMS, texts.noMoreItems(cursor));
     const DWORD available = *dataLength;
     *dataLength = sizeof(Record);
     if (available < sizeof(Record)) {
@@ -97,29 +94,41 @@ Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts&
 
 Outcome enumerateAlgorithms(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength, DWORD flags) {
     static constexpr EnumerationTexts kTexts = {
-        "CPGetProvParam PP_ENUMALGS",
-        "CPGetProvParam PP_ENUMALGS: no more algorithms, index=", "CPGetProvParam: returned algorithm -> "};
+        .name = "CPGetProvParam PP_ENUMALGS",
+        .index = nullptr,
+        .noMoreItems =
+            [](std::size_t index) {
+                return concat("CPGetProvParam PP_ENUMALGS: no more algorithms, index=", index);
+            },
+        .returned = "CPGetProvParam: returned algorithm -> "};
     return enumerate<PROV_ENUMALGS>(algorithmsOf(context), context.algorithmCursor, kTexts, data, dataLength,
                                     flags);
 }
 
 Outcome enumerateAlgorithmsEx(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength, DWORD flags) {
-    static constexpr EnumerationTexts kTexts = {"CPGetProvParam PP_ENUMALGS_EX",
-                                                "CPGetProvParam PP_ENUMALGS_EX: no more algorithms, index=",
-                                                "CPGetProvParam: returned EX algorithm -> "};
+    static constexpr EnumerationTexts kTexts = {
+        .name = "CPGetProvParam PP_ENUMALGS_EX",
+        .index = nullptr,
+        .noMoreItems =
+            [](std::size_t index) {
+                return concat("CPGetProvParam PP_ENUMALGS_EX: no more algorithms, index=", index);
+            },
+        .returned = "CPGetProvParam: returned EX algorithm -> "};
     return enumerate<PROV_ENUMALGS_EX>(algorithmsOf(context), context.algorithmCursor, kTexts, data,
                                        dataLength, flags);
 }
 
 Outcome enumerateSigningProtocols(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength, DWORD flags) {
-    static constexpr EnumerationTexts kTexts = {"CPGetProvParam PP_ENUMEX_SIGNING_PROT",
-                                                "CPGetProvParam: PP_ENUMEX_SIGNING_PROT no more items",
-                                                "CPGetProvParam: returned signing algorithm -> "};
+    static constexpr EnumerationTexts kTexts = {
+        .name = "CPGetProvParam PP_ENUMEX_SIGNING_PROT",
+        .index = "CPGetProvParam: PP_ENUMEX_SIGNING_PROT index=",
+        .noMoreItems =
+            [](std::size_t) { return std::string("CPGetProvParam: PP_ENUMEX_SIGNING_PROT no more items"); },
+        .returned = "CPGetProvParam: returned signing algorithm -> "};
     std::vector<ReportedAlgorithm> rows;
     std::ranges::copy_if(algorithmsOf(context), std::back_inserter(rows), [](const ReportedAlgorithm& row) {
         return (row.protocols & CRYPT_FLAG_SIGNING) != 0;
     });
-    Utils::debug(concat("CPGetProvParam: PP_ENUMEX_SIGNING_PROT index=", context.signingProtocolCursor));
     return enumerate<PROV_ENUMALGS_EX>(rows, context.signingProtocolCursor, kTexts, data, dataLength, flags);
 }
 

@@ -55,9 +55,9 @@ Outcome answerText(const std::string& text, BYTE* data, DWORD* dataLength) {
 }
 
 Outcome answerContainer(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength) {
-    context.containerNameAsked = true;
     const Outcome answered = answerText(context.containerName, data, dataLength);
     if (!answered) return answered;
+    context.containerNameAsked = true;
     if (data == nullptr) {
         Utils::debug(concat("CPGetProvParam: PP_CONTAINER/PP_UNIQUE_CONTAINER size query, requiredSize=",
                             *dataLength, ", return TRUE"));

@@ -82,9 +82,15 @@ DWORD signatureLengthFor(std::uint32_t keyType) {
     return 256;
 }
 
-Outcome signOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* signature,
-                    DWORD* signatureLength) {
-    const DWORD capacity = *signatureLength;
+/// The application's buffer. Its capacity is read once: the application may change its variable while the
+/// password dialog is up.
+struct SignatureBuffer {
+    BYTE* data;
+    DWORD capacity; ///< at most INT_MAX if there is data
+    DWORD* length;
+};
+
+Outcome signOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, const SignatureBuffer& buffer) {
     const TokenKey key{
         .serial = context.serial, .keyId = hash.signingKey.keyId, .libraryContext = context.libraryContext};
     std::uint32_t length = 0;
@@ -93,7 +99,7 @@ Outcome signOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* 
         context.serial, "CPSignHash: SSO expired, re-prompting for PIN",
         [&](const Pin& pin) {
             return signWithKey(key, pin, {hash.hashValue.data(), hash.hashValueLength}, false,
-                               {signature, capacity}, length);
+                               {buffer.data, buffer.capacity}, length);
         },
         [&] {
             verifiedAgain = ensurePasswordValidated(context);
@@ -106,17 +112,17 @@ Outcome signOnToken(const CSP_CONTEXT& context, const HASH_CONTEXT& hash, BYTE* 
         return refuse(NTE_BAD_ALGID, "CPSignHash: SHA1/MD5 signing blocked on FIPS 140-3 token");
     }
     if (result.code != kDeviceOk) return refuse(kSignatureFailed, concat("Sign hash failed : ", result.code));
-    if (isRsaKeyType(hash.signingKeyType)) std::reverse(signature, signature + length);
-    *signatureLength = length;
+    if (isRsaKeyType(hash.signingKeyType)) std::reverse(buffer.data, buffer.data + length);
+    *buffer.length = length;
     return success();
 }
 
-Outcome signHash(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec, DWORD flags, BYTE* signature,
-                 DWORD* signatureLength) {
+Outcome signHash(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec, DWORD flags,
+                 const SignatureBuffer& buffer) {
     if (const Outcome finished = finishHashForSigning(context, hash); !finished) return finished;
     if (const Outcome chosen = chooseSigningKey(context, hash, keySpec); !chosen) return chosen;
-    if (signature == nullptr) {
-        *signatureLength = signatureLengthFor(hash.signingKeyType);
+    if (buffer.data == nullptr) {
+        *buffer.length = signatureLengthFor(hash.signingKeyType);
         return success();
     }
     if (const Outcome verified = ensurePasswordValidated(context); !verified) {
@@ -131,7 +137,7 @@ Outcome signHash(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec, DWORD 
                       "CPSignHash: RSA-1024 signing not allowed \xE2\x80\x94 key size below 112-bit "
                       "security strength");
     }
-    return signOnToken(context, hash, signature, signatureLength);
+    return signOnToken(context, hash, buffer);
 }
 
 // Verification reads the value as an application would, so that an HMAC object gets its outer hash.
@@ -215,10 +221,11 @@ BOOL WINAPI CPSignHash(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwKeySpec, LPCW
         const auto hash = liveHash(hHash);
         if (hash == nullptr) return refuse(NTE_BAD_HASH, "CPSignHash: hash handle is null");
         if (pdwSigLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPSignHash: pdwSigLen is null");
-        if (pbSignature != nullptr && *pdwSigLen > INT_MAX) {
+        const SignatureBuffer buffer{.data = pbSignature, .capacity = *pdwSigLen, .length = pdwSigLen};
+        if (buffer.data != nullptr && buffer.capacity > INT_MAX) {
             return refuse(NTE_BAD_LEN, "CPSignHash: signature buffer length is too large");
         }
-        return signHash(*context, *hash, dwKeySpec, dwFlags, pbSignature, pdwSigLen);
+        return signHash(*context, *hash, dwKeySpec, dwFlags, buffer);
     });
 }
 

@@ -22,6 +22,9 @@ inline constexpr DWORD kPadOaepFlag = 0x4;       // BCRYPT_PAD_OAEP
 inline constexpr DWORD kPadPssFlag = 0x8;        // BCRYPT_PAD_PSS
 inline constexpr DWORD kSilentFlag = 0x40;       // NCRYPT_SILENT_FLAG
 
+inline constexpr ULONG kKdfLabel = 0xD;   // KDF_LABEL
+inline constexpr ULONG kKdfContext = 0xE; // KDF_CONTEXT
+
 /// NCRYPT_SUPPORTED_LENGTHS.
 struct SupportedLengths {
     DWORD minLength;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "foundation/device_library_contract.h"
+#include "foundation/device_library.h"
 #include "foundation/secret.h"
 
 #include <cstdlib>

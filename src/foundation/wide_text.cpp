@@ -29,6 +29,7 @@ std::string fromWide(LPCWSTR text) {
 }
 
 std::string fromWideBytes(std::span<const unsigned char> bytes) {
+    if (bytes.size() < sizeof(WCHAR)) return {};
     std::vector<WCHAR> characters(bytes.size() / sizeof(WCHAR));
     std::memcpy(characters.data(), bytes.data(), characters.size() * sizeof(WCHAR));
     const auto end = std::ranges::find(characters, WCHAR{0});

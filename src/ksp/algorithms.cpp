@@ -77,8 +77,8 @@ SECURITY_STATUS WINAPI KSPEnumAlgorithms(NCRYPT_PROV_HANDLE hProvider, DWORD dwA
                         .dwAlgOperations = rows[i].operations,
                         .dwFlags = 0};
         }
-        *pdwAlgCount = static_cast<DWORD>(rows.size());
         *ppAlgList = block.handOut();
+        *pdwAlgCount = static_cast<DWORD>(rows.size());
         Utils::debug(concat("KSP: Enumerated ", rows.size(), " algorithms"));
         return kSuccess;
     });

@@ -20,6 +20,11 @@ inline SECURITY_STATUS refuseProvider(const char* entryPoint) {
     return refuse(NTE_INVALID_HANDLE, concat(entryPoint, ": provider handle is null or not initialized"));
 }
 
+/// The refusal of a length that the device library cannot take, because it counts in int.
+inline SECURITY_STATUS refuseLength(const char* entryPoint) {
+    return refuse(NTE_INVALID_PARAMETER, concat(entryPoint, ": a length is too large"));
+}
+
 /// Frame of every entry point of the key storage provider: logs its name, runs `body`, which returns a
 /// status, lets no exception out, and leaves the caller's last error as it was.
 template <class Body>

@@ -12,12 +12,16 @@ void KSP_KEY::fillFrom(const VeltraKeyPair& pair) {
     credentialIdLength = kKeyIdLength;
     keyType = pair.keyType;
     keyUsage = pair.usage;
-    std::ranges::copy(pair.publicKey, publicKey.begin());
-    publicKeyLength = pair.publicKeyLength;
+    setPublicKey({pair.publicKey, pair.publicKeyLength});
     std::ranges::copy(pair.credentialId, publicKeyExtra.begin());
     publicKeyExtraLength = pair.credentialIdLength;
     label = boundedText(pair.label, kLabelMaxLength);
     recordFlag = pair.flag != 0;
+}
+
+void KSP_KEY::setPublicKey(std::span<const unsigned char> bytes) {
+    std::ranges::copy(bytes, publicKey.begin());
+    publicKeyLength = static_cast<std::uint32_t>(bytes.size());
 }
 
 const char* algorithmName(std::uint32_t keyType, std::uint32_t keyUsage) {

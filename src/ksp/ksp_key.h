@@ -41,6 +41,9 @@ struct KSP_KEY {
     /// were checked.
     void fillFrom(const VeltraKeyPair& pair);
 
+    /// At most kPublicKeyCapacity bytes.
+    void setPublicKey(std::span<const unsigned char> bytes);
+
     [[nodiscard]] bool isSymmetric() const { return symmetricKeyLength != 0; }
     [[nodiscard]] std::span<const unsigned char> publicKeyBytes() const {
         return {publicKey.data(), publicKeyLength};

@@ -1,8 +1,6 @@
 #include "ksp/ksp_login.h"
 
-#include "foundation/utils.h"
 #include "token/device_state.h"
-#include "token/user_verification.h"
 
 namespace veltra {
 
@@ -26,6 +24,18 @@ bool ensureUserVerified(const std::string& serial, void* libraryContext) {
     }
     storePin(serial, pin); // empty after a single sign-on
     return true;
+}
+
+SECURITY_STATUS verifyUser(const char* entryPoint, const std::string& serial, void* libraryContext,
+                           DWORD flags) {
+    if ((flags & kSilentFlag) != 0 && !isPinValidated(serial)) {
+        return refuse(NTE_SILENT_CONTEXT,
+                      concat(entryPoint, ": silent mode requested but PIN not validated"));
+    }
+    if (!ensureUserVerified(serial, libraryContext)) {
+        return refuse(NTE_FAIL, concat(entryPoint, ": password validation failed"));
+    }
+    return kSuccess;
 }
 
 } // namespace veltra

@@ -9,7 +9,7 @@ namespace veltra {
 
 SECURITY_STATUS setParentWindow(KSP_PROVIDER& provider, const BYTE* value, DWORD length) {
     HWND window = nullptr;
-    if (value != nullptr && length >= sizeof(window)) std::memcpy(&window, value, sizeof(window));
+    if (value != nullptr && length >= sizeof(HWND)) std::memcpy(&window, value, sizeof(HWND));
     provider.parentWindow = window;
     return kSuccess;
 }
@@ -19,11 +19,9 @@ SECURITY_STATUS setPin(const KSP_PROVIDER& provider, const char* entryPoint, con
         return refuse(NTE_INVALID_PARAMETER, concat(entryPoint, ": NCRYPT_PIN_PROPERTY pbInput is null"));
     }
     Utils::debug("KSP: Setting PIN via property");
-    const std::optional<Pin> pin = readApplicationPin(value);
-    if (!pin) {
-        return refuse(kValidationFailed, concat(entryPoint, ": PIN is longer than 255 characters"));
-    }
-    const int code = acceptPin(provider.serial(), *pin, provider.libraryContext);
+    const auto* text = reinterpret_cast<const char*>(value);
+    const Pin pin(std::string_view(text, strnlen(text, Pin::kMaxLength)));
+    const int code = acceptPin(provider.serial(), pin, provider.libraryContext);
     if (code != kDeviceOk) {
         return refuse(kValidationFailed, concat("KSP: PIN validation failed: ", code));
     }

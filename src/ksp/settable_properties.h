@@ -13,8 +13,8 @@ inline constexpr const char* kPinProperty = "SmartCardPin";
 SECURITY_STATUS setParentWindow(KSP_PROVIDER& provider, const BYTE* value, DWORD length);
 
 /// Lets the token check the PIN and keeps it for later calls. `value`: zero-terminated 8-bit text, of which
-/// at most 255 characters are read, whatever length the application states: deliberate. A wide PIN reads as
-/// its first character.
+/// at most 255 bytes are read, terminated or not, whatever length the application states: deliberate. A wide
+/// PIN reads as its first character.
 SECURITY_STATUS setPin(const KSP_PROVIDER& provider, const char* entryPoint, const BYTE* value);
 
 } // namespace veltra

@@ -3,6 +3,7 @@
 #include "foundation/device_library.h"
 #include "foundation/library_buffer.h"
 
+#include <climits>
 #include <span>
 #include <string>
 
@@ -22,5 +23,16 @@ struct AesCipher {
 /// are at most INT_MAX. Returns the library's code.
 int encryptAes(const std::string& serial, const AesCipher& cipher, std::span<const unsigned char> plaintext,
                bool final, LibraryBuffer& ciphertext, void* libraryContext);
+
+inline constexpr std::size_t kAesBlockLength = 16;
+
+/// The longest input of decryptSymmetric, which gives the library room for one block more.
+inline constexpr std::size_t kMaxSymmetricCiphertext = INT_MAX - kAesBlockLength;
+
+/// Decrypts with the device library; `serial` may be empty. The library is not told the mode. Of `plaintext`
+/// nothing is left after a failure. Returns the library's code.
+int decryptSymmetric(const std::string& serial, const AesCipher& cipher,
+                     std::span<const unsigned char> ciphertext, SecretBuffer& plaintext,
+                     void* libraryContext);
 
 } // namespace veltra

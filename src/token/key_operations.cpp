@@ -32,11 +32,14 @@ int decryptWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned
 
 int agreeWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned char> peerPoint,
                  LibraryBuffer& secret) {
-    return secret.fill([&](unsigned char** out, int* outLength) {
-        return deviceLibrary().veltra_ecdhDerive(key.serial.c_str(), key.keyId.data(), pin.c_str(),
-                                                 peerPoint.data(), lengthOf(peerPoint), out, outLength,
-                                                 key.libraryContext);
+    int result = kDeviceOk;
+    secret.fill([&](unsigned char** out, int* outLength) {
+        result = deviceLibrary().veltra_ecdhDerive(key.serial.c_str(), key.keyId.data(), pin.c_str(),
+                                                   peerPoint.data(), lengthOf(peerPoint), out, outLength,
+                                                   key.libraryContext);
+        return result;
     });
+    return result;
 }
 
 int verifySignature(const std::string& serial, const VerificationKey& key,

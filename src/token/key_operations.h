@@ -28,7 +28,8 @@ int signWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned ch
 int decryptWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned char> ciphertext, bool flag,
                    LibraryBuffer& plaintext);
 
-/// The shared secret of an EC key and a peer's uncompressed point.
+/// The shared secret of an EC key and a peer's uncompressed point. Here a success that comes without a secret
+/// keeps its code, and `secret` is empty.
 int agreeWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned char> peerPoint,
                  LibraryBuffer& secret);
 

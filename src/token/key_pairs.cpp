@@ -2,6 +2,7 @@
 
 #include "foundation/text.h"
 #include "foundation/utils.h"
+#include "token/device_state.h"
 
 #include <algorithm>
 #include <array>
@@ -23,6 +24,17 @@ bool clearImpossibleLengths(VeltraKeyPair& pair) {
     const bool fits = pair.publicKeyLength <= kPublicKeyCapacity;
     if (!fits) pair.publicKeyLength = 0;
     return fits;
+}
+
+int generateKeyPair(const char* entryPoint, const std::string& serial, VeltraKeyPair& pair,
+                    void* libraryContext) {
+    const Pin pin = getPin(serial);
+    const int code =
+        deviceLibrary().veltra_generateKeyPair(serial.c_str(), pin.c_str(), &pair, libraryContext);
+    if (code != kDeviceOk || clearImpossibleLengths(pair)) return code;
+    Utils::error(concat(entryPoint, ": the token reports an impossible public key length for its new key ",
+                        keyName(pair.keyId)));
+    return kDeviceBadLength;
 }
 
 std::string keyName(std::span<const unsigned char, kKeyIdLength> keyId) {

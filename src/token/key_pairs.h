@@ -17,6 +17,12 @@ std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryCo
 /// the public key fits; the credential identifier is only carried.
 bool clearImpossibleLengths(VeltraKeyPair& pair);
 
+/// Lets the token make a key pair with its stored PIN. `pair`: type and usage filled by the caller; on
+/// success it is the token's record. Returns the library's code; a record whose public key does not fit is
+/// reported under the name of the entry point and counts as a failure.
+int generateKeyPair(const char* entryPoint, const std::string& serial, VeltraKeyPair& pair,
+                    void* libraryContext);
+
 /// The name of a key in both front ends: its identifier as 32 upper-case hexadecimal characters.
 std::string keyName(std::span<const unsigned char, kKeyIdLength> keyId);
 

@@ -11,6 +11,8 @@ struct ProcessIv {
     std::vector<unsigned char> bytes;
 };
 
+// Created on first use and never destroyed: a thread that still decrypts while the process ends must find it,
+// and one that the system has killed may have left its lock taken.
 ProcessIv& instance() {
     static auto* const iv = new ProcessIv;
     return *iv;

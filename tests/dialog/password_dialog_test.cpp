@@ -9,9 +9,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-
 constexpr int kPinControl = 1001;
 constexpr int kIconControl = 1002;
 const std::string kCaption = "Verify User Password";

@@ -15,8 +15,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::HasSubstr;
-
 constexpr const char* kPin = "123456";
 constexpr const char* kLeavingEvent = "VeltraLifecycleTestLeaves";
 

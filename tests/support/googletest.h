@@ -15,3 +15,14 @@
 #ifdef __WINE__
 #pragma pop_macro("_WIN32")
 #endif
+
+namespace veltra::test {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+} // namespace veltra::test

@@ -1,13 +1,13 @@
 #include "support/log_file.h"
 
-#include "foundation/windows.h"
-
 #include <algorithm>
 #include <array>
 
 namespace veltra::test {
 
 namespace {
+
+constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
 
 std::string readFile(const std::string& path) {
     HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
@@ -66,6 +66,19 @@ std::string readLog() {
 void removeLog() {
     for (const std::string& path : logFiles())
         DeleteFileA(path.c_str());
+}
+
+std::string withoutTime(const std::string& line) {
+    const std::size_t tag = line.find("->", line.find("-> ") + 2) + 2;
+    return line.substr(tag, 5) + " " + line.substr(tag + 10);
+}
+
+void setLogLevel(DWORD level) {
+    RegSetKeyValueA(HKEY_LOCAL_MACHINE, kSettingsKey, "logLevel", REG_DWORD, &level, sizeof level);
+}
+
+void removeLogLevel() {
+    RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, kSettingsKey, "logLevel");
 }
 
 } // namespace veltra::test

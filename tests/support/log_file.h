@@ -1,5 +1,7 @@
 #pragma once
 
+#include "foundation/windows.h"
+
 #include <string>
 #include <vector>
 
@@ -17,5 +19,12 @@ std::vector<std::string> logFiles();
 /// The text of all of them.
 std::string readLog();
 void removeLog();
+
+/// "ERROR CPHashData: ..." of a line "15/11::06:57:53:123-> ->ERROR ::=>CPHashData: ...".
+std::string withoutTime(const std::string& line);
+
+/// Sets HKEY_LOCAL_MACHINE "Software\Quenmark\Veltra" "logLevel"; the second form removes it.
+void setLogLevel(DWORD level);
+void removeLogLevel();
 
 } // namespace veltra::test

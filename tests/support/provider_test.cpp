@@ -1,6 +1,5 @@
 #include "support/provider_test.h"
 
-#include "support/log_file.h"
 #include "support/sanitizer_stack.h"
 
 #include "token/device_monitor.h"
@@ -14,7 +13,6 @@ namespace veltra::test {
 
 namespace {
 
-constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
 constexpr const char* kContainersKey = R"(SOFTWARE\Veltra\CSP\Containers)";
 
 /// What the threads of runOnThreads share. The count orders what they did before what follows their end also
@@ -65,14 +63,6 @@ void runOnThreads(int count, const std::function<void()>& body) {
         CloseHandle(thread);
     }
     EXPECT_EQ(shared.ended, count);
-}
-
-void setLogLevel(DWORD level) {
-    RegSetKeyValueA(HKEY_LOCAL_MACHINE, kSettingsKey, "logLevel", REG_DWORD, &level, sizeof level);
-}
-
-void removeLogLevel() {
-    RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, kSettingsKey, "logLevel");
 }
 
 void writeContainerValue(const std::string& container, const std::string& data, DWORD type) {
@@ -131,9 +121,7 @@ Answer ProviderTest::run(const std::function<BOOL()>& call) {
 std::vector<std::string> ProviderTest::takeLogLines() {
     std::vector<std::string> lines;
     for (const std::string& raw : takeRawLogLines()) {
-        // "15/11::06:57:53:123-> ->ERROR ::=>text"
-        const std::size_t tag = raw.find("->", raw.find("-> ") + 2) + 2;
-        std::string line = raw.substr(tag, 5) + " " + raw.substr(tag + 10);
+        std::string line = withoutTime(raw);
         if (!isFromMonitorThread(line)) lines.push_back(std::move(line));
     }
     return lines;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/googletest.h"
+#include "support/log_file.h"
 #include "support/scripted_device_library.h"
 #include "support/scripted_pin_prompt.h"
 
@@ -34,10 +35,6 @@ Answer accepted(DWORD lastError = kUntouched);
 
 /// Runs `body` on `count` threads at once and returns when all have ended.
 void runOnThreads(int count, const std::function<void()>& body);
-
-/// Sets HKEY_LOCAL_MACHINE "Software\Quenmark\Veltra" "logLevel"; the second form removes it.
-void setLogLevel(DWORD level);
-void removeLogLevel();
 
 /// The container map in the registry: raw values under HKEY_CURRENT_USER "SOFTWARE\Veltra\CSP\Containers".
 void writeContainerValue(const std::string& container, const std::string& data, DWORD type = REG_SZ);

@@ -3,6 +3,7 @@
 #include "token/pin_prompt.h"
 
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -17,6 +18,12 @@ public:
         pins_.assign(pins.begin(), pins.end());
     }
 
+    /// What the application does in its window procedures while the dialog is up.
+    void whileAsked(std::function<void()> action) {
+        const std::scoped_lock lock(mutex_);
+        whileAsked_ = std::move(action);
+    }
+
     /// What happened, in order: "ask" for every dialog, the text of every message box.
     std::vector<std::string> seen() const {
         const std::scoped_lock lock(mutex_);
@@ -26,6 +33,7 @@ public:
     Pin askPin() override {
         const std::scoped_lock lock(mutex_);
         seen_.push_back("ask");
+        if (whileAsked_) whileAsked_();
         if (pins_.empty()) return {};
         const Pin pin(pins_.front());
         pins_.pop_front();
@@ -41,6 +49,7 @@ private:
     mutable std::mutex mutex_;
     std::deque<std::string> pins_;
     std::vector<std::string> seen_;
+    std::function<void()> whileAsked_;
 };
 
 } // namespace veltra::test

@@ -11,9 +11,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 const DWORD kCertificateChain = 9; // PP_CERTCHAIN, which not every platform header has
 const DWORD kNoKey = 0x8009000D;
 const std::string kSet = "CPSetKeyParam: KP_CERTIFICATE ";

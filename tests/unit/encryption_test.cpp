@@ -8,10 +8,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 const DWORD kLibraryFailed = 0x8009001D;
 const DWORD kBadLen = static_cast<DWORD>(NTE_BAD_LEN);
 
@@ -245,6 +241,7 @@ TEST_F(EncryptionTest, ExpiredSessionIsPromptedForOnceAndRetriedOnce) {
     storePinOfToken();
     library.script("veltra_decrypt", {.result = kDeviceSessionExpired, .onCall = 1});
     prompt.willType({"1234"});
+    prompt.whileAsked([&] { length = 1; }); // the application's window procedures run meanwhile
     EXPECT_EQ(decrypt(rsaKey, ciphertext), accepted());
     EXPECT_EQ(data, abc);
     EXPECT_THAT(debugLines, Contains("CPDecrypt: SSO expired, re-prompting for PIN"));

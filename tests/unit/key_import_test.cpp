@@ -1,3 +1,4 @@
+#include "support/blob_bytes.h"
 #include "support/csp_test.h"
 
 #include "certs/public_key_encoding.h"
@@ -9,35 +10,16 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::SizeIs;
-
 const DWORD kBadType = static_cast<DWORD>(NTE_BAD_TYPE);
 const DWORD kBadData = static_cast<DWORD>(NTE_BAD_DATA);
 const std::string kPublicKey = "CPImportKey PUBLICKEYBLOB: ";
-
-Bytes littleEndian(DWORD value) {
-    return {static_cast<BYTE>(value), static_cast<BYTE>(value >> 8), static_cast<BYTE>(value >> 16),
-            static_cast<BYTE>(value >> 24)};
-}
-
-Bytes joined(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& part : parts)
-        out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
 
 Bytes blobOf(BYTE type, DWORD algorithm, const Bytes& rest, DWORD word = 0xFEFEFEFE) {
     return joined({{type, 9, 7, 7}, littleEndian(algorithm), littleEndian(word), rest});
 }
 
 Bytes publicKeyBlob(DWORD bits, std::size_t modulusLength, DWORD magic = 0x31415352, DWORD exponent = 65537) {
-    Bytes modulus(modulusLength);
-    for (std::size_t i = 0; i < modulusLength; ++i)
-        modulus[i] = static_cast<BYTE>(i);
-    return blobOf(PUBLICKEYBLOB, 0, joined({littleEndian(bits), littleEndian(exponent), modulus}), magic);
+    return blobOf(PUBLICKEYBLOB, 0, joined({dwords({bits, exponent}), counting(modulusLength)}), magic);
 }
 
 class KeyImportTest : public CspTest {

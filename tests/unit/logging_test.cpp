@@ -9,10 +9,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
-
 class LoggingTest : public ProviderTest {
 protected:
     ~LoggingTest() override { setLogLevel(3); }

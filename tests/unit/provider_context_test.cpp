@@ -8,11 +8,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-
 const DWORD kNoToken = 0x80090023;
 const std::string kId1(32, '1'); // the key name of key pair 0x11
 const std::string kId2(32, '2');

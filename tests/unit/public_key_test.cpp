@@ -9,10 +9,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 const std::string kAlgorithm = "300D06092A864886F70D0101010500";
 
 std::string repeated(const std::string& text, std::size_t count) {

@@ -9,13 +9,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::SizeIs;
-
 const DWORD kSignFailed = 0x8009001D;
 const DWORD kVerifyFailed = 0x80090006;
 const DWORD kNoKey = 0x8009000D;
@@ -321,6 +314,18 @@ TEST_F(SigningTest, SingleSignOnSignsWithAnEmptyPinAndTheNewPinIsReadAfterExpiry
     EXPECT_EQ(sign(provider, hashWithValue(provider)), accepted());
     EXPECT_THAT(library.calls("veltra_signHash"),
                 ElementsAre(signCall("1111..1111", "old"), signCall("1111..1111", "1234")));
+}
+
+TEST_F(SigningTest, CapacityIsReadOnceAlthoughTheApplicationChangesItWhileTheDialogIsUp) {
+    token.addKeyPair(0x11);
+    const HCRYPTPROV provider = acquire(nameOf('1').c_str());
+    prompt.willType({"1234", "1234"});
+    prompt.whileAsked([&] { length = 0xFFFFFFFF; });
+    library.script("veltra_signHash", {.result = 49, .onCall = 1});
+    EXPECT_EQ(sign(provider, hashWithValue(provider), AT_SIGNATURE, 300), accepted());
+    EXPECT_THAT(prompt.seen(), ElementsAre("ask", "ask"));
+    EXPECT_THAT(library.calls("veltra_signHash"), testing::Each(signCall("1111..1111", "1234", "300")));
+    EXPECT_EQ(length, 256u);
 }
 
 TEST_F(SigningTest, ImpossibleSignatureLengthsAreFailures) {

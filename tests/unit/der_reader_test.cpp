@@ -1,0 +1,60 @@
+#include "support/googletest.h"
+#include "support/scripted_device_library.h"
+
+#include "certs/der_reader.h"
+#include "certs/public_key_encoding.h"
+#include "foundation/text.h"
+
+namespace veltra::test {
+namespace {
+
+TEST(DerReaderTest, LengthsMustBeTheShortestAndFit) {
+    const std::string zeros(2 * 0x100, '0');
+    for (const auto& [der, length] : {std::pair{std::string("0200"), 0u},
+                                      {"020105", 1u},
+                                      {"028180" + zeros, 0x80u},
+                                      {"02820100" + zeros, 0x100u}}) {
+        const Bytes bytes = fromHex(der);
+        const auto contents = DerReader(bytes).read(DerTag::Integer);
+        ASSERT_TRUE(contents) << der;
+        EXPECT_EQ(contents->size(), length);
+    }
+    for (const std::string& der :
+         {std::string("02"), std::string("0201"), std::string("040105"), "0280" + zeros, "028105" + zeros,
+          "02820080" + zeros, "0283000100" + zeros, "02820101" + zeros, "0284FFFFFFFF" + zeros,
+          "0288FFFFFFFFFFFFFFFF" + zeros, std::string("0284"), std::string("0282FF")}) {
+        const Bytes bytes = fromHex(der);
+        DerReader reader(bytes);
+        EXPECT_FALSE(reader.read(DerTag::Integer)) << der;
+        EXPECT_FALSE(reader.atEnd()) << "no step forward: " << der;
+    }
+}
+
+TEST(DerReaderTest, ModulusOfAStoredPublicKey) {
+    const std::string rsa = "301C300D06092A864886F70D0101010500";
+    for (const std::string& der :
+         {toHex(publicKeyToDer("41", "010001")), toHex(publicKeyToDer("000041", "010001")),
+          rsa + "030B0030080201410203010001", std::string("30080201410203010001")}) {
+        const Bytes publicKey = fromHex(der);
+        EXPECT_EQ(toHex(rsaModulusOf(publicKey)), "41") << der;
+    }
+    for (const std::string& key : {
+             std::string("C1C2C3"),                 // a bare modulus
+             std::string("3082C1C2"),               // one that begins as DER does
+             std::string(""),                       // nothing
+             std::string("3008020141020301000100"), // something behind it
+             std::string("300A02014102030100010500"),
+             std::string("3003020141"),           // no exponent
+             std::string("30080201C10203010001"), // a negative modulus
+             std::string("30080201000203010001"), // zero
+             std::string("301C300D06092A864886F70D0101020500030B0030080201410203010001"), // not RSA
+             rsa + "030B0130080201410203010001",                                          // unused bits
+             std::string("3011300D06092A864886F70D01010105000300"),                       // no bits
+         }) {
+        const Bytes publicKey = fromHex(key);
+        EXPECT_EQ(toHex(rsaModulusOf(publicKey)), key);
+    }
+}
+
+} // namespace
+} // namespace veltra::test

@@ -1,0 +1,233 @@
+#include "support/blob_bytes.h"
+#include "support/ksp_test.h"
+
+#include "foundation/text.h"
+
+#include <climits>
+
+namespace veltra::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+const std::string kRsa = "BCRYPT_RSAPUBLIC_BLOB ", kEcc = "BCRYPT_ECCPUBLIC_BLOB ";
+const std::string kLegacy = "LEGACY_RSAPUBLIC_BLOB ", kData = "BCRYPT_KEY_DATA_BLOB ";
+const std::string kNoMaterial = "data too small for key material";
+
+Bytes rsaBlob(DWORD bits, DWORD exponentLength, DWORD modulusLength, const Bytes& rest) {
+    return joined({dwords({0x31415352, bits, exponentLength, modulusLength, 7, 7}), rest});
+}
+
+Bytes legacyBlob(DWORD bits, std::size_t modulusLength, DWORD magic = 0x31415352) {
+    return joined({dwords({0x0206, 0xA400, magic, bits, 0x010203}), counting(modulusLength)});
+}
+
+Bytes keyDataBlob(DWORD keyLength, const Bytes& key) {
+    return joined({dwords({0x4D42444B, 9, keyLength}), key});
+}
+
+class KspKeyImportTest : public KspTest {
+protected:
+    KspKeyImportTest() : provider(openProvider()), importKey(addKey(token.addKeyPair(0x11))) {
+        storePinOfToken();
+    }
+
+    StatusAnswer import(const std::string& type, const Bytes& blob, NCRYPT_KEY_HANDLE key = 0) {
+        Bytes exact(blob); // with nothing behind it, so that the sanitizer sees every byte too many
+        exact.reserve(1);
+        const auto size = static_cast<DWORD>(blob.size());
+        NCRYPT_KEY_HANDLE imported = 0;
+        library.clearCalls();
+        const StatusAnswer answer = call([&] {
+            return KSPImportKey(provider, key, wideText(type).data(), nullptr, &imported, exact.data(), size,
+                                0);
+        });
+        record = LiveRecords<KSP_KEY>::take(imported);
+        EXPECT_EQ(record != nullptr, answer == succeeded()) << "a refused import makes no key";
+        return answer;
+    }
+    void expectPublicKey(const std::string& type, const Bytes& blob, const std::array<std::uint32_t, 3>& kind,
+                         const Bytes& key, const std::string& line) {
+        ASSERT_EQ(import(type, joined({blob, {0xEE}})), succeeded()) << "bytes behind the key are ignored";
+        EXPECT_EQ((std::array{record->keyType, record->keyUsage, record->bitLength}), kind);
+        EXPECT_EQ(toHex(record->publicKeyBytes()), toHex(key));
+        EXPECT_TRUE(record->persisted && !record->isSymmetric());
+        EXPECT_EQ(debugLines.back(), line);
+    }
+    /// Imports an AES key, which goes to the token and stays in the key object.
+    void expectAesKey(const std::string& type, const Bytes& blob, std::size_t length,
+                      const std::vector<std::string>& lines) {
+        ASSERT_EQ(import(type, blob, importKey), succeeded());
+        const unsigned code = length == 16 ? 8 : 10;
+        const Bytes last = {static_cast<BYTE>(length - 1), static_cast<BYTE>(length)};
+        EXPECT_EQ(library.calls().back(),
+                  concat("veltra_importAesKey(serial=", serial, ", pin=1234, key=0102..", toHex(last), "(",
+                         length, "), type=", code, ")"));
+        EXPECT_EQ(toHex(record->symmetricKeyBytes()), toHex(counting(length, 1)));
+        EXPECT_EQ((std::array{record->keyType, record->keyUsage, record->credentialIdLength}),
+                  (std::array{code, 3u, 0u}));
+        EXPECT_TRUE(record->persisted);
+        EXPECT_EQ(record->bitLength, length * 8);
+        EXPECT_EQ(std::vector(debugLines.begin() + 1, debugLines.end()), lines);
+    }
+
+    const NCRYPT_PROV_HANDLE provider;
+    const NCRYPT_KEY_HANDLE importKey;
+    std::shared_ptr<KSP_KEY> record; ///< what the last import made
+};
+
+TEST_F(KspKeyImportTest, ArgumentsInOrder) {
+    NCRYPT_KEY_HANDLE key = 0;
+    BYTE data = 0;
+    const auto type = wideText("RSAPUBLICBLOB");
+    const auto ask = [&](NCRYPT_PROV_HANDLE handle, LPCWSTR name, BYTE* bytes, NCRYPT_KEY_HANDLE* out,
+                         DWORD length = 1) {
+        return call([&] { return KSPImportKey(handle, 0, name, nullptr, out, bytes, length, 0); });
+    };
+    EXPECT_EQ(ask(importKey, nullptr, nullptr, nullptr),
+              failed(NTE_INVALID_HANDLE, {"KSPImportKey: provider handle is null or not initialized"}));
+    const StatusAnswer invalid = failed(NTE_INVALID_PARAMETER, {"KSPImportKey: invalid parameters"});
+    EXPECT_EQ(ask(provider, nullptr, &data, &key), invalid);
+    EXPECT_EQ(ask(provider, type.data(), nullptr, &key), invalid);
+    EXPECT_EQ(ask(provider, type.data(), &data, nullptr), invalid);
+    EXPECT_EQ(ask(provider, type.data(), &data, &key, INT_MAX + 1u).status, NTE_INVALID_PARAMETER);
+}
+
+TEST_F(KspKeyImportTest, RsaKeysLoseTheirExponentAndLegacyOnesClaimAnIdentifier) {
+    for (const auto& [bits, type] : {std::pair{1024u, 1u}, {2048u, 2u}, {3072u, 3u}, {4096u, 4u}}) {
+        const Bytes modulus = counting(bits / 8);
+        for (const char* name : {"RSAPUBLICBLOB", "PUBLICBLOB"}) {
+            expectPublicKey(name, rsaBlob(bits, 3, bits / 8, joined({{3, 2, 1}, modulus})), {type, 0, bits},
+                            modulus, concat("KSP: RSA public key imported, bits=", bits));
+            EXPECT_EQ(record->credentialIdLength, 0u);
+        }
+        expectPublicKey("CAPIPUBLICBLOB", legacyBlob(bits, bits / 8), {type, 0, bits},
+                        Bytes(modulus.rbegin(), modulus.rend()),
+                        "KSP: Legacy RSA public key imported successfully");
+        EXPECT_EQ(debugLines[1], "KSP: Public exponent : 010203");
+        EXPECT_EQ(record->credentialIdLength, 16u);
+    }
+    EXPECT_EQ(import("PUBLICBLOB", rsaBlob(2048, 0, 1024, Bytes(1024))), succeeded()) << "fits";
+}
+
+TEST_F(KspKeyImportTest, EcKeysNeedNotFitTheirCurve) {
+    struct Row {
+        DWORD magic, keyLength;
+        std::array<std::uint32_t, 3> kind;
+    };
+    for (const Row& row : {Row{0x314B4345, 32, {5, 2, 256}},
+                           {0x31534345, 32, {5, 1, 256}},
+                           {0x334B4345, 48, {6, 2, 384}},
+                           {0x33534345, 48, {6, 1, 384}},
+                           {0x354B4345, 66, {7, 2, 521}},
+                           {0x35534345, 66, {7, 1, 521}},
+                           {0x31534345, 48, {5, 1, 256}},
+                           {0x31534345, 511, {5, 1, 256}}}) {
+        const Bytes point = counting(2 * row.keyLength, 1);
+        expectPublicKey("ECCPUBLICBLOB", joined({dwords({row.magic, row.keyLength}), point}), row.kind,
+                        joined({{4}, point}),
+                        concat("KSPImportKey: ECC public key imported, cbKey=", row.keyLength));
+        EXPECT_EQ(record->credentialIdLength, 0u) << "no key of the token";
+    }
+}
+
+TEST_F(KspKeyImportTest, AesKeysAreStoredAndHeld) {
+    token.addAesKey(0xC1, kKeyTypeAes128);
+    token.addAesKey(0xC2, kKeyTypeAes192Or256);
+    liveKspKey(importKey)->recordFlag = true;
+    for (const std::size_t length : {16u, 24u, 32u, 20u}) {
+        const Bytes key = counting(length, 1);
+        expectAesKey("OpaqueKeyBlob", ScriptedDeviceLibrary::maskOf(joined({{0xC2}, key})), length,
+                     {concat("KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = ", length + 1),
+                      "KSP: Successfully unwrapped key with KEK: C2C2C2C2C2C2C2C2C2C2C2C2C2C2C2C2",
+                      "KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully"});
+        if (length == 20) continue; // only wrapped keys may have any length
+        expectAesKey("KeyDataBlob", keyDataBlob(static_cast<DWORD>(length), joined({key, {0xEE}})), length,
+                     {"KSP: BCRYPT_KEY_DATA_BLOB imported successfully (AES)"});
+        for (const char* name : {"OpaqueTransport", "PKCS8_PRIVATEKEY", "a type that nobody knows"}) {
+            expectAesKey(name, joined({{0}, ScriptedDeviceLibrary::maskOf(key)}), length,
+                         {"KSP: Input key id : 11111111111111111111111111111111",
+                          "KSP: Encrypted key imported successfully"});
+            EXPECT_THAT(library.calls()[0],
+                        testing::MatchesRegex(".*, key=1111..1111, pin=1234, in=005B.*, flag=1.*"));
+        }
+    }
+}
+
+TEST_F(KspKeyImportTest, BadBlobs) {
+    struct Row {
+        const char* type;
+        Bytes blob;
+        std::string reason;
+    };
+    for (const Row& row : {
+             Row{"PUBLICBLOB", Bytes(23), kRsa + "data too small"},
+             {"RSAPUBLICBLOB", Bytes(24), kRsa + "invalid magic"},
+             {"RSAPUBLICBLOB", rsaBlob(2048, 3, 256, Bytes(258)), kRsa + kNoMaterial},
+             {"RSAPUBLICBLOB", rsaBlob(2048, 0xFFFFFFF0, 0x10, {}), kRsa + kNoMaterial},
+             {"RSAPUBLICBLOB", rsaBlob(2048, 0xFFFFFFE8, 0, {}), kRsa + kNoMaterial},
+             {"RSAPUBLICBLOB", rsaBlob(2048, 3, 1025, Bytes(1028)), kRsa + "modulus too long"},
+             {"ECCPUBLICBLOB", Bytes(7), kEcc + "too small"},
+             {"ECCPUBLICBLOB", joined({dwords({0x31534345, 32}), Bytes(63)}), kEcc + kNoMaterial},
+             {"ECCPUBLICBLOB", dwords({0x31534345, 0x80000000}), kEcc + kNoMaterial},
+             {"ECCPUBLICBLOB", joined({dwords({0x31534345, 512}), Bytes(1024)}), kEcc + "point too long"},
+             {"ECCPUBLICBLOB", joined({dwords({0x32534345, 32}), Bytes(64)}), "unknown ECC blob magic"},
+             {"CAPIPUBLICBLOB", Bytes(19), kLegacy + "data too small for header"},
+             {"CAPIPUBLICBLOB", legacyBlob(1024, 128, 1), kLegacy + "invalid magic"},
+             {"CAPIPUBLICBLOB", legacyBlob(1024, 127), kLegacy + "data too small for modulus"},
+             {"CAPIPUBLICBLOB", legacyBlob(0xFFFFFFFF, 127), kLegacy + "data too small for modulus"},
+             {"KeyDataBlob", Bytes(11), kData + "data too small for header"},
+             {"KeyDataBlob", Bytes(12), kData + "invalid magic"},
+             {"KeyDataBlob", keyDataBlob(17, Bytes(16)), kData + kNoMaterial},
+             {"KeyDataBlob", keyDataBlob(0xFFFFFFF4, Bytes(16)), kData + kNoMaterial},
+         }) {
+        EXPECT_EQ(import(row.type, row.blob), failed(NTE_BAD_DATA, {"KSPImportKey: " + row.reason}));
+        EXPECT_THAT(library.calls(), IsEmpty());
+    }
+}
+
+TEST_F(KspKeyImportTest, UnsupportedTypesAndSizes) {
+    const auto unsupported = [](const std::string& text) { return failed(NTE_NOT_SUPPORTED, {text}); };
+    for (const char* name : {"", "rsapublicblob", "RSAPUBLICBLO", "RSAPRIVATEBLOB"})
+        EXPECT_EQ(import(name, {1}, provider), unsupported("KSP: Unsupported blob type for import"));
+    for (const DWORD bits : {0u, 1025u, 1536u, 16384u}) {
+        EXPECT_EQ(import("PUBLICBLOB", rsaBlob(bits, 3, 1024, Bytes(1027))),
+                  unsupported(concat("KSP: Unsupported RSA key size: ", bits)));
+        EXPECT_EQ(import("CAPIPUBLICBLOB", legacyBlob(bits, 2048)),
+                  unsupported("KSP: Unsupported RSA key size"));
+    }
+    for (const DWORD length : {0u, 20u, 33u, 64u}) {
+        EXPECT_EQ(import("KeyDataBlob", keyDataBlob(length, Bytes(64))),
+                  unsupported(concat("KSP: Unsupported key size for BCRYPT_KEY_DATA_BLOB: ", length)));
+        EXPECT_EQ(import("?", joined({{0}, Bytes(length, 1)}), importKey),
+                  unsupported(concat("KSP: Unsupported decrypted key length: ", length)));
+    }
+}
+
+TEST_F(KspKeyImportTest, WhatTheTokenRefuses) {
+    token.addAesKey(0xC2, kKeyTypeAes128);
+    const auto wrapped = [](std::size_t length) {
+        return ScriptedDeviceLibrary::maskOf(joined({{0xC2}, Bytes(length)}));
+    };
+    for (const std::size_t length : {0u, 33u}) {
+        EXPECT_EQ(import("OpaqueKeyBlob", wrapped(length)).status, NTE_BAD_DATA);
+        EXPECT_THAT(library.calls("veltra_importAesKey"), IsEmpty());
+    }
+    EXPECT_EQ(import("OpaqueKeyBlob", Bytes(17)),
+              failed(NTE_BAD_KEY, {"KSP: Failed to unwrap BCRYPT_OPAQUE_KEY_BLOB with any available KEK"}));
+    for (const char* name : {"OpaqueTransport", "PKCS8_PRIVATEKEY"}) {
+        EXPECT_EQ(import(name, Bytes(17), provider),
+                  failed(NTE_BAD_KEY, {"KSP: Encrypted key import requires import key handle"}));
+    }
+    EXPECT_EQ(import("?", {1, 2}, importKey), failed(NTE_BAD_DATA, {"KSP: Encrypted key decryption failed"}));
+    library.script("veltra_importAesKey", {.result = 3});
+    EXPECT_EQ(import("OpaqueKeyBlob", wrapped(16)),
+              failed(NTE_BAD_TYPE, {"KSP: Import of unwrapped AES key failed"}));
+    const StatusAnswer notStored = failed(NTE_BAD_TYPE, {"KSP: BCRYPT_KEY_DATA_BLOB import failed"});
+    EXPECT_EQ(import("KeyDataBlob", keyDataBlob(16, Bytes(16))), notStored);
+    EXPECT_EQ(import("?", joined({{0}, Bytes(16, 1)}), importKey), notStored);
+}
+
+} // namespace
+} // namespace veltra::test

@@ -1,0 +1,279 @@
+#include "support/ksp_test.h"
+
+#include "foundation/text.h"
+#include "foundation/wide_text.h"
+#include "ksp/ksp_provider.h"
+
+#include <algorithm>
+
+namespace veltra::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+const SECURITY_STATUS kNoKey = static_cast<SECURITY_STATUS>(0x8009000D);
+const SECURITY_STATUS kNoMoreItems = static_cast<SECURITY_STATUS>(0x8009002A);
+const std::string kOnes(32, '1');
+const std::string kTwos(32, '2');
+
+class KspKeyTest : public KspTest {
+protected:
+    KspKeyTest() : provider(openProvider()) { library.clearCalls(); }
+    ~KspKeyTest() override { KSPFreeKey(provider, key); }
+
+    static std::vector<WCHAR> wide(const std::string& ascii) {
+        std::vector<WCHAR> text(ascii.size() + 1);
+        writeWide(ascii, text.data());
+        return text;
+    }
+    StatusAnswer open(const std::string& name, DWORD keySpec = 0, NCRYPT_PROV_HANDLE from = 0) {
+        KSPFreeKey(provider, std::exchange(key, 0));
+        return call([&] { return KSPOpenKey(from ? from : provider, &key, wide(name).data(), keySpec, 0); });
+    }
+    StatusAnswer create(const std::string& algorithm, DWORD keySpec = 0) {
+        KSPFreeKey(provider, std::exchange(key, 0));
+        return call([&] {
+            return KSPCreatePersistedKey(provider, &key, wide(algorithm).data(), L"name", keySpec, 0);
+        });
+    }
+    StatusAnswer finalize() {
+        return call([&] { return KSPFinalizeKey(provider, key, 0); });
+    }
+    StatusAnswer remove(NCRYPT_KEY_HANDLE handle) {
+        return call([&] { return KSPDeleteKey(provider, handle, 0); });
+    }
+    StatusAnswer enumerate() {
+        return call([&] { return KSPEnumKeys(provider, nullptr, &item, &state, 0); });
+    }
+    std::string list(const std::string& of) const { return "veltra_getKeyPairList(serial=" + of + ")"; }
+
+    const NCRYPT_PROV_HANDLE provider;
+    NCRYPT_KEY_HANDLE key = 0;
+    NCryptKeyName* item = nullptr;
+    PVOID state = nullptr;
+};
+
+TEST_F(KspKeyTest, ArgumentsAreCheckedInOrderAndDeadHandlesAreNull) {
+    struct Row {
+        const char *entryPoint, *error;
+        SECURITY_STATUS (*run)(NCRYPT_PROV_HANDLE, NCRYPT_KEY_HANDLE, ULONG_PTR* some);
+    };
+    const Row kRows[] = {
+        {"KSPOpenKey", "phKey is null", [](auto p, auto, auto) { return KSPOpenKey(p, 0, L"", 9, 0); }},
+        {"KSPCreatePersistedKey", "phKey or pszAlgId is null",
+         [](auto p, auto, auto) { return KSPCreatePersistedKey(p, 0, L"RSA", 0, 0, 0); }},
+        {"KSPCreatePersistedKey", "phKey or pszAlgId is null",
+         [](auto p, auto, auto some) { return KSPCreatePersistedKey(p, some, 0, 0, 0, 0); }},
+        {"KSPEnumKeys", "ppKeyName or ppEnumState is null",
+         [](auto p, auto, auto some) { return KSPEnumKeys(p, 0, 0, reinterpret_cast<PVOID*>(some), 0); }},
+        {"KSPFinalizeKey", "key handle is null",
+         [](auto p, auto k, auto) { return KSPFinalizeKey(p, k, 0); }},
+        {"KSPDeleteKey", "key handle is null", [](auto p, auto k, auto) { return KSPDeleteKey(p, k, 0); }},
+        {"KSPGetKeyProperty", "key handle is null",
+         [](auto p, auto k, auto) { return KSPGetKeyProperty(p, k, 0, 0, 0, 0, 0); }},
+        {"KSPSetKeyProperty", "key handle is null",
+         [](auto p, auto k, auto) { return KSPSetKeyProperty(p, k, 0, 0, 0, 0); }},
+    };
+    const NCRYPT_KEY_HANDLE live = addKey(VeltraKeyPair{});
+    ULONG_PTR some = 0;
+    for (const Row& row : kRows) {
+        const std::string start = concat(row.entryPoint, ": ");
+        const bool isHandle = std::string_view(row.error).starts_with("key handle");
+        for (const ULONG_PTR dead : {ULONG_PTR{0}, ULONG_PTR{16}, live})
+            EXPECT_EQ(call([&] { return row.run(dead, 0, &some); }),
+                      failed(NTE_INVALID_HANDLE, {start + "provider handle is null or not initialized"}));
+        for (const ULONG_PTR dead : {ULONG_PTR{0}, ULONG_PTR{16}, provider})
+            EXPECT_EQ(call([&] { return row.run(provider, dead, &some); }),
+                      failed(isHandle ? NTE_INVALID_HANDLE : NTE_INVALID_PARAMETER, {start + row.error}));
+    }
+    for (const NCRYPT_KEY_HANDLE any : {NCRYPT_KEY_HANDLE{0}, provider, live})
+        EXPECT_EQ(call([&] { return KSPFreeKey(0, any); }), succeeded());
+    EXPECT_EQ(liveKspKey(live), nullptr);
+    EXPECT_THAT(library.calls(), IsEmpty());
+}
+
+TEST_F(KspKeyTest, OpenedKeyIsTheTokensRecord) {
+    token.addKeyPair(0x22);
+    VeltraKeyPair& pair = token.addKeyPair(0x11, kKeyTypeRsa3072, kUsageBoth);
+    std::ranges::fill(pair.label, 'L'); // nothing in it ends it
+    pair.flag = 0x100;
+    token.addKeyPair(0x33);
+    EXPECT_EQ(open(kOnes, AT_SIGNATURE), succeeded());
+    EXPECT_THAT(debugLines,
+                ElementsAre("KSPOpenKey", "KSP: Opening key: " + kOnes, "KSP: Available key: " + kTwos,
+                            "KSP: Available key: " + kOnes, "KSP: Key match found, proceeding...",
+                            "KSP: Key opened, algorithm=3 bits=3072"));
+    const auto opened = liveKspKey(key);
+    ASSERT_NE(opened, nullptr);
+    EXPECT_EQ(keyNameOf(opened->credentialId.data()), kOnes);
+    EXPECT_EQ(opened->credentialIdLength, 16u);
+    EXPECT_EQ(opened->publicKeyLength, 384u);
+    EXPECT_EQ(opened->label, std::string(128, 'L'));
+    EXPECT_TRUE(opened->recordFlag && opened->persisted);
+    EXPECT_EQ(opened->keyName, kOnes);
+}
+
+TEST_F(KspKeyTest, NamesMatchExactlyAndKeySpecificationsByUsage) {
+    EXPECT_EQ(open(kOnes), failed(kNoKey, {"KSP: No keys found on token"}));
+    for (const std::uint32_t usage : {1u, 2u, 3u})
+        token.addKeyPair(static_cast<unsigned char>(0xA0 + usage), kKeyTypeRsa2048, usage);
+    library.clearCalls();
+    EXPECT_EQ(open(""), failed(kNoKey, {"KSP: Input key not found on token: "}));
+    EXPECT_THAT(library.calls(), ElementsAre(list(serial))) << "nothing is searched for";
+    for (const char* wrong : {"a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1", "A1A1A1A1A1A1A1A1A1A1A1A1A1A1A1A10",
+                              "A1A1A1A1A1A1A1A1A1A1A1A1A1A1A1A"}) {
+        EXPECT_EQ(open(wrong), failed(kNoKey, {concat("KSP: Input key not found on token: ", wrong)}));
+    }
+    for (const VeltraKeyPair& pair : token.keyPairs) {
+        for (const DWORD keySpec : {0u, 1u, 2u, 3u, 0xFFFFFFFFu}) {
+            const bool serves = keySpec <= 1 || (keySpec == 2 && pair.usage != 2);
+            const std::string id = keyNameOf(pair.keyId);
+            const std::string line =
+                concat("KSP: encrypt-only key cannot serve AT_SIGNATURE, dwLegacyKeySpec=", keySpec,
+                       " keyUsage=", pair.usage);
+            EXPECT_EQ(open(id, keySpec),
+                      serves ? succeeded() : failed(kNoKey, {line, "KSP: Key not found: " + id}));
+            EXPECT_EQ(key != 0, serves);
+        }
+    }
+}
+
+TEST_F(KspKeyTest, KeyOfAnotherTokenRebindsTheProvider) {
+    const std::string other = freshName("Token");
+    library.addToken(other).addKeyPair(0x22);
+    EXPECT_EQ(open(kTwos), succeeded());
+    EXPECT_THAT(debugLines, testing::Contains("KSP: Resolved key to device: " + other));
+    EXPECT_THAT(library.calls("veltra_getKeyPairList"), ElementsAre(list(serial), list(other), list(other)));
+    EXPECT_EQ(open("none"), failed(kNoKey, {"KSP: Input key not found on token: none"}));
+    EXPECT_EQ(liveProvider(provider)->serial(), other) << "a name that no token has changes nothing";
+
+    library.setConnected(serial, false);
+    library.setConnected(other, false);
+    const NCRYPT_PROV_HANDLE unbound = openProvider();
+    EXPECT_EQ(open(kTwos, 0, unbound), failed(kNoKey, {"KSP: No keys found on token"}));
+    library.setConnected(serial, true);
+    library.setConnected(other, true);
+    EXPECT_EQ(open(kTwos, 0, unbound), succeeded()) << "once a token is there";
+
+    const std::string unread = "KSP: Key list of " + serial + " cannot be read";
+    library.script("veltra_getKeyPairList", {.throws = true, .onCall = 1});
+    EXPECT_EQ(open(kTwos), failed(0, {unread})) << "it hides no key of another token";
+    library.script("veltra_getKeyPairList", {.throws = true});
+    EXPECT_EQ(open(kTwos),
+              failed(NTE_INTERNAL_ERROR, {unread, "KSP: Key list of " + other + " cannot be read",
+                                          "KSPOpenKey: unexpected exception"}));
+}
+
+TEST_F(KspKeyTest, KindsOfNewKeysAndWhatTheTokenMakesOfThem) {
+    struct Row {
+        const char* algorithm;
+        DWORD keySpec, length; // length 0: not set
+        std::uint32_t createdType, createdBits, type, usage, bits;
+    };
+    storePinOfToken();
+    for (const Row& row :
+         {Row{"RSA", 0, 0, 0, 0, 2, 1, 2048}, Row{"RSA", AT_KEYEXCHANGE, 3072, 0, 0, 3, 2, 3072},
+          Row{"RSA", AT_SIGNATURE, 4096, 0, 0, 4, 1, 4096},
+          // An odd size is reported as it was set and becomes 2048 bits on the token: deliberate.
+          Row{"RSA", 7, 8192, 0, 0, 2, 1, 8192}, Row{"RSA", 0, 512, 0, 0, 2, 1, 512},
+          Row{"ECDSA_P256", AT_KEYEXCHANGE, 0, 5, 256, 5, 1, 256},
+          Row{"ECDSA_P384", 0, 1024, 6, 384, 6, 1, 384}, Row{"ECDSA_P521", 0, 0, 7, 521, 7, 1, 521},
+          Row{"ECDH_P256", 0, 0, 5, 256, 5, 2, 256}, Row{"ECDH_P384", 0, 0, 6, 384, 6, 2, 384},
+          Row{"ECDH_P521", AT_SIGNATURE, 0, 7, 521, 7, 2, 521}}) {
+        SCOPED_TRACE(row.algorithm);
+        EXPECT_EQ(create(row.algorithm, row.keySpec), succeeded());
+        EXPECT_EQ(debugLines.back(), "KSP: Key object created, waiting for FinalizeKey");
+        const auto made = liveKspKey(key);
+        ASSERT_NE(made, nullptr);
+        EXPECT_EQ(made->keyName, "name");
+        EXPECT_EQ(made->keyType, row.createdType);
+        EXPECT_EQ(made->bitLength, row.createdBits);
+        if (row.length != 0) made->bitLength = row.length;
+
+        library.clearCalls();
+        EXPECT_EQ(finalize(), succeeded());
+        EXPECT_THAT(debugLines, testing::IsSupersetOf({concat("KSP: FinalizeKey - generating key, algorithm=",
+                                                              row.type, " bitSize=", row.bits),
+                                                       std::string("KSP: Key finalized successfully")}));
+        EXPECT_EQ(finalize(), succeeded()) << "a second time leaves the token alone";
+        EXPECT_THAT(library.calls(),
+                    ElementsAre(concat("veltra_generateKeyPair(serial=", serial,
+                                       ", pin=1234, type=", row.type, ", usage=", row.usage, ", label='')")));
+        EXPECT_EQ(keyNameOf(made->credentialId.data()), keyNameOf(token.keyPairs.back().keyId));
+        EXPECT_EQ(made->credentialIdLength, 16u);
+        EXPECT_EQ(made->publicKeyLength, token.keyPairs.back().publicKeyLength);
+        EXPECT_EQ(made->label, "label");
+        EXPECT_EQ(made->keyType, row.type);
+        EXPECT_EQ(made->bitLength, row.bits);
+    }
+    for (const char* unknown : {"AES", "rsa", "ECDSA", ""})
+        EXPECT_EQ(create(unknown),
+                  failed(NTE_NOT_SUPPORTED, {"KSP: Unsupported algorithm for key generation"}));
+}
+
+TEST_F(KspKeyTest, RefusedGenerationLeavesTheKeyToBeFinalisedAgain) {
+    create("RSA");
+    const auto made = liveKspKey(key);
+    made->bitLength = 1024;
+    EXPECT_EQ(finalize(), failed(NTE_FAIL, {"KSPFinalizeKey: password validation failed"}));
+    storePinOfToken();
+    library.clearCalls();
+    EXPECT_EQ(finalize(), failed(NTE_NOT_SUPPORTED,
+                                 {"KSPFinalizeKey: RSA-1024 key generation not allowed \xE2\x80\x94 key size "
+                                  "below 112-bit security strength"}));
+    EXPECT_THAT(library.calls(), ElementsAre("veltra_getTokenInfo(serial=" + serial + ")"));
+    made->bitLength = 0;
+    library.script("veltra_generateKeyPair", {.result = 23, .onCall = 1});
+    EXPECT_EQ(finalize(), failed(NTE_INTERNAL_ERROR, {"KSP: Key generation failed: 23"}));
+    EXPECT_EQ(made->bitLength, 0u);
+    EXPECT_EQ(finalize(), succeeded());
+    made->persisted = false;
+    made->keyType = 8;
+    EXPECT_EQ(finalize(), failed(NTE_NOT_SUPPORTED, {"KSPFinalizeKey: unsupported ECC algorithm=8"}));
+}
+
+TEST_F(KspKeyTest, DeletionHandsTheRecordsFlagBackAndKeepsTheObject) {
+    const NCRYPT_KEY_HANDLE first = addKey(token.addKeyPair(0x11));
+    token.addKeyPair(0x22).flag = 1;
+    EXPECT_EQ(remove(first), failed(NTE_FAIL, {"KSPDeleteKey: password validation failed"}));
+    storePinOfToken();
+    EXPECT_EQ(remove(first), succeeded());
+    EXPECT_EQ(debugLines.back(), "KSP: Key deleted successfully");
+    EXPECT_EQ(remove(first), failed(NTE_INTERNAL_ERROR, {"KSP: Delete key failed: 72"}));
+    EXPECT_EQ(remove(addKey(token.keyPairs[0])), succeeded());
+    const std::string start = "veltra_deleteKeyPair(serial=" + serial + ", key=";
+    EXPECT_THAT(library.calls("veltra_deleteKeyPair"),
+                ElementsAre(start + "1111..1111, pin=1234, flag=0)", start + "1111..1111, pin=1234, flag=0)",
+                            start + "2222..2222, pin=1234, flag=1)"));
+}
+
+TEST_F(KspKeyTest, EnumerationWalksASnapshotOfTheTokensKeys) {
+    const StatusAnswer end = failed(kNoMoreItems, {"KSP: No more keys to enumerate"});
+    EXPECT_EQ(enumerate(), end);
+    EXPECT_EQ(state, nullptr) << "there is nothing to free";
+    token.addKeyPair(0x11);
+    token.addKeyPair(0x22, kKeyTypeEcP521, kUsageEncrypt);
+    library.clearCalls();
+    for (const auto& [id, algorithm] : {std::pair{kOnes, "RSA"}, {kTwos, "ECDH_P521"}}) {
+        ASSERT_EQ(enumerate(), succeeded());
+        EXPECT_EQ(debugLines.back(), "KSP: Enumerated key: " + id);
+        EXPECT_EQ(fromWide(item->pszName), id);
+        EXPECT_EQ(fromWide(item->pszAlgid), algorithm);
+        EXPECT_EQ(item->dwLegacyKeySpec, DWORD{AT_KEYEXCHANGE}) << "for every key: deliberate";
+        EXPECT_EQ(item->dwFlags, 0u);
+        EXPECT_EQ(KSPFreeBuffer(item), 0);
+        token.addKeyPair(0x33);
+    }
+    EXPECT_EQ(enumerate(), end);
+    EXPECT_THAT(library.calls(), ElementsAre(list(serial)));
+    KSPFreeBuffer(state);
+    for (const PVOID foreign : {state, static_cast<PVOID>(&state)}) {
+        state = foreign;
+        EXPECT_EQ(enumerate(),
+                  failed(NTE_INVALID_PARAMETER, {"KSPEnumKeys: enum state is not one of this provider"}));
+    }
+}
+
+} // namespace
+} // namespace veltra::test

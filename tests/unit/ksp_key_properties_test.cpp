@@ -1,0 +1,209 @@
+#include "support/ksp_test.h"
+
+#include "foundation/text.h"
+#include "foundation/wide_text.h"
+#include "ksp/ksp_provider.h"
+#include "token/device_state.h"
+#include "token/process_iv.h"
+
+namespace veltra::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+/// `ascii` as wide text with a terminating zero.
+Bytes wide(const std::string& ascii) {
+    Bytes bytes(wideSize(ascii));
+    writeWide(ascii, bytes.data());
+    return bytes;
+}
+
+Bytes dword(std::uint64_t value, std::size_t length = 4) {
+    Bytes bytes;
+    for (; bytes.size() < length; value >>= 8)
+        bytes.push_back(static_cast<unsigned char>(value));
+    return bytes;
+}
+
+const Bytes kCbc = wide("ChainingModeCBC");
+const Bytes kEcb = wide("ChainingModeECB");
+
+class KspKeyPropertyTest : public KspTest {
+protected:
+    KspKeyPropertyTest() : provider(openProvider()), key(addKey(token.addKeyPair(0x11))) {
+        library.clearCalls();
+    }
+
+    StatusAnswer get(const std::string& property, BYTE* out, DWORD capacity) {
+        const Bytes name = wide(property);
+        return call([&] {
+            return KSPGetKeyProperty(provider, key, reinterpret_cast<LPCWSTR>(name.data()), out, capacity,
+                                     &size, 0);
+        });
+    }
+    /// The value of a property, after its size was asked for and one byte less was offered.
+    Bytes valueOf(const std::string& property) {
+        EXPECT_EQ(get(property, nullptr, 0), succeeded());
+        Bytes value(size, 0xEE);
+        EXPECT_EQ(get(property, value.data(), size - 1), failed(NTE_BUFFER_TOO_SMALL, {}));
+        EXPECT_EQ(value, Bytes(size, 0xEE));
+        EXPECT_EQ(get(property, value.data(), size), succeeded());
+        return value;
+    }
+    StatusAnswer set(const std::string& property, const BYTE* input, DWORD length) {
+        const Bytes name = wide(property);
+        return call([&] {
+            return KSPSetKeyProperty(provider, key, reinterpret_cast<LPCWSTR>(name.data()),
+                                     const_cast<PBYTE>(input), length, 0);
+        });
+    }
+    StatusAnswer set(const std::string& property, const Bytes& input) {
+        return set(property, input.data(), static_cast<DWORD>(input.size()));
+    }
+
+    const NCRYPT_PROV_HANDLE provider;
+    NCRYPT_KEY_HANDLE key;
+    DWORD size = 0;
+};
+
+TEST_F(KspKeyPropertyTest, ValuesByTypeAndUsage) {
+    struct Row {
+        std::uint32_t type, usage;
+        const char *algorithm, *group;
+        DWORD bits, flags;
+    };
+    const Bytes id = wide(std::string(32, '2'));
+    Bytes lengths = dword(1024 | std::uint64_t{4096} << 32, 8);
+    std::ranges::copy(dword(1024 | std::uint64_t{2048} << 32, 8), std::back_inserter(lengths));
+    for (const Row& row : {Row{1, 2, "RSA", "RSA", 1024, 1}, Row{4, 3, "RSA", "RSA", 4096, 3},
+                           Row{5, 1, "ECDSA_P256", "ECDSA", 256, 2}, Row{6, 3, "ECDSA_P384", "ECDSA", 384, 3},
+                           Row{7, 0, "ECDSA_P521", "ECDSA", 521, 0}, Row{5, 2, "ECDH_P256", "ECDH", 256, 1},
+                           Row{6, 2, "ECDH_P384", "ECDH", 384, 1}, Row{7, 2, "ECDH_P521", "ECDH", 521, 1}}) {
+        key = addKey(token.addKeyPair(0x22, row.type, row.usage));
+        for (const auto& [name, value] : {std::pair{"Name", id},
+                                          {"Algorithm Name", wide(row.algorithm)},
+                                          {"Algorithm Group", wide(row.group)},
+                                          {"Length", dword(row.bits)},
+                                          {"Lengths", lengths}, // for EC keys too: deliberate
+                                          {"Key Usage", dword(row.flags)},
+                                          {"Export Policy", dword(1)},
+                                          {"Block Length", dword(row.bits / 8)},
+                                          {"Key Type", dword(0)},
+                                          {"Unique Name", id},
+                                          {"Provider Handle", dword(provider, sizeof provider)},
+                                          {"ChainingMode", kCbc}}) {
+            EXPECT_EQ(valueOf(name), value) << name;
+            EXPECT_EQ(debugLines.back(), concat("KSP: GetKeyProperty: ", name));
+        }
+    }
+    EXPECT_EQ(get("Security Descr", nullptr, 0),
+              failed(NTE_NOT_SUPPORTED, {"KSPGetKeyProperty: NCRYPT_SECURITY_DESCR_PROPERTY not supported"}));
+    for (const char* name : {"PublicKeyLength", "UI Policy", "CLR IsEphemeral", "length", ""})
+        EXPECT_EQ(get(name, nullptr, 0),
+                  failed(NTE_NOT_SUPPORTED, {"KSPGetKeyProperty: unsupported property"}));
+    EXPECT_EQ(call([&] { return KSPGetKeyProperty(provider, key, L"Length", nullptr, 0, nullptr, 0); }),
+              failed(NTE_INVALID_PARAMETER, {"KSPGetKeyProperty: pszProperty or pcbResult is null"}));
+    EXPECT_EQ(call([&] { return KSPSetKeyProperty(provider, key, nullptr, nullptr, 0, 0); }),
+              failed(NTE_INVALID_PARAMETER, {"KSPSetKeyProperty: pszProperty is null"}));
+    EXPECT_EQ(set("Name", id), failed(NTE_NOT_SUPPORTED, {"KSPSetKeyProperty: unsupported property"}));
+}
+
+TEST_F(KspKeyPropertyTest, WhatIsSetIsAnsweredAndWhatIsMissingOrShortIsIgnored) {
+    struct Row {
+        const char* property;
+        Bytes input, expected;
+        const char* line;
+    };
+    for (const Row& row :
+         {Row{"Length", dword(8192), dword(8192), "KSP: Key length set to 8192"},
+          Row{"Length", {1, 2, 3}, dword(8192), ""}, Row{"Key Usage", dword(1), dword(1), ""},
+          Row{"Key Usage", dword(0xFFFFFFFC), dword(1), ""}, Row{"Key Usage", dword(7), dword(3), ""},
+          Row{"Key Usage", {2, 0, 0}, dword(3), ""}, Row{"Key Usage", dword(2), dword(2), ""},
+          Row{"ChainingMode", kEcb, kEcb, "KSP: Chaining mode set to ECB"}, Row{"ChainingMode", {}, kEcb, ""},
+          // Not terminated, and in the middle of a character.
+          Row{"ChainingMode", {kCbc.begin(), kCbc.end() - 1}, kCbc, "KSP: Chaining mode set to CBC"}}) {
+        EXPECT_EQ(set(row.property, row.input), succeeded());
+        EXPECT_THAT(debugLines.back(), testing::StartsWith(row.line));
+        EXPECT_EQ(set(row.property, nullptr, 4), succeeded());
+        EXPECT_EQ(valueOf(row.property), row.expected) << row.property;
+    }
+    for (const Bytes& other : {wide("chainingmodeecb"), wide("ChainingModeECBx"), wide(""), Bytes{'C'}})
+        EXPECT_EQ(set("ChainingMode", other), failed(NTE_NOT_SUPPORTED, {"KSP: Unsupported chaining mode"}));
+    for (const char* property : {"ChainingMode", "IV"})
+        EXPECT_EQ(set(property, kEcb.data(), 0x80000000),
+                  failed(NTE_INVALID_PARAMETER,
+                         {concat("KSPSetKeyProperty: ", property, " cbInput is too large")}));
+    EXPECT_EQ(valueOf("ChainingMode"), kCbc);
+}
+
+// One for the whole process, and half a block for keys of 24 bytes: deliberate.
+TEST_F(KspKeyPropertyTest, IvBelongsToTheProcessAndItsSizeToTheKey) {
+    for (const auto& [keyLength, ivLength, expected] : {std::tuple{16u, 16u, 16u},
+                                                        {16, 8, 16},
+                                                        {24, 8, 8},
+                                                        {24, 16, 8},
+                                                        {32, 16, 16},
+                                                        {32, 17, 16},
+                                                        {0, 5, 5}}) {
+        key = addSymmetricKey(std::string(keyLength, 'k'));
+        const Bytes iv(ivLength, 1);
+        if (ivLength == expected) {
+            EXPECT_EQ(set("IV", iv), succeeded());
+            EXPECT_EQ(debugLines.back(), concat("KSP: IV set, size: ", ivLength));
+            EXPECT_EQ(processIv(), iv);
+        } else {
+            const std::string line = concat("KSP: IV size mismatch: got ", ivLength, ", expected ", expected);
+            EXPECT_EQ(set("IV", iv), failed(NTE_INVALID_PARAMETER, {line}));
+        }
+    }
+    for (const auto& [input, length] :
+         {std::pair{static_cast<const BYTE*>(nullptr), 16u}, {kCbc.data(), 0u}}) {
+        setProcessIv(kCbc);
+        EXPECT_EQ(set("IV", input, length), succeeded());
+        EXPECT_EQ(debugLines.back(), "KSP: IV cleared");
+        EXPECT_THAT(processIv(), IsEmpty());
+    }
+}
+
+TEST_F(KspKeyPropertyTest, PinAndWindowBelongToTheProvider) {
+    EXPECT_EQ(set("SmartCardPin", nullptr, 5),
+              failed(NTE_INVALID_PARAMETER, {"KSPSetKeyProperty: NCRYPT_PIN_PROPERTY pbInput is null"}));
+    EXPECT_EQ(set("SmartCardPin", reinterpret_cast<const BYTE*>("1234"), 0), succeeded());
+    EXPECT_STREQ(getPin(serial).c_str(), "1234");
+    EXPECT_EQ(set("HWND Handle", dword(0x1234, sizeof(HWND))), succeeded());
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(liveProvider(provider)->parentWindow.load()), 0x1234u);
+}
+
+TEST_F(KspKeyPropertyTest, CertificateIsStoredForTheKeyAndReadFromTheTokenAgain) {
+    const std::string property = "SmartCardKeyCertificate";
+    const std::string start = "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY ";
+    const Bytes der = ScriptedDeviceLibrary::fakeCertificate("leaf", "CN=none", "CN=leaf");
+    EXPECT_EQ(get(property, nullptr, 0), failed(NTE_NOT_FOUND, {"KSP: Certificate not found for key"}));
+    EXPECT_THAT(library.calls(),
+                ElementsAre("veltra_initDevice(serial=" + serial + ", reread=1)",
+                            "veltra_findCertificateForKey(serial=" + serial + ", key=1111..1111)"));
+    const StatusAnswer empty = failed(NTE_INVALID_PARAMETER, {start + "pbInput is null or empty"});
+    EXPECT_EQ(set(property, nullptr, 9), empty);
+    EXPECT_EQ(set(property, der.data(), 0), empty);
+    EXPECT_EQ(set(property, der.data(), 3073),
+              failed(NTE_INVALID_PARAMETER, {start + "cbInput is too large"}));
+    EXPECT_THAT(prompt.seen(), IsEmpty());
+    EXPECT_EQ(set(property, der),
+              failed(NTE_FAIL, {"KSPSetKeyProperty: password validation failed for certificate import"}));
+    storePinOfToken();
+    library.script("veltra_importCertificate", {.result = 8, .onCall = 1});
+    EXPECT_EQ(set(property, der),
+              failed(NTE_INTERNAL_ERROR, {"importCertificateWithChain: leaf import failed ret=8",
+                                          "KSP: Import certificate failed: 8"}));
+    EXPECT_EQ(set(property, der), succeeded());
+    EXPECT_EQ(debugLines.back(), "KSP: Certificate stored successfully");
+    ASSERT_EQ(token.certificates.size(), 1u);
+    const VeltraCertificate& stored = token.certificates[0];
+    EXPECT_EQ(Bytes(stored.credentialId, stored.credentialId + stored.credentialIdLength), Bytes{0x11});
+    EXPECT_STREQ(stored.label, "label");
+    EXPECT_EQ(valueOf(property), der);
+}
+
+} // namespace
+} // namespace veltra::test

@@ -1,0 +1,373 @@
+#include "support/ksp_test.h"
+
+#include "foundation/text.h"
+#include "foundation/wide_text.h"
+#include "ksp/firmware_version.h"
+#include "ksp/ksp_provider.h"
+#include "token/device_state.h"
+
+#include <algorithm>
+
+namespace veltra::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// The statuses by number, as applications compare them.
+constexpr auto kNoMemory = static_cast<SECURITY_STATUS>(0x8009000E);
+constexpr auto kFail = static_cast<SECURITY_STATUS>(0x80090020);
+constexpr auto kInvalidHandle = static_cast<SECURITY_STATUS>(0x80090026);
+constexpr auto kInvalidParameter = static_cast<SECURITY_STATUS>(0x80090027);
+constexpr auto kBufferTooSmall = static_cast<SECURITY_STATUS>(0x80090028);
+constexpr auto kNotSupported = static_cast<SECURITY_STATUS>(0x80090029);
+constexpr auto kInternalError = static_cast<SECURITY_STATUS>(0x8009002D);
+constexpr auto kValidationFailed = static_cast<SECURITY_STATUS>(0x80090032);
+
+class KspProviderTest : public KspTest {
+protected:
+    StatusAnswer open(NCRYPT_PROV_HANDLE* handle) {
+        return call([&] { return KSPOpenProvider(handle, nullptr, 0xFFFFFFFF); });
+    }
+    StatusAnswer get(LPCWSTR name, BYTE* out, DWORD capacity) {
+        return call([&] { return KSPGetProviderProperty(provider, name, out, capacity, &size, 0xFFFFFFFF); });
+    }
+    StatusAnswer set(LPCWSTR name, const void* value, DWORD length) {
+        return call([&] {
+            return KSPSetProviderProperty(provider, name, static_cast<PBYTE>(const_cast<void*>(value)),
+                                          length, 0xFFFFFFFF);
+        });
+    }
+    StatusAnswer promptUser() {
+        return call([&] { return KSPPromptUser(provider, 0, nullptr, 0); });
+    }
+    std::vector<std::string> validationOf(const std::string& pin) const {
+        return {"veltra_validatePassword(serial=" + serial + ", pin=" + pin + ", mode=1, remaining=0)"};
+    }
+
+    NCRYPT_PROV_HANDLE provider = openProvider();
+    DWORD size = 0;
+};
+
+const std::string kInit = "veltra_init(mode=0, kind=2)";
+const std::string kMonitorRuns = "Monitor thread already running, not starting again."; // the fixture's
+const std::string kList = "veltra_getConnectedDeviceList(refresh=0)";
+
+std::string initCall(const std::string& serial) {
+    return "veltra_initDevice(serial=" + serial + ", reread=0)";
+}
+
+TEST_F(KspProviderTest, OpeningBindsToTheFirstTokenAndInitialisesWhatIsNotYet) {
+    const std::string second = freshName("Token");
+    const std::string third = freshName("Token");
+    library.addToken(second);
+    library.addToken(third);
+    token.info.firmwareVersion = "2.1.7";
+    library.script("veltra_initDevice", {.result = 17, .onCall = 1});
+    const std::string info = "veltra_getTokenInfo(serial=" + serial + ")";
+    library.clearCalls();
+    NCRYPT_PROV_HANDLE handle = 0;
+    EXPECT_EQ(open(&handle), failed(0, {"KSP: Init device failed for " + second + " : 17"}));
+    EXPECT_THAT(library.calls(),
+                ElementsAre(kInit, kList, info, kInit, initCall(second), kInit, initCall(third)))
+        << "the first token was initialised by the fixture's provider";
+    EXPECT_THAT(debugLines, ElementsAre("KSPOpenProvider", kMonitorRuns, "KSP: Provider firmware=2.1.7",
+                                        "KSP: Provider opened successfully"));
+    EXPECT_FALSE(isInitialised(second));
+    EXPECT_TRUE(isInitialised(third));
+    ASSERT_NE(liveProvider(handle), nullptr);
+    EXPECT_EQ(liveProvider(handle)->serial(), serial);
+    EXPECT_EQ(liveProvider(handle)->firmwareVersion, "2.1.7");
+    EXPECT_EQ(KSPFreeProvider(handle), 0);
+
+    library.clearCalls();
+    EXPECT_EQ(open(&handle), succeeded());
+    EXPECT_THAT(library.calls(), ElementsAre(kInit, kList, info, kInit, initCall(second)));
+    EXPECT_EQ(KSPFreeProvider(handle), 0);
+}
+
+TEST_F(KspProviderTest, ProviderOpenedWithoutATokenStaysUnbound) {
+    library.setConnected(serial, false);
+    library.clearCalls();
+    ASSERT_EQ(open(&provider), succeeded());
+    EXPECT_THAT(library.calls(), ElementsAre(kInit, kList));
+    EXPECT_THAT(debugLines, ElementsAre("KSPOpenProvider", kMonitorRuns,
+                                        "KSP: No token connected, opening provider without device"));
+    library.setConnected(serial, true);
+    EXPECT_EQ(get(L"Name", nullptr, 0), succeeded());
+    EXPECT_EQ(size, 68u);
+    EXPECT_EQ(set(L"SmartCardPin", "1234", 5).status, kValidationFailed);
+    EXPECT_THAT(library.calls("veltra_validatePassword"),
+                ElementsAre("veltra_validatePassword(serial=, pin=1234, mode=1, remaining=0)"));
+    EXPECT_EQ(KSPFreeProvider(provider), 0);
+}
+
+TEST_F(KspProviderTest, OpeningThatFailsHandsOutNothing) {
+    EXPECT_EQ(open(nullptr), failed(kInvalidParameter, {"KSPOpenProvider: phProvider is null"}));
+    NCRYPT_PROV_HANDLE handle = 77;
+    library.script("veltra_getConnectedDeviceList", {.throws = true});
+    EXPECT_EQ(open(&handle), failed(kInternalError, {"KSPOpenProvider: unexpected exception"}));
+    library.clearScripts();
+    library.script("veltra_init", {.outOfMemory = true});
+    EXPECT_EQ(open(&handle), failed(kNoMemory, {"KSPOpenProvider: out of memory"}));
+    EXPECT_THAT(debugLines, ElementsAre("KSPOpenProvider")) << "the monitor is not started without a library";
+    EXPECT_EQ(handle, 77u);
+}
+
+TEST_F(KspProviderTest, WhatIsNoLiveProviderIsRefusedBeforeTheArguments) {
+    const NCRYPT_PROV_HANDLE freed = provider;
+    ASSERT_EQ(call([&] { return KSPFreeProvider(freed); }), succeeded());
+    const NCRYPT_KEY_HANDLE key = addSymmetricKey("0123456789abcdef");
+    for (const NCRYPT_PROV_HANDLE handle :
+         {NCRYPT_PROV_HANDLE{0}, NCRYPT_PROV_HANDLE{1}, freed, NCRYPT_PROV_HANDLE{key}}) {
+        SCOPED_TRACE(handle);
+        const std::string reason = ": provider handle is null or not initialized";
+        const auto refused = [&](const std::string& entryPoint) {
+            return failed(kInvalidHandle, {entryPoint + reason});
+        };
+        EXPECT_EQ(call([&] { return KSPFreeProvider(handle); }),
+                  failed(kInvalidHandle, {"KSPFreeProvider: provider handle is null"}));
+        EXPECT_EQ(call([&] { return KSPGetProviderProperty(handle, nullptr, nullptr, 0, nullptr, 0); }),
+                  refused("KSPGetProviderProperty"));
+        EXPECT_EQ(call([&] { return KSPSetProviderProperty(handle, nullptr, nullptr, 0, 0); }),
+                  refused("KSPSetProviderProperty"));
+        EXPECT_EQ(call([&] { return KSPEnumAlgorithms(handle, 0, nullptr, nullptr, 0); }),
+                  refused("KSPEnumAlgorithms"));
+        EXPECT_EQ(call([&] { return KSPPromptUser(handle, 0, nullptr, 0); }), refused("KSPPromptUser"));
+    }
+    EXPECT_THAT(prompt.seen(), IsEmpty());
+}
+
+std::string wideBytes(const std::string& ascii) {
+    std::string bytes(wideSize(ascii), '\0');
+    writeWide(ascii, bytes.data());
+    return bytes;
+}
+
+TEST_F(KspProviderTest, PropertiesFollowTheSizeProtocol) {
+    const std::string maxAndVersion("\0\1\0\0", 4); // the same number twice: deliberate
+    const std::pair<LPCWSTR, std::string> kRows[] = {
+        {L"Name", wideBytes("Veltra Cryptographic Provider CSP")},
+        {L"Impl Type", std::string("\x09\0\0\0", 4)},
+        {L"Version", maxAndVersion},
+        {L"Algorithm Name", wideBytes("RSA")},
+        {L"Max Name Length", maxAndVersion},
+        {L"Security Descr Support", std::string(4, '\0')},
+    };
+    for (const auto& [name, value] : kRows) {
+        SCOPED_TRACE(fromWide(name));
+        const auto full = static_cast<DWORD>(value.size());
+        EXPECT_EQ(get(name, nullptr, 0), succeeded());
+        EXPECT_EQ(std::exchange(size, 0), full);
+        EXPECT_EQ(get(name, nullptr, full - 1), succeeded());
+        EXPECT_EQ(std::exchange(size, 0), full);
+        std::string out(value.size(), 'x');
+        auto* buffer = reinterpret_cast<BYTE*>(out.data());
+        EXPECT_EQ(get(name, buffer, full - 1), failed(kBufferTooSmall, {}));
+        EXPECT_EQ(std::exchange(size, 0), full);
+        EXPECT_EQ(out, std::string(value.size(), 'x'));
+        EXPECT_EQ(get(name, buffer, full), succeeded());
+        EXPECT_EQ(std::exchange(size, 0), full);
+        EXPECT_EQ(out, value);
+    }
+    BYTE large[32] = {};
+    EXPECT_EQ(get(L"Algorithm Name", large, sizeof large), succeeded());
+    EXPECT_EQ(size, 8u);
+}
+
+TEST_F(KspProviderTest, PropertiesThatAreNotAnswered) {
+    size = 77;
+    EXPECT_EQ(get(L"Use Count", nullptr, 0),
+              failed(kNotSupported, {"KSPGetProviderProperty: NCRYPT_USE_COUNT_PROPERTY not supported"}));
+    for (const LPCWSTR name : {L"name", L"Name ", L"Nam", L"", L"SmartCardPin", L"UI Policy"}) {
+        EXPECT_EQ(get(name, nullptr, 0),
+                  failed(kNotSupported, {"KSPGetProviderProperty: unsupported property"}));
+        if (std::string_view("SmartCardPin") == fromWide(name)) continue;
+        EXPECT_EQ(set(name, "", 0), failed(kNotSupported, {"KSPSetProviderProperty: unsupported property"}));
+    }
+    EXPECT_EQ(size, 77u);
+    const auto nothing =
+        failed(kInvalidParameter, {"KSPGetProviderProperty: pszProperty or pcbResult is null"});
+    EXPECT_EQ(get(nullptr, nullptr, 0), nothing);
+    EXPECT_EQ(call([&] { return KSPGetProviderProperty(provider, L"Name", nullptr, 0, nullptr, 0); }),
+              nothing);
+    EXPECT_EQ(set(nullptr, "", 0),
+              failed(kInvalidParameter, {"KSPSetProviderProperty: pszProperty is null"}));
+}
+
+TEST_F(KspProviderTest, WindowHandleIsTakenFromEightBytesAndClearedByLess) {
+    const BYTE unaligned[10] = {0xEE, 1, 2, 3, 4, 5, 6, 7, 8, 0xEE};
+    const auto window = [&] {
+        return reinterpret_cast<std::uintptr_t>(liveProvider(provider)->parentWindow.load());
+    };
+    const std::pair<const void*, DWORD> kClearing[] = {{unaligned, 7}, {nullptr, 8}};
+    for (const auto& [value, length] : kClearing) {
+        EXPECT_EQ(set(L"HWND Handle", unaligned + 1, 9), succeeded());
+        EXPECT_EQ(window(), 0x0807060504030201u);
+        EXPECT_EQ(set(L"HWND Handle", value, length), succeeded());
+        EXPECT_EQ(window(), 0u);
+    }
+}
+
+TEST_F(KspProviderTest, AcceptedPinIsStoredAndOutlivesTheProvider) {
+    EXPECT_EQ(set(L"SmartCardPin", "1234", 1), succeeded()) << "the stated length is ignored";
+    EXPECT_THAT(debugLines, ElementsAre("KSPSetProviderProperty", "KSP: Setting PIN via property"));
+    EXPECT_EQ(library.calls("veltra_validatePassword"), validationOf("1234"));
+    EXPECT_EQ(KSPFreeProvider(provider), 0);
+    EXPECT_EQ(getPin(serial).view(), "1234");
+    EXPECT_TRUE(isPinValidated(serial));
+    provider = openProvider();
+    EXPECT_EQ(promptUser(), succeeded());
+    EXPECT_THAT(prompt.seen(), IsEmpty());
+}
+
+TEST_F(KspProviderTest, RefusedPinIsNotStored) {
+    EXPECT_EQ(set(L"SmartCardPin", nullptr, 4),
+              failed(kInvalidParameter, {"KSPSetProviderProperty: NCRYPT_PIN_PROPERTY pbInput is null"}));
+    library.script("veltra_validatePassword", {.result = 48});
+    EXPECT_EQ(set(L"SmartCardPin", "1234", 4), failed(kValidationFailed, {"KSP: PIN validation failed: 48"}));
+    EXPECT_FALSE(isPinValidated(serial));
+    EXPECT_EQ(getPin(serial).view(), "");
+}
+
+TEST_F(KspProviderTest, WidePinReadsAsItsFirstCharacterAndAnUnterminatedOneEndsAt255Bytes) {
+    EXPECT_EQ(set(L"SmartCardPin", L"1234", 10).status, kValidationFailed);
+    EXPECT_EQ(library.calls("veltra_validatePassword"), validationOf("1"));
+    library.clearCalls();
+    const std::vector<char> unterminated(255, '7');
+    EXPECT_EQ(set(L"SmartCardPin", unterminated.data(), 255).status, kValidationFailed);
+    EXPECT_EQ(library.calls("veltra_validatePassword"), validationOf(std::string(255, '7')));
+    library.clearCalls();
+    EXPECT_EQ(set(L"SmartCardPin", std::string(300, '7').c_str(), 300).status, kValidationFailed);
+    EXPECT_EQ(library.calls("veltra_validatePassword"), validationOf(std::string(255, '7')));
+}
+
+TEST_F(KspProviderTest, LoggedInTokenIsNotAskedForAndKeepsAnEmptyPin) {
+    token.logIn();
+    const std::vector<std::string> lines = {"KSPPromptUser", "KSP: Password not validated, checking SSO"};
+    for (int i = 0; i < 2; ++i) {
+        library.clearCalls();
+        EXPECT_EQ(promptUser(), succeeded());
+        EXPECT_EQ(debugLines, lines) << "an empty PIN is not usable: the session is tested again";
+        EXPECT_THAT(library.calls(), ElementsAre("veltra_getTokenInfo(serial=" + serial + ")"));
+        EXPECT_TRUE(isPinValidated(serial));
+        EXPECT_EQ(getPin(serial).view(), "");
+    }
+    EXPECT_THAT(prompt.seen(), IsEmpty());
+}
+
+TEST_F(KspProviderTest, WhatThePromptedUserSees) {
+    struct Row {
+        std::vector<std::string> typed;
+        int firstCode;
+        std::vector<std::string> seen;
+        bool accepted;
+        bool cancelled;
+    };
+    const std::string kindly = "System time mismatch, Kindly login to Token Manager"; // not misspelt here
+    const std::string wrong = "Invalid user pin. Remaining attempts(2)";
+    const Row kRows[] = {
+        {{"0", "1234"}, 0, {"ask", wrong, "ask"}, true, false},
+        {{"0"}, 0, {"ask", wrong, "ask"}, false, true},
+        {{"1234", "1234"}, 48, {"ask", kindly}, false, false},
+    };
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.seen[1]);
+        const std::string serialOfRow = freshName("Token");
+        library.addToken(serialOfRow);
+        liveProvider(provider)->bindTo(serialOfRow);
+        library.clearScripts();
+        if (row.firstCode != 0)
+            library.script("veltra_validatePassword", {.result = row.firstCode, .onCall = 1});
+        ScriptedPinPrompt user;
+        user.willType(row.typed);
+        setPinPrompt(&user);
+        EXPECT_EQ(promptUser(),
+                  row.accepted ? succeeded() : failed(kFail, {"KSPPromptUser: password validation failed"}));
+        EXPECT_EQ(std::ranges::count(debugLines, "KSP: User cancelled password dialog"), row.cancelled);
+        EXPECT_EQ(user.seen(), row.seen);
+        EXPECT_EQ(getPin(serialOfRow).view(), row.accepted ? "1234" : "");
+        if (!row.accepted) continue;
+        EXPECT_EQ(promptUser(), succeeded());
+        EXPECT_THAT(debugLines, ElementsAre("KSPPromptUser", "KSP: PIN already validated"));
+        EXPECT_EQ(user.seen(), row.seen) << "not asked again";
+    }
+}
+
+TEST_F(KspProviderTest, SupportedAlgorithmsLeaveOutWhatKeysCanStillUse) {
+    const auto isSupported = [&](LPCWSTR name) {
+        return call([&] { return KSPIsAlgSupported(0, name, 0xFFFFFFFF); });
+    };
+    for (const LPCWSTR name : {L"RSA", L"ECDSA_P256", L"ECDSA_P384", L"ECDSA_P521", L"SHA224", L"SHA256",
+                               L"SHA1", L"SHA384", L"SHA512"})
+        EXPECT_EQ(isSupported(name), succeeded()) << fromWide(name);
+    for (const LPCWSTR name :
+         {L"AES", L"ECDH_P256", L"ECDH_P384", L"ECDH_P521", L"rsa", L"RSA ", L"", L"MD5"})
+        EXPECT_EQ(isSupported(name), failed(kNotSupported, {"KSPIsAlgSupported: algorithm not supported"}));
+    EXPECT_EQ(isSupported(nullptr), failed(kInvalidParameter, {"KSPIsAlgSupported: pszAlgId is null"}));
+}
+
+TEST_F(KspProviderTest, EnumeratedAlgorithmsAreOneBlock) {
+    const std::vector<std::string> kAll = {"RSA 3 20 0",        "ECDSA_P256 5 16 0", "ECDSA_P384 5 16 0",
+                                           "ECDSA_P521 5 16 0", "SHA1 2 2 0",        "SHA224 2 2 0",
+                                           "SHA256 2 2 0",      "SHA384 2 2 0",      "SHA512 2 2 0"};
+    struct Row {
+        DWORD operations;
+        std::size_t first, count;
+    };
+    // Cipher, hash, asymmetric encryption, secret agreement, signature, both of RSA's, hash and signature.
+    for (const Row& row : {Row{0, 0, 9}, Row{1, 0, 0}, Row{2, 4, 5}, Row{4, 0, 1}, Row{8, 0, 0},
+                           Row{0x10, 0, 4}, Row{0x14, 0, 4}, Row{0x12, 0, 9}}) {
+        SCOPED_TRACE(row.operations);
+        DWORD count = 77;
+        NCryptAlgorithmName* list = nullptr;
+        EXPECT_EQ(
+            call([&] { return KSPEnumAlgorithms(provider, row.operations, &count, &list, 0xFFFFFFFF); }),
+            succeeded());
+        EXPECT_THAT(debugLines, ElementsAre("KSPEnumAlgorithms",
+                                            "KSP: Enumerated " + std::to_string(row.count) + " algorithms"));
+        ASSERT_EQ(count, row.count);
+        ASSERT_NE(list, nullptr);
+        for (DWORD i = 0; i < count; ++i) {
+            const NCryptAlgorithmName& entry = list[i];
+            EXPECT_EQ(concat(fromWide(entry.pszName), " ", entry.dwClass, " ", entry.dwAlgOperations, " ",
+                             entry.dwFlags),
+                      kAll[row.first + i]);
+        }
+        EXPECT_EQ(call([&] { return KSPFreeBuffer(list); }), succeeded());
+        EXPECT_EQ(LiveRecords<void>::find(reinterpret_cast<std::uintptr_t>(list)), nullptr);
+        EXPECT_EQ(call([&] { return KSPFreeBuffer(list); }), succeeded()) << "a second release does nothing";
+    }
+    DWORD count = 0;
+    NCryptAlgorithmName* list = nullptr;
+    const auto nothing = failed(kInvalidParameter, {"KSPEnumAlgorithms: pdwAlgCount or ppAlgList is null"});
+    EXPECT_EQ(call([&] { return KSPEnumAlgorithms(provider, 0, nullptr, &list, 0); }), nothing);
+    EXPECT_EQ(call([&] { return KSPEnumAlgorithms(provider, 0, &count, nullptr, 0); }), nothing);
+}
+
+TEST_F(KspProviderTest, BuffersThatWereNotHandedOutAreLeftAlone) {
+    for (void* address :
+         {static_cast<void*>(nullptr), static_cast<void*>(&size), reinterpret_cast<void*>(provider)}) {
+        EXPECT_EQ(call([&] { return KSPFreeBuffer(address); }), succeeded());
+        EXPECT_THAT(debugLines, ElementsAre("KSPFreeBuffer"));
+    }
+    EXPECT_NE(liveProvider(provider), nullptr);
+}
+
+TEST_F(KspProviderTest, NotificationsAreRefusedWhateverTheArguments) {
+    EXPECT_EQ(call([&] { return KSPNotifyChangeKey(0, nullptr, 0); }),
+              failed(kNotSupported, {"KSPNotifyChangeKey: not supported"}));
+    EXPECT_THAT(debugLines, ElementsAre("KSPNotifyChangeKey"));
+}
+
+TEST(FirmwareVersionTest, PartsAreComparedAsNumbers) {
+    for (const char* newer : {"2.0.0", "2", "2.0", "2.0.0.1", "2.0.1", "2.1", "10.0.0", "3.0.0-beta",
+                              "2x.0.0", "18446744073709551617.0.0"})
+        EXPECT_TRUE(isFirmware2OrNewer(newer)) << newer;
+    for (const char* older :
+         {"", "1.9.9", "1.10.0", "x", "v2.0.0", ".2", "1", "-2.0.0", "1.99999999999999999999999"})
+        EXPECT_FALSE(isFirmware2OrNewer(older)) << older;
+}
+
+} // namespace
+} // namespace veltra::test
