@@ -7,8 +7,14 @@
 
 #include <cstddef>
 
+/// BCRYPT_INTERFACE_VERSION, which not every version of the platform's headers has.
+struct KeyStorageInterfaceVersion {
+    USHORT MajorVersion;
+    USHORT MinorVersion;
+};
+
 struct NCRYPT_KEY_STORAGE_FUNCTION_TABLE {
-    BCRYPT_INTERFACE_VERSION Version;
+    KeyStorageInterfaceVersion Version;
     decltype(&KSPOpenProvider) OpenProvider;
     decltype(&KSPOpenKey) OpenKey;
     decltype(&KSPCreatePersistedKey) CreatePersistedKey;
