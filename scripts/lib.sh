@@ -170,11 +170,12 @@ windowsPath() {
 runWindows() { "$veltraRoot/scripts/wine-run" "$@"; }
 
 # runWindowsTypingPin PIN PICTURE PROGRAM ARGUMENTS...: runs a program that shows the provider's password dialog on
-# the display, types the PIN into it and leaves a picture of it in the file PICTURE.
+# the display, types the PIN into it and leaves a picture of it in the file PICTURE. The program is ended after two
+# minutes: a second dialog would have nobody to answer it.
 runWindowsTypingPin() {
-    local pin=$1 picture=$2 window='' program
+    local pin=$1 picture=$2 window='' program status=0
     shift 2
-    exec "$veltraRoot/scripts/wine-run" "$@" &
+    exec timeout 120 "$veltraRoot/scripts/wine-run" "$@" &
     program=$!
     for _ in $(seq 150); do
         window=$(xdotool search --onlyvisible --name '^Verify User Password$' 2>/dev/null | head -n 1 || true)
@@ -191,5 +192,7 @@ runWindowsTypingPin() {
     sleep 0.3
     import -window "$window" "$picture"
     xdotool key Return
-    wait "$program"
+    wait "$program" || status=$?
+    [ "$status" -ne 124 ] || fail "the program did not end in time"
+    return "$status"
 }

@@ -3,6 +3,8 @@
 #include "token/device_state.h"
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 namespace veltra {
 
@@ -10,7 +12,7 @@ namespace {
 
 /// A copy of the library's key list, wiped when it goes out of scope: a library may put key material into it.
 struct CopiedKeys {
-    explicit CopiedKeys(const std::vector<VeltraSymmetricKey>& list) : records(list) {}
+    explicit CopiedKeys(std::vector<VeltraSymmetricKey> list) : records(std::move(list)) {}
     CopiedKeys(const CopiedKeys&) = delete;
     CopiedKeys& operator=(const CopiedKeys&) = delete;
     ~CopiedKeys() { wipe(records.data(), records.size() * sizeof(VeltraSymmetricKey)); }
@@ -43,9 +45,8 @@ int storeAesKey(const std::string& serial, SymmetricKeyRecord& record, void* lib
     const Pin pin = getPin(serial);
     const int code =
         deviceLibrary().veltra_importAesKey(serial.c_str(), pin.c_str(), &record.key, libraryContext);
-    // Only carried: an impossible length does not undo the import.
+    // Only carried: an impossible length does not undo the import. Nobody reads the key's own length.
     if (record.key.credentialIdLength > kCredentialIdCapacity) record.key.credentialIdLength = 0;
-    if (record.key.keyLength > kSymmetricKeyCapacity) record.key.keyLength = 0;
     return code;
 }
 

@@ -27,8 +27,8 @@ struct SymmetricKeyRecord {
     bool setMaterial(std::span<const unsigned char> material);
 };
 
-/// Stores the key on the token with its stored PIN. On success the record is the token's, with lengths that
-/// fit. Returns the library's code.
+/// Stores the key on the token with its stored PIN. On success the record is the token's; the length of its
+/// credential identifier fits, that of its key is not checked. Returns the library's code.
 int storeAesKey(const std::string& serial, SymmetricKeyRecord& record, void* libraryContext);
 
 /// Unwraps `wrapped` with the first AES key of the token that can, in the token's order, into `unwrapped`.

@@ -4,8 +4,10 @@
 #include "foundation/library_buffer.h"
 #include "token/pin.h"
 
+#include <cstdint>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace veltra {
 
@@ -24,7 +26,8 @@ struct TokenKey {
 int signWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned char> hash, bool pss,
                 std::span<unsigned char> signature, std::uint32_t& length);
 
-/// Decrypts with the private key. The padding is the token's choice.
+/// Decrypts with the private key. `flag` is that of the key's record on the token. The padding is the token's
+/// choice.
 int decryptWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned char> ciphertext, bool flag,
                    LibraryBuffer& plaintext);
 

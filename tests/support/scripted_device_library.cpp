@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <numeric>
 #include <new>
+#include <numeric>
 #include <sstream>
 #include <stdexcept>
 
@@ -547,10 +547,10 @@ int ScriptedDeviceLibrary::veltra_decryptSymetric(const char* serial, const unsi
                                                   int ivLength, const unsigned char* key, int keyLength,
                                                   void* ctx) {
     const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_decryptSymetric",
-                                "serial=" + show(serial) + ", in=" + show(in, inLength) +
-                                    ", out=" + show(outLength) + ", iv=" + show(iv, ivLength) +
-                                    ", key=" + show(key, keyLength) + showContext(ctx));
+    const Script script =
+        begin("veltra_decryptSymetric", "serial=" + show(serial) + ", in=" + show(in, inLength) +
+                                            ", out=" + show(outLength) + ", iv=" + show(iv, ivLength) +
+                                            ", key=" + show(key, keyLength) + showContext(ctx));
     if (script.result) return script.result;
     const Bytes plain = aesPlaintext(in, inLength);
     if (plain.size() > static_cast<std::size_t>(*outLength)) return kBufferTooSmall;
@@ -563,9 +563,9 @@ int ScriptedDeviceLibrary::veltra_ecdhDerive(const char* serial, const unsigned 
                                              const unsigned char* peer, int peerLength, unsigned char** out,
                                              int* outLength, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_ecdhDerive", "serial=" + show(serial) + ", key=" + showKeyId(keyId) +
-                                                         ", pin=" + show(pin) + ", peer=" +
-                                                         show(peer, peerLength) + showContext(ctx));
+    const Script script = begin(
+        "veltra_ecdhDerive", "serial=" + show(serial) + ", key=" + showKeyId(keyId) + ", pin=" + show(pin) +
+                                 ", peer=" + show(peer, peerLength) + showContext(ctx));
     if (script.result) return script.result;
     const ScriptedToken* token = find(serial);
     if (!token) return kNoSuchToken;

@@ -54,11 +54,12 @@ struct Script {
 /// The device library's double: tokens in memory, deterministic cryptography that keeps byte orders and the
 /// order of data visible, a record of every call, and any call made to fail as a test asks. Thread-safe.
 ///
-/// Signatures are the bytes 1, 2, 3, ... and so are shared secrets, 32 of them; a verification succeeds exactly for those. Digests come from
-/// fakeDigest. Ciphertexts are the plaintext's bytes changed by maskOf: an RSA ciphertext begins with zeros
-/// and one that does not is refused; AES pads the final piece to whole blocks; a wrapped key begins with a
-/// byte of the wrapping key's identifier. A certificate is what fakeCertificate makes. There is one instance,
-/// because the device monitor's thread may call it at any time: tests reset it.
+/// Signatures are the bytes 1, 2, 3, ... and so are shared secrets, 32 of them; a verification succeeds
+/// exactly for those. Digests come from fakeDigest. Ciphertexts are the plaintext's bytes changed by maskOf:
+/// an RSA ciphertext begins with zeros and one that does not is refused; AES pads the final piece to whole
+/// blocks; a wrapped key begins with a byte of the wrapping key's identifier. A certificate is what
+/// fakeCertificate makes. There is one instance, because the device monitor's thread may call it at any time:
+/// tests reset it.
 class ScriptedDeviceLibrary final : public DeviceLibrary {
 public:
     static ScriptedDeviceLibrary& instance();
