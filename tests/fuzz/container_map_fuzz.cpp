@@ -17,8 +17,8 @@ const std::string kNewKey(32, 'F');
 
 void writeValue(DWORD type, const std::string& data) {
     HKEY opened = nullptr;
-    RegCreateKeyExA(HKEY_CURRENT_USER, R"(SOFTWARE\Veltra\CSP\Containers)", 0, nullptr, 0, KEY_SET_VALUE, nullptr,
-                    &opened, nullptr);
+    RegCreateKeyExA(HKEY_CURRENT_USER, R"(SOFTWARE\Veltra\CSP\Containers)", 0, nullptr, 0, KEY_SET_VALUE,
+                    nullptr, &opened, nullptr);
     const UniqueRegistryKey key(opened);
     RegSetValueExA(key.get(), kContainer, 0, type, reinterpret_cast<const BYTE*>(data.data()),
                    static_cast<DWORD>(data.size()));

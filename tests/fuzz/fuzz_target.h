@@ -20,7 +20,8 @@ struct Target {
     using Run = void (*)(FuzzedDataProvider& input);
     using Seeds = std::vector<Bytes> (*)();
 
-    /// `run` plays one input; `seeds` makes the inputs that the corpus begins with.
+    /// `run` plays one input; `seeds` makes the inputs that the corpus begins with. Bytes and texts are taken
+    /// from the front of an input, numbers from its end.
     Target(std::string_view name, Run run, Seeds seeds);
 
     std::string_view name;
@@ -31,9 +32,17 @@ struct Target {
 /// Ends the program with a message, which libFuzzer takes for a crash, unless `holds`.
 void require(bool holds, const char* what);
 
-/// The device library behind all targets: one token, "Fuzz", with a stored PIN and keys of every kind, whose
-/// identifiers begin with 0x10 + KeyType, and 0xA1 and 0xA2 for AES keys.
+// What every input finds anew: no scripts and no recorded calls, nothing that the provider remembers of the
+// token but its PIN, and a user who cancels every dialog.
+
+/// The device library behind all targets.
 test::ScriptedDeviceLibrary& library();
+
+/// Its one token, "Fuzz", with key pairs of every kind, whose identifiers begin with 0x10 + KeyType, and the
+/// AES keys 0xA1 and 0xA2.
+test::ScriptedToken& token();
+
+test::ScriptedPinPrompt& prompt();
 
 /// Bytes of `parts`, one behind the other: for seeds.
 template <class... Parts>

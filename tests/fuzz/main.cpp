@@ -5,15 +5,18 @@
 #include "fuzz/fuzz_target.h"
 #include "support/sanitizer_stack.h"
 
-#include "token/device_monitor.h"
 #include "token/device_state.h"
+#include "token/process_iv.h"
+#include "token/random_numbers.h"
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
-extern "C" int LLVMFuzzerRunDriver(int* argc, char*** argv, int (*callback)(const std::uint8_t*, std::size_t));
+extern "C" int LLVMFuzzerRunDriver(int* argc, char*** argv,
+                                   int (*callback)(const std::uint8_t*, std::size_t));
 
 namespace veltra::fuzz {
 
@@ -34,27 +37,27 @@ const Target* findTarget(std::string_view name) {
     return nullptr;
 }
 
-test::ScriptedPinPrompt& prompt() {
-    static auto* const instance = new test::ScriptedPinPrompt;
-    return *instance;
-}
+std::optional<test::ScriptedPinPrompt> currentPrompt;
+test::ScriptedToken* currentToken = nullptr;
 
-// One token with everything on it and a user who cancels every dialog.
-void setUp() {
-    setDeviceLibrary(&library());
-    setPinPrompt(&prompt());
-    test::ScriptedToken& added = library().addToken("Fuzz");
+void startInput() {
+    library().reset();
+    currentToken = &library().addToken("Fuzz");
     for (std::uint32_t type = kKeyTypeRsa1024; type <= kKeyTypeEcP521; ++type)
-        added.addKeyPair(static_cast<unsigned char>(0x10 + type), type, kUsageBoth);
-    added.addAesKey(0xA1, kKeyTypeAes128);
-    added.addAesKey(0xA2, kKeyTypeAes192Or256);
-    storePin(added.serial, Pin(added.pin));
+        currentToken->addKeyPair(static_cast<unsigned char>(0x10 + type), type, kUsageBoth);
+    currentToken->addAesKey(0xA1, kKeyTypeAes128);
+    currentToken->addAesKey(0xA2, kKeyTypeAes192Or256);
+    setPinPrompt(&currentPrompt.emplace());
+    forgetDisconnected({});
+    storePin(currentToken->serial, Pin(currentToken->pin));
+    setProcessIv({});
+    setHardwareRandom(true);
 }
 
 int runInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider input(data, size);
+    startInput();
     active->run(input);
-    library().clearCalls();
     return 0;
 }
 
@@ -79,13 +82,11 @@ int runFuzzer(const Target& target, int argc, char** argv) {
     std::signal(SIGABRT, SIG_DFL);
     SetUnhandledExceptionFilter(abortOnCrash);
     test::announceStackToSanitizer();
-    setUp();
+    setDeviceLibrary(&library());
     argv[1] = argv[0];
     --argc;
     ++argv;
-    const int result = LLVMFuzzerRunDriver(&argc, &argv, runInput);
-    stopDeviceMonitor();
-    return result;
+    return LLVMFuzzerRunDriver(&argc, &argv, runInput);
 }
 
 } // namespace
@@ -102,6 +103,14 @@ void require(bool holds, const char* what) {
 
 test::ScriptedDeviceLibrary& library() {
     return test::ScriptedDeviceLibrary::instance();
+}
+
+test::ScriptedToken& token() {
+    return *currentToken;
+}
+
+test::ScriptedPinPrompt& prompt() {
+    return *currentPrompt;
 }
 
 } // namespace veltra::fuzz
