@@ -17,84 +17,51 @@ using Handle = std::uintptr_t;
 
 enum Kind : std::size_t { kContext, kHash, kKey, kProvider, kKspKey, kSecret, kKinds };
 
-constexpr std::array<const char*, 4> kContainers = {"", "fuzz-a", "fuzz-b",
-                                                    "12121212121212121212121212121212"};
-
-constexpr std::array<const char*, 28> kLibraryFunctions = {"veltra_init",
-                                                           "veltra_getConnectedDeviceList",
-                                                           "veltra_initDevice",
-                                                           "veltra_getTokenInfo",
-                                                           "veltra_validatePassword",
-                                                           "veltra_getKeyPairList",
-                                                           "veltra_generateKeyPair",
-                                                           "veltra_deleteKeyPair",
-                                                           "veltra_updateKeyPairDetails",
-                                                           "veltra_getCertificateList",
-                                                           "veltra_findCertificateForKey",
-                                                           "veltra_importCertificate",
-                                                           "veltra_getCertificateDetails",
-                                                           "veltra_getFilesWithExtensionsAndConvertDER",
-                                                           "veltra_getAesKeyList",
-                                                           "veltra_importAesKey",
-                                                           "veltra_signHash",
-                                                           "veltra_verifySignatureHash",
-                                                           "veltra_encrypt",
-                                                           "veltra_decrypt",
-                                                           "veltra_encrypt_aes",
-                                                           "veltra_decrypt_aes",
-                                                           "veltra_decryptSymetric",
-                                                           "veltra_ecdhDerive",
-                                                           "veltra_generateRamdomNumber",
-                                                           "veltra_initHash",
-                                                           "veltra_updateHash",
-                                                           "veltra_finalHash"};
-
-/// Plays one input. Every step of kSteps is one method; what a choice is when the input has ended is the
-/// ordinary one.
-class Player {
-public:
-    explicit Player(FuzzedDataProvider& input) : in_(input) {}
-
-    void play();
-
-private:
-    using Step = void (Player::*)();
-    static const std::array<Step, 63> kSteps;
+/// What one input has opened and not yet closed, and how it chooses. Where the input has ended a choice is
+/// the ordinary one.
+struct World {
+    FuzzedDataProvider& input;
+    std::array<std::vector<Handle>, kKinds> live{};
+    std::vector<Handle> freed{};
+    std::vector<Handle> blocks{}; ///< for KSPFreeBuffer
+    bool usedContainers = false;
 
     // Choices
 
-    bool rarely() { return in_.ConsumeIntegral<BYTE>() >= 0xF8; }
+    bool rarely() { return input.ConsumeIntegral<BYTE>() >= 0xF8; }
 
     DWORD pick(std::initializer_list<DWORD> known) {
-        if (rarely()) return in_.ConsumeIntegral<DWORD>();
-        return *(known.begin() + in_.ConsumeIntegralInRange<std::size_t>(0, known.size() - 1));
+        if (rarely()) return input.ConsumeIntegral<DWORD>();
+        return *(known.begin() + input.ConsumeIntegralInRange<std::size_t>(0, known.size() - 1));
     }
 
     DWORD flags() {
-        return pick({0, CRYPT_SILENT, CRYPT_VERIFYCONTEXT, CRYPT_NEWKEYSET, CRYPT_FIRST, CRYPT_NEXT,
-                     kPadPkcs1Flag, kPadOaepFlag, kPadPssFlag, kPadPkcs1Flag | kPadPssFlag,
-                     kPadPkcs1Flag | kPadOaepFlag, CRYPT_VERIFYCONTEXT | CRYPT_SILENT, 2048U << 16,
-                     1024U << 16, 0xFFFF0000});
+        return pick({0, CRYPT_SILENT, CRYPT_VERIFYCONTEXT, CRYPT_NEXT, kPadPkcs1Flag, kPadOaepFlag,
+                     kPadPssFlag, kPadPkcs1Flag | kPadPssFlag, kPadPkcs1Flag | kPadOaepFlag, 2048U << 16,
+                     1024U << 16});
     }
-
-    Handle handle(Kind kind) {
-        switch (in_.ConsumeIntegralInRange(0, 15)) {
-        case 12:
-            return 0;
-        case 13:
-            return in_.ConsumeIntegral<Handle>();
-        case 14:
-            return oneOf(freed_);
-        case 15:
-            return oneOf(live_[in_.ConsumeIntegralInRange<std::size_t>(0, kKinds - 1)]);
-        default:
-            return oneOf(live_[kind]);
-        }
-    }
+    DWORD hashFlags() { return pick({0, 0, 0, 1}); }
+    DWORD keySpec() { return pick({AT_KEYEXCHANGE, AT_SIGNATURE, 0}); }
+    ALG_ID aesAlgorithm() { return pick({CALG_AES_128, CALG_AES_192, CALG_AES_256, CALG_RC4}); }
 
     Handle oneOf(const std::vector<Handle>& handles) {
         if (handles.empty()) return 0;
-        return handles[handles.size() - 1 - in_.ConsumeIntegralInRange<std::size_t>(0, handles.size() - 1)];
+        return handles[handles.size() - 1 - input.ConsumeIntegralInRange<std::size_t>(0, handles.size() - 1)];
+    }
+
+    Handle any(Kind kind) {
+        switch (input.ConsumeIntegralInRange(0, 15)) {
+        case 12:
+            return 0;
+        case 13:
+            return input.ConsumeIntegral<Handle>();
+        case 14:
+            return oneOf(freed);
+        case 15:
+            return oneOf(live[input.ConsumeIntegralInRange<std::size_t>(0, kKinds - 1)]);
+        default:
+            return oneOf(live[kind]);
+        }
     }
 
     template <class Value>
@@ -102,75 +69,56 @@ private:
         return rarely() ? nullptr : pointer;
     }
 
-    ExactBytes bytes(std::size_t longest = 300) {
-        return ExactBytes(
-            in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, longest)));
+    Bytes bytes(std::size_t longest = 300) {
+        return input.ConsumeBytes<unsigned char>(input.ConsumeIntegralInRange<std::size_t>(0, longest));
     }
 
     ExactBytes buffer() {
-        return ExactBytes(in_.PickValueInArray<std::size_t>({512, 0, 1, 4, 16, 20, 64, 256, 1100, 4096}));
-    }
-
-    ExactText name(std::initializer_list<const char*> known) {
-        const auto index = in_.ConsumeIntegralInRange<std::size_t>(0, known.size());
-        return ExactText(index < known.size() ? *(known.begin() + index) : in_.ConsumeRandomLengthString(40));
+        return ExactBytes(input.PickValueInArray<std::size_t>({512, 0, 1, 4, 16, 20, 64, 256, 1100, 4096}));
     }
 
     /// A length that the device library cannot take, which has to be refused before anything is read.
     DWORD orTooLong(DWORD length) {
-        return rarely() ? in_.PickValueInArray<DWORD>({0x80000000, 0xFFFFFFFF}) : length;
+        return rarely() ? input.PickValueInArray({0x80000000U, 0xFFFFFFFFU}) : length;
     }
 
-    // Handles
+    // Calls
 
     /// Calls what hands out a handle.
     template <class Call>
     void open(Kind kind, Call call) {
         Handle opened = kUntouched;
-        if (call(orNull(&opened))) {
+        const auto entryPoint = [&] { return call(orNull(&opened)); };
+        if (kind < kProvider ? cspCall(entryPoint) : kspCall(entryPoint)) {
             require(opened != kUntouched && opened != 0, "a success hands out a handle");
-            live_[kind].push_back(opened);
+            live[kind].push_back(opened);
         } else {
             require(opened == kUntouched, "a failure leaves the handle alone");
         }
     }
 
-    template <class Call>
-    void openCsp(Kind kind, Call call) {
-        open(kind, [&](Handle* out) { return cspCall([&] { return call(out); }); });
-    }
-
-    template <class Call>
-    void openKsp(Kind kind, Call call) {
-        open(kind, [&](Handle* out) { return kspCall([&] { return call(out); }); });
-    }
-
     /// Forgets a handle that was closed; says whether it was live.
     bool forget(Kind kind, Handle closed) {
-        const auto found = std::ranges::find(live_[kind], closed);
-        if (found == live_[kind].end()) return false;
-        live_[kind].erase(found);
-        freed_.push_back(closed);
+        if (std::erase(live[kind], closed) == 0) return false;
+        freed.push_back(closed);
         return true;
     }
 
     /// Calls what closes a handle and refuses one that is not live.
     template <class Call>
     void close(Kind kind, Call call) {
-        const Handle closed = handle(kind);
-        if (call(closed)) require(forget(kind, closed), "only a live handle is closed");
+        const Handle closed = any(kind);
+        const auto entryPoint = [&] { return call(closed); };
+        if (kind < kProvider ? cspCall(entryPoint) : kspCall(entryPoint))
+            require(forget(kind, closed), "only a live handle is closed");
     }
 
-    // Output
-
-    /// Calls what fills a buffer. What CNG writes fits; CryptoAPI tells of more in two ways.
+    /// Calls what fills a buffer. What CNG writes fits; CryptoAPI tells of more with a success, too.
     template <class Call>
     void fillCsp(Call call) {
         const ExactBytes out = buffer();
         DWORD length = out.size();
-        BYTE* const data = orNull(out.data());
-        DWORD* const lengthOut = orNull(&length);
-        cspCall([&] { return call(data, lengthOut); });
+        cspCall([&] { return call(orNull(out.data()), orNull(&length)); });
     }
 
     template <class Call>
@@ -178,693 +126,473 @@ private:
         const ExactBytes out = buffer();
         DWORD size = kUntouched;
         BYTE* const data = orNull(out.data());
-        DWORD* const sizeOut = orNull(&size);
-        const bool done = kspCall([&] { return call(data, out.size(), sizeOut); });
+        const bool done = kspCall([&] { return call(data, out.size(), orNull(&size)); });
         require(!done || data == nullptr || size <= out.size(), "what is written fits");
     }
-
-    // CryptoAPI
-
-    void acquire();
-    void releaseContext();
-    void generateKey();
-    void getUserKey();
-    void importCspKey();
-    void deriveCspKey();
-    void createHash();
-    void duplicateHash();
-    void destroyHash();
-    void destroyKey();
-    void setCspKeyParameter();
-    void setHashParameter();
-    void setProviderParameter();
-    void hashData();
-    void encryptCsp();
-    void decryptCsp();
-    void verifyCsp();
-    void randomBytes();
-    void hashSessionKey();
-    void getProviderParameter();
-    void getCspKeyParameter();
-    void getHashParameter();
-    void exportCspKey();
-    void signCsp();
-
-    // CNG
-
-    void openProvider();
-    void freeProvider();
-    void openKey();
-    void createKey();
-    void finalizeKey();
-    void deleteKey();
-    void freeKey();
-    void importKspKey();
-    void agree();
-    void freeSecret();
-    void freeBuffer();
-    void setKspKeyProperty();
-    void setKspProviderProperty();
-    void getKspKeyProperty();
-    void getKspProviderProperty();
-    void exportKspKey();
-    void encryptKsp();
-    void decryptKsp();
-    void signKsp();
-    void verifyKsp();
-    void deriveKspKey();
-    void isAlgorithmSupported();
-    void enumerateAlgorithms();
-    void enumerateKeys();
-    void promptUser();
-    void notifyChange();
-
-    // The world around
-
-    void scriptLibrary();
-    void clearScripts() { library().clearScripts(); }
-    void plug() { library().setConnected(token().serial, in_.ConsumeBool()); }
-    void changeRecord();
-    void changeToken();
-    void typePins();
-    void actDuringDialog();
-
-    void closeAll();
-
-    FuzzedDataProvider& in_;
-    std::array<std::vector<Handle>, kKinds> live_;
-    std::vector<Handle> freed_;
-    std::vector<Handle> blocks_;
-    bool usedContainers_ = false;
 };
 
-// CryptoAPI
+using Step = void (*)(World&);
 
-void Player::acquire() {
-    const char* container = in_.PickValueInArray(kContainers);
-    if (*container != '\0') usedContainers_ = true;
-    const DWORD how = in_.ConsumeIntegralInRange(0, 7) == 7 ? CRYPT_DELETEKEYSET | flags() : flags();
+constexpr const char* kContainers[] = {"", "fuzz-a", "fuzz-b", "12121212121212121212121212121212"};
+
+void acquire(World& w) {
+    const char* container = w.input.PickValueInArray(kContainers);
+    w.usedContainers = w.usedContainers || *container != '\0';
+    const DWORD deletes = w.input.ConsumeIntegralInRange(0, 7) == 7 ? CRYPT_DELETEKEYSET : 0;
+    const DWORD flags = w.flags() | deletes;
     HCRYPTPROV context = kUntouched;
-    HCRYPTPROV* const out = orNull(&context);
-    const bool done =
-        cspCall([&] { return CPAcquireContext(out, orNull(container), how, orNull(anyTable())); });
-    if (done && (how & CRYPT_DELETEKEYSET) == 0) live_[kContext].push_back(context);
-}
-
-void Player::releaseContext() {
-    const DWORD how = pick({0, 0, 0, 1});
-    close(kContext, [&](Handle it) { return cspCall([&] { return CPReleaseContext(it, how); }); });
-}
-
-void Player::generateKey() {
-    const auto context = handle(kContext);
-    const ALG_ID algorithm = pick({AT_SIGNATURE, AT_KEYEXCHANGE, CALG_RSA_SIGN, CALG_RSA_KEYX, CALG_AES_256});
-    const DWORD how = flags();
-    openCsp(kKey, [&](Handle* out) { return CPGenKey(context, algorithm, how, out); });
-}
-
-void Player::getUserKey() {
-    const auto context = handle(kContext);
-    const DWORD specification = pick({AT_KEYEXCHANGE, AT_SIGNATURE, 0});
-    openCsp(kKey, [&](Handle* out) { return CPGetUserKey(context, specification, out); });
-}
-
-void Player::importCspKey() {
-    const auto context = handle(kContext);
-    const auto key = handle(kKey);
-    const DWORD type =
-        pick({PUBLICKEYBLOB, SIMPLEBLOB, PLAINTEXTKEYBLOB, SYMMETRICWRAPKEYBLOB, PRIVATEKEYBLOB});
-    const ALG_ID algorithm = pick({CALG_AES_128, CALG_AES_192, CALG_AES_256, CALG_RSA_KEYX});
-    const Bytes head = bytesOf(BLOBHEADER{.bType = static_cast<BYTE>(type),
-                                          .bVersion = CUR_BLOB_VERSION,
-                                          .reserved = 0,
-                                          .aiKeyAlg = algorithm});
-    const ExactBytes body = bytes();
-    const ExactBytes blob(join(head, std::span(body.data(), body.size())));
-    const DWORD length = orTooLong(blob.size());
-    openCsp(kKey, [&](Handle* out) { return CPImportKey(context, blob.data(), length, key, flags(), out); });
-}
-
-void Player::deriveCspKey() {
-    const auto context = handle(kContext);
-    const auto hash = handle(kHash);
-    const ALG_ID algorithm = pick({CALG_AES_128, CALG_AES_192, CALG_AES_256, CALG_RC4});
-    openCsp(kKey, [&](Handle* out) { return CPDeriveKey(context, algorithm, hash, flags(), out); });
-}
-
-void Player::createHash() {
-    const auto context = handle(kContext);
-    const auto key = handle(kKey);
-    const ALG_ID algorithm = pick({CALG_SHA_256, CALG_HMAC, CALG_SHA_384, CALG_SHA_512, CALG_SHA1, CALG_MD5});
-    const DWORD how = pick({0, 0, 0, 1});
-    openCsp(kHash, [&](Handle* out) { return CPCreateHash(context, algorithm, key, how, out); });
-}
-
-void Player::duplicateHash() {
-    const auto context = handle(kContext);
-    const auto hash = handle(kHash);
-    const DWORD how = pick({0, 0, 0, 1});
-    openCsp(kHash, [&](Handle* out) { return CPDuplicateHash(context, hash, nullptr, how, out); });
-}
-
-void Player::destroyHash() {
-    const auto context = handle(kContext);
-    close(kHash, [&](Handle it) { return cspCall([&] { return CPDestroyHash(context, it); }); });
-}
-
-void Player::destroyKey() {
-    const auto context = handle(kContext);
-    close(kKey, [&](Handle it) { return cspCall([&] { return CPDestroyKey(context, it); }); });
-}
-
-void Player::setCspKeyParameter() {
-    const auto context = handle(kContext);
-    const auto key = handle(kKey);
-    const DWORD parameter = pick({KP_IV, KP_MODE, KP_PADDING, KP_PERMISSIONS, KP_CERTIFICATE});
-    const Bytes value = in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 300));
-    Bytes fixed = value;
-    fixed.resize(16);
-    const ExactBytes argument =
-        parameter == KP_CERTIFICATE ? asCertificateArgument(value) : ExactBytes(fixed);
-    BYTE* const data = orNull(argument.data());
-    cspCall([&] { return CPSetKeyParam(context, key, parameter, data, 0); });
-}
-
-// A value of at most 64 bytes, whichever hash it is.
-void Player::setHashParameter() {
-    const auto context = handle(kContext);
-    const auto hash = handle(kHash);
-    const DWORD parameter = pick({HP_HMAC_INFO, HP_HASHVAL, HP_ALGID});
-    const HMAC_INFO info{.HashAlgid = pick({CALG_SHA_256, CALG_SHA_384, CALG_SHA_512, CALG_SHA1, CALG_MD5}),
-                         .pbInnerString = nullptr,
-                         .cbInnerString = 0,
-                         .pbOuterString = nullptr,
-                         .cbOuterString = 0};
-    const ExactBytes value = parameter == HP_HMAC_INFO ? ExactBytes(bytesOf(info)) : ExactBytes(64);
-    BYTE* const data = orNull(value.data());
-    const DWORD how = pick({0, 0, 0, 1});
-    cspCall([&] { return CPSetHashParam(context, hash, parameter, data, how); });
-}
-
-void Player::setProviderParameter() {
-    const auto context = handle(kContext);
-    const DWORD parameter = pick({PP_SIGNATURE_PIN, PP_KEYEXCHANGE_PIN, PP_USE_HARDWARE_RNG, PP_CLIENT_HWND});
-    Bytes value = in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 256));
-    value.resize(256);
-    const ExactBytes argument(value);
-    BYTE* const data = orNull(argument.data());
-    cspCall([&] { return CPSetProvParam(context, parameter, data, 0); });
-}
-
-void Player::hashData() {
-    const auto context = handle(kContext);
-    const auto hash = handle(kHash);
-    const ExactBytes data = bytes();
-    BYTE* const start = orNull(data.data());
-    cspCall([&] { return CPHashData(context, hash, start, data.size(), 0); });
-}
-
-void Player::encryptCsp() {
-    const auto context = handle(kContext);
-    const auto key = handle(kKey);
-    const ExactBytes data = buffer();
-    DWORD length = pick({16, 20, 0, 245, data.size()});
-    BYTE* const start = orNull(data.data());
-    cspCall([&] {
-        return CPEncrypt(context, key, 0, in_.ConsumeBool(), pick({0, CRYPT_OAEP}), start, orNull(&length),
-                         data.size());
+    const bool done = cspCall([&] {
+        return CPAcquireContext(w.orNull(&context), w.orNull(container), flags, w.orNull(anyTable()));
     });
+    if (done && (flags & CRYPT_DELETEKEYSET) == 0) w.live[kContext].push_back(context);
 }
 
-void Player::decryptCsp() {
-    const auto context = handle(kContext);
-    const auto key = handle(kKey);
-    const ExactBytes data = bytes();
-    DWORD length = orTooLong(data.size());
-    BYTE* const start = orNull(data.data());
-    cspCall([&] {
-        return CPDecrypt(context, key, 0, in_.ConsumeBool(), pick({CRYPT_OAEP, 0}), start, orNull(&length));
-    });
-}
+// Closing what is not live fails in CryptoAPI and for providers, and is no failure in the rest of CNG.
+constexpr Step kClosingSteps[] = {
+    [](World& w) { w.close(kContext, [&](Handle it) { return CPReleaseContext(it, w.hashFlags()); }); },
+    [](World& w) { w.close(kHash, [&](Handle it) { return CPDestroyHash(w.any(kContext), it); }); },
+    [](World& w) { w.close(kKey, [&](Handle it) { return CPDestroyKey(w.any(kContext), it); }); },
+    [](World& w) { w.close(kProvider, KSPFreeProvider); },
+    [](World& w) {
+        const Handle key = w.any(kKspKey);
+        require(kspCall([&] { return KSPFreeKey(w.any(kProvider), key); }), "freeing a key never fails");
+        w.forget(kKspKey, key);
+    },
+    [](World& w) {
+        const Handle secret = w.any(kSecret);
+        require(kspCall([&] { return KSPFreeSecret(w.any(kProvider), secret); }),
+                "nor does freeing a secret");
+        w.forget(kSecret, secret);
+    },
+    [](World& w) {
+        const Handle block = w.rarely() ? w.any(kKspKey) : w.oneOf(w.blocks);
+        require(kspCall([&] { return KSPFreeBuffer(reinterpret_cast<void*>(block)); }),
+                "nor freeing a block");
+        if (std::erase(w.blocks, block) != 0) w.freed.push_back(block);
+    },
+};
 
-void Player::verifyCsp() {
-    const auto context = handle(kContext);
-    const auto hash = handle(kHash);
-    const auto key = handle(kKey);
-    const ExactBytes signature = bytes();
-    BYTE* const data = orNull(signature.data());
-    const DWORD length = orTooLong(signature.size());
-    cspCall([&] { return CPVerifySignature(context, hash, data, length, key, nullptr, 0); });
-}
+constexpr Step kCspSteps[] = {
+    acquire,
+    [](World& w) {
+        w.open(kKey, [&](Handle* out) {
+            const ALG_ID algorithm = w.pick({AT_SIGNATURE, AT_KEYEXCHANGE, CALG_RSA_SIGN, CALG_RSA_KEYX});
+            return CPGenKey(w.any(kContext), algorithm, w.flags(), out);
+        });
+    },
+    [](World& w) {
+        w.open(kKey, [&](Handle* out) { return CPGetUserKey(w.any(kContext), w.keySpec(), out); });
+    },
+    [](World& w) {
+        const DWORD type = w.pick({PUBLICKEYBLOB, SIMPLEBLOB, PLAINTEXTKEYBLOB, SYMMETRICWRAPKEYBLOB});
+        const Bytes header = bytesOf(BLOBHEADER{.bType = static_cast<BYTE>(type),
+                                                .bVersion = CUR_BLOB_VERSION,
+                                                .reserved = 0,
+                                                .aiKeyAlg = w.aesAlgorithm()});
+        const ExactBytes blob(join(header, w.bytes()));
+        w.open(kKey, [&](Handle* out) {
+            return CPImportKey(w.any(kContext), w.orNull(blob.data()), w.orTooLong(blob.size()), w.any(kKey),
+                               w.flags(), out);
+        });
+    },
+    [](World& w) {
+        w.open(kKey, [&](Handle* out) {
+            return CPDeriveKey(w.any(kContext), w.aesAlgorithm(), w.any(kHash), w.flags(), out);
+        });
+    },
+    [](World& w) {
+        w.open(kHash, [&](Handle* out) {
+            const ALG_ID algorithm = w.pick({CALG_SHA_256, CALG_HMAC, CALG_SHA_512, CALG_SHA1, CALG_MD5});
+            return CPCreateHash(w.any(kContext), algorithm, w.any(kKey), w.hashFlags(), out);
+        });
+    },
+    [](World& w) {
+        w.open(kHash, [&](Handle* out) {
+            return CPDuplicateHash(w.any(kContext), w.any(kHash), nullptr, w.hashFlags(), out);
+        });
+    },
+    [](World& w) {
+        const DWORD parameter = w.pick({KP_IV, KP_MODE, KP_PADDING, KP_PERMISSIONS, KP_CERTIFICATE});
+        const Bytes value = w.bytes();
+        ExactBytes iv(16);
+        std::copy_n(value.begin(), std::min<std::size_t>(value.size(), 16), iv.data());
+        const ExactBytes argument =
+            parameter == KP_CERTIFICATE ? asCertificateArgument(value) : std::move(iv);
+        cspCall([&] {
+            return CPSetKeyParam(w.any(kContext), w.any(kKey), parameter, w.orNull(argument.data()), 0);
+        });
+    },
+    [](World& w) {
+        const HMAC_INFO info{.HashAlgid = w.pick({CALG_SHA_256, CALG_SHA_512, CALG_SHA1, CALG_MD5}),
+                             .pbInnerString = nullptr,
+                             .cbInnerString = 0,
+                             .pbOuterString = nullptr,
+                             .cbOuterString = 0};
+        const DWORD parameter = w.pick({HP_HMAC_INFO, HP_HASHVAL});
+        const ExactBytes value = parameter == HP_HMAC_INFO ? ExactBytes(bytesOf(info)) : ExactBytes(64);
+        cspCall([&] {
+            return CPSetHashParam(w.any(kContext), w.any(kHash), parameter, w.orNull(value.data()),
+                                  w.hashFlags());
+        });
+    },
+    [](World& w) {
+        const DWORD parameter =
+            w.pick({PP_SIGNATURE_PIN, PP_KEYEXCHANGE_PIN, PP_USE_HARDWARE_RNG, PP_CLIENT_HWND});
+        Bytes pin = w.bytes(256);
+        pin.resize(256);
+        const ExactBytes value(pin);
+        cspCall([&] { return CPSetProvParam(w.any(kContext), parameter, w.orNull(value.data()), 0); });
+    },
+    [](World& w) {
+        const ExactBytes data(w.bytes());
+        cspCall(
+            [&] { return CPHashData(w.any(kContext), w.any(kHash), w.orNull(data.data()), data.size(), 0); });
+    },
+    [](World& w) {
+        const ExactBytes data = w.buffer();
+        DWORD length = w.pick({16, 20, 0, 245, data.size()});
+        cspCall([&] {
+            return CPEncrypt(w.any(kContext), w.any(kKey), 0, w.input.ConsumeBool(), w.pick({0, CRYPT_OAEP}),
+                             w.orNull(data.data()), w.orNull(&length), data.size());
+        });
+    },
+    [](World& w) {
+        const ExactBytes data(w.bytes());
+        DWORD length = w.orTooLong(data.size());
+        cspCall([&] {
+            return CPDecrypt(w.any(kContext), w.any(kKey), 0, w.input.ConsumeBool(), w.pick({CRYPT_OAEP, 0}),
+                             w.orNull(data.data()), w.orNull(&length));
+        });
+    },
+    [](World& w) {
+        const ExactBytes signature(w.bytes());
+        cspCall([&] {
+            return CPVerifySignature(w.any(kContext), w.any(kHash), w.orNull(signature.data()),
+                                     w.orTooLong(signature.size()), w.any(kKey), nullptr, 0);
+        });
+    },
+    [](World& w) {
+        const ExactBytes out = w.buffer();
+        cspCall([&] { return CPGenRandom(w.any(kContext), out.size(), w.orNull(out.data())); });
+    },
+    [](World& w) {
+        cspCall([&] { return CPHashSessionKey(w.any(kContext), w.any(kHash), w.any(kKey), w.flags()); });
+    },
+    [](World& w) {
+        w.fillCsp([&](BYTE* data, DWORD* length) {
+            const auto parameter = w.input.ConsumeIntegralInRange<DWORD>(0, 50);
+            return CPGetProvParam(w.any(kContext), parameter, data, length, w.flags());
+        });
+    },
+    [](World& w) {
+        w.fillCsp([&](BYTE* data, DWORD* length) {
+            const auto parameter = w.input.ConsumeIntegralInRange<DWORD>(0, 50);
+            return CPGetKeyParam(w.any(kContext), w.any(kKey), parameter, data, length, 0);
+        });
+    },
+    [](World& w) {
+        w.fillCsp([&](BYTE* data, DWORD* length) {
+            const DWORD parameter = w.pick({HP_HASHVAL, HP_HASHSIZE, HP_ALGID, HP_HMAC_INFO});
+            return CPGetHashParam(w.any(kContext), w.any(kHash), parameter, data, length, w.hashFlags());
+        });
+    },
+    [](World& w) {
+        w.fillCsp([&](BYTE* data, DWORD* length) {
+            const DWORD type = w.pick({PUBLICKEYBLOB, PRIVATEKEYBLOB, SIMPLEBLOB});
+            return CPExportKey(w.any(kContext), w.any(kKey), 0, type, 0, data, length);
+        });
+    },
+    [](World& w) {
+        w.fillCsp([&](BYTE* data, DWORD* length) {
+            return CPSignHash(w.any(kContext), w.any(kHash), w.keySpec(), nullptr, 0, data, length);
+        });
+    },
+};
 
-void Player::randomBytes() {
-    const auto context = handle(kContext);
-    const ExactBytes out = buffer();
-    BYTE* const data = orNull(out.data());
-    cspCall([&] { return CPGenRandom(context, out.size(), data); });
-}
+constexpr std::array<const char*, 5> kKeyNames = {
+    "12121212121212121212121212121212", "15151515151515151515151515151515",
+    "16161616161616161616161616161616", "E1E1E1E1E1E1E1E1E1E1E1E1E1E1E1E1", ""};
+constexpr std::array<const char*, 7> kAlgorithms = {"RSA",       "ECDSA_P256", "ECDH_P256", "ECDH_P384",
+                                                    "ECDH_P521", "SHA256",     "AES"};
+constexpr std::array<const char*, 2> kFunctions = {"HASH", "SP800_56ACONCAT"};
 
-void Player::hashSessionKey() {
-    cspCall([&] { return CPHashSessionKey(handle(kContext), handle(kHash), handle(kKey), flags()); });
-}
-
-void Player::getProviderParameter() {
-    const auto context = handle(kContext);
-    const DWORD parameter = in_.ConsumeIntegralInRange<DWORD>(0, 50);
-    const DWORD how = flags();
-    fillCsp([&](BYTE* data, DWORD* length) { return CPGetProvParam(context, parameter, data, length, how); });
-}
-
-void Player::getCspKeyParameter() {
-    const auto context = handle(kContext);
-    const auto key = handle(kKey);
-    const DWORD parameter = in_.ConsumeIntegralInRange<DWORD>(0, 50);
-    fillCsp(
-        [&](BYTE* data, DWORD* length) { return CPGetKeyParam(context, key, parameter, data, length, 0); });
-}
-
-void Player::getHashParameter() {
-    const auto context = handle(kContext);
-    const auto hash = handle(kHash);
-    const DWORD parameter = pick({HP_HASHVAL, HP_HASHSIZE, HP_ALGID, HP_HMAC_INFO});
-    const DWORD how = pick({0, 0, 0, 1});
-    fillCsp([&](BYTE* data, DWORD* length) {
-        return CPGetHashParam(context, hash, parameter, data, length, how);
-    });
-}
-
-void Player::exportCspKey() {
-    const auto context = handle(kContext);
-    const auto key = handle(kKey);
-    const DWORD type = pick({PUBLICKEYBLOB, PRIVATEKEYBLOB, SIMPLEBLOB});
-    fillCsp([&](BYTE* data, DWORD* length) { return CPExportKey(context, key, 0, type, 0, data, length); });
-}
-
-void Player::signCsp() {
-    const auto context = handle(kContext);
-    const auto hash = handle(kHash);
-    const DWORD specification = pick({AT_SIGNATURE, AT_KEYEXCHANGE, 0});
-    fillCsp([&](BYTE* data, DWORD* length) {
-        return CPSignHash(context, hash, specification, nullptr, 0, data, length);
-    });
-}
-
-// CNG
-
-void Player::openProvider() {
-    openKsp(kProvider, [&](Handle* out) { return KSPOpenProvider(out, nullptr, 0); });
-}
-
-void Player::freeProvider() {
-    close(kProvider, [&](Handle it) { return kspCall([&] { return KSPFreeProvider(it); }); });
-}
-
-void Player::openKey() {
-    const auto provider = handle(kProvider);
-    const ExactText keyName =
-        name({"12121212121212121212121212121212", "15151515151515151515151515151515",
-              "16161616161616161616161616161616", "E1E1E1E1E1E1E1E1E1E1E1E1E1E1E1E1", ""});
-    const DWORD specification = pick({0, AT_KEYEXCHANGE, AT_SIGNATURE});
-    openKsp(kKspKey,
-            [&](Handle* out) { return KSPOpenKey(provider, out, orNull(keyName.get()), specification, 0); });
-}
-
-void Player::createKey() {
-    const auto provider = handle(kProvider);
-    const ExactText algorithm = name({"RSA", "ECDSA_P256", "ECDH_P384", "ECDSA_P521", "AES"});
-    const ExactText keyName = name({"key"});
-    const DWORD specification = pick({0, AT_KEYEXCHANGE, AT_SIGNATURE});
-    openKsp(kKspKey, [&](Handle* out) {
-        return KSPCreatePersistedKey(provider, out, orNull(algorithm.get()), orNull(keyName.get()),
-                                     specification, 0);
-    });
-}
-
-void Player::finalizeKey() {
-    kspCall([&] { return KSPFinalizeKey(handle(kProvider), handle(kKspKey), flags()); });
-}
-
-void Player::deleteKey() {
-    kspCall([&] { return KSPDeleteKey(handle(kProvider), handle(kKspKey), flags()); });
-}
-
-// Freeing what is not live is no failure, so here and below the handle may be any.
-void Player::freeKey() {
-    const Handle freed = handle(kKspKey);
-    require(kspCall([&] { return KSPFreeKey(handle(kProvider), freed); }), "freeing a key never fails");
-    forget(kKspKey, freed);
-}
-
-void Player::importKspKey() {
-    const auto provider = handle(kProvider);
-    const auto key = handle(kKspKey);
-    const ExactText type(anyOf(in_, kBlobNames));
-    const ExactBytes blob = bytes();
-    const DWORD length = orTooLong(blob.size());
-    openKsp(kKspKey, [&](Handle* out) {
-        return KSPImportKey(provider, key, orNull(type.get()), nullptr, out, orNull(blob.data()), length, 0);
-    });
-}
-
-void Player::agree() {
-    const auto provider = handle(kProvider);
-    const auto privateKey = handle(kKspKey);
-    const auto publicKey = handle(kKspKey);
-    openKsp(kSecret,
-            [&](Handle* out) { return KSPSecretAgreement(provider, privateKey, publicKey, out, 0); });
-}
-
-void Player::freeSecret() {
-    const Handle freed = handle(kSecret);
-    require(kspCall([&] { return KSPFreeSecret(handle(kProvider), freed); }), "freeing a secret never fails");
-    forget(kSecret, freed);
-}
-
-void Player::freeBuffer() {
-    const Handle freed = rarely() ? handle(kKspKey) : oneOf(blocks_);
-    require(kspCall([&] { return KSPFreeBuffer(reinterpret_cast<void*>(freed)); }), "freeing never fails");
-    if (std::erase(blocks_, freed) != 0) freed_.push_back(freed);
-}
-
-void Player::setKspKeyProperty() {
-    const auto provider = handle(kProvider);
-    const auto key = handle(kKspKey);
-    const ExactText property(anyOf(in_, kPropertyNames));
-    // At least as long as what is read of a value whose length is not looked at.
-    Bytes value = in_.ConsumeBytes<unsigned char>(in_.ConsumeIntegralInRange<std::size_t>(0, 300));
-    const DWORD length = orTooLong(static_cast<DWORD>(value.size()));
-    value.resize(std::max<std::size_t>(value.size(), 255));
-    const ExactBytes argument(value);
-    kspCall([&] {
-        return KSPSetKeyProperty(provider, key, orNull(property.get()), orNull(argument.data()), length, 0);
-    });
-}
-
-void Player::setKspProviderProperty() {
-    const auto provider = handle(kProvider);
-    const ExactText property(anyOf(in_, kPropertyNames));
-    Bytes value = in_.ConsumeBytes<unsigned char>(255);
-    value.resize(255);
-    const ExactBytes argument(value);
-    kspCall([&] {
-        return KSPSetProviderProperty(provider, orNull(property.get()), orNull(argument.data()),
-                                      argument.size(), 0);
-    });
-}
-
-void Player::getKspKeyProperty() {
-    const auto provider = handle(kProvider);
-    const auto key = handle(kKspKey);
-    const ExactText property(anyOf(in_, kPropertyNames));
-    fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-        return KSPGetKeyProperty(provider, key, property.get(), data, capacity, size, 0);
-    });
-}
-
-void Player::getKspProviderProperty() {
-    const auto provider = handle(kProvider);
-    const ExactText property(anyOf(in_, kPropertyNames));
-    fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-        return KSPGetProviderProperty(provider, property.get(), data, capacity, size, 0);
-    });
-}
-
-void Player::exportKspKey() {
-    const auto provider = handle(kProvider);
-    const auto key = handle(kKspKey);
-    const ExactText type(anyOf(in_, kBlobNames));
-    fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-        return KSPExportKey(provider, key, 0, type.get(), nullptr, data, capacity, size, 0);
-    });
-}
-
-void Player::encryptKsp() {
-    const auto provider = handle(kProvider);
-    const auto key = handle(kKspKey);
-    const ExactBytes in = bytes();
-    const ExactText hash = name({"SHA256", "SHA1", "SHA384", "SHA512"});
-    BCRYPT_OAEP_PADDING_INFO padding{.pszAlgId = orNull(hash.get()), .pbLabel = nullptr, .cbLabel = 0};
-    const DWORD length = orTooLong(in.size());
-    const DWORD how = flags();
-    fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-        return KSPEncrypt(provider, key, orNull(in.data()), length, orNull(&padding), data, capacity, size,
-                          how);
-    });
-}
-
-void Player::decryptKsp() {
-    const auto provider = handle(kProvider);
-    const auto key = handle(kKspKey);
-    const ExactBytes in = bytes();
-    const DWORD length = orTooLong(in.size());
-    const DWORD how = flags();
-    fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-        return KSPDecrypt(provider, key, orNull(in.data()), length, nullptr, data, capacity, size, how);
-    });
-}
-
-void Player::signKsp() {
-    const auto provider = handle(kProvider);
-    const auto key = handle(kKspKey);
-    const ExactBytes hash = bytes(64);
-    const DWORD length = orTooLong(hash.size());
-    const DWORD how = flags();
-    fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-        return KSPSignHash(provider, key, nullptr, orNull(hash.data()), length, data, capacity, size, how);
-    });
-}
-
-void Player::verifyKsp() {
-    const auto provider = handle(kProvider);
-    const auto key = handle(kKspKey);
-    const ExactBytes hash = bytes(64);
-    const ExactBytes signature = bytes();
-    const DWORD length = orTooLong(signature.size());
-    kspCall([&] {
-        return KSPVerifySignature(provider, key, nullptr, orNull(hash.data()), hash.size(),
-                                  orNull(signature.data()), length, flags());
-    });
-}
-
-void Player::deriveKspKey() {
-    const auto secret = handle(kSecret);
-    const ExactText function = name({"HASH", "SP800_56ACONCAT"});
-    const ExactBytes value = bytes(40);
-    NCryptBuffer parameter{.cbBuffer = orTooLong(value.size()),
-                           .BufferType = pick({KDF_HASH_ALGORITHM, kKdfLabel, kKdfContext}),
-                           .pvBuffer = value.data()};
-    const bool isRead = parameter.BufferType == KDF_HASH_ALGORITHM || parameter.BufferType == kKdfLabel ||
-                        parameter.BufferType == kKdfContext;
-    NCryptBufferDesc list{.ulVersion = 0, .cBuffers = isRead ? 1U : 0U, .pBuffers = orNull(&parameter)};
-    fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-        return KSPDeriveKey(0, secret, orNull(function.get()), orNull(&list), data, capacity, size, 0);
-    });
-}
-
-void Player::isAlgorithmSupported() {
-    const ExactText algorithm = name({"RSA", "AES"});
-    kspCall([&] { return KSPIsAlgSupported(handle(kProvider), orNull(algorithm.get()), 0); });
-}
-
-void Player::enumerateAlgorithms() {
-    const auto provider = handle(kProvider);
-    const DWORD operations = pick({0, 1, 2, 4, 8, 16, 0xFFFFFFFF});
+void enumerateAlgorithms(World& w) {
     DWORD count = kUntouched;
     NCryptAlgorithmName* list = nullptr;
-    const bool done = kspCall(
-        [&] { return KSPEnumAlgorithms(provider, operations, orNull(&count), orNull(&list), flags()); });
+    const bool done = kspCall([&] {
+        return KSPEnumAlgorithms(w.any(kProvider), w.pick({0, 1, 2, 4, 8, 16}), w.orNull(&count),
+                                 w.orNull(&list), 0);
+    });
     require(done == (list != nullptr), "a list exactly with a success");
     if (!done) return;
-    blocks_.push_back(reinterpret_cast<Handle>(list));
+    w.blocks.push_back(reinterpret_cast<Handle>(list));
     for (DWORD i = 0; i < count; ++i)
         require(!fromWide(list[i].pszName).empty(), "an algorithm has a name");
 }
 
-void Player::enumerateKeys() {
-    const auto provider = handle(kProvider);
-    NCryptKeyName* keyName = nullptr;
-    void* const before =
-        rarely() ? reinterpret_cast<void*>(handle(kKspKey)) : reinterpret_cast<void*>(oneOf(blocks_));
-    void* state = in_.ConsumeBool() ? before : nullptr;
-    void* const known = state;
-    const bool done =
-        kspCall([&] { return KSPEnumKeys(provider, nullptr, orNull(&keyName), orNull(&state), flags()); });
-    require(done == (keyName != nullptr), "a name exactly with a success");
-    require(done || state == known, "a failure hands out no cursor");
+void enumerateKeys(World& w) {
+    NCryptKeyName* name = nullptr;
+    void* const before = reinterpret_cast<void*>(w.rarely() ? w.any(kKspKey) : w.oneOf(w.blocks));
+    void* const given = w.input.ConsumeBool() ? before : nullptr;
+    void* cursor = given;
+    const bool done = kspCall([&] {
+        return KSPEnumKeys(w.any(kProvider), nullptr, w.orNull(&name), w.orNull(&cursor), w.flags());
+    });
+    require(done == (name != nullptr), "a name exactly with a success");
+    require(done || cursor == given, "a failure hands out no cursor");
     if (!done) return;
-    require(!fromWide(keyName->pszName).empty(), "a key has a name");
-    blocks_.push_back(reinterpret_cast<Handle>(keyName));
-    if (state != known) blocks_.push_back(reinterpret_cast<Handle>(state));
+    require(!fromWide(name->pszName).empty() && !fromWide(name->pszAlgid).empty(), "a key has names");
+    w.blocks.push_back(reinterpret_cast<Handle>(name));
+    if (cursor != given) w.blocks.push_back(reinterpret_cast<Handle>(cursor));
 }
 
-void Player::promptUser() {
-    kspCall([&] { return KSPPromptUser(handle(kProvider), handle(kKspKey), nullptr, flags()); });
-}
+constexpr Step kKspSteps[] = {
+    [](World& w) { w.open(kProvider, [&](Handle* out) { return KSPOpenProvider(out, nullptr, 0); }); },
+    [](World& w) {
+        const ExactText name(anyOf(w.input, kKeyNames));
+        w.open(kKspKey, [&](Handle* out) {
+            return KSPOpenKey(w.any(kProvider), out, w.orNull(name.get()),
+                              w.pick({0, AT_KEYEXCHANGE, AT_SIGNATURE}), 0);
+        });
+    },
+    [](World& w) {
+        const ExactText name(anyOf(w.input, kKeyNames));
+        const ExactText algorithm(anyOf(w.input, kAlgorithms));
+        w.open(kKspKey, [&](Handle* out) {
+            return KSPCreatePersistedKey(w.any(kProvider), out, w.orNull(algorithm.get()),
+                                         w.orNull(name.get()), w.keySpec(), 0);
+        });
+    },
+    [](World& w) { kspCall([&] { return KSPFinalizeKey(w.any(kProvider), w.any(kKspKey), w.flags()); }); },
+    [](World& w) { kspCall([&] { return KSPDeleteKey(w.any(kProvider), w.any(kKspKey), w.flags()); }); },
+    [](World& w) {
+        const ExactText type(anyOf(w.input, kBlobNames));
+        const ExactBytes blob(w.bytes());
+        w.open(kKspKey, [&](Handle* out) {
+            return KSPImportKey(w.any(kProvider), w.any(kKspKey), w.orNull(type.get()), nullptr, out,
+                                w.orNull(blob.data()), w.orTooLong(blob.size()), 0);
+        });
+    },
+    [](World& w) {
+        w.open(kSecret, [&](Handle* out) {
+            return KSPSecretAgreement(w.any(kProvider), w.any(kKspKey), w.any(kKspKey), out, 0);
+        });
+    },
+    [](World& w) {
+        const ExactText property(anyOf(w.input, kPropertyNames));
+        // At least as long as what is read of a value whose length is not looked at.
+        Bytes value = w.bytes();
+        const DWORD length = w.orTooLong(static_cast<DWORD>(value.size()));
+        value.resize(std::max<std::size_t>(value.size(), 255));
+        const ExactBytes argument(value);
+        kspCall([&] {
+            return KSPSetKeyProperty(w.any(kProvider), w.any(kKspKey), w.orNull(property.get()),
+                                     w.orNull(argument.data()), length, 0);
+        });
+        kspCall([&] {
+            return KSPSetProviderProperty(w.any(kProvider), w.orNull(property.get()),
+                                          w.orNull(argument.data()), length, 0);
+        });
+    },
+    [](World& w) {
+        const ExactText property(anyOf(w.input, kPropertyNames));
+        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
+            return KSPGetKeyProperty(w.any(kProvider), w.any(kKspKey), property.get(), data, capacity, size,
+                                     0);
+        });
+        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
+            return KSPGetProviderProperty(w.any(kProvider), property.get(), data, capacity, size, 0);
+        });
+    },
+    [](World& w) {
+        const ExactText type(anyOf(w.input, kBlobNames));
+        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
+            return KSPExportKey(w.any(kProvider), w.any(kKspKey), 0, type.get(), nullptr, data, capacity,
+                                size, 0);
+        });
+    },
+    [](World& w) {
+        const ExactBytes in(w.bytes());
+        const ExactText hash(anyOf(w.input, kAlgorithms));
+        BCRYPT_OAEP_PADDING_INFO padding{.pszAlgId = w.orNull(hash.get()), .pbLabel = nullptr, .cbLabel = 0};
+        const auto entryPoint = w.input.ConsumeBool() ? KSPEncrypt : KSPDecrypt;
+        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
+            return entryPoint(w.any(kProvider), w.any(kKspKey), w.orNull(in.data()), w.orTooLong(in.size()),
+                              w.orNull(&padding), data, capacity, size, w.flags());
+        });
+    },
+    [](World& w) {
+        const ExactBytes hash(w.bytes(64));
+        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
+            return KSPSignHash(w.any(kProvider), w.any(kKspKey), nullptr, w.orNull(hash.data()),
+                               w.orTooLong(hash.size()), data, capacity, size, w.flags());
+        });
+    },
+    [](World& w) {
+        const ExactBytes hash(w.bytes(64));
+        const ExactBytes signature(w.bytes());
+        kspCall([&] {
+            return KSPVerifySignature(w.any(kProvider), w.any(kKspKey), nullptr, w.orNull(hash.data()),
+                                      hash.size(), w.orNull(signature.data()), w.orTooLong(signature.size()),
+                                      w.flags());
+        });
+    },
+    [](World& w) {
+        const ExactText function(anyOf(w.input, kFunctions));
+        const ExactBytes value(w.bytes(40));
+        NCryptBuffer parameter{.cbBuffer = w.orTooLong(value.size()),
+                               .BufferType =
+                                   w.input.PickValueInArray<ULONG>({KDF_HASH_ALGORITHM, 0xD, 0xE, 1}),
+                               .pvBuffer = value.data()};
+        NCryptBufferDesc list{.ulVersion = 0, .cBuffers = 1, .pBuffers = w.orNull(&parameter)};
+        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
+            return KSPDeriveKey(0, w.any(kSecret), w.orNull(function.get()), w.orNull(&list), data, capacity,
+                                size, 0);
+        });
+    },
+    [](World& w) {
+        const ExactText algorithm(anyOf(w.input, kAlgorithms));
+        kspCall([&] { return KSPIsAlgSupported(w.any(kProvider), w.orNull(algorithm.get()), 0); });
+    },
+    enumerateAlgorithms,
+    enumerateKeys,
+    [](World& w) {
+        kspCall([&] { return KSPPromptUser(w.any(kProvider), w.any(kKspKey), nullptr, w.flags()); });
+    },
+    [](World& w) {
+        require(!kspCall([&] { return KSPNotifyChangeKey(w.any(kProvider), nullptr, 0); }),
+                "it is not supported");
+    },
+};
 
-void Player::notifyChange() {
-    require(!kspCall([&] { return KSPNotifyChangeKey(handle(kProvider), nullptr, 0); }),
-            "it is not supported");
-}
+// The library, the token and the user
 
-// The world around
+constexpr const char* kLibrary[] = {"init",
+                                    "getConnectedDeviceList",
+                                    "initDevice",
+                                    "getTokenInfo",
+                                    "validatePassword",
+                                    "getKeyPairList",
+                                    "generateKeyPair",
+                                    "deleteKeyPair",
+                                    "getCertificateList",
+                                    "findCertificateForKey",
+                                    "importCertificate",
+                                    "getCertificateDetails",
+                                    "getFilesWithExtensionsAndConvertDER",
+                                    "getAesKeyList",
+                                    "importAesKey",
+                                    "signHash",
+                                    "verifySignatureHash",
+                                    "encrypt",
+                                    "decrypt",
+                                    "encrypt_aes",
+                                    "decrypt_aes",
+                                    "decryptSymetric",
+                                    "ecdhDerive",
+                                    "generateRamdomNumber",
+                                    "initHash",
+                                    "updateHash",
+                                    "finalHash",
+                                    "updateKeyPairDetails"};
 
-void Player::scriptLibrary() {
-    const char* function = in_.PickValueInArray(kLibraryFunctions);
+void scriptLibrary(World& w) {
     test::Script script;
-    script.result =
-        in_.PickValueInArray({0, 1, kDeviceTimeMismatch, kDeviceSessionExpired, kDeviceWeakHashRefused, -1});
-    if (in_.ConsumeBool())
+    script.result = w.input.PickValueInArray(
+        {0, 1, kDeviceTimeMismatch, kDeviceSessionExpired, kDeviceWeakHashRefused, -1});
+    if (w.input.ConsumeBool())
         script.length =
-            in_.PickValueInArray({0, 1, 7, 15, 17, 31, 33, 65, 67, 1025, 5000, 70000, -1, INT_MIN});
-    script.throws = rarely();
-    script.outOfMemory = rarely();
-    script.onCall = in_.ConsumeIntegralInRange(0, 3);
-    library().script(function, script);
+            w.input.PickValueInArray({0, 1, 15, 17, 31, 33, 65, 67, 1025, 5000, 70000, -1, INT_MIN});
+    script.throws = w.rarely();
+    script.outOfMemory = w.rarely();
+    script.onCall = w.input.ConsumeIntegralInRange(0, 3);
+    library().script(std::string("veltra_") + w.input.PickValueInArray(kLibrary), script);
 }
 
 // What a record says of itself is the library's word and no more.
-void Player::changeRecord() {
-    const auto overwrite = [this](auto& records) {
-        if (records.empty()) return;
-        auto& record = records[in_.ConsumeIntegralInRange<std::size_t>(0, records.size() - 1)];
-        const auto offset = in_.ConsumeIntegralInRange<std::size_t>(0, sizeof(record) / 4 - 1) * 4;
-        const DWORD value = pick({0, 1, 2, 8, 10, 129, 1025, 3073, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF});
-        std::ranges::copy(bytesOf(value), reinterpret_cast<unsigned char*>(&record) + offset);
-        if (in_.ConsumeBool()) std::ranges::fill(record.label, 'L');
-    };
-    switch (in_.ConsumeIntegralInRange(0, 2)) {
-    case 0:
-        return overwrite(token().keyPairs);
-    case 1:
-        return overwrite(token().certificates);
-    default:
-        return overwrite(token().aesKeys);
-    }
+template <class Record>
+void changeOneOf(std::vector<Record>& records, World& w) {
+    if (records.empty()) return;
+    Record& record = records[w.input.ConsumeIntegralInRange<std::size_t>(0, records.size() - 1)];
+    const auto offset = w.input.ConsumeIntegralInRange<std::size_t>(0, sizeof(Record) / 4 - 1) * 4;
+    const DWORD value = w.pick({0, 1, 2, 8, 10, 129, 1025, 3073, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF});
+    std::ranges::copy(bytesOf(value), reinterpret_cast<unsigned char*>(&record) + offset);
+    if (w.input.ConsumeBool()) std::ranges::fill(record.label, 'L');
 }
 
-void Player::changeToken() {
-    token().info.fipsMarker = in_.PickValueInArray({"3.0.9", "2.1.9", "", "1"});
-    token().info.firmwareVersion = in_.ConsumeBool() ? "2.0.0" : in_.ConsumeRandomLengthString(12);
-    if (in_.ConsumeBool()) token().logIn();
-    token().addCertificate(in_.ConsumeIntegralInRange<BYTE>(0x11, 0x17),
-                           test::ScriptedDeviceLibrary::fakeCertificate("name", "CN=a", "CN=b"));
-    if (in_.ConsumeBool()) token().keyPairs.clear();
-}
+constexpr Step kWorldSteps[] = {
+    scriptLibrary,
+    [](World&) { library().clearScripts(); },
+    [](World& w) { library().setConnected(token().serial, w.input.ConsumeBool()); },
+    [](World& w) { changeOneOf(token().keyPairs, w); },
+    [](World& w) { changeOneOf(token().certificates, w); },
+    [](World& w) { changeOneOf(token().aesKeys, w); },
+    [](World& w) {
+        token().info.fipsMarker = w.input.PickValueInArray({"3.0.9", "2.1.9", "", "1"});
+        token().info.firmwareVersion =
+            w.input.ConsumeBool() ? "2.0.0" : w.input.ConsumeRandomLengthString(12);
+        if (w.input.ConsumeBool()) token().logIn();
+        if (w.input.ConsumeBool()) token().keyPairs.clear();
+        token().addCertificate(w.input.ConsumeIntegralInRange<BYTE>(0x11, 0x17),
+                               test::ScriptedDeviceLibrary::fakeCertificate("name", "CN=a", "CN=b"));
+    },
+    [](World& w) {
+        forgetDisconnected({});
+        prompt().willType({w.input.PickValueInArray({"1234", "wrong", ""}), "1234"});
+    },
+    // The application's window procedures run while the dialog is up, and may close what is in use.
+    [](World& w) {
+        prompt().whileAsked([&w] {
+            for (const Step step : kClosingSteps)
+                step(w);
+        });
+    },
+};
 
-void Player::typePins() {
-    forgetDisconnected({});
-    prompt().willType(
-        {in_.PickValueInArray({"1234", "wrong", ""}), in_.PickValueInArray({"1234", "wrong", ""})});
-}
-
-// The application's window procedures run while the dialog is up, and may close what is in use.
-void Player::actDuringDialog() {
-    prompt().whileAsked([this] {
-        releaseContext();
-        destroyHash();
-        destroyKey();
-        freeProvider();
-        freeKey();
-    });
-}
-
-void Player::closeAll() {
+void closeAll(const World& w) {
     library().clearScripts();
-    for (const Handle block : blocks_)
+    for (const Handle block : w.blocks)
         require(KSPFreeBuffer(reinterpret_cast<void*>(block)) == 0, "a block is freed");
-    for (const Handle key : live_[kKspKey])
+    for (const Handle key : w.live[kKspKey])
         require(KSPFreeKey(0, key) == 0, "a key is freed");
-    for (const Handle secret : live_[kSecret])
+    for (const Handle secret : w.live[kSecret])
         require(KSPFreeSecret(0, secret) == 0, "a secret is freed");
-    for (const Handle provider : live_[kProvider])
+    for (const Handle provider : w.live[kProvider])
         require(KSPFreeProvider(provider) == 0, "a provider is freed");
-    for (const Handle hash : live_[kHash])
+    for (const Handle hash : w.live[kHash])
         require(CPDestroyHash(cspContext(), hash) != FALSE, "a hash is destroyed");
-    for (const Handle key : live_[kKey])
+    for (const Handle key : w.live[kKey])
         require(CPDestroyKey(cspContext(), key) != FALSE, "a key is destroyed");
-    for (const Handle context : live_[kContext])
+    for (const Handle context : w.live[kContext])
         require(CPReleaseContext(context, 0) != FALSE, "a context is released");
-    if (!usedContainers_) return;
+    if (!w.usedContainers) return;
     for (const char* container : kContainers)
         forgetContainer(container);
 }
 
-// What others build upon is there twice.
-constexpr std::array<Player::Step, 63> Player::kSteps = {&Player::acquire,
-                                                         &Player::openProvider,
-                                                         &Player::getUserKey,
-                                                         &Player::openKey,
-                                                         &Player::createHash,
-                                                         &Player::agree,
-                                                         &Player::acquire,
-                                                         &Player::releaseContext,
-                                                         &Player::generateKey,
-                                                         &Player::getUserKey,
-                                                         &Player::importCspKey,
-                                                         &Player::deriveCspKey,
-                                                         &Player::createHash,
-                                                         &Player::duplicateHash,
-                                                         &Player::destroyHash,
-                                                         &Player::destroyKey,
-                                                         &Player::setCspKeyParameter,
-                                                         &Player::setHashParameter,
-                                                         &Player::setProviderParameter,
-                                                         &Player::hashData,
-                                                         &Player::encryptCsp,
-                                                         &Player::decryptCsp,
-                                                         &Player::verifyCsp,
-                                                         &Player::randomBytes,
-                                                         &Player::hashSessionKey,
-                                                         &Player::getProviderParameter,
-                                                         &Player::getCspKeyParameter,
-                                                         &Player::getHashParameter,
-                                                         &Player::exportCspKey,
-                                                         &Player::signCsp,
-                                                         &Player::openProvider,
-                                                         &Player::freeProvider,
-                                                         &Player::openKey,
-                                                         &Player::createKey,
-                                                         &Player::finalizeKey,
-                                                         &Player::deleteKey,
-                                                         &Player::freeKey,
-                                                         &Player::importKspKey,
-                                                         &Player::agree,
-                                                         &Player::freeSecret,
-                                                         &Player::freeBuffer,
-                                                         &Player::setKspKeyProperty,
-                                                         &Player::setKspProviderProperty,
-                                                         &Player::getKspKeyProperty,
-                                                         &Player::getKspProviderProperty,
-                                                         &Player::exportKspKey,
-                                                         &Player::encryptKsp,
-                                                         &Player::decryptKsp,
-                                                         &Player::signKsp,
-                                                         &Player::verifyKsp,
-                                                         &Player::deriveKspKey,
-                                                         &Player::isAlgorithmSupported,
-                                                         &Player::enumerateAlgorithms,
-                                                         &Player::enumerateKeys,
-                                                         &Player::promptUser,
-                                                         &Player::notifyChange,
-                                                         &Player::scriptLibrary,
-                                                         &Player::clearScripts,
-                                                         &Player::plug,
-                                                         &Player::changeRecord,
-                                                         &Player::changeToken,
-                                                         &Player::typePins,
-                                                         &Player::actDuringDialog};
-
-void Player::play() {
-    for (int count = 0; count < 64 && in_.remaining_bytes() > 0; ++count)
-        (this->*in_.PickValueInArray(kSteps))();
-    closeAll();
-}
-
 void playSequence(FuzzedDataProvider& input) {
-    Player(input).play();
+    World world{.input = input};
+    for (int count = 0; count < 64 && input.remaining_bytes() > 0; ++count) {
+        switch (input.ConsumeIntegralInRange(0, 7)) {
+        case 0:
+            input.PickValueInArray(kWorldSteps)(world);
+            break;
+        case 1:
+            input.PickValueInArray(kClosingSteps)(world);
+            break;
+        case 2:
+        case 3:
+        case 4:
+            input.PickValueInArray(kCspSteps)(world);
+            break;
+        default:
+            input.PickValueInArray(kKspSteps)(world);
+        }
+    }
+    closeAll(world);
 }
 
-// Noise: what the choices mean changes with every step that is added.
+// Noise: what the numbers choose changes with every step that is added.
 std::vector<Bytes> sequenceSeeds() {
     std::vector<Bytes> seeds(100, Bytes(600));
     std::uint32_t state = 1;
