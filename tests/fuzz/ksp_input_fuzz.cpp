@@ -73,6 +73,13 @@ std::vector<Bytes> blobSeeds() {
         }
         ++curve;
     }
+    // Around the longest key that a key object holds.
+    for (const DWORD length : {1024U, 1025U}) {
+        seeds.push_back(
+            seed(0, 0, 1, joined({dwords({0x31415352, 4096, 3, length, 0, 0}), Bytes(3), Bytes(length)})));
+        seeds.push_back(seed(2, 0, 4, joined({dwords({0x314B4345, length / 2}), Bytes(length)})));
+        seeds.push_back(seed(2, 0, 4, joined({dwords({0x314B4345, length - 513}), Bytes(2 * length)})));
+    }
     for (const std::size_t length : {16U, 24U, 32U}) {
         const Bytes key = counting(length, 1);
         const Bytes masked = ScriptedDeviceLibrary::maskOf(key);

@@ -496,37 +496,52 @@ constexpr const char* kLibrary[] = {"init",
                                     "finalHash",
                                     "updateKeyPairDetails"};
 
+// One function, or all of them, so that it does not take luck to meet the one that is called next.
 void scriptLibrary(World& w) {
     test::Script script;
     script.result = w.input.PickValueInArray(
-        {0, 1, kDeviceTimeMismatch, kDeviceSessionExpired, kDeviceWeakHashRefused, -1});
+        {0, 0, 0, 1, kDeviceTimeMismatch, kDeviceSessionExpired, kDeviceWeakHashRefused, -1});
     if (w.input.ConsumeBool())
         script.length =
             w.input.PickValueInArray({0, 1, 15, 17, 31, 33, 65, 67, 1025, 5000, 70000, -1, INT_MIN});
     script.throws = w.rarely();
     script.outOfMemory = w.rarely();
     script.onCall = w.input.ConsumeIntegralInRange(0, 3);
-    library().script(std::string("veltra_") + w.input.PickValueInArray(kLibrary), script);
+    const char* only = w.input.PickValueInArray(kLibrary);
+    const bool all = w.input.ConsumeBool();
+    for (const char* function : kLibrary)
+        if (all || function == only) library().script(std::string("veltra_") + function, script);
 }
 
-// What a record says of itself is the library's word and no more.
+// What a record says of itself, the length of its contents above all, is the library's word and no more.
 template <class Record>
-void changeOneOf(std::vector<Record>& records, World& w) {
+void changeOneOf(std::vector<Record>& records, std::uint32_t Record::*length, World& w) {
     if (records.empty()) return;
     Record& record = records[w.input.ConsumeIntegralInRange<std::size_t>(0, records.size() - 1)];
-    const auto offset = w.input.ConsumeIntegralInRange<std::size_t>(0, sizeof(Record) / 4 - 1) * 4;
     const DWORD value = w.pick({0, 1, 2, 8, 10, 129, 1025, 3073, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF});
-    std::ranges::copy(bytesOf(value), reinterpret_cast<unsigned char*>(&record) + offset);
-    if (w.input.ConsumeBool()) std::ranges::fill(record.label, 'L');
+    const auto offset = w.input.ConsumeIntegralInRange<std::size_t>(0, sizeof(Record) / 4 - 1) * 4;
+    switch (w.input.ConsumeIntegralInRange(0, 3)) {
+    case 0:
+        record.*length = value;
+        break;
+    case 1:
+        record.credentialIdLength = value;
+        break;
+    case 2:
+        std::ranges::fill(record.label, 'L');
+        break;
+    default:
+        std::ranges::copy(bytesOf(value), reinterpret_cast<unsigned char*>(&record) + offset);
+    }
 }
 
 constexpr Step kWorldSteps[] = {
     scriptLibrary,
     [](World&) { library().clearScripts(); },
     [](World& w) { library().setConnected(token().serial, w.input.ConsumeBool()); },
-    [](World& w) { changeOneOf(token().keyPairs, w); },
-    [](World& w) { changeOneOf(token().certificates, w); },
-    [](World& w) { changeOneOf(token().aesKeys, w); },
+    [](World& w) { changeOneOf(token().keyPairs, &VeltraKeyPair::publicKeyLength, w); },
+    [](World& w) { changeOneOf(token().certificates, &VeltraCertificate::derLength, w); },
+    [](World& w) { changeOneOf(token().aesKeys, &VeltraSymmetricKey::keyLength, w); },
     [](World& w) {
         token().info.fipsMarker = w.input.PickValueInArray({"3.0.9", "2.1.9", "", "1"});
         token().info.firmwareVersion =
