@@ -73,12 +73,11 @@ std::vector<Bytes> blobSeeds() {
         }
         ++curve;
     }
-    // Around the longest key that a key object holds.
-    for (const DWORD length : {1024U, 1025U}) {
-        seeds.push_back(
-            seed(0, 0, 1, joined({dwords({0x31415352, 4096, 3, length, 0, 0}), Bytes(3), Bytes(length)})));
-        seeds.push_back(seed(2, 0, 4, joined({dwords({0x314B4345, length / 2}), Bytes(length)})));
-        seeds.push_back(seed(2, 0, 4, joined({dwords({0x314B4345, length - 513}), Bytes(2 * length)})));
+    // As long as a key object allows, longer, and so long that it could not go unnoticed.
+    for (const DWORD length : {1022U, 1026U, 2048U}) {
+        const Bytes body = counting(length, 0x41);
+        seeds.push_back(seed(0, 0, 1, joined({dwords({0x31415352, 4096, 3, length, 0, 0}), Bytes(3), body})));
+        seeds.push_back(seed(2, 0, 4, joined({dwords({0x314B4345, length / 2}), body})));
     }
     for (const std::size_t length : {16U, 24U, 32U}) {
         const Bytes key = counting(length, 1);

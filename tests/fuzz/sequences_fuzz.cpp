@@ -3,6 +3,7 @@
 // says.
 
 #include "fuzz/entry_calls.h"
+#include "support/blob_bytes.h"
 
 #include "csp/container_map.h"
 #include "token/device_state.h"
@@ -585,8 +586,19 @@ void closeAll(const World& w) {
         forgetContainer(container);
 }
 
+// One of each kind, so that nearly every step has something to work on.
+void openSome(World& w) {
+    w.open(kContext, [](Handle* out) { return CPAcquireContext(out, nullptr, 0, anyTable()); });
+    w.open(kProvider, [](Handle* out) { return KSPOpenProvider(out, nullptr, 0); });
+    const Bytes secret = test::counting(32);
+    w.live[kKey] = {openCspKey(secret), openCspKey(kKeyTypeEcP256), openCspKey(kKeyTypeRsa2048)};
+    w.live[kKspKey] = {openKspKey(secret), openKspKey(kKeyTypeEcP256), openKspKey(kKeyTypeRsa2048)};
+    w.open(kHash, [&](Handle* out) { return CPCreateHash(w.any(kContext), CALG_SHA_256, 0, 0, out); });
+}
+
 void playSequence(FuzzedDataProvider& input) {
     World world{.input = input};
+    openSome(world);
     for (int count = 0; count < 64 && input.remaining_bytes() > 0; ++count) {
         switch (input.ConsumeIntegralInRange(0, 7)) {
         case 0:
