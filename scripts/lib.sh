@@ -72,7 +72,9 @@ buildPreset() {
     local preset=$1
     shift
     mkdir -p "$veltraRoot/build"
-    (cd "$veltraRoot" && cmake --preset "$preset" >"$veltraRoot/build/configure-$preset.log" 2>&1) || {
+    # What an older version of the build files left behind may not configure any more: then it is begun anew.
+    (cd "$veltraRoot" && { cmake --preset "$preset" || cmake --preset "$preset" --fresh; } \
+        >"$veltraRoot/build/configure-$preset.log" 2>&1) || {
         cat "$veltraRoot/build/configure-$preset.log" >&2
         fail "could not configure the preset $preset"
     }
