@@ -76,7 +76,7 @@ Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts&
     default:
         return refuse(ERROR_INVALID_PARAMETER, concat(texts.name, ": invalid dwFlags=", flags));
     }
-    if (texts.index != nullptr) Utils::debug(concat(texts.index, cursor));
+    if (texts.index != nullptr) Utils::debug(texts.index, cursor);
     if (cursor >= rows.size()) return refuse(ERROR_NO_MORE_ITEMS, texts.noMoreItems(cursor));
     const DWORD available = *dataLength;
     *dataLength = sizeof(Record);
@@ -86,7 +86,7 @@ Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts&
     }
     const Record record = recordOf(rows[cursor], Record{});
     std::memcpy(data, &record, sizeof(record));
-    Utils::debug(concat(texts.returned, rows[cursor].shortName));
+    Utils::debug(texts.returned, rows[cursor].shortName);
     return success();
 }
 
@@ -158,7 +158,7 @@ Outcome enumerateContainers(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength,
     *dataLength = size;
     if (data == nullptr || available < size) return successWithLastError(ERROR_MORE_DATA);
     std::memcpy(data, name.c_str(), size);
-    Utils::debug(concat("CPGetProvParam: returned container -> ", name));
+    Utils::debug("CPGetProvParam: returned container -> ", name);
     return success();
 }
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <numeric>
 #include <new>
+#include <numeric>
 #include <sstream>
 #include <stdexcept>
 
@@ -23,6 +23,7 @@ constexpr int kNotACiphertext = 77;
 constexpr int kNotACertificate = 78;
 
 constexpr std::size_t kAesBlock = 16;
+constexpr int kLongestRsaCiphertext = 512;
 
 constexpr std::size_t kSignatureBytes[] = {0, 128, 256, 384, 512, 64, 96, 132};
 constexpr std::size_t kPublicKeyBytes[] = {0, 128, 256, 384, 512, 65, 97, 133};
@@ -68,6 +69,8 @@ requires std::is_enum_v<Enum> std::string show(Enum value) {
 /// Hands out what the library allocates; at least as many bytes as a script says that there are.
 int handOut(const Bytes& bytes, const Script& script, unsigned char** out, int* outLength) {
     *outLength = script.length.value_or(static_cast<int>(bytes.size()));
+    *out = nullptr;
+    if (script.noBuffer) return kDeviceOk;
     const auto reported = static_cast<std::size_t>(std::max(*outLength, 1));
     *out = static_cast<unsigned char*>(std::calloc(std::max(bytes.size(), reported), 1));
     std::copy(bytes.begin(), bytes.end(), *out);
@@ -81,6 +84,19 @@ Bytes aesPlaintext(const unsigned char* in, int inLength) {
         plain.resize(plain.size() - plain.back());
     }
     return plain;
+}
+
+/// A copy of `list` for the calling thread, with the fault that `script` asks for.
+template <class Record>
+std::vector<Record>& listFor(std::map<std::thread::id, std::vector<Record>>& lists,
+                             const std::vector<Record>* list, const Script& script,
+                             std::uint32_t Record::*length) {
+    std::vector<Record>& copy = lists[std::this_thread::get_id()];
+    copy = list && !script.result ? *list : std::vector<Record>();
+    for (Record& record : copy)
+        if (script.length)
+            record.*length = record.credentialIdLength = static_cast<std::uint32_t>(*script.length);
+    return copy;
 }
 
 template <class Record>
@@ -150,6 +166,7 @@ void ScriptedDeviceLibrary::reset() {
     tokens_.clear();
     calls_.clear();
     scripts_.clear();
+    scriptedCall_ = {};
     hashes_.clear();
     caFiles.clear();
     generatedKeys_ = 0;
@@ -175,9 +192,16 @@ void ScriptedDeviceLibrary::script(const std::string& function, Script script) {
     scripts_.emplace(function, ScriptState{script});
 }
 
+void ScriptedDeviceLibrary::scriptCall(int n, Script script) {
+    const std::scoped_lock lock(mutex_);
+    script.onCall = n;
+    scriptedCall_ = {.script = script, .thread = std::this_thread::get_id()};
+}
+
 void ScriptedDeviceLibrary::clearScripts() {
     const std::scoped_lock lock(mutex_);
     scripts_.clear();
+    scriptedCall_ = {};
 }
 
 std::vector<std::string> ScriptedDeviceLibrary::calls(std::string_view function) const {
@@ -261,6 +285,10 @@ Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arg
         ++state.callsSeen;
         if (state.script.onCall == 0 || state.script.onCall == state.callsSeen) merged = state.script;
     }
+    if (scriptedCall_.thread == std::this_thread::get_id() &&
+        ++scriptedCall_.callsSeen == scriptedCall_.script.onCall) {
+        merged = scriptedCall_.script;
+    }
     if (merged.outOfMemory) throw std::bad_alloc();
     if (merged.throws) throw std::runtime_error(std::string("scripted fault in ") + function);
     return merged;
@@ -290,8 +318,10 @@ int ScriptedDeviceLibrary::veltra_init(int mode, void* ctx, int kind) {
 
 std::vector<std::string> ScriptedDeviceLibrary::veltra_getConnectedDeviceList(bool refresh, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getConnectedDeviceList", "refresh=" + std::to_string(refresh) + showContext(ctx));
+    const Script script =
+        begin("veltra_getConnectedDeviceList", "refresh=" + std::to_string(refresh) + showContext(ctx));
     std::vector<std::string> serials;
+    if (script.result) return serials;
     for (const auto& token : tokens_)
         if (token->connected) serials.push_back(token->serial);
     return serials;
@@ -308,9 +338,9 @@ int ScriptedDeviceLibrary::veltra_initDevice(const char* serial, bool reread, vo
 
 TokenInfo ScriptedDeviceLibrary::veltra_getTokenInfo(const char* serial, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getTokenInfo", "serial=" + show(serial) + showContext(ctx));
+    const Script script = begin("veltra_getTokenInfo", "serial=" + show(serial) + showContext(ctx));
     const ScriptedToken* token = find(serial);
-    return token ? token->info : TokenInfo{};
+    return token && !script.result ? token->info : TokenInfo{};
 }
 
 int ScriptedDeviceLibrary::veltra_validatePassword(const char* serial, const char* pin, int mode,
@@ -330,9 +360,10 @@ int ScriptedDeviceLibrary::veltra_validatePassword(const char* serial, const cha
 
 std::vector<VeltraKeyPair>& ScriptedDeviceLibrary::veltra_getKeyPairList(const char* serial, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getKeyPairList", "serial=" + show(serial) + showContext(ctx));
-    ScriptedToken* token = find(serial);
-    return token ? token->keyPairs : noKeyPairs_;
+    const Script script = begin("veltra_getKeyPairList", "serial=" + show(serial) + showContext(ctx));
+    const ScriptedToken* token = find(serial);
+    return listFor(keyPairLists_, token ? &token->keyPairs : nullptr, script,
+                   &VeltraKeyPair::publicKeyLength);
 }
 
 int ScriptedDeviceLibrary::veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout,
@@ -349,6 +380,7 @@ int ScriptedDeviceLibrary::veltra_generateKeyPair(const char* serial, const char
     if (inout->keyType < kKeyTypeRsa1024 || inout->keyType > kKeyTypeEcP521) return kNoSuchKey;
     *inout =
         token->addKeyPair(static_cast<unsigned char>(0xE0 + ++generatedKeys_), inout->keyType, inout->usage);
+    if (script.length) inout->publicKeyLength = static_cast<std::uint32_t>(*script.length);
     return kDeviceOk;
 }
 
@@ -381,20 +413,23 @@ int ScriptedDeviceLibrary::veltra_updateKeyPairDetails(const char* serial, const
 std::vector<VeltraCertificate>& ScriptedDeviceLibrary::veltra_getCertificateList(const char* serial,
                                                                                  void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getCertificateList", "serial=" + show(serial) + showContext(ctx));
-    ScriptedToken* token = find(serial);
-    return token ? token->certificates : noCertificates_;
+    const Script script = begin("veltra_getCertificateList", "serial=" + show(serial) + showContext(ctx));
+    const ScriptedToken* token = find(serial);
+    return listFor(certificateLists_, token ? &token->certificates : nullptr, script,
+                   &VeltraCertificate::derLength);
 }
 
 VeltraCertificate* ScriptedDeviceLibrary::veltra_findCertificateForKey(const char* serial,
                                                                        const unsigned char* keyId,
                                                                        void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_findCertificateForKey",
-          "serial=" + show(serial) + ", key=" + showKeyId(keyId) + showContext(ctx));
-    if (ScriptedToken* token = find(serial))
-        for (VeltraCertificate& certificate : token->certificates)
-            if (hasId(certificate, keyId)) return &certificate;
+    const Script script = begin("veltra_findCertificateForKey",
+                                "serial=" + show(serial) + ", key=" + showKeyId(keyId) + showContext(ctx));
+    const ScriptedToken* token = find(serial);
+    for (VeltraCertificate& certificate : listFor(certificateLists_, token ? &token->certificates : nullptr,
+                                                  script, &VeltraCertificate::derLength)) {
+        if (hasId(certificate, keyId)) return &certificate;
+    }
     return nullptr;
 }
 
@@ -441,9 +476,9 @@ std::vector<NamedDer> ScriptedDeviceLibrary::veltra_getFilesWithExtensionsAndCon
 
 std::vector<VeltraSymmetricKey>& ScriptedDeviceLibrary::veltra_getAesKeyList(const char* serial, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getAesKeyList", "serial=" + show(serial) + showContext(ctx));
-    ScriptedToken* token = find(serial);
-    return token ? token->aesKeys : noAesKeys_;
+    const Script script = begin("veltra_getAesKeyList", "serial=" + show(serial) + showContext(ctx));
+    const ScriptedToken* token = find(serial);
+    return listFor(aesKeyLists_, token ? &token->aesKeys : nullptr, script, &VeltraSymmetricKey::keyLength);
 }
 
 int ScriptedDeviceLibrary::veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
@@ -464,6 +499,8 @@ int ScriptedDeviceLibrary::veltra_importAesKey(const char* serial, const char* p
     inout->usage = kUsageBoth;
     inout->flag = 1;
     token->aesKeys.push_back(*inout);
+    if (script.length)
+        inout->credentialIdLength = inout->keyLength = static_cast<std::uint32_t>(*script.length);
     return kDeviceOk;
 }
 
@@ -477,6 +514,7 @@ int ScriptedDeviceLibrary::veltra_encrypt(EncryptionType type, PaddingMode paddi
                                     ", key=" + show(key, keyLength) + showContext(ctx));
     if (script.result) return script.result;
     if (inLength >= *outLength) return kBufferTooSmall;
+    *outLength = std::min(*outLength, kLongestRsaCiphertext);
     const Bytes masked = maskOf(Bytes(in, in + inLength));
     std::fill(out, out + *outLength - inLength, 0);
     std::copy(masked.begin(), masked.end(), out + *outLength - inLength);
@@ -547,10 +585,10 @@ int ScriptedDeviceLibrary::veltra_decryptSymetric(const char* serial, const unsi
                                                   int ivLength, const unsigned char* key, int keyLength,
                                                   void* ctx) {
     const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_decryptSymetric",
-                                "serial=" + show(serial) + ", in=" + show(in, inLength) +
-                                    ", out=" + show(outLength) + ", iv=" + show(iv, ivLength) +
-                                    ", key=" + show(key, keyLength) + showContext(ctx));
+    const Script script =
+        begin("veltra_decryptSymetric", "serial=" + show(serial) + ", in=" + show(in, inLength) +
+                                            ", out=" + show(outLength) + ", iv=" + show(iv, ivLength) +
+                                            ", key=" + show(key, keyLength) + showContext(ctx));
     if (script.result) return script.result;
     const Bytes plain = aesPlaintext(in, inLength);
     if (plain.size() > static_cast<std::size_t>(*outLength)) return kBufferTooSmall;
@@ -563,9 +601,9 @@ int ScriptedDeviceLibrary::veltra_ecdhDerive(const char* serial, const unsigned 
                                              const unsigned char* peer, int peerLength, unsigned char** out,
                                              int* outLength, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_ecdhDerive", "serial=" + show(serial) + ", key=" + showKeyId(keyId) +
-                                                         ", pin=" + show(pin) + ", peer=" +
-                                                         show(peer, peerLength) + showContext(ctx));
+    const Script script = begin(
+        "veltra_ecdhDerive", "serial=" + show(serial) + ", key=" + showKeyId(keyId) + ", pin=" + show(pin) +
+                                 ", peer=" + show(peer, peerLength) + showContext(ctx));
     if (script.result) return script.result;
     const ScriptedToken* token = find(serial);
     if (!token) return kNoSuchToken;

@@ -49,16 +49,18 @@ struct Script {
     bool throws = false;            ///< it throws a std::runtime_error
     bool outOfMemory = false;       ///< it throws std::bad_alloc
     int onCall = 0;                 ///< only the n-th call from now on, counted from 1; 0: every call
+    bool noBuffer = false;          ///< it hands out no buffer, whatever length it reports
 };
 
 /// The device library's double: tokens in memory, deterministic cryptography that keeps byte orders and the
 /// order of data visible, a record of every call, and any call made to fail as a test asks. Thread-safe.
 ///
-/// Signatures are the bytes 1, 2, 3, ... and so are shared secrets, 32 of them; a verification succeeds exactly for those. Digests come from
-/// fakeDigest. Ciphertexts are the plaintext's bytes changed by maskOf: an RSA ciphertext begins with zeros
-/// and one that does not is refused; AES pads the final piece to whole blocks; a wrapped key begins with a
-/// byte of the wrapping key's identifier. A certificate is what fakeCertificate makes. There is one instance,
-/// because the device monitor's thread may call it at any time: tests reset it.
+/// Signatures are the bytes 1, 2, 3, ... and so are shared secrets, 32 of them; a verification succeeds
+/// exactly for those. Digests come from fakeDigest. Ciphertexts are the plaintext's bytes changed by maskOf:
+/// an RSA ciphertext begins with zeros and one that does not is refused; AES pads the final piece to whole
+/// blocks; a wrapped key begins with a byte of the wrapping key's identifier. A certificate is what
+/// fakeCertificate makes. There is one instance, because the device monitor's thread may call it at any time:
+/// tests reset it.
 class ScriptedDeviceLibrary final : public DeviceLibrary {
 public:
     static ScriptedDeviceLibrary& instance();
@@ -72,6 +74,9 @@ public:
 
     /// Scripts the calls of `function` ("veltra_signHash"); several scripts of one function add up.
     void script(const std::string& function, Script script);
+    /// Scripts the n-th call, of whatever function, that the current thread makes from now on. A list that a
+    /// failing call gives is empty, and the script's length is that of every record of it.
+    void scriptCall(int n, Script script);
     void clearScripts();
 
     /// The calls that the current thread made, as text, in order; with a name, only those of that function.
@@ -157,7 +162,11 @@ private:
     struct ScriptState {
         Script script;
         int callsSeen = 0;
+        std::thread::id thread = {};
     };
+    /// What each thread got last: a list stays as it is until its thread asks again.
+    template <class Record>
+    using Lists = std::map<std::thread::id, std::vector<Record>>;
     struct Hash {
         int mechanism;
         Bytes data;
@@ -175,10 +184,11 @@ private:
     std::vector<std::unique_ptr<ScriptedToken>> tokens_;
     std::vector<Call> calls_;
     std::multimap<std::string, ScriptState> scripts_;
+    ScriptState scriptedCall_;
     std::vector<Hash> hashes_;
-    std::vector<VeltraKeyPair> noKeyPairs_;
-    std::vector<VeltraCertificate> noCertificates_;
-    std::vector<VeltraSymmetricKey> noAesKeys_;
+    Lists<VeltraKeyPair> keyPairLists_;
+    Lists<VeltraCertificate> certificateLists_;
+    Lists<VeltraSymmetricKey> aesKeyLists_;
     unsigned char generatedKeys_ = 0;
 };
 
