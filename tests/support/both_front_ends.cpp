@@ -103,7 +103,8 @@ BothFrontEnds::~BothFrontEnds() {
 }
 
 void BothFrontEnds::resetOutput() {
-    out = {};
+    const Output untouched;
+    out = untouched; // copied: the addresses of the application's buffers stay
     if (input.empty()) return;
     std::ranges::copy(input, out.bytes.begin());
     out.length = inputLength();
