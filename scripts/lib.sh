@@ -17,6 +17,12 @@ fail() {
     exit 1
 }
 
+# Put before a start of Wine, which maps a page at a fixed address. Where the randomisation of addresses has put
+# something else there, once in some thousand starts, Wine ends at once with status 1. Empty where the system does not
+# let the randomisation be turned off.
+fixedAddresses=()
+! setarch -R true 2>/dev/null || fixedAddresses=(setarch -R)
+
 # The 64-bit Wine loader. Debian's front end /usr/bin/wine asks for the 32-bit one, which nothing here needs.
 wineLoader() {
     local candidate
@@ -95,7 +101,7 @@ makeWinePrefix() {
 
 # Starts Wine's services. They keep the output of the program that starts them open, so that whoever reads that
 # program's output would wait for them as well: a program without output has to be the first.
-bootWine() { "$(wineLoader)" cmd /c exit </dev/null >/dev/null 2>&1; }
+bootWine() { "${fixedAddresses[@]}" "$(wineLoader)" cmd /c exit </dev/null >/dev/null 2>&1; }
 
 # Boots Wine if it does not run, for as long as it is used and a minute more.
 ensureWineRuns() {
@@ -169,11 +175,12 @@ windowsPath() {
 runWindows() { "$veltraRoot/scripts/wine-run" "$@"; }
 
 # runWindowsTypingPin PIN PICTURE PROGRAM ARGUMENTS...: runs a program that shows the provider's password dialog on
-# the display, types the PIN into it and leaves a picture of it in the file PICTURE.
+# the display, types the PIN into it and leaves a picture of it in the file PICTURE. The program is ended after two
+# minutes: a second dialog would have nobody to answer it.
 runWindowsTypingPin() {
-    local pin=$1 picture=$2 window='' program
+    local pin=$1 picture=$2 window='' program status=0
     shift 2
-    exec "$veltraRoot/scripts/wine-run" "$@" &
+    exec timeout 120 "$veltraRoot/scripts/wine-run" "$@" &
     program=$!
     for _ in $(seq 150); do
         window=$(xdotool search --onlyvisible --name '^Verify User Password$' 2>/dev/null | head -n 1 || true)
@@ -190,5 +197,7 @@ runWindowsTypingPin() {
     sleep 0.3
     import -window "$window" "$picture"
     xdotool key Return
-    wait "$program"
+    wait "$program" || status=$?
+    [ "$status" -ne 124 ] || fail "the program did not end in time"
+    return "$status"
 }

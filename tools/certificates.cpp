@@ -2,6 +2,7 @@
 
 #include "error_text.h"
 #include "files.h"
+#include "public_keys.h"
 #include "wide_text.h"
 
 #include <cstddef>
@@ -42,17 +43,9 @@ void saveCertificate(const std::filesystem::path& path, const CERT_CONTEXT& cert
     replaceFile(path, pem);
 }
 
-void requireSameKey(const CryptoProvider& context, const CERT_CONTEXT& certificate) {
-    const auto exportKey = [&](void* info, DWORD* length) {
-        require(CryptExportPublicKeyInfo(context.handle(), AT_SIGNATURE, X509_ASN_ENCODING,
-                                         static_cast<CERT_PUBLIC_KEY_INFO*>(info), length),
-                "could not read the container's public key");
-    };
-    DWORD length = 0;
-    exportKey(nullptr, &length);
-    std::vector<std::max_align_t> buffer(length / sizeof(std::max_align_t) + 1);
-    exportKey(buffer.data(), &length);
-    if (!CertComparePublicKeyInfo(X509_ASN_ENCODING, reinterpret_cast<CERT_PUBLIC_KEY_INFO*>(buffer.data()),
+void requireSameKey(const TokenKey& key, const CERT_CONTEXT& certificate) {
+    DecodedPublicKeyInfo own(key.publicKeyInfo());
+    if (!CertComparePublicKeyInfo(X509_ASN_ENCODING, own.get(),
                                   &certificate.pCertInfo->SubjectPublicKeyInfo)) {
         throw CommandError(
             "the certificate belongs to another key than the container's; 'veltra certificate' "

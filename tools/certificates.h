@@ -1,6 +1,6 @@
 #pragma once
 
-#include "crypto_provider.h"
+#include "token_key.h"
 
 #include "foundation/windows.h"
 
@@ -37,7 +37,7 @@ void saveCertificate(const std::filesystem::path& path, const CERT_CONTEXT& cert
 
 /// Throws a CommandError unless the certificate belongs to the container's key: what is signed or stored with
 /// another one would verify nowhere.
-void requireSameKey(const CryptoProvider& context, const CERT_CONTEXT& certificate);
+void requireSameKey(const TokenKey& key, const CERT_CONTEXT& certificate);
 
 /// Encodes a distinguished name such as "CN=Example, O=Company" in DER.
 std::vector<BYTE> encodeName(const std::wstring& name);

@@ -121,37 +121,57 @@ std::vector<std::max_align_t> messageParameter(HCRYPTMSG message, DWORD paramete
     return buffer;
 }
 
+/// Read straight into what is returned, so that no second copy of the plaintext is left behind.
 std::vector<BYTE> contentOf(HCRYPTMSG message) {
     DWORD length = 0;
-    const auto buffer = messageParameter(message, CMSG_CONTENT_PARAM, 0, length);
-    const auto* bytes = reinterpret_cast<const BYTE*>(buffer.data());
-    return {bytes, bytes + length};
+    require(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &length), "could not read the content");
+    std::vector<BYTE> content(length);
+    require(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, content.data(), &length),
+            "could not read the content");
+    content.resize(length);
+    return content;
+}
+
+/// Padding makes even an empty content a block long. Wine takes a content in pieces, which BER allows, for an
+/// empty one. A platform that does not tell the length before the decryption has not made that mistake.
+bool isContentInPieces(HCRYPTMSG message) {
+    DWORD length = 0;
+    return CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &length) && length == 0;
+}
+
+/// Whether the code is what the provider answers for a key that its own key cannot decrypt, or says nothing.
+bool saysWrongKey(DWORD code) {
+    const auto status = static_cast<LONG>(code);
+    return status == NTE_FAIL || status == CRYPT_E_RECIPIENT_NOT_FOUND;
 }
 
 /// Tries the recipients in turn: which of them the container's key is would be known only by its certificate,
-/// and that need not be on the token.
+/// and that need not be on the token. A refusal has the first code that is not plainly that of another's key.
 void decryptForAnyRecipient(HCRYPTMSG message, DWORD recipients, const CryptoProvider& context) {
     CMSG_CTRL_DECRYPT_PARA parameters{};
     parameters.cbSize = sizeof parameters;
     parameters.hCryptProv = context.handle();
     parameters.dwKeySpec = AT_KEYEXCHANGE;
-    auto code = static_cast<DWORD>(CRYPT_E_RECIPIENT_NOT_FOUND);
+    auto reason = static_cast<DWORD>(CRYPT_E_RECIPIENT_NOT_FOUND);
     for (DWORD index = 0; index < recipients; ++index) {
         DWORD length = 0;
         const auto recipient = messageParameter(message, CMSG_RECIPIENT_INFO_PARAM, index, length);
         wantedRecipient = reinterpret_cast<const CERT_INFO*>(recipient.data());
         parameters.dwRecipientIndex = index;
         const BOOL decrypted = CryptMsgControl(message, 0, CMSG_CTRL_DECRYPT, &parameters);
-        code = GetLastError();
+        const DWORD code = GetLastError();
         wantedRecipient = nullptr;
         if (decrypted) {
             return;
         }
+        if (saysWrongKey(reason)) {
+            reason = code;
+        }
     }
-    if (static_cast<LONG>(code) == NTE_BAD_ALGID) {
-        throw CommandError("the message's content is not encrypted with AES-CBC", kExitFailed, code);
+    if (static_cast<LONG>(reason) == NTE_BAD_ALGID) {
+        throw CommandError("the message's content is not encrypted with AES-CBC", kExitFailed, reason);
     }
-    failWithCode(code, "none of the message's recipients is the container's key");
+    failWithCode(reason, "could not decrypt for any of the message's recipients");
 }
 
 } // namespace
@@ -168,9 +188,7 @@ std::vector<BYTE> decryptMessage(const CryptoProvider& context, const std::vecto
         const DWORD code = GetLastError();
         failWithCode(code, name + " is not an enveloped CMS message in DER");
     }
-    // Padding makes even an empty content a block long. Wine takes a content in pieces, which BER allows, for
-    // an empty one.
-    if (contentOf(message.get()).empty()) {
+    if (isContentInPieces(message.get())) {
         throw CommandError(name +
                            " has its content in pieces, not in DER; write it anew with 'openssl cms -cmsout "
                            "-inform DER -outform DER'");

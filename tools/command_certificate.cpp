@@ -4,6 +4,8 @@
 
 #include "certificates.h"
 #include "error_text.h"
+#include "signed_structures.h"
+#include "token_key.h"
 #include "wide_text.h"
 
 #include <iostream>
@@ -23,22 +25,38 @@ SYSTEMTIME daysAfter(SYSTEMTIME start, int days) {
     return result;
 }
 
-} // namespace
-
-int createCertificate(const ProviderChoice& provider, const CertificateOptions& options) {
-    std::vector<BYTE> subject = encodeName(options.subject);
+UniqueCertificate makeByCryptoApi(const ProviderChoice& provider, const CertificateOptions& options,
+                                  Bytes& subject, SYSTEMTIME start, SYSTEMTIME end) {
     const CryptoProvider context = CryptoProvider::openForUse(provider, options.container);
-
     CERT_NAME_BLOB subjectBlob{static_cast<DWORD>(subject.size()), subject.data()};
     char algorithmIdentifier[] = szOID_RSA_SHA256RSA;
     CRYPT_ALGORITHM_IDENTIFIER algorithm{};
     algorithm.pszObjId = algorithmIdentifier;
+    return UniqueCertificate(CertCreateSelfSignCertificate(context.handle(), &subjectBlob,
+                                                           CERT_CREATE_SELFSIGN_NO_KEY_INFO, nullptr,
+                                                           &algorithm, &start, &end, nullptr));
+}
+
+// The platform's function would look for a CNG key in the providers that are registered with the system.
+UniqueCertificate makeByCng(const ProviderChoice& provider, const CertificateOptions& options,
+                            const Bytes& subject, const SYSTEMTIME& start, const SYSTEMTIME& end) {
+    const auto tokens = TokenInterface::open(provider);
+    const Bytes der = selfSignedCertificate(*tokens->openKeyForUse(options.container),
+                                            *findHashAlgorithm("sha256"), subject, start, end);
+    return UniqueCertificate(
+        CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size())));
+}
+
+} // namespace
+
+int createCertificate(const ProviderChoice& provider, const CertificateOptions& options) {
+    Bytes subject = encodeName(options.subject);
     SYSTEMTIME start{};
     GetSystemTime(&start);
-    SYSTEMTIME end = daysAfter(start, options.days);
-    const UniqueCertificate certificate(
-        CertCreateSelfSignCertificate(context.handle(), &subjectBlob, CERT_CREATE_SELFSIGN_NO_KEY_INFO,
-                                      nullptr, &algorithm, &start, &end, nullptr));
+    const SYSTEMTIME end = daysAfter(start, options.days);
+    const UniqueCertificate certificate = provider.cng
+                                              ? makeByCng(provider, options, subject, start, end)
+                                              : makeByCryptoApi(provider, options, subject, start, end);
     require(certificate != nullptr, "could not make the certificate");
     saveCertificate(options.out, *certificate);
     std::cout << "Certificate of " << nameText(certificate->pCertInfo->Subject) << ", valid for "

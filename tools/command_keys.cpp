@@ -4,6 +4,7 @@
 
 #include "container_map.h"
 #include "error_text.h"
+#include "token_key.h"
 #include "wide_text.h"
 
 #include <iomanip>
@@ -13,12 +14,9 @@
 namespace veltra {
 namespace {
 
-/// The key with this identifier, or nothing when no connected token has it. The identifier is a container
-/// name too, and one that finds the key on whichever token has it.
-std::optional<KeyDescription> findKey(const ProviderChoice& provider, const std::wstring& keyId) {
-    const CryptoProvider context = CryptoProvider::open(provider, keyId);
-    const std::optional<CryptoKey> key = context.findOwnKey();
-    return key ? std::optional(CryptoProvider::describe(*key)) : std::nullopt;
+std::optional<KeyDescription> describeKey(const TokenInterface& tokens, const std::wstring& keyId) {
+    const auto key = tokens.findKey(keyId);
+    return key ? std::optional(key->describe()) : std::nullopt;
 }
 
 void printKeyRow(std::string_view container, std::string_view algorithm, std::string_view bits,
@@ -33,7 +31,8 @@ int listKeys(const ProviderChoice& provider) {
     const std::vector<Container> containers = readContainerMap();
     // The keys that no container of this user stands for are reached by their identifiers, which the provider
     // tells for the first token only.
-    std::vector<std::string> others = CryptoProvider::openToken(provider).containerNames();
+    const auto tokens = TokenInterface::open(provider);
+    std::vector<std::string> others = tokens->keyIds();
     for (const Container& container : containers) {
         for (const std::wstring& keyId : container.keyIds) {
             std::erase(others, toUtf8(keyId));
@@ -46,14 +45,14 @@ int listKeys(const ProviderChoice& provider) {
     printKeyRow("CONTAINER", "ALGORITHM", "BITS", "USAGE", "KEY");
     for (const Container& container : containers) {
         for (const std::wstring& keyId : container.keyIds) {
-            const std::optional<KeyDescription> key = findKey(provider, keyId);
+            const std::optional<KeyDescription> key = describeKey(*tokens, keyId);
             printKeyRow(toUtf8(container.name), key ? key->algorithm : "-",
                         key ? std::to_string(key->bits) : "-", key ? key->usage : "-",
                         toUtf8(keyId) + (key ? "" : " (not on a connected token)"));
         }
     }
     for (const std::string& keyId : others) {
-        if (const std::optional<KeyDescription> key = findKey(provider, toWide(keyId))) {
+        if (const std::optional<KeyDescription> key = describeKey(*tokens, toWide(keyId))) {
             printKeyRow("-", key->algorithm, std::to_string(key->bits), key->usage, keyId);
         }
     }
@@ -98,9 +97,10 @@ int deleteContainer(const ProviderChoice& provider, const DeleteContainerOptions
         CryptoProvider::deleteContainer(provider, container.name);
     }
 
+    const auto tokens = TokenInterface::open(provider);
     // The provider succeeds when the container is gone, even if the token kept a key.
     for (const std::wstring& keyId : container.keyIds) {
-        if (findKey(provider, keyId)) {
+        if (tokens->findKey(keyId)) {
             throw CommandError("the container " + inQuotes(container.name) + " is deleted, but its key " +
                                toUtf8(keyId) + " is still on the token");
         }

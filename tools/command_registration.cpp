@@ -3,6 +3,7 @@
 #include "commands.h"
 
 #include "error_text.h"
+#include "key_storage.h"
 #include "wide_text.h"
 
 #include "foundation/win_handle.h"
@@ -90,12 +91,6 @@ RegistryValue numberValue(const wchar_t* name, DWORD number) {
     return {name, true, REG_DWORD, {bytes, bytes + sizeof number}};
 }
 
-std::filesystem::path defaultDll() {
-    std::wstring program(32768, L'\0');
-    program.resize(GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size())));
-    return std::filesystem::path(program).parent_path() / L"VeltraCSP.dll";
-}
-
 /// A key without values and sub-keys is removed; anything that somebody else put there stays.
 void removeKeyIfEmpty(const std::wstring& path) {
     HKEY opened = nullptr;
@@ -114,14 +109,8 @@ void removeKeyIfEmpty(const std::wstring& path) {
 
 } // namespace
 
-int registerProvider(const ProviderChoice& provider, const RegistrationOptions& options) {
-    std::error_code error;
-    const std::filesystem::path dll =
-        std::filesystem::absolute(options.dll.empty() ? defaultDll() : options.dll, error);
-    if (error || !std::filesystem::is_regular_file(dll, error)) {
-        throw CommandError(inQuotes(dll.native()) + " is not a file; --dll names the provider's DLL");
-    }
-
+int registerProvider(const ProviderChoice& provider) {
+    const std::filesystem::path dll = providerDll(provider);
     const std::wstring path = kProvidersKey + provider.name;
     HKEY opened = nullptr;
     requireRegistry(RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,

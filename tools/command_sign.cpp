@@ -3,41 +3,33 @@
 #include "commands.h"
 
 #include "certificates.h"
+#include "ecdsa_signature.h"
 #include "error_text.h"
 #include "files.h"
+#include "signed_structures.h"
+#include "token_key.h"
 #include "wide_text.h"
 
-#include <algorithm>
 #include <iostream>
 
 namespace veltra {
 namespace {
 
-/// The DER form of the present time for the signing-time attribute.
-std::vector<BYTE> encodedSigningTime() {
-    FILETIME now{};
-    GetSystemTimeAsFileTime(&now);
-    return askTwice([&](BYTE* encoded, DWORD* length) {
-        require(CryptEncodeObject(X509_ASN_ENCODING, X509_CHOICE_OF_TIME, &now, encoded, length),
-                "could not encode the signing time");
-    });
-}
-
 /// A detached CMS message (RFC 5652) in DER with the certificate inside. Signed attributes: content type,
 /// message digest and signing time; the platform adds the first two once there is any.
-std::vector<BYTE> cmsSignature(const CryptoProvider& context, const SignOptions& options) {
-    const UniqueCertificate certificate = loadCertificate(options.certificate);
-    requireSameKey(context, *certificate);
-
-    std::vector<BYTE> time = encodedSigningTime();
+Bytes platformSignature(const CryptoProvider& context, const CERT_CONTEXT& certificate,
+                        const SignOptions& options) {
+    FILETIME now{};
+    GetSystemTimeAsFileTime(&now);
+    Bytes time = encodedTime(now);
     CRYPT_ATTR_BLOB timeBlob{static_cast<DWORD>(time.size()), time.data()};
     char timeIdentifier[] = szOID_RSA_signingTime;
     CRYPT_ATTRIBUTE timeAttribute{timeIdentifier, 1, &timeBlob};
 
-    std::string hashIdentifier = options.hash->objectIdentifier;
+    std::string hashIdentifier = options.scheme.hash->objectIdentifier;
     CMSG_SIGNER_ENCODE_INFO signer{};
     signer.cbSize = sizeof signer;
-    signer.pCertInfo = certificate->pCertInfo;
+    signer.pCertInfo = certificate.pCertInfo;
     signer.hCryptProv = context.handle();
     signer.dwKeySpec = AT_SIGNATURE;
     signer.HashAlgorithm.pszObjId = hashIdentifier.data();
@@ -46,7 +38,7 @@ std::vector<BYTE> cmsSignature(const CryptoProvider& context, const SignOptions&
         signer.rgAuthAttr = &timeAttribute;
     }
 
-    CERT_BLOB certificateBlob{certificate->cbCertEncoded, certificate->pbCertEncoded};
+    CERT_BLOB certificateBlob{certificate.cbCertEncoded, certificate.pbCertEncoded};
     CMSG_SIGNED_ENCODE_INFO info{};
     info.cbSize = sizeof info;
     info.cSigners = 1;
@@ -68,25 +60,32 @@ std::vector<BYTE> cmsSignature(const CryptoProvider& context, const SignOptions&
     });
 }
 
-/// The bare signature, big-endian as other software writes it; CryptoAPI's own order is little-endian.
-std::vector<BYTE> rawSignature(const CryptoProvider& context, const SignOptions& options) {
-    const CryptoHash hash = context.createHash(*options.hash);
-    readInPieces(options.file, [&](std::span<const unsigned char> piece) { hashPiece(hash, piece); });
-    std::vector<BYTE> signature = askTwice([&](BYTE* data, DWORD* length) {
-        require(CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, data, length),
-                "could not sign the file");
-    });
-    std::ranges::reverse(signature);
-    return signature;
+Bytes cmsSignature(const ProviderChoice& provider, const SignOptions& options) {
+    const UniqueCertificate certificate = loadCertificate(options.certificate);
+    const auto tokens = TokenInterface::open(provider);
+    requireSameKey(*tokens->openKey(options.container), *certificate);
+    if (provider.cng) {
+        return detachedSignature(*tokens->openKeyForUse(options.container), *certificate,
+                                 *options.scheme.hash, piecesOf(options.file), options.attributes);
+    }
+    return platformSignature(CryptoProvider::openForUse(provider, options.container), *certificate, options);
+}
+
+Bytes rawSignature(const ProviderChoice& provider, const SignOptions& options) {
+    const auto tokens = TokenInterface::open(provider);
+    const auto key = tokens->openKeyForUse(options.container);
+    if (options.der && key->describe().algorithm == "RSA") {
+        throw CommandError("--der is for EC keys", kExitUsage);
+    }
+    const Bytes signature = key->sign(options.scheme, piecesOf(options.file));
+    return options.der ? ecdsaSignatureAsDer(signature) : signature;
 }
 
 } // namespace
 
 int signFile(const ProviderChoice& provider, const SignOptions& options) {
     requireDifferentFiles(options.file, options.out);
-    const CryptoProvider context = CryptoProvider::openForUse(provider, options.container);
-    const std::vector<BYTE> signature =
-        options.raw ? rawSignature(context, options) : cmsSignature(context, options);
+    const Bytes signature = options.raw ? rawSignature(provider, options) : cmsSignature(provider, options);
     replaceFile(options.out, signature);
     std::cout << "Signed with container " << inQuotes(options.container) << ": "
               << toUtf8(options.out.native()) << '\n';

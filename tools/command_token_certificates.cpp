@@ -6,6 +6,7 @@
 #include "container_map.h"
 #include "error_text.h"
 #include "files.h"
+#include "token_key.h"
 #include "wide_text.h"
 
 #include <algorithm>
@@ -27,8 +28,8 @@ void printCertificate(const std::string& container, const std::vector<BYTE>& der
 }
 
 /// The keys of the first token and those, on whichever token, that a container of this user stands for.
-std::vector<std::string> knownKeys(const ProviderChoice& provider) {
-    std::vector<std::string> keys = CryptoProvider::openToken(provider).containerNames();
+std::vector<std::string> knownKeys(const TokenInterface& tokens) {
+    std::vector<std::string> keys = tokens.keyIds();
     for (const Container& container : readContainerMap()) {
         for (const std::wstring& keyId : container.keyIds) {
             if (std::string key = toUtf8(keyId); std::ranges::find(keys, key) == keys.end()) {
@@ -42,13 +43,13 @@ std::vector<std::string> knownKeys(const ProviderChoice& provider) {
 } // namespace
 
 int listCertificates(const ProviderChoice& provider) {
-    for (const std::string& name : knownKeys(provider)) {
-        const CryptoProvider context = CryptoProvider::open(provider, toWide(name));
-        const std::optional<CryptoKey> key = context.findOwnKey();
+    const auto tokens = TokenInterface::open(provider);
+    for (const std::string& name : knownKeys(*tokens)) {
+        const auto key = tokens->findKey(toWide(name));
         if (!key) {
             continue; // of a token that is not connected
         }
-        if (const auto der = CryptoProvider::certificateOf(*key)) {
+        if (const auto der = key->certificate()) {
             printCertificate(name, *der);
         } else {
             std::cout << name << "\n  no certificate\n";
@@ -59,12 +60,11 @@ int listCertificates(const ProviderChoice& provider) {
 
 int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options) {
     const UniqueCertificate certificate = loadCertificate(options.file);
-    const CryptoProvider context = CryptoProvider::openForUse(provider, options.container);
+    const auto tokens = TokenInterface::open(provider);
+    const auto key = tokens->openKeyForUse(options.container);
     // The provider stores what it is given; a certificate of another key would serve nobody.
-    requireSameKey(context, *certificate);
-    const CryptoKey key = context.ownKey();
-    require(CryptSetKeyParam(key.get(), KP_CERTIFICATE, certificate->pbCertEncoded, 0),
-            "could not store the certificate on the token");
+    requireSameKey(*key, *certificate);
+    key->storeCertificate(*certificate);
     std::cout << "Stored the certificate of " << nameText(certificate->pCertInfo->Subject)
               << " for container " << inQuotes(options.container) << ".\n";
     return kExitOk;

@@ -3,8 +3,11 @@
 #include "commands.h"
 
 #include "certificates.h"
+#include "ecdsa_signature.h"
 #include "error_text.h"
 #include "files.h"
+#include "public_keys.h"
+#include "token_key.h"
 #include "wide_text.h"
 
 #include <algorithm>
@@ -19,20 +22,6 @@ constexpr std::size_t kSignedFileLimit = std::size_t{1024} * 1024 * 1024;
 int reportBadSignature(std::string_view why) {
     std::cout << "The signature does NOT verify: " << why << '\n';
     return kExitBadSignature;
-}
-
-/// True for a good signature, false for one that does not belong to the data; anything else throws.
-bool verdict(BOOL verified, std::string_view what) {
-    if (verified) {
-        return true;
-    }
-    const DWORD code = GetLastError();
-    const bool isBadSignature =
-        code == static_cast<DWORD>(NTE_BAD_SIGNATURE) || code == static_cast<DWORD>(CRYPT_E_HASH_VALUE);
-    if (!isBadSignature) {
-        failWithCode(code, what);
-    }
-    return false;
 }
 
 DWORD messageNumber(HCRYPTMSG message, DWORD parameter) {
@@ -171,37 +160,16 @@ int verifyCms(const VerifyOptions& options) {
     return kExitOk;
 }
 
-/// A public key with the context that it lives in: the container's own key in the provider, or a
-/// certificate's key in the system's software provider, which needs no token.
-struct Verifier {
-    CryptoProvider context;
-    CryptoKey key;
-};
-
-Verifier openVerifier(const ProviderChoice& provider, const VerifyOptions& options) {
-    if (options.certificate.empty()) {
-        CryptoProvider context = CryptoProvider::open(provider, options.container);
-        CryptoKey key = context.ownKey();
-        return {std::move(context), std::move(key)};
-    }
-    const UniqueCertificate certificate = loadCertificate(options.certificate);
-    CryptoProvider context = CryptoProvider::openSystem();
-    HCRYPTKEY key = 0;
-    require(CryptImportPublicKeyInfo(context.handle(), X509_ASN_ENCODING,
-                                     &certificate->pCertInfo->SubjectPublicKeyInfo, &key),
-            "could not use the certificate's public key");
-    return {std::move(context), CryptoKey(key)};
-}
-
 int verifyRaw(const ProviderChoice& provider, const VerifyOptions& options) {
-    std::vector<unsigned char> signature = readSmallFile(options.signature, kSignatureFileLimit);
-    std::ranges::reverse(signature);
-    const Verifier verifier = openVerifier(provider, options);
-    const CryptoHash hash = verifier.context.createHash(*options.hash);
-    readInPieces(options.file, [&](std::span<const unsigned char> piece) { hashPiece(hash, piece); });
-    if (!verdict(CryptVerifySignatureW(hash.get(), signature.data(), static_cast<DWORD>(signature.size()),
-                                       verifier.key.get(), nullptr, 0),
-                 "could not check the signature")) {
+    const auto tokens = TokenInterface::open(provider);
+    const std::unique_ptr<TokenKey> key = options.certificate.empty()
+                                              ? tokens->openKey(options.container)
+                                              : tokens->publicKey(loadPublicKeyInfo(options.certificate));
+    Bytes signature = readSmallFile(options.signature, kSignatureFileLimit);
+    if (options.der) {
+        signature = ecdsaSignatureFromDer(signature, key->describe().bits);
+    }
+    if (!key->verify(options.scheme, piecesOf(options.file), signature)) {
         return reportBadSignature("the file or the signature was changed, or another key or hash was used.");
     }
     std::cout << "Good signature.\n";

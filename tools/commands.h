@@ -1,6 +1,6 @@
 #pragma once
 
-#include "crypto_provider.h"
+#include "token_key.h"
 
 #include <filesystem>
 #include <string>
@@ -9,10 +9,6 @@ namespace veltra {
 
 // One function per command of the program. Each prints its result to the standard output, returns the exit
 // code of the program and throws a CommandError for what it could not do.
-
-struct RegistrationOptions {
-    std::filesystem::path dll; ///< empty: VeltraCSP.dll beside the program
-};
 
 struct KeygenOptions {
     std::wstring container;
@@ -38,7 +34,8 @@ struct SignOptions {
     bool raw = false; ///< a bare signature instead of a CMS message
     bool attributes = true;
     std::filesystem::path certificate;
-    const HashAlgorithm* hash = nullptr;
+    SignatureScheme scheme;
+    bool der = false; ///< an ECDSA signature in DER instead of r and s side by side
     std::filesystem::path out;
 };
 
@@ -48,15 +45,17 @@ struct VerifyOptions {
     bool raw = false;
     std::wstring container;
     std::filesystem::path certificate;
-    const HashAlgorithm* hash = nullptr; ///< for a bare signature; a CMS message names its own
+    SignatureScheme scheme; ///< for a bare signature; a CMS message names its own
+    bool der = false;
 };
 
 struct EncryptionOptions {
     std::filesystem::path file;
     std::wstring container;
     std::filesystem::path out;
-    bool oaep = false;
-    bool cms = false; ///< decrypt: an enveloped CMS message instead of a bare RSA ciphertext
+    EncryptionScheme scheme;
+    std::filesystem::path publicKey; ///< encrypt: to this key instead of the container's
+    bool cms = false;                ///< decrypt: an enveloped CMS message instead of a bare RSA ciphertext
 };
 
 struct RandomOptions {
@@ -69,7 +68,7 @@ struct TokenCertificateOptions {
     std::filesystem::path file; ///< the certificate to import, or where the chain goes
 };
 
-int registerProvider(const ProviderChoice& provider, const RegistrationOptions& options);
+int registerProvider(const ProviderChoice& provider);
 int unregisterProvider(const ProviderChoice& provider);
 int listKeys(const ProviderChoice& provider);
 int generateKey(const ProviderChoice& provider, const KeygenOptions& options);
@@ -84,5 +83,39 @@ int listCertificates(const ProviderChoice& provider);
 int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options);
 int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options);
 int showProvider(const ProviderChoice& provider);
+
+// The commands that only CNG has.
+
+struct StorageKeygenOptions {
+    std::wstring algorithm; ///< CNG's name: "RSA", "ECDSA_P256", ...
+    DWORD bits = 0;         ///< of an RSA key
+    DWORD keySpec = AT_SIGNATURE;
+};
+
+struct AgreementOptions {
+    std::wstring container;
+    std::filesystem::path peer; ///< public key or certificate, PEM or DER
+    std::wstring derivation;    ///< CNG's name: "HASH" or "SP800_56ACONCAT"
+    const HashAlgorithm* hash = nullptr;
+    std::string label;
+    std::string context;
+    DWORD length = 0;          ///< bytes of the derived key; 0: the whole digest
+    std::filesystem::path out; ///< empty: hexadecimal digits to the standard output
+};
+
+struct BlobOptions {
+    std::wstring container; ///< the key to export, or the one under which an imported key is encrypted
+    std::wstring type;      ///< CNG's name; "PEM" exports a SubjectPublicKeyInfo as PEM
+    std::filesystem::path file;
+};
+
+int generateStorageKey(const ProviderChoice& provider, const StorageKeygenOptions& options);
+int deleteStorageKey(const ProviderChoice& provider, const DeleteContainerOptions& options);
+int showStorageProvider(const ProviderChoice& provider);
+int agreeOnKey(const ProviderChoice& provider, const AgreementOptions& options);
+int importKeyBlob(const ProviderChoice& provider, const BlobOptions& options);
+int exportKeyBlob(const ProviderChoice& provider, const BlobOptions& options);
+int registerKeyStorage(const ProviderChoice& provider);
+int unregisterKeyStorage(const ProviderChoice& provider);
 
 } // namespace veltra

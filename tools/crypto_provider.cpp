@@ -3,6 +3,8 @@
 #include "error_text.h"
 #include "wide_text.h"
 
+#include "foundation/cng.h"
+
 #include <algorithm>
 #include <array>
 
@@ -10,10 +12,14 @@ namespace veltra {
 namespace {
 
 constexpr std::array kHashAlgorithms = {
-    HashAlgorithm{"sha256", CALG_SHA_256, szOID_NIST_sha256},
-    HashAlgorithm{"sha384", CALG_SHA_384, szOID_NIST_sha384},
-    HashAlgorithm{"sha512", CALG_SHA_512, szOID_NIST_sha512},
-    HashAlgorithm{"sha1", CALG_SHA1, szOID_OIWSEC_sha1},
+    HashAlgorithm{"sha256", CALG_SHA_256, szOID_NIST_sha256, BCRYPT_SHA256_ALGORITHM, 32, szOID_RSA_SHA256RSA,
+                  szOID_ECDSA_SHA256},
+    HashAlgorithm{"sha384", CALG_SHA_384, szOID_NIST_sha384, BCRYPT_SHA384_ALGORITHM, 48, szOID_RSA_SHA384RSA,
+                  szOID_ECDSA_SHA384},
+    HashAlgorithm{"sha512", CALG_SHA_512, szOID_NIST_sha512, BCRYPT_SHA512_ALGORITHM, 64, szOID_RSA_SHA512RSA,
+                  szOID_ECDSA_SHA512},
+    HashAlgorithm{"sha1", CALG_SHA1, szOID_OIWSEC_sha1, BCRYPT_SHA1_ALGORITHM, 20, szOID_RSA_SHA1RSA,
+                  szOID_ECDSA_SHA1},
 };
 
 DWORD keyNumber(const CryptoKey& key, DWORD parameter) {
@@ -24,16 +30,27 @@ DWORD keyNumber(const CryptoKey& key, DWORD parameter) {
     return value;
 }
 
-std::string usageText(DWORD permissions) {
-    const bool signs = (permissions & CRYPT_ENCRYPT) != 0;
-    const bool exchanges = (permissions & CRYPT_DECRYPT) != 0;
+} // namespace
+
+std::string usageText(bool signs, bool exchanges) {
     if (signs && exchanges) {
         return "both";
     }
     return signs ? "sign" : exchanges ? "exchange" : "none";
 }
 
-} // namespace
+bool verdict(BOOL verified, std::string_view what) {
+    if (verified) {
+        return true;
+    }
+    const DWORD code = GetLastError();
+    const bool isBadSignature =
+        code == static_cast<DWORD>(NTE_BAD_SIGNATURE) || code == static_cast<DWORD>(CRYPT_E_HASH_VALUE);
+    if (!isBadSignature) {
+        failWithCode(code, what);
+    }
+    return false;
+}
 
 std::span<const HashAlgorithm> hashAlgorithms() {
     return kHashAlgorithms;
@@ -126,7 +143,8 @@ KeyDescription CryptoProvider::describe(const CryptoKey& key) {
     // a class of its own that CryptoAPI has beside RSA.
     description.algorithm = GET_ALG_TYPE(keyNumber(key, KP_ALGID)) == ALG_TYPE_RSA ? "RSA" : "EC";
     description.bits = keyNumber(key, KP_KEYLEN);
-    description.usage = usageText(keyNumber(key, KP_PERMISSIONS));
+    const DWORD permissions = keyNumber(key, KP_PERMISSIONS);
+    description.usage = usageText((permissions & CRYPT_ENCRYPT) != 0, (permissions & CRYPT_DECRYPT) != 0);
     return description;
 }
 
@@ -169,6 +187,12 @@ CryptoHash CryptoProvider::createHash(const HashAlgorithm& algorithm) const {
 void hashPiece(const CryptoHash& hash, std::span<const unsigned char> piece) {
     require(CryptHashData(hash.get(), piece.data(), static_cast<DWORD>(piece.size()), 0),
             "could not hash the file");
+}
+
+std::vector<BYTE> hashValue(const CryptoHash& hash) {
+    return askTwice([&](BYTE* value, DWORD* length) {
+        require(CryptGetHashParam(hash.get(), HP_HASHVAL, value, length, 0), "could not hash the file");
+    });
 }
 
 } // namespace veltra

@@ -2,6 +2,7 @@
 
 #include "foundation/windows.h"
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <span>
@@ -69,9 +70,11 @@ std::vector<BYTE> askTwice(const Call& call) {
     return bytes;
 }
 
-/// Which provider to use, and whether it may show a window.
+/// Which provider to use, how to reach it, and whether it may show a window.
 struct ProviderChoice {
     std::wstring name = L"Veltra Cryptographic Provider CSP";
+    bool cng = false;          ///< through CNG's key storage functions instead of CryptoAPI
+    std::filesystem::path dll; ///< the provider's file; empty: VeltraCSP.dll beside this program
     bool silent = false;
     std::shared_ptr<const std::string> pin; ///< null: the provider asks for the PIN when it needs one
 };
@@ -80,11 +83,22 @@ struct HashAlgorithm {
     std::string_view name;
     ALG_ID id;
     const char* objectIdentifier;
+    const wchar_t* cngName;
+    DWORD length; ///< of a digest, in bytes
+    const char* rsaSignatureIdentifier;
+    const char* ecdsaSignatureIdentifier;
 };
 
 /// The hash algorithms by their command line names; null for an unknown name.
 std::span<const HashAlgorithm> hashAlgorithms();
 const HashAlgorithm* findHashAlgorithm(std::string_view name);
+
+/// Which words describe a key's use: "sign", "exchange", "both" or "none".
+std::string usageText(bool signs, bool exchanges);
+
+/// True for a good signature, false for one that does not belong to the data; for anything else that the last
+/// error tells, throws a CommandError.
+bool verdict(BOOL verified, std::string_view what);
 
 /// What a key says about itself.
 struct KeyDescription {
@@ -144,5 +158,8 @@ private:
 };
 
 void hashPiece(const CryptoHash& hash, std::span<const unsigned char> piece);
+
+/// Finishes the hash.
+std::vector<BYTE> hashValue(const CryptoHash& hash);
 
 } // namespace veltra

@@ -64,7 +64,13 @@ constexpr KnownError kKnownErrors[] = {
      "no token is connected, or the token could not make the key; plug the token in"},
     {CRYPT_E_MSG_ERROR, "CRYPT_E_MSG_ERROR", "the platform cannot handle the message"},
     {CRYPT_E_HASH_VALUE, "CRYPT_E_HASH_VALUE", "the file is not the one that was signed"},
-    {NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED", "the provider does not offer this operation"},
+    {NTE_NOT_SUPPORTED, "NTE_NOT_SUPPORTED",
+     "the provider does not offer this operation, or the token or its policy does not allow it"},
+    {NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE", "the provider does not know the handle"},
+    {NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER", "the provider was called with a bad argument"},
+    {NTE_BUFFER_TOO_SMALL, "NTE_BUFFER_TOO_SMALL", "the buffer is too small"},
+    {NTE_VALIDATION_FAILED, "NTE_VALIDATION_FAILED", "the token does not accept the PIN"},
+    {NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR", "the token failed; the log says why"},
 };
 
 std::string systemText(DWORD code) {

@@ -4,6 +4,8 @@
 #include "wide_text.h"
 
 #include <fstream>
+#include <iomanip>
+#include <iostream>
 #include <string>
 
 namespace veltra {
@@ -61,6 +63,18 @@ void replaceFile(const std::filesystem::path& path, std::span<const unsigned cha
         DeleteFileW(temporary.c_str());
         failWithCode(code, "could not replace " + inQuotes(path.native()));
     }
+}
+
+void writeOrPrint(const std::filesystem::path& path, std::span<const unsigned char> content) {
+    if (!path.empty()) {
+        replaceFile(path, content);
+        return;
+    }
+    std::cout << std::hex << std::setfill('0');
+    for (const unsigned char byte : content) {
+        std::cout << std::setw(2) << static_cast<unsigned>(byte);
+    }
+    std::cout << std::dec << '\n';
 }
 
 void requireDifferentFiles(const std::filesystem::path& input, const std::filesystem::path& output) {

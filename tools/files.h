@@ -18,6 +18,9 @@ void readInPieces(const std::filesystem::path& path,
 /// Writes a file, replacing an existing one only once the new content is complete on disk.
 void replaceFile(const std::filesystem::path& path, std::span<const unsigned char> content);
 
+/// The same, or hexadecimal digits to the standard output when `path` is empty.
+void writeOrPrint(const std::filesystem::path& path, std::span<const unsigned char> content);
+
 /// Throws a CommandError when writing `output` would overwrite `input`.
 void requireDifferentFiles(const std::filesystem::path& input, const std::filesystem::path& output);
 

@@ -13,6 +13,7 @@ using Bytes = std::vector<unsigned char>;
 enum class DerTag : unsigned char {
     Integer = 0x02,
     BitString = 0x03,
+    OctetString = 0x04,
     ObjectIdentifier = 0x06,
     Sequence = 0x30,
     Set = 0x31,

@@ -23,9 +23,8 @@ RSAPUBKEY publicKeyBlobHeader(std::span<const unsigned char> blob) {
     return key;
 }
 
-Bytes publicKeyBlobModulus(std::span<const unsigned char> blob, std::size_t length) {
-    const auto littleEndian = blob.subspan(kPublicKeyBlobModulusOffset, length);
-    return {littleEndian.rbegin(), littleEndian.rend()};
+void copyPublicKeyBlobModulus(std::span<const unsigned char> blob, std::span<unsigned char> modulus) {
+    std::ranges::reverse_copy(blob.subspan(kPublicKeyBlobModulusOffset, modulus.size()), modulus.begin());
 }
 
 std::array<unsigned char, 3> exponentBytes(DWORD exponent) {

@@ -20,8 +20,8 @@ inline constexpr std::size_t kPublicKeyBlobModulusOffset = sizeof(BLOBHEADER) + 
 /// The RSAPUBKEY of a blob of at least kPublicKeyBlobModulusOffset bytes, as it stands there.
 RSAPUBKEY publicKeyBlobHeader(std::span<const unsigned char> blob);
 
-/// The modulus, big-endian, of a blob that holds all `length` bytes of it.
-Bytes publicKeyBlobModulus(std::span<const unsigned char> blob, std::size_t length);
+/// Writes the modulus, big-endian, of a blob that holds all of it; `modulus` says how many bytes it has.
+void copyPublicKeyBlobModulus(std::span<const unsigned char> blob, std::span<unsigned char> modulus);
 
 /// The public exponent as three big-endian bytes; what does not fit them is dropped.
 std::array<unsigned char, 3> exponentBytes(DWORD exponent);

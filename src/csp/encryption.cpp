@@ -50,7 +50,8 @@ bool hasUsableLength(const KEY_HANDLE& key) {
     return key.mode == CRYPT_MODE_ECB || aesKeyTypeForBits(key.symmetricKeyLength * 8).has_value();
 }
 
-Outcome encryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final, const DataBuffer& buffer) {
+Outcome encryptSymmetric(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final,
+                         const DataBuffer& buffer) {
     Utils::debug("CPEncrypt: symmetric encryption, keyLen=", key.symmetricKeyLength);
     if (!hasUsableLength(key)) {
         return refuse(NTE_BAD_KEY,
@@ -117,7 +118,7 @@ Outcome encryptData(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool fina
     if (buffer.inputLength == 0 || buffer.inputLength > buffer.capacity || buffer.inputLength > INT_MAX) {
         return refuse(NTE_BAD_LEN, concat("Invalid data length for encrypt: ", buffer.inputLength));
     }
-    return isSymmetric(key) ? encryptAes(context, key, final, buffer)
+    return isSymmetric(key) ? encryptSymmetric(context, key, final, buffer)
                             : encryptRsa(context, key, flags, requiredSize, buffer);
 }
 

@@ -8,8 +8,9 @@
 #include "csp/entry_guard.h"
 #include "csp/key_handle.h"
 #include "csp/provider_context.h"
-#include "foundation/device_library.h"
+#include "foundation/device_library_contract.h"
 #include "foundation/library_buffer.h"
+#include "token/aes_keys.h"
 #include "token/device_state.h"
 #include "token/key_operations.h"
 #include "token/key_pairs.h"
@@ -63,7 +64,8 @@ Outcome importPublicKey(Blob blob, HCRYPTKEY* phKey) {
     const std::size_t modulusLength = header.bitlen / 8;
     const std::size_t required = modulusLength + kPublicKeyBlobModulusOffset;
     if (blob.size() < required) return refuseSize(required);
-    const Bytes modulus = publicKeyBlobModulus(blob, modulusLength);
+    Bytes modulus(modulusLength);
+    copyPublicKeyBlobModulus(blob, modulus);
     const std::array<unsigned char, 3> exponent = exponentBytes(header.pubexp);
     Utils::debug("Public exponent : ", toHex(exponent));
     const std::optional<std::uint32_t> code = rsaKeyTypeForBits(header.bitlen);
@@ -149,7 +151,8 @@ Outcome importWrappedKey(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY* phKey
     const Blob wrapped = blob.subspan(sizeof(BLOBHEADER), blob.size() - kBlobPrefixLength);
     Utils::debug("SYMMETRICWRAPKEYBLOB: wrapped key length = ", wrapped.size());
     LibraryBuffer unwrapped;
-    const auto wrappingKey = unwrapWithAnyKey(context.serial, context.libraryContext, wrapped, unwrapped);
+    const auto wrappingKey =
+        unwrapWithAnyKey(context.serial, context.libraryContext, WrappingKeys::OfAesType, wrapped, unwrapped);
     if (!wrappingKey) {
         return refuse(NTE_BAD_KEY, "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK");
     }

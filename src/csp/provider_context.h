@@ -34,11 +34,11 @@ struct CSP_CONTEXT {
     std::vector<std::string> keyList; ///< names of all keys at acquisition, in the token's order
     std::uint8_t silent = 0;          ///< 1: no window may be shown for this context
     bool persistedContainer = false;  ///< a container name was given: generated keys are recorded under it
-    bool containersEnumerated = false; ///< PP_ENUMCONTAINERS was answered
-    bool containerNameAsked = false; ///< PP_CONTAINER or PP_UNIQUE_CONTAINER was answered; carried, not read
-    DWORD keySpec = 0;               ///< what PP_KEYSET_TYPE reports
-    HWND ownerWindow = nullptr;      ///< set by PP_CLIENT_HWND; the password dialog has no owner
-    std::size_t algorithmCursor = 0; ///< shared by PP_ENUMALGS and PP_ENUMALGS_EX
+    bool containersEnumerated = false;  ///< PP_ENUMCONTAINERS was answered
+    bool containerNameAnswered = false; ///< so was PP_CONTAINER or PP_UNIQUE_CONTAINER; carried, not read
+    DWORD keySpec = 0;                  ///< what PP_KEYSET_TYPE reports
+    HWND ownerWindow = nullptr;         ///< set by PP_CLIENT_HWND; the password dialog has no owner
+    std::size_t algorithmCursor = 0;    ///< shared by PP_ENUMALGS and PP_ENUMALGS_EX
     std::size_t signingProtocolCursor = 0;
     std::size_t containerCursor = 0;
     KeySlot signatureKey;

@@ -51,7 +51,7 @@ PROV_ENUMALGS_EX recordOf(const ReportedAlgorithm& algorithm, PROV_ENUMALGS_EX r
 /// One enumeration of algorithm records: how it is called in the log.
 struct EnumerationTexts {
     const char* name;
-    const char* index; ///< debug line in front of the index that is asked for; null for none
+    const char* index; ///< debug line in front of the cursor, of size queries too; null for none
     std::string (*noMoreItems)(std::size_t index);
     const char* returned;
 };
@@ -61,7 +61,11 @@ struct EnumerationTexts {
 template <class Record, class Rows>
 Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts& texts, BYTE* data,
                   DWORD* dataLength, DWORD flags) {
+    const auto logIndex = [&] {
+        if (texts.index != nullptr) Utils::debug(texts.index, cursor);
+    };
     if (data == nullptr) {
+        logIndex();
         *dataLength = sizeof(Record);
         return success();
     }
@@ -76,7 +80,7 @@ Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts&
     default:
         return refuse(ERROR_INVALID_PARAMETER, concat(texts.name, ": invalid dwFlags=", flags));
     }
-    if (texts.index != nullptr) Utils::debug(texts.index, cursor);
+    logIndex();
     if (cursor >= rows.size()) return refuse(ERROR_NO_MORE_ITEMS, texts.noMoreItems(cursor));
     const DWORD available = *dataLength;
     *dataLength = sizeof(Record);

@@ -5,10 +5,9 @@
 #include "csp/entry_guard.h"
 #include "csp/provider_context.h"
 #include "csp/provider_enumeration.h"
-#include "foundation/device_library.h"
+#include "foundation/device_library_contract.h"
 #include "foundation/provider_name.h"
 #include "token/certificates.h"
-#include "token/device_state.h"
 #include "token/key_pairs.h"
 #include "token/random_numbers.h"
 #include "token/user_verification.h"
@@ -57,7 +56,7 @@ Outcome answerText(const std::string& text, BYTE* data, DWORD* dataLength) {
 Outcome answerContainer(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength) {
     const Outcome answered = answerText(context.containerName, data, dataLength);
     if (!answered) return answered;
-    context.containerNameAsked = true;
+    context.containerNameAnswered = true;
     if (data == nullptr) {
         Utils::debug("CPGetProvParam: PP_CONTAINER/PP_UNIQUE_CONTAINER size query, requiredSize=",
                      *dataLength, ", return TRUE");

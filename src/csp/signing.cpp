@@ -4,7 +4,6 @@
 #include "csp/csp_entry_points.h"
 #include "csp/csp_login.h"
 #include "csp/hash_context.h"
-#include "token/device_state.h"
 #include "token/key_operations.h"
 #include "token/key_pairs.h"
 #include "token/token_session.h"

@@ -26,11 +26,10 @@ struct ExceptionAnswers {
     Answer unexpected;
 };
 
-/// Frame of the entry points of both front ends: logs the name, runs `body`, and lets no exception out.
+/// Runs the body of an entry point and lets no exception out: that is logged under the entry point's name.
 template <class Answer, class Body>
-Answer runEntryPoint(const char* name, const ExceptionAnswers<Answer>& answers, Body&& body) noexcept {
+Answer runGuarded(const char* name, const ExceptionAnswers<Answer>& answers, Body&& body) noexcept {
     try {
-        Utils::debug(name);
         return std::forward<Body>(body)();
     } catch (const std::bad_alloc&) {
         reportException(name, "out of memory");
@@ -39,6 +38,13 @@ Answer runEntryPoint(const char* name, const ExceptionAnswers<Answer>& answers, 
         reportException(name, "unexpected exception");
         return answers.unexpected;
     }
+}
+
+/// Frame of the entry points of both front ends: logs the name, runs `body`, and lets no exception out.
+template <class Answer, class Body>
+Answer runEntryPoint(const char* name, const ExceptionAnswers<Answer>& answers, Body&& body) noexcept {
+    Utils::debug(name);
+    return runGuarded(name, answers, std::forward<Body>(body));
 }
 
 } // namespace veltra

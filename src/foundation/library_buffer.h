@@ -3,6 +3,7 @@
 #include "foundation/device_library.h"
 #include "foundation/secret.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <span>
 
@@ -18,33 +19,33 @@ public:
     ~LibraryBuffer() { reset(); }
 
     /// Runs `call(unsigned char** out, int* outLength)`, a call of the library, into this buffer and returns
-    /// its code. A success with a negative length, or with bytes but no buffer, is a failure.
+    /// its code. A success with a negative length, or with bytes but no buffer, is a failure. What the call
+    /// hands out is released whatever comes of it, also when it throws.
     template <class Call>
     int fill(Call call) {
         reset();
-        int code = call(&data_, &length_);
-        if (code == kDeviceOk && (length_ < 0 || (length_ > 0 && data_ == nullptr))) code = kDeviceBadLength;
-        // What the library says of the length after a failure is not a length of the buffer.
-        if (code != kDeviceOk) length_ = 0;
+        int length = 0;
+        int code = call(&data_, &length);
+        if (code == kDeviceOk && (length < 0 || (length > 0 && data_ == nullptr))) code = kDeviceBadLength;
+        // What the library says of the length without a success is not a length of the buffer.
+        if (code == kDeviceOk) size_ = static_cast<std::size_t>(length);
         return code;
     }
 
     /// What the library handed back; empty after a failure.
-    [[nodiscard]] std::span<const unsigned char> bytes() const { return {data_, size()}; }
-    [[nodiscard]] std::size_t size() const {
-        return data_ != nullptr && length_ > 0 ? static_cast<std::size_t>(length_) : 0;
-    }
+    [[nodiscard]] std::span<const unsigned char> bytes() const { return {data_, size_}; }
+    [[nodiscard]] std::size_t size() const { return size_; }
 
 private:
     void reset() {
-        wipe(data_, size());
+        wipe(data_, size_);
         std::free(data_); // NOLINT(cppcoreguidelines-no-malloc): the library allocated it with malloc
         data_ = nullptr;
-        length_ = 0;
+        size_ = 0;
     }
 
     unsigned char* data_ = nullptr;
-    int length_ = 0;
+    std::size_t size_ = 0;
 };
 
 } // namespace veltra

@@ -8,9 +8,10 @@
 
 namespace veltra {
 
-// CNG speaks wide text. Inside the provider names are UTF-8, in which two different names stay different and
-// the names that it knows are plain ASCII. The C library's wide functions are not used: they need not agree
-// with the platform on the width of a wide character.
+// CNG speaks wide text. Inside the provider names are UTF-8, in which the names that it knows are plain ASCII
+// and two different names stay different, but for unpaired surrogates, which all become U+FFFD. The C
+// library's wide functions are not used: they need not agree with the platform on the width of a wide
+// character.
 
 /// A zero-terminated wide text as UTF-8; empty for null.
 std::string fromWide(LPCWSTR text);

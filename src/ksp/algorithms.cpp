@@ -77,9 +77,10 @@ SECURITY_STATUS WINAPI KSPEnumAlgorithms(NCRYPT_PROV_HANDLE hProvider, DWORD dwA
                         .dwAlgOperations = rows[i].operations,
                         .dwFlags = 0};
         }
+        std::string line = concat("KSP: Enumerated ", rows.size(), " algorithms");
         *ppAlgList = block.handOut();
         *pdwAlgCount = static_cast<DWORD>(rows.size());
-        Utils::debug(concat("KSP: Enumerated ", rows.size(), " algorithms"));
+        Utils::debug(std::move(line));
         return kSuccess;
     });
 }

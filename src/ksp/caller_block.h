@@ -19,7 +19,9 @@ public:
     /// records can be handed out like every other.
     CallerBlock(std::size_t count, std::size_t textBytes)
         : memory_(std::calloc(1, std::size_t{1} + count * sizeof(Record) + textBytes), std::free),
-          nextText_(static_cast<unsigned char*>(memory_.get()) + count * sizeof(Record)) {}
+          textOffset_(count * sizeof(Record)) {}
+    CallerBlock(const CallerBlock&) = delete;
+    CallerBlock& operator=(const CallerBlock&) = delete;
 
     explicit operator bool() const { return memory_ != nullptr; }
 
@@ -27,10 +29,10 @@ public:
 
     /// Puts a text behind the records and those that were put there before.
     LPWSTR addText(std::string_view ascii) {
-        auto* text = reinterpret_cast<LPWSTR>(nextText_);
-        writeWide(ascii, nextText_);
-        nextText_ += wideSize(ascii);
-        return text;
+        auto* text = static_cast<unsigned char*>(memory_.get()) + textOffset_;
+        writeWide(ascii, text);
+        textOffset_ += wideSize(ascii);
+        return reinterpret_cast<LPWSTR>(text);
     }
 
     /// From here on the block is the caller's.
@@ -42,7 +44,7 @@ public:
 
 private:
     std::shared_ptr<void> memory_;
-    unsigned char* nextText_;
+    std::size_t textOffset_;
 };
 
 } // namespace veltra

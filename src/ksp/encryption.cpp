@@ -1,7 +1,10 @@
 // KSPEncrypt and KSPDecrypt. All data is big-endian, in CNG as on the token.
 
 #include "certs/public_key_encoding.h"
+#include "foundation/library_buffer.h"
+#include "foundation/secret.h"
 #include "foundation/wide_text.h"
+#include "ksp/entry_guard.h"
 #include "ksp/ksp_entry_points.h"
 #include "ksp/ksp_key.h"
 #include "ksp/ksp_login.h"
@@ -9,14 +12,20 @@
 #include "ksp/property_value.h"
 #include "token/aes_encryption.h"
 #include "token/crypto_policy.h"
+#include "token/key_operations.h"
 #include "token/key_pairs.h"
 #include "token/process_iv.h"
 
 #include <array>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <optional>
+#include <span>
+#include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 namespace veltra {
 
@@ -56,25 +65,16 @@ void logDecryptionPadding(DWORD flags, const void* paddingInfo) {
     } else if ((flags & kPadOaepFlag) != 0) {
         padding = "OAEP";
     }
-    Utils::debug(concat("KSPDecrypt: dwFlags=0x", toHex8(flags), " padding=", padding));
+    Utils::debug("KSPDecrypt: dwFlags=0x", toHex8(flags), " padding=", padding);
     if ((flags & kPadOaepFlag) != 0 && paddingInfo != nullptr) {
         Utils::debug(
             concat("KSPDecrypt: OAEP hash algorithm=", oaepHashName(paddingInfo).value_or("NONE/UNKNOWN")));
     }
 }
 
-// The library counts in int.
-bool isTooLong(const PropertyOutput& out) {
-    return out.data != nullptr && out.capacity > INT_MAX;
-}
-
-// What EC keys do is sign and agree; their point must never be taken for a modulus.
-SECURITY_STATUS refuseEcKey(const char* entryPoint) {
-    return refuse(NTE_NOT_SUPPORTED, concat(entryPoint, ": an EC key neither encrypts nor decrypts"));
-}
-
-SECURITY_STATUS answerSize(const KSP_KEY& rsaKey, const PropertyOutput& out) {
-    *out.size = rsaKey.bitLength / 8;
+// Without a look at the key's type.
+SECURITY_STATUS answerSize(const KSP_KEY& keyPair, const PropertyOutput& out) {
+    *out.size = keyPair.bitLength / 8;
     return kSuccess;
 }
 
@@ -93,7 +93,7 @@ AesCipher cipherOf(const KSP_KEY& key, std::span<const unsigned char> iv) {
 // A size query encrypts everything, too: only the library knows the size.
 SECURITY_STATUS encryptWithAes(const KSP_PROVIDER& provider, const KSP_KEY& key, Input input,
                                const PropertyOutput& out) {
-    if (input.size() > INT_MAX || isTooLong(out)) return refuseLength("KSPEncrypt");
+    if (input.size() > INT_MAX) return refuseLength("KSPEncrypt");
     Utils::debug(key.ecbMode ? "KSP: Symmetric encrypt ECB mode" : "KSP: Symmetric encrypt CBC mode");
     const std::vector<unsigned char> iv = processIv();
     LibraryBuffer output;
@@ -105,7 +105,7 @@ SECURITY_STATUS encryptWithAes(const KSP_PROVIDER& provider, const KSP_KEY& key,
     const SECURITY_STATUS status =
         handOut(output.bytes(), out, "KSPEncrypt: symmetric output buffer too small, required=");
     if (status == kSuccess && out.data != nullptr) {
-        Utils::debug(concat("KSP: Symmetric encrypt success, length: ", *out.size));
+        Utils::debug("KSP: Symmetric encrypt success, length: ", *out.size);
     }
     return status;
 }
@@ -114,6 +114,9 @@ SECURITY_STATUS encryptWithAes(const KSP_PROVIDER& provider, const KSP_KEY& key,
 // stays.
 SECURITY_STATUS encryptWithRsa(const KSP_PROVIDER& provider, const KSP_KEY& key, PaddingMode padding,
                                Input input, const PropertyOutput& out) {
+    // Here, and here only, the public key is taken for an RSA key's: a point must never be encoded as a
+    // modulus.
+    if (isEcKeyType(key.keyType)) return refuse(NTE_NOT_SUPPORTED, "KSPEncrypt: an EC key does not encrypt");
     const std::vector<unsigned char> publicKey = rsaPublicKeyAsDer(
         key.publicKeyBytes(), {.alreadyDer = "KSP: Public key is already DER encoded",
                                .rawModulus = "KSP: Public key is raw modulus, converting to DER"});
@@ -133,7 +136,7 @@ SECURITY_STATUS refusePkcs1() {
     return refused;
 }
 
-// The padding is the token's choice: the flags decide about the policy only.
+// The padding is the token's choice: the flags decide about the policy only. So is what to make of an EC key.
 SECURITY_STATUS decryptWithRsa(const TokenKey& tokenKey, bool recordFlag, Input input,
                                const PropertyOutput& out, DWORD flags) {
     if (const SECURITY_STATUS status =
@@ -159,7 +162,7 @@ SECURITY_STATUS decryptWithAes(const std::string& serial, void* libraryContext, 
                                Input input, const PropertyOutput& out) {
     Utils::debug(key.ecbMode ? "KSP: Symmetric decrypt ECB mode" : "KSP: Symmetric decrypt CBC mode");
     const std::vector<unsigned char> iv = processIv();
-    Utils::debug(concat("KSP: Decrypt input iv : ", toHex(iv)));
+    Utils::debug("KSP: Decrypt input iv : ", toHex(iv));
     Utils::debugSecret("KSP: Decrypt input key : ", key.symmetricKeyBytes());
     SecretBuffer plaintext;
     const int code = decryptSymmetric(serial, cipherOf(key, iv), input, plaintext, libraryContext);
@@ -195,14 +198,14 @@ SECURITY_STATUS WINAPI KSPEncrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
         }
         const PropertyOutput out{.data = pbOutput, .capacity = cbOutput, .size = pcbResult};
         if (key->isSymmetric()) return encryptWithAes(*provider, *key, {pbInput, cbInput}, out);
-        if (isEcKeyType(key->keyType)) return refuseEcKey("KSPEncrypt");
         if (pbOutput == nullptr) return answerSize(*key, out);
         if (const DWORD size = key->bitLength / 8; cbOutput < size) {
             *pcbResult = size;
             return refuse(NTE_BUFFER_TOO_SMALL,
                           concat("KSPEncrypt: output buffer too small, required=", size));
         }
-        if (cbInput > INT_MAX || isTooLong(out)) return refuseLength("KSPEncrypt");
+        // The library is told both lengths, and counts in int.
+        if (cbInput > INT_MAX || cbOutput > INT_MAX) return refuseLength("KSPEncrypt");
         return encryptWithRsa(*provider, *key, encryptionPadding(dwFlags, pPaddingInfo), {pbInput, cbInput},
                               out);
     });
@@ -227,15 +230,12 @@ SECURITY_STATUS WINAPI KSPDecrypt(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDL
             return refuse(NTE_INVALID_PARAMETER, "KSPDecrypt: key handle or pcbResult is null");
         }
         const PropertyOutput out{.data = pbOutput, .capacity = cbOutput, .size = pcbResult};
-        if (!key->isSymmetric()) {
-            if (isEcKeyType(key->keyType)) return refuseEcKey("KSPDecrypt");
-            if (pbOutput == nullptr) return answerSize(*key, out);
-        }
+        if (!key->isSymmetric() && pbOutput == nullptr) return answerSize(*key, out);
         if (pbInput == nullptr || cbInput == 0) {
             return refuse(NTE_INVALID_PARAMETER, "KSPDecrypt: pbInput is null or cbInput is zero");
         }
         // Before the user is asked for a PIN that could not be used.
-        if (cbInput > kMaxSymmetricCiphertext || isTooLong(out)) return refuseLength("KSPDecrypt");
+        if (cbInput > kMaxSymmetricCiphertext) return refuseLength("KSPDecrypt");
         if (key->isSymmetric()) return decryptWithAes(serial, context, *key, {pbInput, cbInput}, out);
         return decryptWithRsa({.serial = serial, .keyId = key->credentialId, .libraryContext = context},
                               key->recordFlag, {pbInput, cbInput}, out, dwFlags);

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 namespace veltra {
 
@@ -35,7 +36,7 @@ constexpr std::array<KeyKind, 7> kKeyKinds = {{
     {"ECDH_P521", kKeyTypeEcP521, kUsageEncrypt},
 }};
 
-SECURITY_STATUS createKey(const std::string& algorithm, LPCWSTR keyName, DWORD keySpec,
+SECURITY_STATUS createKey(const std::string& algorithm, LPCWSTR name, DWORD keySpec,
                           NCRYPT_KEY_HANDLE* phKey) {
     const auto* const kind = std::ranges::find(kKeyKinds, algorithm, &KeyKind::name);
     if (kind == kKeyKinds.end()) {
@@ -46,62 +47,54 @@ SECURITY_STATUS createKey(const std::string& algorithm, LPCWSTR keyName, DWORD k
     key->keyType = kind->keyType;
     key->keyUsage = isExchangeRsa ? kUsageEncrypt : kind->keyUsage;
     key->bitLength = keyBitsOf(kind->keyType);
-    key->keyName = fromWide(keyName);
+    key->keyName = fromWide(name);
     *phKey = LiveRecords<KSP_KEY>::add(std::move(key));
     Utils::debug("KSP: Key object created, waiting for FinalizeKey");
     return kSuccess;
 }
 
-struct KeySize {
-    std::uint32_t keyType = 0;
-    std::uint32_t bits = 0; ///< what the key reports
-};
-
-// An RSA size that tokens do not make becomes a key of 2048 bits that reports the size it was given:
-// deliberate.
-SECURITY_STATUS chooseSize(const KSP_KEY& key, const std::string& serial, void* libraryContext,
-                           KeySize& size) {
+// Fixes the size of a key about to be generated, which it reports from here on. The type code to generate it
+// with; nothing after a refusal. An RSA size that tokens do not make becomes a key of 2048 bits that reports
+// the size it was given: deliberate.
+std::optional<std::uint32_t> fixSize(KSP_KEY& key, const std::string& serial, void* libraryContext) {
     if (isEcKeyType(key.keyType)) {
-        size = {.keyType = key.keyType, .bits = keyBitsOf(key.keyType)};
-        return kSuccess;
+        key.bitLength = keyBitsOf(key.keyType);
+        return key.keyType;
     }
     if (key.keyType != kKeyTypeRsaUnsized) {
-        return refuse(NTE_NOT_SUPPORTED, concat("KSPFinalizeKey: unsupported ECC algorithm=", key.keyType));
+        Utils::error(concat("KSPFinalizeKey: unsupported ECC algorithm=", key.keyType));
+        return std::nullopt;
     }
     if (key.bitLength == kRefusedRsaBits) {
         if (!serial.empty()) readTokenInfo(serial, libraryContext);
-        return refuse(NTE_NOT_SUPPORTED,
-                      "KSPFinalizeKey: RSA-1024 key generation not allowed \xE2\x80\x94 key size below "
-                      "112-bit security strength");
+        Utils::error("KSPFinalizeKey: RSA-1024 key generation not allowed \xE2\x80\x94 key size below "
+                     "112-bit security strength");
+        return std::nullopt;
     }
-    size = {.keyType = rsaKeyTypeForBits(key.bitLength).value_or(kKeyTypeRsa2048),
-            .bits = key.bitLength != 0 ? key.bitLength : kDefaultRsaBits};
-    return kSuccess;
+    if (key.bitLength == 0) key.bitLength = kDefaultRsaBits;
+    return rsaKeyTypeForBits(key.bitLength).value_or(kKeyTypeRsa2048);
 }
 
-// The key object changes only when the token has made the pair: one whose generation failed can be finalised
-// again.
+// The type is stored when the token has made the pair: a key whose generation failed is still one of no fixed
+// type, which can be finalised again.
 SECURITY_STATUS finalizeKey(const KSP_PROVIDER& provider, KSP_KEY& key) {
     const std::string serial = provider.serial();
     if (!ensureUserVerified(serial, provider.libraryContext)) {
         return refuse(NTE_FAIL, "KSPFinalizeKey: password validation failed");
     }
-    KeySize size;
-    if (const SECURITY_STATUS status = chooseSize(key, serial, provider.libraryContext, size);
-        status != kSuccess) {
-        return status;
-    }
+    // The application may have finalised the key itself while the dialog ran its window procedures.
+    if (key.persisted) return kSuccess;
+    const std::optional<std::uint32_t> keyType = fixSize(key, serial, provider.libraryContext);
+    if (!keyType) return NTE_NOT_SUPPORTED;
     Utils::debug(
-        concat("KSP: FinalizeKey - generating key, algorithm=", size.keyType, " bitSize=", size.bits));
+        concat("KSP: FinalizeKey - generating key, algorithm=", *keyType, " bitSize=", key.bitLength));
     VeltraKeyPair pair{};
-    pair.keyType = size.keyType;
+    pair.keyType = *keyType;
     pair.usage = key.keyUsage;
     const int code = generateKeyPair("KSPFinalizeKey", serial, pair, provider.libraryContext);
     if (code != kDeviceOk) return refuse(NTE_INTERNAL_ERROR, concat("KSP: Key generation failed: ", code));
-    pair.keyType = size.keyType;
-    pair.usage = key.keyUsage;
-    key.fillFrom(pair);
-    key.bitLength = size.bits;
+    key.identifyAs(pair);
+    key.keyType = *keyType;
     key.persisted = true;
     Utils::debug("KSP: Key finalized successfully");
     return kSuccess;

@@ -11,7 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <optional>
+#include <span>
+#include <string>
 #include <vector>
 
 namespace veltra {
@@ -47,6 +48,9 @@ const KdfHash& kdfHash(std::string_view name) {
 
 using Parts = std::vector<std::span<const unsigned char>>;
 
+// No hash has a longer name: what is behind these bytes is not read.
+constexpr std::size_t kHashNameBytes = 64;
+
 /// What a parameter list says; refers to the application's buffers. Other buffer types are ignored.
 struct KdfParameters {
     std::string hashName; ///< of the last buffer that names one
@@ -54,18 +58,17 @@ struct KdfParameters {
     Parts contexts;
 };
 
-// A buffer or a list that is null counts as empty, whatever its length says. Nothing when a buffer that
-// counts is longer than the device library can be told.
-std::optional<KdfParameters> readParameters(const NCryptBufferDesc* list) {
+// A buffer or a list that is null counts as empty, whatever its length says.
+KdfParameters readParameters(const NCryptBufferDesc* list) {
     KdfParameters parameters;
     if (list == nullptr || list->pBuffers == nullptr) return parameters;
     for (const NCryptBuffer& buffer : std::span(list->pBuffers, list->cBuffers)) {
         const ULONG type = buffer.BufferType;
-        if (type != KDF_HASH_ALGORITHM && type != kKdfLabel && type != kKdfContext) continue;
         if (buffer.pvBuffer == nullptr || buffer.cbBuffer == 0) continue;
-        if (buffer.cbBuffer > INT_MAX) return std::nullopt;
         const std::span bytes(static_cast<const unsigned char*>(buffer.pvBuffer), buffer.cbBuffer);
-        if (type == KDF_HASH_ALGORITHM) parameters.hashName = fromWideBytes(bytes);
+        if (type == KDF_HASH_ALGORITHM) {
+            parameters.hashName = fromWideBytes(bytes.first(std::min(bytes.size(), kHashNameBytes)));
+        }
         if (type == kKdfLabel) parameters.labels.push_back(bytes);
         if (type == kKdfContext) parameters.contexts.push_back(bytes);
     }
@@ -138,7 +141,7 @@ SECURITY_STATUS answerKey(const DerivedKeyOutput& out, const Digest& digest, DWO
         return refuse(NTE_BUFFER_TOO_SMALL, "KSPDeriveKey: output buffer too small");
     }
     std::copy_n(digest.data(), length, out.data);
-    Utils::debug(concat("KSPDeriveKey: derived ", length, " bytes"));
+    Utils::debug("KSPDeriveKey: derived ", length, " bytes");
     return kSuccess;
 }
 
@@ -149,13 +152,15 @@ SECURITY_STATUS deriveKey(const KSP_SECRET& secret, const std::string& kdf, cons
         return refuse(NTE_NOT_SUPPORTED,
                       concat("KSPDeriveKey: ECDH derive not supported on firmware ", secret.firmwareVersion));
     }
-    const std::optional<KdfParameters> parameters = readParameters(list);
-    const Parts input = parameters ? hashInput(kdf, *parameters, secret) : Parts();
-    if (!parameters || lengthOf(input) > INT_MAX) return refuseLength("KSPDeriveKey");
-    const KdfHash& hash = kdfHash(parameters->hashName);
+    const KdfParameters parameters = readParameters(list);
+    const Parts input = hashInput(kdf, parameters, secret);
+    if (lengthOf(input) > INT_MAX) return refuseLength("KSPDeriveKey");
+    const KdfHash& hash = kdfHash(parameters.hashName);
     Digest digest;
-    const SECURITY_STATUS status = computeDigest(secret, hash, input, digest);
-    return status == kSuccess ? answerKey(out, digest, hash.digestLength) : status;
+    if (const SECURITY_STATUS status = computeDigest(secret, hash, input, digest); status != kSuccess) {
+        return status;
+    }
+    return answerKey(out, digest, hash.digestLength);
 }
 
 } // namespace

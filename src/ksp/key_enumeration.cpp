@@ -1,7 +1,5 @@
 // KSPEnumKeys.
 
-#include "ksp/key_enumeration.h"
-
 #include "ksp/caller_block.h"
 #include "ksp/entry_guard.h"
 #include "ksp/ksp_entry_points.h"
@@ -9,20 +7,50 @@
 #include "ksp/ksp_provider.h"
 #include "token/key_pairs.h"
 
-#include <new>
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <vector>
 
 namespace veltra {
 
 namespace {
 
-// Hands out the key that the cursor stands at; `ppEnumState` receives a cursor that the caller does not have
-// yet.
-SECURITY_STATUS nextKey(const std::shared_ptr<KSP_ENUM_STATE>& cursor, NCryptKeyName** ppKeyName,
-                        PVOID* ppEnumState) {
-    if (cursor->next >= cursor->keyPairs.size()) {
-        return refuse(NTE_NO_MORE_ITEMS, "KSP: No more keys to enumerate");
-    }
-    const VeltraKeyPair& pair = cursor->keyPairs[cursor->next];
+/// The cursor that the caller has: one block on the C heap, released, like every block of the caller's, by
+/// KSPFreeBuffer. The token's list at the first call lies behind it.
+struct KSP_ENUM_STATE {
+    std::uint32_t next;  ///< index of the next key
+    std::uint32_t count; ///< keys in the list
+
+    [[nodiscard]] VeltraKeyPair* keyPairs() { return reinterpret_cast<VeltraKeyPair*>(this + 1); }
+};
+static_assert(alignof(VeltraKeyPair) <= alignof(KSP_ENUM_STATE));
+
+/// Releases a cursor. By its type a cursor is told from the other blocks that callers have.
+struct CursorReleaser {
+    void operator()(void* cursor) const { std::free(cursor); }
+};
+
+// Null without memory.
+std::shared_ptr<void> newCursor(const std::vector<VeltraKeyPair>& pairs) {
+    const std::size_t listBytes = pairs.size() * sizeof(VeltraKeyPair);
+    std::shared_ptr<void> block(std::calloc(1, sizeof(KSP_ENUM_STATE) + listBytes), CursorReleaser());
+    auto* const cursor = static_cast<KSP_ENUM_STATE*>(block.get());
+    if (cursor == nullptr) return nullptr;
+    cursor->count = static_cast<std::uint32_t>(pairs.size());
+    std::ranges::copy(pairs, cursor->keyPairs());
+    return block;
+}
+
+// Null when `state` is no live cursor.
+std::shared_ptr<void> liveCursor(void* state) {
+    auto block = LiveRecords<void>::find(reinterpret_cast<std::uintptr_t>(state));
+    return std::get_deleter<CursorReleaser>(block) != nullptr ? block : nullptr;
+}
+
+SECURITY_STATUS nextKey(KSP_ENUM_STATE& cursor, NCryptKeyName** ppKeyName) {
+    if (cursor.next >= cursor.count) return refuse(NTE_NO_MORE_ITEMS, "KSP: No more keys to enumerate");
+    const VeltraKeyPair& pair = cursor.keyPairs()[cursor.next];
     const std::string name = keyName(pair.keyId);
     const std::string_view algorithm = algorithmName(pair.keyType, pair.usage);
     CallerBlock<NCryptKeyName> block(1, wideSize(name) + wideSize(algorithm));
@@ -33,29 +61,26 @@ SECURITY_STATUS nextKey(const std::shared_ptr<KSP_ENUM_STATE>& cursor, NCryptKey
                 .dwLegacyKeySpec = AT_KEYEXCHANGE,
                 .dwFlags = 0};
     std::string line = concat("KSP: Enumerated key: ", name);
-    if (*ppEnumState == nullptr) {
-        LiveRecords<KSP_ENUM_STATE>::add(cursor);
-        *ppEnumState = cursor.get();
-    }
     *ppKeyName = block.handOut();
-    ++cursor->next;
+    ++cursor.next;
     Utils::debug(std::move(line));
     return kSuccess;
 }
 
-// An enumeration that fails at once, that of a token without keys included, leaves the caller no cursor.
+// The first call hands the cursor out whatever becomes of the rest, also for a token without keys: the caller
+// frees it in any case.
 SECURITY_STATUS enumerateKeys(const KSP_PROVIDER& provider, NCryptKeyName** ppKeyName, PVOID* ppEnumState) {
+    std::shared_ptr<void> cursor;
     if (*ppEnumState != nullptr) {
-        const auto cursor = LiveRecords<KSP_ENUM_STATE>::find(reinterpret_cast<std::uintptr_t>(*ppEnumState));
-        if (cursor == nullptr) {
-            return refuse(NTE_INVALID_PARAMETER, "KSPEnumKeys: enum state is not one of this provider");
-        }
-        return nextKey(cursor, ppKeyName, ppEnumState);
+        cursor = liveCursor(*ppEnumState);
+        if (!cursor) return refuse(NTE_INVALID_PARAMETER, "KSPEnumKeys: enum state is not a live cursor");
+    } else {
+        cursor = newCursor(keyPairsOf(provider.serial(), provider.libraryContext));
+        if (!cursor) return refuse(NTE_NO_MEMORY, "KSPEnumKeys: failed to allocate enum state");
+        LiveRecords<void>::add(cursor);
+        *ppEnumState = cursor.get();
     }
-    const std::shared_ptr<KSP_ENUM_STATE> cursor(new (std::nothrow) KSP_ENUM_STATE);
-    if (!cursor) return refuse(NTE_NO_MEMORY, "KSPEnumKeys: failed to allocate enum state");
-    cursor->keyPairs = keyPairsOf(provider.serial(), provider.libraryContext);
-    return nextKey(cursor, ppKeyName, ppEnumState);
+    return nextKey(*static_cast<KSP_ENUM_STATE*>(cursor.get()), ppKeyName);
 }
 
 } // namespace

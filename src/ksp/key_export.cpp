@@ -51,7 +51,7 @@ SECURITY_STATUS exportRsaPublicKey(const KSP_KEY& key, const PropertyOutput& out
     const SECURITY_STATUS status = answerBlob(out, blobOf(header, {kPublicExponent, modulus}),
                                               "BCRYPT_RSAPUBLIC_BLOB output buffer too small");
     if (status == kSuccess && out.data != nullptr) {
-        Utils::debug(concat("KSP: Public key exported, bits=", key.bitLength));
+        Utils::debug("KSP: Public key exported, bits=", key.bitLength);
     }
     return status;
 }
@@ -74,7 +74,7 @@ SECURITY_STATUS exportEcPublicKey(const KSP_KEY& key, const PropertyOutput& out)
     const SECURITY_STATUS status = answerBlob(out, blobOf(header, {point.subspan(1, 2 * coordinateLength)}),
                                               "BCRYPT_ECCPUBLIC_BLOB buffer too small");
     if (status == kSuccess && out.data != nullptr) {
-        Utils::debug(concat("KSPExportKey: ECC public key exported, cbKey=", coordinateLength));
+        Utils::debug("KSPExportKey: ECC public key exported, cbKey=", coordinateLength);
     }
     return status;
 }
@@ -98,7 +98,8 @@ const BlobType* findBlobType(std::string_view name) {
     return nullptr;
 }
 
-// A key object that came without its public key takes it from the token's key pair.
+// A key object that came without its public key takes it from the token's key pair. One without an identifier
+// has none there: its identifier is zeros, which name nothing.
 void completePublicKey(const KSP_PROVIDER& provider, KSP_KEY& key) {
     if (key.publicKeyLength != 0 || key.credentialIdLength == 0) return;
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(provider.serial(), provider.libraryContext);

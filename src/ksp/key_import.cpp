@@ -19,8 +19,12 @@
 #include <array>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <optional>
+#include <span>
+#include <string>
+#include <utility>
 
 namespace veltra {
 
@@ -100,7 +104,17 @@ SECURITY_STATUS importEcPublicKey(const ImportTarget& target, Blob blob) {
                    concat("KSPImportKey: ECC public key imported, cbKey=", header->cbKey));
 }
 
-// The key object claims an identifier although there is none: deliberate.
+// A key object, or null without memory.
+std::shared_ptr<KSP_KEY> newKeyIfMemory() {
+    try {
+        return std::make_shared<KSP_KEY>();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+// The buffer of the modulus is that of the key object, which it is written to directly. The key object claims
+// an identifier although there is none: deliberate.
 SECURITY_STATUS importLegacyRsaPublicKey(const ImportTarget& target, Blob blob) {
     if (blob.size() < kPublicKeyBlobModulusOffset) {
         return refuseData("LEGACY_RSAPUBLIC_BLOB data too small for header");
@@ -111,18 +125,18 @@ SECURITY_STATUS importLegacyRsaPublicKey(const ImportTarget& target, Blob blob) 
     if (kPublicKeyBlobModulusOffset + std::uint64_t{modulusLength} > blob.size()) {
         return refuseData("LEGACY_RSAPUBLIC_BLOB data too small for modulus");
     }
-    // The modulus goes into the key object itself.
-    std::shared_ptr<KSP_KEY> key(new (std::nothrow) KSP_KEY);
-    if (!key) {
+    auto key = newKeyIfMemory();
+    if (key == nullptr) {
         return refuse(NTE_NO_MEMORY, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB failed to allocate modulus buffer");
     }
-    Utils::debug(concat("KSP: Public exponent : ", toHex(exponentBytes(header.pubexp))));
+    Utils::debug("KSP: Public exponent : ", toHex(exponentBytes(header.pubexp)));
     const std::optional<std::uint32_t> type = rsaKeyTypeForBits(header.bitlen);
     if (!type) return refuse(NTE_NOT_SUPPORTED, "KSP: Unsupported RSA key size");
     key->keyType = *type;
     key->bitLength = header.bitlen;
     key->credentialIdLength = kKeyIdLength;
-    key->setPublicKey(publicKeyBlobModulus(blob, modulusLength));
+    key->publicKeyLength = static_cast<std::uint32_t>(modulusLength);
+    copyPublicKeyBlobModulus(blob, std::span(key->publicKey).first(modulusLength));
     return handOut(std::move(key), target, "KSP: Legacy RSA public key imported successfully");
 }
 
@@ -130,40 +144,61 @@ bool isAesKeyLength(std::size_t bytes) {
     return bytes <= kSymmetricKeyCapacity && aesKeyTypeForBits(static_cast<std::uint32_t>(bytes) * 8);
 }
 
+/// A key object that is live before its caller knows the handle, so that handing it out cannot fail. One that
+/// is not handed out goes again.
+class UnclaimedKey {
+public:
+    explicit UnclaimedKey(std::shared_ptr<KSP_KEY> key)
+        : handle_(LiveRecords<KSP_KEY>::add(std::move(key))) {}
+    UnclaimedKey(const UnclaimedKey&) = delete;
+    UnclaimedKey& operator=(const UnclaimedKey&) = delete;
+    ~UnclaimedKey() { LiveRecords<KSP_KEY>::take(handle_).reset(); }
+
+    NCRYPT_KEY_HANDLE handOut() { return std::exchange(handle_, 0); }
+
+private:
+    NCRYPT_KEY_HANDLE handle_;
+};
+
 struct StoringTexts {
     const char* failure;
     const char* success;
 };
 
-// Stores 1 to 32 bytes on the token and keeps them in the key object too.
+// Stores the key on the token and keeps it in the key object too. Once the token has it nothing may fail: the
+// caller would try again and store it twice.
 SECURITY_STATUS storeAndHandOut(const ImportTarget& target, std::span<const unsigned char> material,
                                 const StoringTexts& texts) {
-    auto key = std::make_shared<KSP_KEY>();
     SymmetricKeyRecord record;
-    record.setMaterial(material);
+    if (material.empty() || !record.setMaterial(material)) {
+        return refuseData("the key is empty or longer than 32 bytes");
+    }
     record.key.keyType = material.size() == kAes128Bytes ? kKeyTypeAes128 : kKeyTypeAes192Or256;
+    const auto key = std::make_shared<KSP_KEY>();
     std::ranges::copy(material, key->symmetricKey.data());
     key->symmetricKeyLength = static_cast<std::uint32_t>(material.size());
     key->bitLength = key->symmetricKeyLength * 8;
+    key->persisted = true;
+    UnclaimedKey unclaimed(key);
     if (storeAesKey(target.serial, record, target.libraryContext) != kDeviceOk) {
         return refuse(NTE_BAD_TYPE, texts.failure);
     }
     key->keyType = record.key.keyType;
     key->keyUsage = record.key.usage;
-    return handOut(std::move(key), target, texts.success);
+    *target.phKey = unclaimed.handOut();
+    Utils::debug(texts.success);
+    return kSuccess;
 }
 
 SECURITY_STATUS importWrappedKey(const ImportTarget& target, Blob blob) {
-    Utils::debug(concat("KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = ", blob.size()));
+    Utils::debug("KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = ", blob.size());
     LibraryBuffer unwrapped;
-    const auto wrappingKey = unwrapWithAnyKey(target.serial, target.libraryContext, blob, unwrapped);
+    const auto wrappingKey =
+        unwrapWithAnyKey(target.serial, target.libraryContext, WrappingKeys::Listed, blob, unwrapped);
     if (!wrappingKey) {
         return refuse(NTE_BAD_KEY, "KSP: Failed to unwrap BCRYPT_OPAQUE_KEY_BLOB with any available KEK");
     }
-    Utils::debug(concat("KSP: Successfully unwrapped key with KEK: ", keyName(*wrappingKey)));
-    if (unwrapped.size() == 0 || unwrapped.size() > kSymmetricKeyCapacity) {
-        return refuseData("BCRYPT_OPAQUE_KEY_BLOB key is empty or longer than 32 bytes");
-    }
+    Utils::debug("KSP: Successfully unwrapped key with KEK: ", keyName(*wrappingKey));
     return storeAndHandOut(target, unwrapped.bytes(),
                            {.failure = "KSP: Import of unwrapped AES key failed",
                             .success = "KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully"});
@@ -195,7 +230,7 @@ SECURITY_STATUS importEncryptedKey(const ImportTarget& target, const KSP_KEY* im
     if (importKey == nullptr) {
         return refuse(NTE_BAD_KEY, "KSP: Encrypted key import requires import key handle");
     }
-    Utils::debug(concat("KSP: Input key id : ", keyName(importKey->credentialId)));
+    Utils::debug("KSP: Input key id : ", keyName(importKey->credentialId));
     const TokenKey tokenKey{
         .serial = target.serial, .keyId = importKey->credentialId, .libraryContext = target.libraryContext};
     LibraryBuffer decrypted;

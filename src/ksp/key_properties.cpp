@@ -93,7 +93,7 @@ constexpr std::array<ReadableProperty, 14> kReadableProperties = {{
 }};
 
 SECURITY_STATUS getKeyProperty(const std::string& name, const Query& query) {
-    Utils::debug(concat("KSP: GetKeyProperty: ", name));
+    Utils::debug("KSP: GetKeyProperty: ", name);
     const auto* const property = std::ranges::find(kReadableProperties, name, &ReadableProperty::name);
     if (property == kReadableProperties.end()) {
         return refuse(NTE_NOT_SUPPORTED, "KSPGetKeyProperty: unsupported property");
@@ -119,7 +119,7 @@ struct Setting {
     }
 };
 
-SECURITY_STATUS refuseLength(const char* property) {
+SECURITY_STATUS refuseLargeValue(const char* property) {
     return refuse(NTE_INVALID_PARAMETER, concat("KSPSetKeyProperty: ", property, " cbInput is too large"));
 }
 
@@ -128,7 +128,7 @@ SECURITY_STATUS setCertificate(const Setting& setting) {
         return refuse(NTE_INVALID_PARAMETER,
                       "KSPSetKeyProperty: NCRYPT_CERTIFICATE_PROPERTY pbInput is null or empty");
     }
-    if (setting.length > kCertificateCapacity) return refuseLength("NCRYPT_CERTIFICATE_PROPERTY");
+    if (setting.length > kCertificateCapacity) return refuseLargeValue("NCRYPT_CERTIFICATE_PROPERTY");
     const std::string serial = setting.provider.serial();
     void* const libraryContext = setting.provider.libraryContext;
     if (!ensureUserVerified(serial, libraryContext)) {
@@ -152,7 +152,7 @@ SECURITY_STATUS setLength(const Setting& setting) {
     const std::optional<DWORD> bits = setting.dword();
     if (!bits) return kSuccess;
     setting.key.bitLength = *bits;
-    Utils::debug(concat("KSP: Key length set to ", *bits));
+    Utils::debug("KSP: Key length set to ", *bits);
     return kSuccess;
 }
 
@@ -173,13 +173,13 @@ SECURITY_STATUS setUsage(const Setting& setting) {
 SECURITY_STATUS setChainingMode(const Setting& setting) {
     constexpr DWORD kEnoughBytes = 64; // more than any mode's name takes
     if (setting.isEmpty()) return kSuccess;
-    if (setting.length > INT_MAX) return refuseLength(kChainingModeProperty);
+    if (setting.length > INT_MAX) return refuseLargeValue(kChainingModeProperty);
     const std::string mode = fromWideBytes({setting.input, std::min(setting.length, kEnoughBytes)});
     if (mode != kCbcMode && mode != kEcbMode) {
         return refuse(NTE_NOT_SUPPORTED, "KSP: Unsupported chaining mode");
     }
     setting.key.ecbMode = mode == kEcbMode;
-    Utils::debug(concat("KSP: Chaining mode set to ", setting.key.ecbMode ? "ECB" : "CBC"));
+    Utils::debug("KSP: Chaining mode set to ", setting.key.ecbMode ? "ECB" : "CBC");
     return kSuccess;
 }
 
@@ -209,9 +209,9 @@ SECURITY_STATUS setIv(const Setting& setting) {
         return refuse(NTE_INVALID_PARAMETER,
                       concat("KSP: IV size mismatch: got ", setting.length, ", expected ", expected));
     }
-    if (setting.length > INT_MAX) return refuseLength("IV");
+    if (setting.length > INT_MAX) return refuseLargeValue("IV");
     setProcessIv(setting.bytes());
-    Utils::debug(concat("KSP: IV set, size: ", setting.length));
+    Utils::debug("KSP: IV set, size: ", setting.length);
     return kSuccess;
 }
 

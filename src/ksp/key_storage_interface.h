@@ -43,12 +43,24 @@ struct NCRYPT_KEY_STORAGE_FUNCTION_TABLE {
     decltype(&KSPFreeSecret) FreeSecret;
 };
 
-// The version takes one pointer's room, and the 26 functions follow without gaps.
-static_assert(sizeof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE) == 27 * sizeof(void*));
-static_assert(offsetof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE, OpenProvider) == sizeof(void*));
-static_assert(offsetof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE, FreeBuffer) == 12 * sizeof(void*));
-static_assert(offsetof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE, SignHash) == 20 * sizeof(void*));
-static_assert(offsetof(NCRYPT_KEY_STORAGE_FUNCTION_TABLE, FreeSecret) == 26 * sizeof(void*));
+// The version takes one pointer's room, and the 26 functions follow without gaps, in this order.
+static_assert([] {
+    using Table = NCRYPT_KEY_STORAGE_FUNCTION_TABLE;
+    const auto fillTheTable = [](auto... offsets) {
+        std::size_t expected = 0;
+        return ((offsets == (expected += sizeof(void*))) && ...) && sizeof(Table) == expected + sizeof(void*);
+    };
+    return fillTheTable(
+        offsetof(Table, OpenProvider), offsetof(Table, OpenKey), offsetof(Table, CreatePersistedKey),
+        offsetof(Table, GetProviderProperty), offsetof(Table, GetKeyProperty),
+        offsetof(Table, SetProviderProperty), offsetof(Table, SetKeyProperty), offsetof(Table, FinalizeKey),
+        offsetof(Table, DeleteKey), offsetof(Table, FreeProvider), offsetof(Table, FreeKey),
+        offsetof(Table, FreeBuffer), offsetof(Table, Encrypt), offsetof(Table, Decrypt),
+        offsetof(Table, IsAlgSupported), offsetof(Table, EnumAlgorithms), offsetof(Table, EnumKeys),
+        offsetof(Table, ImportKey), offsetof(Table, ExportKey), offsetof(Table, SignHash),
+        offsetof(Table, VerifySignature), offsetof(Table, PromptUser), offsetof(Table, NotifyChangeKey),
+        offsetof(Table, SecretAgreement), offsetof(Table, DeriveKey), offsetof(Table, FreeSecret));
+}());
 
 extern "C" {
 

@@ -8,15 +8,19 @@
 namespace veltra {
 
 void KSP_KEY::fillFrom(const VeltraKeyPair& pair) {
-    std::ranges::copy(pair.keyId, credentialId.begin());
-    credentialIdLength = kKeyIdLength;
+    identifyAs(pair);
     keyType = pair.keyType;
     keyUsage = pair.usage;
-    setPublicKey({pair.publicKey, pair.publicKeyLength});
     std::ranges::copy(pair.credentialId, publicKeyExtra.begin());
     publicKeyExtraLength = pair.credentialIdLength;
-    label = boundedText(pair.label, kLabelMaxLength);
     recordFlag = pair.flag != 0;
+}
+
+void KSP_KEY::identifyAs(const VeltraKeyPair& pair) {
+    std::ranges::copy(pair.keyId, credentialId.begin());
+    credentialIdLength = kKeyIdLength;
+    setPublicKey({pair.publicKey, pair.publicKeyLength});
+    label = boundedText(pair.label, kLabelMaxLength);
 }
 
 void KSP_KEY::setPublicKey(std::span<const unsigned char> bytes) {

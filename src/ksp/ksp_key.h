@@ -41,6 +41,10 @@ struct KSP_KEY {
     /// were checked.
     void fillFrom(const VeltraKeyPair& pair);
 
+    /// Takes identifier, public key and label only: a key that was just generated keeps the flag and the
+    /// credential identifier it was created with, which are none: deliberate.
+    void identifyAs(const VeltraKeyPair& pair);
+
     /// At most kPublicKeyCapacity bytes.
     void setPublicKey(std::span<const unsigned char> bytes);
 

@@ -1,7 +1,6 @@
 // KSPOpenProvider, KSPFreeProvider, KSPPromptUser, KSPNotifyChangeKey and KSPFreeBuffer.
 
 #include "ksp/entry_guard.h"
-#include "ksp/key_enumeration.h"
 #include "ksp/ksp_entry_points.h"
 #include "ksp/ksp_login.h"
 #include "ksp/ksp_provider.h"
@@ -14,12 +13,11 @@ namespace veltra {
 
 namespace {
 
-// Without a token the provider stays unbound: a token that is plugged in later needs a new provider. A token
-// that refuses its initialisation does not fail the open.
+// A token that refuses its initialisation does not fail the open.
 void bindToFirstToken(KSP_PROVIDER& provider, const std::vector<std::string>& serials) {
     provider.bindTo(serials.front());
     provider.firmwareVersion = readTokenInfo(serials.front(), provider.libraryContext).firmwareVersion;
-    Utils::debug(concat("KSP: Provider firmware=", provider.firmwareVersion));
+    Utils::debug("KSP: Provider firmware=", provider.firmwareVersion);
     initialiseTokens(serials, provider.libraryContext, "KSP: ");
 }
 
@@ -29,6 +27,8 @@ SECURITY_STATUS openProvider(NCRYPT_PROV_HANDLE* phProvider) {
     initialiseLibrary();
     startDeviceMonitor();
     const std::vector<std::string> serials = connectedSerials(provider->libraryContext);
+    // Without a token the provider is unbound, also when one is plugged in later, until KSPOpenKey finds a
+    // key on it.
     const bool hasToken = !serials.empty();
     if (hasToken) bindToFirstToken(*provider, serials);
     *phProvider = LiveRecords<KSP_PROVIDER>::add(std::move(provider));
@@ -79,8 +79,7 @@ SECURITY_STATUS WINAPI KSPNotifyChangeKey(NCRYPT_PROV_HANDLE, HANDLE*, DWORD) {
 // What was not handed out is left alone, and so is a block that was released before.
 SECURITY_STATUS WINAPI KSPFreeBuffer(PVOID pvInput) {
     return kspEntry("KSPFreeBuffer", [&] {
-        const auto address = reinterpret_cast<std::uintptr_t>(pvInput);
-        if (LiveRecords<void>::take(address) == nullptr) LiveRecords<KSP_ENUM_STATE>::take(address).reset();
+        LiveRecords<void>::take(reinterpret_cast<std::uintptr_t>(pvInput)).reset();
         return kSuccess;
     });
 }

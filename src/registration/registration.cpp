@@ -98,9 +98,10 @@ HRESULT registerServer(const ConfigurationFunctions& bcrypt) {
 
 /// Frame of both functions: `start` is their first log line.
 template <class Body>
-HRESULT registrationEntry(const char* start, Body&& body) noexcept {
+HRESULT registrationEntry(const char* name, const char* start, Body&& body) noexcept {
+    Utils::debug(start);
     const ExceptionAnswers<HRESULT> answers = {.outOfMemory = E_OUTOFMEMORY, .unexpected = E_UNEXPECTED};
-    return runEntryPoint(start, answers, std::forward<Body>(body));
+    return runGuarded(name, answers, std::forward<Body>(body));
 }
 
 } // namespace
@@ -110,7 +111,7 @@ HRESULT registrationEntry(const char* start, Body&& body) noexcept {
 using namespace veltra;
 
 HRESULT WINAPI DllRegisterServer() {
-    return registrationEntry("DllRegisterServer: Registering KSP via CNG API", [] {
+    return registrationEntry("DllRegisterServer", "DllRegisterServer: Registering KSP via CNG API", [] {
         UniqueModule module(LoadLibraryW(L"bcrypt.dll"));
         if (!module) return refuse("Failed to load bcrypt.dll");
         const HRESULT result = registerServer(ConfigurationFunctions(module.get()));
@@ -121,7 +122,7 @@ HRESULT WINAPI DllRegisterServer() {
 }
 
 HRESULT WINAPI DllUnregisterServer() {
-    return registrationEntry("DllUnregisterServer: Unregistering KSP via CNG API", [] {
+    return registrationEntry("DllUnregisterServer", "DllUnregisterServer: Unregistering KSP via CNG API", [] {
         UniqueModule module(LoadLibraryW(L"bcrypt.dll"));
         if (!module) return refuse("DllUnregisterServer: LoadLibraryW failed to load bcrypt.dll");
         removeEntries(ConfigurationFunctions(module.get()));

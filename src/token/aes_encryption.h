@@ -9,7 +9,8 @@
 
 namespace veltra {
 
-/// The selector of veltra_encrypt_aes for a key of `keyLength` bytes.
+/// The selector of veltra_encrypt_aes for a key of `keyLength` bytes. Every length but 16 counts as AES-192
+/// or AES-256: the caller checks that it is one.
 EncryptionType aesEncryptionType(std::size_t keyLength, bool ecb);
 
 /// An AES key held in memory and how it is used.

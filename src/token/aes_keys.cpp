@@ -3,6 +3,8 @@
 #include "token/device_state.h"
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 namespace veltra {
 
@@ -10,13 +12,17 @@ namespace {
 
 /// A copy of the library's key list, wiped when it goes out of scope: a library may put key material into it.
 struct CopiedKeys {
-    explicit CopiedKeys(const std::vector<VeltraSymmetricKey>& list) : records(list) {}
+    explicit CopiedKeys(std::vector<VeltraSymmetricKey> list) : records(std::move(list)) {}
     CopiedKeys(const CopiedKeys&) = delete;
     CopiedKeys& operator=(const CopiedKeys&) = delete;
     ~CopiedKeys() { wipe(records.data(), records.size() * sizeof(VeltraSymmetricKey)); }
 
     std::vector<VeltraSymmetricKey> records;
 };
+
+bool isOfAesType(const VeltraSymmetricKey& key) {
+    return key.keyType == kKeyTypeAes128 || key.keyType == kKeyTypeAes192Or256;
+}
 
 } // namespace
 
@@ -43,18 +49,17 @@ int storeAesKey(const std::string& serial, SymmetricKeyRecord& record, void* lib
     const Pin pin = getPin(serial);
     const int code =
         deviceLibrary().veltra_importAesKey(serial.c_str(), pin.c_str(), &record.key, libraryContext);
-    // Only carried: an impossible length does not undo the import.
+    // Only carried: an impossible length does not undo the import. Nobody reads the key's own length.
     if (record.key.credentialIdLength > kCredentialIdCapacity) record.key.credentialIdLength = 0;
-    if (record.key.keyLength > kSymmetricKeyCapacity) record.key.keyLength = 0;
     return code;
 }
 
 std::optional<std::array<unsigned char, kKeyIdLength>>
-unwrapWithAnyKey(const std::string& serial, void* libraryContext, std::span<const unsigned char> wrapped,
-                 LibraryBuffer& unwrapped) {
+unwrapWithAnyKey(const std::string& serial, void* libraryContext, WrappingKeys tried,
+                 std::span<const unsigned char> wrapped, LibraryBuffer& unwrapped) {
     const CopiedKeys keys(deviceLibrary().veltra_getAesKeyList(serial.c_str(), libraryContext));
     for (const VeltraSymmetricKey& key : keys.records) {
-        if (key.keyType != kKeyTypeAes128 && key.keyType != kKeyTypeAes192Or256) continue;
+        if (tried == WrappingKeys::OfAesType && !isOfAesType(key)) continue;
         const int code = unwrapped.fill([&](unsigned char** out, int* outLength) {
             return deviceLibrary().veltra_decrypt_aes(
                 serial.c_str(), key.keyId, static_cast<int>(kKeyIdLength), wrapped.data(),

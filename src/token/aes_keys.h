@@ -24,17 +24,20 @@ struct SymmetricKeyRecord {
     ~SymmetricKeyRecord() { wipe(&key, sizeof(key)); }
 
     /// Takes 0 to 32 bytes; false for more.
-    bool setMaterial(std::span<const unsigned char> material);
+    [[nodiscard]] bool setMaterial(std::span<const unsigned char> material);
 };
 
-/// Stores the key on the token with its stored PIN. On success the record is the token's, with lengths that
-/// fit. Returns the library's code.
+/// Stores the key on the token with its stored PIN. On success the record is the token's; the length of its
+/// credential identifier fits, that of its key is not checked. Returns the library's code.
 int storeAesKey(const std::string& serial, SymmetricKeyRecord& record, void* libraryContext);
 
-/// Unwraps `wrapped` with the first AES key of the token that can, in the token's order, into `unwrapped`.
-/// The wrapping scheme is the library's. Returns the identifier of that key, or nothing when no key fits.
+/// Which keys of the token's AES key list are tried as wrapping keys.
+enum class WrappingKeys { Listed, OfAesType };
+
+/// Unwraps `wrapped` with the first of these keys that can, in the token's order, into `unwrapped`. The
+/// wrapping scheme is the library's. Returns the identifier of that key, or nothing when no key fits.
 std::optional<std::array<unsigned char, kKeyIdLength>>
-unwrapWithAnyKey(const std::string& serial, void* libraryContext, std::span<const unsigned char> wrapped,
-                 LibraryBuffer& unwrapped);
+unwrapWithAnyKey(const std::string& serial, void* libraryContext, WrappingKeys tried,
+                 std::span<const unsigned char> wrapped, LibraryBuffer& unwrapped);
 
 } // namespace veltra

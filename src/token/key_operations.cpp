@@ -66,9 +66,12 @@ EncryptionType rsaEncryptionType(std::uint32_t bits) {
 int encryptForKey(EncryptionType type, PaddingMode padding, std::span<const unsigned char> plaintext,
                   std::span<const unsigned char> publicKey, std::span<unsigned char> ciphertext,
                   std::uint32_t& length, void* libraryContext) {
+    // A key object may have no public key: that is for the library to refuse, but it gets no null pointer.
+    static constexpr unsigned char kNothing = 0;
+    const unsigned char* const keyBytes = publicKey.empty() ? &kNothing : publicKey.data();
     int reported = lengthOf(ciphertext);
     const int result = deviceLibrary().veltra_encrypt(type, padding, plaintext.data(), lengthOf(plaintext),
-                                                      ciphertext.data(), &reported, publicKey.data(),
+                                                      ciphertext.data(), &reported, keyBytes,
                                                       lengthOf(publicKey), libraryContext);
     const int code = checkReportedLength(result, reported, ciphertext.size());
     if (code == kDeviceOk) length = static_cast<std::uint32_t>(reported);

@@ -4,8 +4,10 @@
 #include "foundation/library_buffer.h"
 #include "token/pin.h"
 
+#include <cstdint>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace veltra {
 
@@ -24,7 +26,8 @@ struct TokenKey {
 int signWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned char> hash, bool pss,
                 std::span<unsigned char> signature, std::uint32_t& length);
 
-/// Decrypts with the private key. The padding is the token's choice.
+/// Decrypts with the private key. `flag` is that of the key's record on the token. The padding is the token's
+/// choice.
 int decryptWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned char> ciphertext, bool flag,
                    LibraryBuffer& plaintext);
 
@@ -47,7 +50,8 @@ int verifySignature(const std::string& serial, const VerificationKey& key,
 /// The selector of veltra_encrypt for an RSA key of this length; that of 2048 bits for every other length.
 EncryptionType rsaEncryptionType(std::uint32_t bits);
 
-/// Encrypts for an RSA public key (DER) into `ciphertext`, whose first `length` bytes it is on success.
+/// Encrypts for an RSA public key (DER) into `ciphertext`, whose first `length` bytes it is on success. An
+/// empty key is passed on as one of no bytes.
 int encryptForKey(EncryptionType type, PaddingMode padding, std::span<const unsigned char> plaintext,
                   std::span<const unsigned char> publicKey, std::span<unsigned char> ciphertext,
                   std::uint32_t& length, void* libraryContext);

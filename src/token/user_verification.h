@@ -23,7 +23,7 @@ LoginOutcome askForPinUntilAccepted(const std::string& serial, void* libraryCont
                                     const char* timeMismatchText, Pin& acceptedPin);
 
 /// Lets the token check a PIN that the application gave, and stores it if the token accepts it: no later call
-/// prompts. Returns the library's code; nothing is stored for another than 0.
+/// prompts, unless the PIN is empty. Returns the library's code; nothing is stored for another than 0.
 int acceptPin(const std::string& serial, const Pin& pin, void* libraryContext);
 
 /// The PIN in a zero-terminated text from the application; nothing when it has more than Pin::kMaxLength

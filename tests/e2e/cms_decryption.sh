@@ -37,7 +37,7 @@ for container in "$unique" "$unique-other"; do
     cmp document decrypted || fail "a message for two decrypts to something else for $container"
 done
 envelop foreign.p7m aes256 "$unique-other.pem"
-refused foreign.p7m "none of the message's recipients"
+refused foreign.p7m "could not decrypt for any of the message's recipients"
 
 # What the platform or the provider cannot decrypt is refused with the reason.
 envelop des3.p7m des3 "$certificate"

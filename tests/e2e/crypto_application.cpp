@@ -22,7 +22,10 @@ DWORD lengthOf(const Bytes& bytes) {
 } // namespace
 
 DWORD errorOf(const std::function<BOOL()>& call) {
-    return call() ? ERROR_SUCCESS : GetLastError();
+    SetLastError(kNoReasonGiven);
+    if (call()) return ERROR_SUCCESS;
+    const DWORD error = GetLastError();
+    return error == ERROR_SUCCESS ? kNoReasonGiven : error;
 }
 
 Bytes bytesOf(const std::string& text) {
@@ -128,11 +131,10 @@ Bytes CryptoApplicationTest::hashValue(const CryptoHash& hash) {
 
 DWORD CryptoApplicationTest::signError(const CryptoHash& hash, DWORD keySpec, Bytes& signature,
                                        DWORD length) {
-    constexpr BYTE kGuard = 0xEE;
-    signature.assign(length + 1, kGuard);
+    signature.assign(length + 1, kSignatureFill);
     const DWORD error =
         errorOf([&] { return CryptSignHashA(hash.get(), keySpec, nullptr, 0, signature.data(), &length); });
-    EXPECT_EQ(signature.back(), kGuard) << "the byte behind the buffer";
+    EXPECT_EQ(signature.back(), kSignatureFill) << "the byte behind the buffer";
     signature.pop_back();
     EXPECT_EQ(length, signature.size());
     return error;

@@ -12,7 +12,11 @@ namespace veltra::test {
 
 using Bytes = std::vector<unsigned char>;
 
-/// TRUE or FALSE of a call as the error that an application sees: 0, or the last error.
+/// What errorOf makes of a FALSE without a last error of its own: a code that no system function sets.
+inline constexpr DWORD kNoReasonGiven = 0x20000001;
+
+/// TRUE or FALSE of a call as the error that an application sees: 0 for TRUE alone, otherwise the last error,
+/// which the call must have set.
 DWORD errorOf(const std::function<BOOL()>& call);
 
 Bytes bytesOf(const std::string& text);
@@ -47,7 +51,8 @@ protected:
                                  const CryptoKey& key = CryptoKey());
     static Bytes hashValue(const CryptoHash& hash);
 
-    /// Signs into a buffer of exactly `length` bytes, without asking for the size.
+    /// Signs into a buffer of exactly `length` bytes, which hold kSignatureFill, without asking for the size.
+    static constexpr unsigned char kSignatureFill = 0xEE;
     static DWORD signError(const CryptoHash& hash, DWORD keySpec, Bytes& signature, DWORD length);
     static DWORD signError(const CryptoContext& context);
     /// Whether the system's provider accepts the signature.

@@ -30,7 +30,10 @@ protected:
     /// Everything that uses the private key is refused to a silent context, and nothing is written.
     void expectSilentRefusals() const {
         const CryptoContext silent = open(CRYPT_SILENT);
-        EXPECT_EQ(signError(silent), kSilentContext);
+        Bytes signature;
+        EXPECT_EQ(signError(createHash(silent, CALG_SHA_256, data), AT_SIGNATURE, signature, 256),
+                  kSilentContext);
+        EXPECT_EQ(signature, Bytes(256, kSignatureFill));
         Bytes ciphertext(256, 1);
         DWORD length = 256;
         const CryptoKey key = userKey(silent, AT_KEYEXCHANGE);
@@ -41,6 +44,7 @@ protected:
         HCRYPTKEY generated = 0;
         EXPECT_EQ(errorOf([&] { return CryptGenKey(silent.get(), AT_SIGNATURE, 2048u << 16, &generated); }),
                   kSilentContext);
+        EXPECT_EQ(generated, 0u);
     }
 };
 
@@ -219,6 +223,7 @@ TEST_F(CryptoApiClientTest, LearnsTheLongestContainerNameAndWalks) {
             break;
         }
         ASSERT_EQ(length, longest);
+        ASSERT_EQ(name.back(), 0);
         names.emplace_back(reinterpret_cast<const char*>(name.data()));
     }
     std::vector<Bytes> listed;

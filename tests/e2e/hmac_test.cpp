@@ -1,4 +1,5 @@
-// HMAC with the test cases of RFC 4231, whose keys reach the provider as session keys.
+// HMAC with the test cases of RFC 4231. The keys reach the provider as session keys; one that is longer than
+// a key object holds is derived instead, as its digest.
 
 #include "e2e/crypto_application.h"
 
@@ -120,8 +121,9 @@ TEST_F(HmacTest, Rfc4231KeysLongerThanABlockByTheirDigest) {
               fromHex("9b09ffa71b942fcb27635fbcd5b0e944bfdc63644f0713938a7f51535c3a35e2"));
 }
 
-// A plaintext key is stored on the token and its bytes stay there, so that it is of no use for HMAC.
-TEST_F(HmacTest, PlaintextKeysAreRefused) {
+// A plaintext key of RC2, as which applications bring HMAC keys, is not taken at all. One of AES is stored on
+// the token and its bytes stay there, so that there is nothing to make an HMAC with.
+TEST_F(HmacTest, PlaintextKeysAreOfNoUse) {
     const Bytes material(16, 0x0b);
     const Bytes rc2 = keyBlob(PLAINTEXTKEYBLOB, CALG_RC2, 16, material);
     HCRYPTKEY none = 0;

@@ -33,6 +33,17 @@ newCertifiedKey() {
     openssl x509 -in "$1.pem" -noout -pubkey >"$1.pub"
 }
 
+# The same commands through the key storage provider.
+cng() { veltra --cng "$@"; }
+
+# newCngKey KEYGEN-OPTION...: a new key without container, its identifier in `key`, its public key in key.pub.
+newCngKey() {
+    key=$(cng keygen "$@" | sed -n 's/^Generated .* key \([0-9A-F]\{32\}\)\.\r\{0,1\}$/\1/p')
+    [ -n "$key" ] || fail "the new key has no identifier"
+    cng export --container "$key" --out key.pub
+    openssl pkey -pubin -in key.pub -noout || fail "OpenSSL cannot read the exported public key"
+}
+
 # expectExit CODE COMMAND...: the command must end with this exit code; its output is kept in `output`.
 expectExit() {
     local expected=$1 actual=0
@@ -48,6 +59,14 @@ expectFailure() {
     expectExit "$1" "${@:3}"
     [[ $output == *"$text"* ]] || fail "'$text' is missing in the output of ${*:3}
 $output"
+}
+
+# runApplication PROGRAM FILTER: the tests of an application that the filter chooses. Under Wine the exit status of a
+# crash can get lost, so the last words count.
+runApplication() {
+    runWindows "$bin/$1.exe" "--gtest_filter=$2" >client.txt || true
+    cat client.txt
+    ! grep -q 'FAILED TEST' client.txt && grep -q '^\[  PASSED  \] [1-9]' client.txt || fail "tests of $2 failed"
 }
 
 # A file of some length with every byte value, and a copy with one changed bit.

@@ -19,7 +19,8 @@ function fail(error) {
     process.exit(1);
 }
 
-// A handshake that hangs must not hang the test.
+// A handshake that hangs must not hang the test. A password dialog that nobody answers stops this timer too: that
+// one ends with the time limit of whoever started this program.
 setTimeout(() => fail(new Error('not finished in time')), 40000).unref();
 
 function identity(container, certificate) {

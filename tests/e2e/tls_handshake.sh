@@ -57,11 +57,12 @@ lookup_method = 3
 END
 }
 
-# Node.js refuses to write to a pipe under Wine: its output goes to files, and is shown when something fails.
-node() {
+# Node.js refuses to write to a pipe under Wine: its output goes to files, and is shown when something fails. A
+# shell of its own, because the runner may fail itself, with its message in the same file.
+node() (
     NODE_SKIP_PLATFORM_CHECK=1 "${runner[@]}" node/package/bin/node.exe --openssl-config=openssl.cnf "$script" "$@" \
         >node.out 2>node.err
-}
+)
 handshake() {
     node "$unique-server" "$unique-client" client.pem || fail "no handshake: $(cat node.out node.err)"
     grep -q 'exchanged data' node.out || fail "the handshake was not judged: $(cat node.out node.err)"

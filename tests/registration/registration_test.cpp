@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <new>
 #include <sstream>
 
 namespace veltra::test {
@@ -18,6 +19,7 @@ using Lines = std::vector<std::string>;
 
 Lines calls;
 std::map<std::string, LONG> statuses;
+bool hasMemory;
 
 std::string besideThisProgram(const std::string& file) {
     char path[MAX_PATH] = {};
@@ -65,6 +67,7 @@ protected:
         useOwnLogFolder();
         setLogLevel(3);
         statuses.clear();
+        hasMemory = true;
         installStandIn();
     }
     ~RegistrationTest() override { DeleteFileA(besideThisProgram("bcrypt.dll").c_str()); }
@@ -137,10 +140,18 @@ TEST_F(RegistrationTest, WithoutBcryptBothFail) {
            {kUnregisterStarts, "ERROR DllUnregisterServer: LoadLibraryW failed to load bcrypt.dll"});
 }
 
+TEST_F(RegistrationTest, OutOfMemoryIsLoggedUnderTheFunctionsName) {
+    hasMemory = false;
+    expect(DllRegisterServer, E_OUTOFMEMORY, {}, {kRegisterStarts, "ERROR DllRegisterServer: out of memory"});
+    expect(DllUnregisterServer, E_OUTOFMEMORY, {},
+           {kUnregisterStarts, "ERROR DllUnregisterServer: out of memory"});
+}
+
 } // namespace
 } // namespace veltra::test
 
 LONG bcryptCalled(const char* call) {
+    if (!veltra::test::hasMemory) throw std::bad_alloc();
     const std::string line = call;
     veltra::test::calls.push_back(line);
     const auto found = veltra::test::statuses.find(line.substr(0, line.find(':')));

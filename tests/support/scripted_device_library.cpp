@@ -1,5 +1,7 @@
 #include "support/scripted_device_library.h"
 
+#include "foundation/windows.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -277,6 +279,7 @@ Bytes ScriptedDeviceLibrary::fakeCertificate(const std::string& commonName, cons
 }
 
 Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arguments) {
+    SetLastError(0xBAD); // as a library does whose work fails somewhere inside
     calls_.push_back({std::this_thread::get_id(), function, std::string(function) + "(" + arguments + ")"});
     Script merged;
     const auto [first, last] = scripts_.equal_range(function);
@@ -381,6 +384,7 @@ int ScriptedDeviceLibrary::veltra_generateKeyPair(const char* serial, const char
     *inout =
         token->addKeyPair(static_cast<unsigned char>(0xE0 + ++generatedKeys_), inout->keyType, inout->usage);
     if (script.length) inout->publicKeyLength = static_cast<std::uint32_t>(*script.length);
+    inout->flag = 1;
     return kDeviceOk;
 }
 

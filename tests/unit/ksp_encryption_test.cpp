@@ -1,7 +1,10 @@
 #include "support/ksp_test.h"
 
 #include "foundation/text.h"
+#include "token/device_state.h"
 #include "token/process_iv.h"
+
+#include <climits>
 
 namespace veltra::test {
 namespace {
@@ -48,7 +51,6 @@ protected:
 };
 
 TEST_F(KspEncryptionTest, RefusalsComeInTheirOrderAndTouchNothing) {
-    const NCRYPT_KEY_HANDLE ecKey = addKey(token.addKeyPair(0x55, kKeyTypeEcP256));
     BYTE byte = 0;
     for (const EntryPoint function : {&KSPEncrypt, &KSPDecrypt}) {
         const std::string start = function == &KSPEncrypt ? "KSPEncrypt: " : "KSPDecrypt: ";
@@ -64,16 +66,15 @@ TEST_F(KspEncryptionTest, RefusalsComeInTheirOrderAndTouchNothing) {
         const std::pair noKey(NTE_INVALID_PARAMETER, start + "key handle or pcbResult is null");
         const std::pair noInput(NTE_INVALID_PARAMETER, start + "pbInput is null or cbInput is zero");
         const std::pair tooLarge(NTE_INVALID_PARAMETER, start + "a length is too large");
-        const std::pair isEc(NTE_NOT_SUPPORTED, start + "an EC key neither encrypts nor decrypts");
         EXPECT_EQ(refusal(rsaKey, 0, nullptr, 0, 0, nullptr), noProvider);
         EXPECT_EQ(refusal(provider, provider, nullptr, 0, 0, &length), noKey);
         EXPECT_EQ(refusal(provider, rsaKey, nullptr, 0, 0, nullptr), noKey);
         EXPECT_EQ(refusal(provider, rsaKey, nullptr, 1, 0, &length), noInput);
         EXPECT_EQ(refusal(provider, aesKey, &byte, 0, 0, &length), noInput);
-        EXPECT_EQ(refusal(provider, ecKey, &byte, 1, 0, &length), isEc);
-        for (const NCRYPT_KEY_HANDLE key : {rsaKey, aesKey}) {
+        for (const NCRYPT_KEY_HANDLE key : {rsaKey, aesKey})
             EXPECT_EQ(refusal(provider, key, &byte, 0x80000000, 256, &length), tooLarge);
-            EXPECT_EQ(refusal(provider, key, &byte, 1, 0x80000000, &length), tooLarge);
+        if (function == &KSPEncrypt) {
+            EXPECT_EQ(refusal(provider, rsaKey, &byte, 1, 0x80000000, &length), tooLarge);
         }
     }
     EXPECT_EQ(KSPDecrypt(provider, aesKey, &byte, 0x7FFFFFF0, nullptr, &byte, 1, &length, 0),
@@ -82,6 +83,34 @@ TEST_F(KspEncryptionTest, RefusalsComeInTheirOrderAndTouchNothing) {
     EXPECT_EQ(length, 0u);
     EXPECT_THAT(library.calls(), IsEmpty());
     EXPECT_THAT(prompt.seen(), IsEmpty());
+}
+
+TEST_F(KspEncryptionTest, CapacityThatTheLibraryIsNotToldMayBeAnything) {
+    storePinOfToken();
+    Bytes input(16, 'x'), output(256);
+    for (const auto& [function, key, bytes] : {std::tuple{&KSPEncrypt, aesKey, &input},
+                                               {&KSPDecrypt, aesKey, &input},
+                                               {&KSPDecrypt, rsaKey, &ciphertext}}) {
+        EXPECT_EQ(function(provider, key, bytes->data(), static_cast<DWORD>(bytes->size()), nullptr,
+                           output.data(), INT_MAX + 1u, &length, kOaep),
+                  0);
+    }
+}
+
+TEST_F(KspEncryptionTest, EcKeysAreRefusedOnlyWhereTheirPointWouldBeEncodedAsAModulus) {
+    const NCRYPT_KEY_HANDLE ecKey = addKey(token.addKeyPair(0x55, kKeyTypeEcP256));
+    for (const EntryPoint function : {&KSPEncrypt, &KSPDecrypt}) {
+        EXPECT_EQ(run(function, ecKey, abc, 0), succeeded());
+        EXPECT_EQ(length, 32u);
+    }
+    EXPECT_EQ(run(KSPEncrypt, ecKey, abc, 31).status, NTE_BUFFER_TOO_SMALL);
+    EXPECT_EQ(run(KSPEncrypt, ecKey, abc, 32),
+              failed(NTE_NOT_SUPPORTED, {"KSPEncrypt: an EC key does not encrypt"}));
+    EXPECT_THAT(library.calls(), IsEmpty());
+    storePinOfToken();
+    EXPECT_EQ(run(KSPDecrypt, ecKey, ciphertext, 3), succeeded())
+        << "what to make of it is the token's choice";
+    EXPECT_EQ(data, abc);
 }
 
 TEST_F(KspEncryptionTest, RsaPaddingTypeAndKeyFormReachTheLibrary) {
@@ -112,9 +141,18 @@ TEST_F(KspEncryptionTest, RsaPaddingTypeAndKeyFormReachTheLibrary) {
     EXPECT_EQ(library.calls().back(),
               "veltra_encrypt(type=9, padding=1, in=616263, out=384, key=30C1..BEBF(256))");
     EXPECT_THAT(debugLines, Contains("KSP: Public key is already DER encoded"));
-    library.script("veltra_encrypt", {.result = 9});
-    EXPECT_EQ(run(KSPEncrypt, rsaKey, abc, 512), failed(NTE_INTERNAL_ERROR, {"KSP: Encrypt failed: 9"}));
-    EXPECT_EQ(length, 7u);
+    liveKspKey(rsaKey)->publicKeyLength = 0;
+    EXPECT_EQ(run(KSPEncrypt, rsaKey, abc, 384), succeeded());
+    EXPECT_THAT(library.calls().back(), testing::EndsWith(", key=empty)")) << "a pointer all the same";
+    for (const auto& [script, code] : {std::pair{Script{.result = 9}, "9"},
+                                       {{.length = -1}, "4294967295"},
+                                       {{.length = 513}, "4294967295"}}) {
+        library.clearScripts();
+        library.script("veltra_encrypt", script);
+        EXPECT_EQ(run(KSPEncrypt, rsaKey, abc, 512),
+                  failed(NTE_INTERNAL_ERROR, {concat("KSP: Encrypt failed: ", code)}));
+        EXPECT_EQ(length, 7u);
+    }
 }
 
 TEST_F(KspEncryptionTest, AesTakesTheProcessIvInBothModesAndSizeQueriesRunTheWholeOperation) {
@@ -233,13 +271,23 @@ TEST_F(KspEncryptionTest, RsaDecryptionVerifiesTheUserAndRetriesOnceAfterExpiry)
               failed(NTE_BUFFER_TOO_SMALL, {"KSPDecrypt: output buffer too small, required=3"}));
     EXPECT_EQ(length, 3u);
     EXPECT_EQ(data, Bytes(2, 0xEE));
-    library.clearCalls();
-    library.script("veltra_decrypt", {.result = kDeviceSessionExpired, .onCall = 1});
-    EXPECT_EQ(decrypt(), succeeded());
-    EXPECT_THAT(debugLines, Contains("KSP: Decrypt SSO expired, re-prompting for PIN"));
-    const std::string decryption =
-        concat("veltra_decrypt(serial=", serial, ", key=1111..1111, pin=1234, in=0000..3839(256), flag=1)");
-    EXPECT_THAT(library.calls("veltra_decrypt"), ElementsAre(decryption, decryption));
+    // The second time the token has a session: nobody is asked, and there is no PIN to pass.
+    for (const char* newPin : {"1234", ""}) {
+        if (*newPin == '\0') token.logIn();
+        storePin(serial, Pin("old"));
+        library.clearCalls();
+        library.clearScripts();
+        library.script("veltra_decrypt", {.result = kDeviceSessionExpired, .onCall = 1});
+        EXPECT_EQ(decrypt(), succeeded());
+        EXPECT_THAT(debugLines, Contains("KSP: Decrypt SSO expired, re-prompting for PIN"));
+        const auto decryption = [&](const char* pin) {
+            return concat("veltra_decrypt(serial=", serial, ", key=1111..1111, pin=", pin,
+                          ", in=0000..3839(256), flag=1)");
+        };
+        EXPECT_THAT(library.calls("veltra_decrypt"), ElementsAre(decryption("old"), decryption(newPin)));
+    }
+    token.info.session.clear();
+    storePinOfToken();
     library.script("veltra_decrypt", {.result = kDeviceSessionExpired});
     EXPECT_EQ(decrypt(), failed(NTE_INTERNAL_ERROR, {"KSP: Decrypt failed: 49"}));
     EXPECT_EQ(decrypt(), failed(NTE_FAIL, {refused + " after SSO expiry"}));

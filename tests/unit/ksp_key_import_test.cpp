@@ -155,6 +155,19 @@ TEST_F(KspKeyImportTest, AesKeysAreStoredAndHeld) {
     }
 }
 
+TEST_F(KspKeyImportTest, WrappedKeysAreTriedWithEachListedKeyInOrder) {
+    token.addAesKey(0xC1, kKeyTypeAes128);
+    token.addAesKey(0xC2, 9).flag = 1; // not of an AES key's type
+    token.addAesKey(0xC2, kKeyTypeAes128);
+    ASSERT_EQ(import("OpaqueKeyBlob", ScriptedDeviceLibrary::maskOf(joined({{0xC2}, counting(16)}))),
+              succeeded());
+    const std::string attempt = "veltra_decrypt_aes(serial=" + serial + ", key=";
+    const std::string input = "(16), in=985A..5455(17), flag=";
+    EXPECT_THAT(library.calls("veltra_decrypt_aes"),
+                ElementsAre(attempt + "C1C1..C1C1" + input + "0, iv=null(0))",
+                            attempt + "C2C2..C2C2" + input + "1, iv=null(0))"));
+}
+
 TEST_F(KspKeyImportTest, BadBlobs) {
     struct Row {
         const char* type;

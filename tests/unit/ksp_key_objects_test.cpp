@@ -3,6 +3,7 @@
 #include "foundation/text.h"
 #include "foundation/wide_text.h"
 #include "ksp/ksp_provider.h"
+#include "token/device_state.h"
 
 #include <algorithm>
 
@@ -10,6 +11,7 @@ namespace veltra::test {
 namespace {
 
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 const SECURITY_STATUS kNoKey = static_cast<SECURITY_STATUS>(0x8009000D);
@@ -67,6 +69,10 @@ TEST_F(KspKeyTest, ArgumentsAreCheckedInOrderAndDeadHandlesAreNull) {
          [](auto p, auto, auto some) { return KSPCreatePersistedKey(p, some, 0, 0, 0, 0); }},
         {"KSPEnumKeys", "ppKeyName or ppEnumState is null",
          [](auto p, auto, auto some) { return KSPEnumKeys(p, 0, 0, reinterpret_cast<PVOID*>(some), 0); }},
+        {"KSPEnumKeys", "ppKeyName or ppEnumState is null",
+         [](auto p, auto, auto some) {
+             return KSPEnumKeys(p, 0, reinterpret_cast<NCryptKeyName**>(some), 0, 0);
+         }},
         {"KSPFinalizeKey", "key handle is null",
          [](auto p, auto k, auto) { return KSPFinalizeKey(p, k, 0); }},
         {"KSPDeleteKey", "key handle is null", [](auto p, auto k, auto) { return KSPDeleteKey(p, k, 0); }},
@@ -108,7 +114,11 @@ TEST_F(KspKeyTest, OpenedKeyIsTheTokensRecord) {
     ASSERT_NE(opened, nullptr);
     EXPECT_EQ(keyNameOf(opened->credentialId.data()), kOnes);
     EXPECT_EQ(opened->credentialIdLength, 16u);
-    EXPECT_EQ(opened->publicKeyLength, 384u);
+    EXPECT_THAT(opened->publicKeyBytes(),
+                ElementsAreArray(ScriptedDeviceLibrary::publicKeyOf(kKeyTypeRsa3072)));
+    EXPECT_EQ(opened->keyUsage, kUsageBoth);
+    EXPECT_EQ(opened->publicKeyExtraLength, 1u);
+    EXPECT_EQ(opened->publicKeyExtra[0], 0x11);
     EXPECT_EQ(opened->label, std::string(128, 'L'));
     EXPECT_TRUE(opened->recordFlag && opened->persisted);
     EXPECT_EQ(opened->keyName, kOnes);
@@ -202,10 +212,19 @@ TEST_F(KspKeyTest, KindsOfNewKeysAndWhatTheTokenMakesOfThem) {
                                        ", pin=1234, type=", row.type, ", usage=", row.usage, ", label='')")));
         EXPECT_EQ(keyNameOf(made->credentialId.data()), keyNameOf(token.keyPairs.back().keyId));
         EXPECT_EQ(made->credentialIdLength, 16u);
-        EXPECT_EQ(made->publicKeyLength, token.keyPairs.back().publicKeyLength);
+        EXPECT_THAT(made->publicKeyBytes(), ElementsAreArray(ScriptedDeviceLibrary::publicKeyOf(row.type)));
         EXPECT_EQ(made->label, "label");
         EXPECT_EQ(made->keyType, row.type);
         EXPECT_EQ(made->bitLength, row.bits);
+
+        Bytes signature(1024);
+        DWORD length = 0;
+        BYTE hash[32] = {};
+        EXPECT_EQ(KSPSignHash(provider, key, nullptr, hash, 32, signature.data(), 1024, &length, 0), 0);
+        EXPECT_EQ(KSPVerifySignature(provider, key, nullptr, hash, 32, signature.data(), length, 0), 0);
+        EXPECT_THAT(
+            library.calls("veltra_verifySignatureHash"),
+            ElementsAre(testing::StartsWith(concat("veltra_verifySignatureHash(type=", row.type, ","))));
     }
     for (const char* unknown : {"AES", "rsa", "ECDSA", ""})
         EXPECT_EQ(create(unknown),
@@ -223,14 +242,57 @@ TEST_F(KspKeyTest, RefusedGenerationLeavesTheKeyToBeFinalisedAgain) {
                                  {"KSPFinalizeKey: RSA-1024 key generation not allowed \xE2\x80\x94 key size "
                                   "below 112-bit security strength"}));
     EXPECT_THAT(library.calls(), ElementsAre("veltra_getTokenInfo(serial=" + serial + ")"));
-    made->bitLength = 0;
-    library.script("veltra_generateKeyPair", {.result = 23, .onCall = 1});
-    EXPECT_EQ(finalize(), failed(NTE_INTERNAL_ERROR, {"KSP: Key generation failed: 23"}));
-    EXPECT_EQ(made->bitLength, 0u);
-    EXPECT_EQ(finalize(), succeeded());
+    for (const auto& [type, bits, fixedBits] :
+         {std::tuple{kKeyTypeRsaUnsized, 0u, 2048u}, {std::uint32_t{kKeyTypeEcP384}, 1024, 384}}) {
+        made->persisted = false;
+        made->keyType = type;
+        made->bitLength = bits;
+        library.clearScripts();
+        library.script("veltra_generateKeyPair", {.result = 23, .onCall = 1});
+        EXPECT_EQ(finalize(), failed(NTE_INTERNAL_ERROR, {"KSP: Key generation failed: 23"}));
+        EXPECT_EQ(made->keyType, type);
+        EXPECT_EQ(made->bitLength, fixedBits) << "the size is fixed before the token is asked";
+        EXPECT_EQ(finalize(), succeeded());
+    }
     made->persisted = false;
     made->keyType = 8;
     EXPECT_EQ(finalize(), failed(NTE_NOT_SUPPORTED, {"KSPFinalizeKey: unsupported ECC algorithm=8"}));
+}
+
+TEST_F(KspKeyTest, GeneratedKeyKeepsTheFlagAndCredentialIdentifierOfTheCreatedOne) {
+    storePinOfToken();
+    create("RSA");
+    EXPECT_EQ(finalize(), succeeded());
+    EXPECT_FALSE(liveKspKey(key)->recordFlag);
+    EXPECT_EQ(liveKspKey(key)->publicKeyExtraLength, 0u);
+    EXPECT_EQ(remove(key), succeeded());
+    EXPECT_THAT(library.calls("veltra_deleteKeyPair"), ElementsAre(testing::HasSubstr("flag=0")));
+}
+
+TEST_F(KspKeyTest, KeyThatTheApplicationFinalisesFromTheDialogIsGeneratedOnce) {
+    create("RSA");
+    prompt.willType({"1234"});
+    prompt.whileAsked([&] {
+        storePinOfToken();
+        EXPECT_EQ(KSPFinalizeKey(provider, key, 0), 0);
+    });
+    EXPECT_EQ(finalize(), succeeded());
+    EXPECT_THAT(library.calls("veltra_generateKeyPair"), testing::SizeIs(1));
+}
+
+TEST_F(KspKeyTest, HandlesThatTheApplicationFreesFromTheDialogServeToTheEndOfTheCall) {
+    for (const auto& entryPoint : {KSPFinalizeKey, KSPDeleteKey}) {
+        NCRYPT_PROV_HANDLE freed = 0;
+        ASSERT_EQ(KSPOpenProvider(&freed, nullptr, 0), 0);
+        create("RSA");
+        if (entryPoint == KSPDeleteKey) open(keyNameOf(token.keyPairs.back().keyId));
+        forgetPin(serial);
+        prompt.willType({"1234"});
+        prompt.whileAsked([&] { EXPECT_EQ(KSPFreeKey(0, key) | KSPFreeProvider(freed), 0); });
+        EXPECT_EQ(call([&] { return entryPoint(freed, key, 0); }), succeeded());
+        EXPECT_EQ(liveKspKey(key), nullptr);
+        EXPECT_EQ(token.keyPairs.size(), entryPoint == KSPDeleteKey ? 0u : 1u);
+    }
 }
 
 TEST_F(KspKeyTest, DeletionHandsTheRecordsFlagBackAndKeepsTheObject) {
@@ -251,28 +313,31 @@ TEST_F(KspKeyTest, DeletionHandsTheRecordsFlagBackAndKeepsTheObject) {
 TEST_F(KspKeyTest, EnumerationWalksASnapshotOfTheTokensKeys) {
     const StatusAnswer end = failed(kNoMoreItems, {"KSP: No more keys to enumerate"});
     EXPECT_EQ(enumerate(), end);
-    EXPECT_EQ(state, nullptr) << "there is nothing to free";
+    EXPECT_NE(state, nullptr) << "the caller frees it, as after the last key";
+    EXPECT_EQ(enumerate(), end);
+    KSPFreeBuffer(std::exchange(state, nullptr));
     token.addKeyPair(0x11);
     token.addKeyPair(0x22, kKeyTypeEcP521, kUsageEncrypt);
     library.clearCalls();
     for (const auto& [id, algorithm] : {std::pair{kOnes, "RSA"}, {kTwos, "ECDH_P521"}}) {
+        KSPFreeBuffer(item);
         ASSERT_EQ(enumerate(), succeeded());
         EXPECT_EQ(debugLines.back(), "KSP: Enumerated key: " + id);
         EXPECT_EQ(fromWide(item->pszName), id);
         EXPECT_EQ(fromWide(item->pszAlgid), algorithm);
         EXPECT_EQ(item->dwLegacyKeySpec, DWORD{AT_KEYEXCHANGE}) << "for every key: deliberate";
         EXPECT_EQ(item->dwFlags, 0u);
-        EXPECT_EQ(KSPFreeBuffer(item), 0);
         token.addKeyPair(0x33);
     }
     EXPECT_EQ(enumerate(), end);
     EXPECT_THAT(library.calls(), ElementsAre(list(serial)));
     KSPFreeBuffer(state);
-    for (const PVOID foreign : {state, static_cast<PVOID>(&state)}) {
+    for (const PVOID foreign : {state, static_cast<PVOID>(&state), static_cast<PVOID>(item)}) {
         state = foreign;
         EXPECT_EQ(enumerate(),
-                  failed(NTE_INVALID_PARAMETER, {"KSPEnumKeys: enum state is not one of this provider"}));
+                  failed(NTE_INVALID_PARAMETER, {"KSPEnumKeys: enum state is not a live cursor"}));
     }
+    EXPECT_EQ(KSPFreeBuffer(item), 0);
 }
 
 } // namespace

@@ -208,11 +208,20 @@ TEST_F(KspSecretTest, DerivationRefusals) {
         library.clearScripts();
     }
     for (const ULONG type : {0u, 13u, 14u}) {
-        EXPECT_EQ(derive(kConcat, {{type, {1}, INT_MAX + 1u}}, 16).status, NTE_INVALID_PARAMETER);
         EXPECT_EQ(derive(kConcat, {{type, {}, 100}}, 16), succeeded()) << "null, whatever its length says";
         expectKey(kMechanismSha256, kSecret, 16);
     }
-    EXPECT_EQ(derive(kConcat, {{13, {1}, INT_MAX}}, 16).status, NTE_INVALID_PARAMETER) << "with the secret";
+    for (const ULONG type : {13u, 14u}) {
+        EXPECT_EQ(derive(kConcat, {{type, {1}, INT_MAX}}, 16),
+                  failed(NTE_INVALID_PARAMETER, {"KSPDeriveKey: a length is too large"}))
+            << "with the secret";
+        EXPECT_EQ(derive("HASH", {{type, {1}, INT_MAX + 1u}}, 16), succeeded()) << "not looked at";
+        expectKey(kMechanismSha256, kSecret, 16);
+    }
+    Bytes name = wideBytes("SHA1");
+    name.resize(64);
+    EXPECT_EQ(derive(kConcat, {{0, name, 0xFFFFFFFF}}, 16), succeeded()) << "of a name 64 bytes are read";
+    expectKey(kMechanismSha1, kSecret, 16);
     size = 77;
     liveSecret(secret)->firmwareVersion = "1.9";
     EXPECT_EQ(ask(secret, &size),

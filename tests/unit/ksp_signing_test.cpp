@@ -1,6 +1,7 @@
 #include "support/ksp_test.h"
 
 #include "foundation/text.h"
+#include "token/device_state.h"
 
 namespace veltra::test {
 namespace {
@@ -36,9 +37,9 @@ protected:
             return KSPVerifySignature(provider, key, unreadable, hash.data(), 32, bytes.data(), count, flags);
         });
     }
-    std::string signCall(DWORD capacity = 512, int pss = 0) const {
-        return concat("veltra_signHash(serial=", serial,
-                      ", key=2222..2222, pin=1234, hash=A1A1..A1A1(32), out=", capacity, ", pss=", pss, ")");
+    std::string signCall(DWORD capacity = 512, int pss = 0, const char* pin = "1234") const {
+        return concat("veltra_signHash(serial=", serial, ", key=2222..2222, pin=", pin,
+                      ", hash=A1A1..A1A1(32), out=", capacity, ", pss=", pss, ")");
     }
 
     NCRYPT_PROV_HANDLE provider = openProvider();
@@ -186,7 +187,7 @@ TEST_F(KspSigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
         Script first, second;
         std::vector<std::string> typed;
         StatusAnswer answer;
-        std::size_t signatures;
+        std::vector<const char*> pins; ///< of the calls
     };
     const auto blocked =
         failed(NTE_NOT_SUPPORTED, {"KSPSignHash: SHA1/MD5 signing blocked on FIPS 140-3 token"});
@@ -194,14 +195,17 @@ TEST_F(KspSigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
     const auto failedWith = [](const char* code) {
         return failed(NTE_INTERNAL_ERROR, {concat("KSP: Sign hash failed: ", code)});
     };
-    for (const Row& row : {Row{{.result = 49}, {}, {"1234"}, succeeded(), 2},
-                           {{.result = 49}, {.result = 49}, {"1234", "1234"}, failedWith("49"), 2},
-                           {{.result = 49}, {.result = 51}, {"1234"}, blocked, 2},
-                           {{.result = 49}, {}, {}, cancelled, 1},
-                           {{.result = 51}, {}, {}, blocked, 1},
-                           {{.result = 48}, {}, {}, failedWith("48"), 1},
-                           {{.length = 513}, {}, {}, failedWith("4294967295"), 1}}) {
-        storePinOfToken();
+    for (const Row& row :
+         {Row{{.result = 49}, {}, {"1234"}, succeeded(), {"old", "1234"}},
+          {{.result = 49}, {.result = 49}, {"1234", "1234"}, failedWith("49"), {"old", "1234"}},
+          {{.result = 49}, {.result = 51}, {"1234"}, blocked, {"old", "1234"}},
+          {{.result = 49}, {}, {}, cancelled, {"old"}},
+          {{.result = 51}, {}, {}, blocked, {"old"}},
+          {{.result = 48}, {}, {}, failedWith("48"), {"old"}},
+          {{.result = 49}, {}, {"of no use"}, succeeded(), {"old", ""}},
+          {{.length = 513}, {}, {}, failedWith("4294967295"), {"old"}}}) {
+        if (row.pins.back() == std::string()) token.logIn(); // and so accepts every PIN
+        storePin(serial, Pin("old"));
         library.clearScripts();
         library.clearCalls();
         library.script("veltra_signHash", row.second);
@@ -210,7 +214,10 @@ TEST_F(KspSigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
         library.script("veltra_signHash", first);
         prompt.willType(row.typed);
         EXPECT_EQ(sign(key), row.answer);
-        EXPECT_EQ(library.calls("veltra_signHash"), std::vector<std::string>(row.signatures, signCall()));
+        std::vector<std::string> calls;
+        for (const char* pin : row.pins)
+            calls.push_back(signCall(512, 0, pin));
+        EXPECT_EQ(library.calls("veltra_signHash"), calls);
         EXPECT_EQ(length, row.answer.status == 0 ? 256u : 7u);
         EXPECT_EQ(testing::Matches(Contains("KSP: SignHash SSO expired, re-prompting for PIN"))(debugLines),
                   row.first.result == 49);
