@@ -121,15 +121,19 @@ Outcome importSimpleBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKe
 }
 
 // Stores the key on the token and makes a key object of what the token returned. The material stays there.
+// Once the token has the key nothing may fail: the caller would try again and store it twice.
 Outcome storeOnToken(const CSP_CONTEXT& context, SymmetricKeyRecord& record, ALG_ID algId,
                      const char* failureText, const char* successText, HCRYPTKEY* phKey) {
-    std::unique_ptr<KEY_HANDLE> key = newKey();
+    const std::shared_ptr<KEY_HANDLE> key = newKey();
+    UnclaimedHandle<KEY_HANDLE> unclaimed(key);
     if (storeAesKey(context.serial, record, context.libraryContext) != kDeviceOk) {
         return refuse(NTE_BAD_TYPE, failureText);
     }
     key->fillFrom(record.key);
     key->algId = algId;
-    return handOut(std::move(key), phKey, successText);
+    *phKey = unclaimed.handOut();
+    Utils::debug(successText);
+    return success();
 }
 
 Outcome importPlaintextKey(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY* phKey) {

@@ -48,6 +48,15 @@ public:
     static void error(std::string&& message) noexcept;
     static void error(const char* message) noexcept;
 
+    template <class First, class Second, class... Rest>
+    static void error(const First& first, const Second& second, const Rest&... rest) noexcept {
+        try {
+            error(concat(first, second, rest...));
+        } catch (...) {
+            return;
+        }
+    }
+
     /// Fills `buffer` with the temporary folder of the current user, if that is a folder. 0 on success;
     /// -1 on failure, and the buffer is empty.
     static int getLogBaseFolderPath(char* buffer, std::size_t size) noexcept;

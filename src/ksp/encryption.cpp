@@ -172,8 +172,11 @@ SECURITY_STATUS decryptWithAes(const std::string& serial, void* libraryContext, 
     const SECURITY_STATUS status =
         handOut(plaintext.bytes(), out, "KSPDecrypt: symmetric output buffer too small, required=");
     if (status != kSuccess) return status;
-    Utils::debug(out.data == nullptr ? "pbOutput == NULL "
-                                     : concat("KSP: Symmetric decrypt success, length: ", *out.size));
+    if (out.data == nullptr) {
+        Utils::debug("pbOutput == NULL ");
+    } else {
+        Utils::debug("KSP: Symmetric decrypt success, length: ", *out.size);
+    }
     return kSuccess;
 }
 

@@ -144,22 +144,6 @@ bool isAesKeyLength(std::size_t bytes) {
     return bytes <= kSymmetricKeyCapacity && aesKeyTypeForBits(static_cast<std::uint32_t>(bytes) * 8);
 }
 
-/// A key object that is live before its caller knows the handle, so that handing it out cannot fail. One that
-/// is not handed out goes again.
-class UnclaimedKey {
-public:
-    explicit UnclaimedKey(std::shared_ptr<KSP_KEY> key)
-        : handle_(LiveRecords<KSP_KEY>::add(std::move(key))) {}
-    UnclaimedKey(const UnclaimedKey&) = delete;
-    UnclaimedKey& operator=(const UnclaimedKey&) = delete;
-    ~UnclaimedKey() { LiveRecords<KSP_KEY>::take(handle_).reset(); }
-
-    NCRYPT_KEY_HANDLE handOut() { return std::exchange(handle_, 0); }
-
-private:
-    NCRYPT_KEY_HANDLE handle_;
-};
-
 struct StoringTexts {
     const char* failure;
     const char* success;
@@ -179,7 +163,7 @@ SECURITY_STATUS storeAndHandOut(const ImportTarget& target, std::span<const unsi
     key->symmetricKeyLength = static_cast<std::uint32_t>(material.size());
     key->bitLength = key->symmetricKeyLength * 8;
     key->persisted = true;
-    UnclaimedKey unclaimed(key);
+    UnclaimedHandle<KSP_KEY> unclaimed(key);
     if (storeAesKey(target.serial, record, target.libraryContext) != kDeviceOk) {
         return refuse(NTE_BAD_TYPE, texts.failure);
     }

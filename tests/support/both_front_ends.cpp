@@ -7,7 +7,6 @@
 #include "csp/hash_context.h"
 #include "csp/key_handle.h"
 #include "csp/provider_context.h"
-#include "ksp/key_enumeration.h"
 #include "ksp/ksp_key.h"
 #include "ksp/ksp_provider.h"
 #include "ksp/ksp_secret.h"
@@ -57,13 +56,12 @@ ScriptedToken& freshToken(const std::string& serial) {
 } // namespace
 
 bool releaseAny(std::uintptr_t handle) {
-    return releaseAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void,
-                        KSP_ENUM_STATE>(handle);
+    return releaseAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>(
+        handle);
 }
 
 int kindOf(std::uintptr_t handle) {
-    return kindAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void,
-                     KSP_ENUM_STATE>(handle);
+    return kindAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>(handle);
 }
 
 Bytes ciphertextOf(const Bytes& plaintext) {

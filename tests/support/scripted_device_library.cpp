@@ -127,10 +127,10 @@ bool ScriptedToken::loggedIn() const {
 }
 
 VeltraKeyPair& ScriptedToken::addKeyPair(unsigned char id, std::uint32_t keyType, std::uint32_t usage) {
+    const Bytes publicKey = ScriptedDeviceLibrary::publicKeyOf(keyType);
     VeltraKeyPair& pair = keyPairs.emplace_back();
     std::memset(&pair, 0, sizeof pair);
     std::fill(std::begin(pair.keyId), std::end(pair.keyId), id);
-    const Bytes publicKey = ScriptedDeviceLibrary::publicKeyOf(keyType);
     std::copy(publicKey.begin(), publicKey.end(), pair.publicKey);
     pair.publicKeyLength = static_cast<std::uint32_t>(publicKey.size());
     pair.credentialId[0] = id;

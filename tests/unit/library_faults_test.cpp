@@ -483,6 +483,7 @@ private:
         Output untouched;
         std::ranges::copy(world.input, untouched.bytes.begin());
         if (!world.input.empty()) untouched.length = world.inputLength();
+        untouched.second = reply.out.second; // KSPEnumKeys hands its cursor out in any case
         if (wroteDirectly) untouched.bytes = reply.out.bytes;
         const bool tellsSize = code == ERROR_MORE_DATA || code == static_cast<DWORD>(NTE_BUFFER_TOO_SMALL);
         if (tellsSize) untouched.length = reply.out.length;
@@ -524,8 +525,13 @@ TEST_F(LibraryFaultTest, EveryAllocationFailsOnce) {
         for (int n = 1, fired = 1; fired != 0; ++n) {
             SCOPED_TRACE(concat(scenario.name, ": allocation ", n));
             const auto world = prepared(scenario);
+            const std::size_t keysBefore = world->token.keyPairs.size() + world->token.aesKeys.size();
             const Reply reply = perform(scenario, *world, [&] { AllocationFault::arm(n); });
             fired = AllocationFault::fired();
+            if (reply.code != 0) {
+                EXPECT_EQ(world->token.keyPairs.size() + world->token.aesKeys.size(), keysBefore)
+                    << "a key was made or lost";
+            }
             const bool mayBeSpent = std::string_view(scenario.name) == kHmacValue;
             judge(scenario, *world, undisturbed, reply, mayBeSpent ? Effect::MayBeSpent : Effect::None,
                   false);
