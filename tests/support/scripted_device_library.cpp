@@ -206,6 +206,11 @@ void ScriptedDeviceLibrary::clearScripts() {
     scriptedCall_ = {};
 }
 
+void ScriptedDeviceLibrary::lookAtEveryCall(std::function<void(const std::string&)> look) {
+    const std::scoped_lock lock(mutex_);
+    look_ = std::move(look);
+}
+
 std::vector<std::string> ScriptedDeviceLibrary::calls(std::string_view function) const {
     const std::scoped_lock lock(mutex_);
     std::vector<std::string> texts;
@@ -281,6 +286,7 @@ Bytes ScriptedDeviceLibrary::fakeCertificate(const std::string& commonName, cons
 Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arguments) {
     SetLastError(0xBAD); // as a library does whose work fails somewhere inside
     calls_.push_back({std::this_thread::get_id(), function, std::string(function) + "(" + arguments + ")"});
+    if (look_) look_(calls_.back().text);
     Script merged;
     const auto [first, last] = scripts_.equal_range(function);
     for (auto it = first; it != last; ++it) {
@@ -381,8 +387,8 @@ int ScriptedDeviceLibrary::veltra_generateKeyPair(const char* serial, const char
     if (!token) return kNoSuchToken;
     if (!acceptsPin(*token, pin)) return kWrongPin;
     if (inout->keyType < kKeyTypeRsa1024 || inout->keyType > kKeyTypeEcP521) return kNoSuchKey;
-    *inout =
-        token->addKeyPair(static_cast<unsigned char>(0xE0 + ++generatedKeys_), inout->keyType, inout->usage);
+    *inout = token->addKeyPair(static_cast<unsigned char>(0xE0 + ++generatedKeys_ % 32), inout->keyType,
+                               inout->usage);
     if (script.length) inout->publicKeyLength = static_cast<std::uint32_t>(*script.length);
     inout->flag = 1;
     return kDeviceOk;

@@ -3,6 +3,7 @@
 #include "foundation/device_library.h"
 
 #include <atomic>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
@@ -78,6 +79,9 @@ public:
     /// failing call gives is empty, and the script's length is that of every record of it.
     void scriptCall(int n, Script script);
     void clearScripts();
+
+    /// Runs `look` in every call of any thread, with the call's text. Null ends it.
+    void lookAtEveryCall(std::function<void(const std::string&)> look);
 
     /// The calls that the current thread made, as text, in order; with a name, only those of that function.
     /// Byte arguments are shown as their first and last bytes and length.
@@ -185,6 +189,7 @@ private:
     std::vector<Call> calls_;
     std::multimap<std::string, ScriptState> scripts_;
     ScriptState scriptedCall_;
+    std::function<void(const std::string&)> look_;
     std::vector<Hash> hashes_;
     Lists<VeltraKeyPair> keyPairLists_;
     Lists<VeltraCertificate> certificateLists_;
