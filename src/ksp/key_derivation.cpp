@@ -53,7 +53,7 @@ constexpr std::size_t kHashNameBytes = 64;
 
 /// What a parameter list says; refers to the application's buffers. Other buffer types are ignored.
 struct KdfParameters {
-    std::string hashName; ///< of the last buffer that names one
+    std::span<const unsigned char> hashName; ///< of the last buffer that names one; wide text
     Parts labels;
     Parts contexts;
 };
@@ -66,9 +66,7 @@ KdfParameters readParameters(const NCryptBufferDesc* list) {
         const ULONG type = buffer.BufferType;
         if (buffer.pvBuffer == nullptr || buffer.cbBuffer == 0) continue;
         const std::span bytes(static_cast<const unsigned char*>(buffer.pvBuffer), buffer.cbBuffer);
-        if (type == KDF_HASH_ALGORITHM) {
-            parameters.hashName = fromWideBytes(bytes.first(std::min(bytes.size(), kHashNameBytes)));
-        }
+        if (type == KDF_HASH_ALGORITHM) parameters.hashName = bytes;
         if (type == kKdfLabel) parameters.labels.push_back(bytes);
         if (type == kKdfContext) parameters.contexts.push_back(bytes);
     }
@@ -154,8 +152,9 @@ SECURITY_STATUS deriveKey(const KSP_SECRET& secret, const std::string& kdf, cons
     }
     const KdfParameters parameters = readParameters(list);
     const Parts input = hashInput(kdf, parameters, secret);
-    if (lengthOf(input) > INT_MAX) return refuseLength("KSPDeriveKey");
-    const KdfHash& hash = kdfHash(parameters.hashName);
+    const std::span<const unsigned char> hashName = parameters.hashName;
+    if (hashName.size() > INT_MAX || lengthOf(input) > INT_MAX) return refuseLength("KSPDeriveKey");
+    const KdfHash& hash = kdfHash(fromWideBytes(hashName.first(std::min(hashName.size(), kHashNameBytes))));
     Digest digest;
     if (const SECURITY_STATUS status = computeDigest(secret, hash, input, digest); status != kSuccess) {
         return status;

@@ -218,9 +218,11 @@ TEST_F(KspSecretTest, DerivationRefusals) {
         EXPECT_EQ(derive("HASH", {{type, {1}, INT_MAX + 1u}}, 16), succeeded()) << "not looked at";
         expectKey(kMechanismSha256, kSecret, 16);
     }
+    EXPECT_EQ(derive("HASH", {{0, {1}, INT_MAX + 1u}}, 16),
+              failed(NTE_INVALID_PARAMETER, {"KSPDeriveKey: a length is too large"}));
     Bytes name = wideBytes("SHA1");
     name.resize(64);
-    EXPECT_EQ(derive(kConcat, {{0, name, 0xFFFFFFFF}}, 16), succeeded()) << "of a name 64 bytes are read";
+    EXPECT_EQ(derive(kConcat, {{0, name, INT_MAX}}, 16), succeeded()) << "of a name 64 bytes are read";
     expectKey(kMechanismSha1, kSecret, 16);
     size = 77;
     liveSecret(secret)->firmwareVersion = "1.9";
