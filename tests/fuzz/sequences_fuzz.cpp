@@ -507,7 +507,7 @@ void scriptLibrary(World& w) {
             w.input.PickValueInArray({0, 1, 15, 17, 31, 33, 65, 67, 1025, 5000, 70000, -1, INT_MIN});
     script.throws = w.rarely();
     script.outOfMemory = w.rarely();
-    script.onCall = w.input.ConsumeIntegralInRange(0, 3);
+    script.onCall = w.rarely() ? w.input.ConsumeIntegralInRange(1, 3) : 0;
     const char* only = w.input.PickValueInArray(kLibrary);
     const bool all = w.input.ConsumeBool();
     for (const char* function : kLibrary)
@@ -537,6 +537,9 @@ void changeOneOf(std::vector<Record>& records, std::uint32_t Record::*length, Wo
 }
 
 constexpr Step kWorldSteps[] = {
+    scriptLibrary,
+    scriptLibrary,
+    scriptLibrary,
     scriptLibrary,
     [](World&) { library().clearScripts(); },
     [](World& w) { library().setConnected(token().serial, w.input.ConsumeBool()); },
