@@ -65,6 +65,7 @@ buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev libgcry
 runPackages=(wine64 openssl)
 displayPackages=(xvfb xauth xdotool imagemagick fonts-liberation fonts-wine)
 testPackages=(clang-format g++ wine64-tools libwine-dev curl ca-certificates)
+fuzzPackages=(clang-14 libclang-rt-14-dev)
 
 # buildPreset PRESET [TARGET...]: configures where needed and builds, all targets by default.
 buildPreset() {

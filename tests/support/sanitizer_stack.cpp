@@ -4,6 +4,13 @@
 
 #include <cstddef>
 
+// gcc says it with a macro, clang with a feature.
+#ifdef __has_feature
+#if __has_feature(address_sanitizer)
+#define __SANITIZE_ADDRESS__
+#endif
+#endif
+
 #ifdef __SANITIZE_ADDRESS__
 extern "C" {
 void __sanitizer_start_switch_fiber(void** fakeStackSave, const void* bottom, std::size_t size);

@@ -1,0 +1,151 @@
+#include "fuzz/entry_calls.h"
+
+#include "csp/key_handle.h"
+#include "ksp/ksp_key.h"
+#include "token/key_pairs.h"
+
+namespace veltra::fuzz {
+
+namespace {
+
+const VeltraKeyPair& pairOf(std::uint32_t keyType) {
+    return token().keyPairs.at(keyType - kKeyTypeRsa1024);
+}
+
+// The total length that the header of a DER element states in at most three bytes, and the header's length.
+std::pair<std::size_t, std::size_t> statedLengths(const Bytes& der) {
+    if (der[0] != 0x30) return {1, 1};
+    const std::size_t first = der[1];
+    if (first < 0x80) return {2 + first, 2};
+    if (first < 0x81 || first > 0x83) return {2, 2};
+    std::size_t length = 0;
+    for (std::size_t i = 0; i < first - 0x80; ++i)
+        length = length * 256 + der[2 + i];
+    return {length + 2 + first - 0x80, 2 + first - 0x80};
+}
+
+} // namespace
+
+HCRYPTKEY openCspKey(std::uint32_t keyType) {
+    auto key = std::make_shared<KEY_HANDLE>();
+    key->fillFrom(pairOf(keyType));
+    key->algId = isEcKeyType(keyType) ? kEcAlgId : CALG_RSA_KEYX;
+    key->keyBits = keyBitsOf(keyType);
+    return LiveRecords<KEY_HANDLE>::add(std::move(key));
+}
+
+NCRYPT_KEY_HANDLE openKspKey(std::uint32_t keyType) {
+    auto key = std::make_shared<KSP_KEY>();
+    key->fillFrom(pairOf(keyType));
+    key->bitLength = keyBitsOf(keyType);
+    key->persisted = true;
+    return LiveRecords<KSP_KEY>::add(std::move(key));
+}
+
+HCRYPTKEY openCspKey(std::span<const unsigned char> secret) {
+    auto key = std::make_shared<KEY_HANDLE>();
+    std::ranges::copy(secret, key->symmetricKey.data());
+    key->symmetricKeyLength = static_cast<std::uint32_t>(secret.size());
+    key->keyBits = key->symmetricKeyLength * 8;
+    return LiveRecords<KEY_HANDLE>::add(std::move(key));
+}
+
+NCRYPT_KEY_HANDLE openKspKey(std::span<const unsigned char> secret) {
+    auto key = std::make_shared<KSP_KEY>();
+    std::ranges::copy(secret, key->symmetricKey.data());
+    key->symmetricKeyLength = static_cast<std::uint32_t>(secret.size());
+    key->persisted = true;
+    return LiveRecords<KSP_KEY>::add(std::move(key));
+}
+
+VTableProvStruc* anyTable() {
+    static int table = 0;
+    return reinterpret_cast<VTableProvStruc*>(&table);
+}
+
+HCRYPTPROV cspContext() {
+    static const HCRYPTPROV context = [] {
+        HCRYPTPROV opened = 0;
+        require(CPAcquireContext(&opened, nullptr, 0, anyTable()) != FALSE, "a context");
+        return opened;
+    }();
+    return context;
+}
+
+NCRYPT_PROV_HANDLE kspProvider() {
+    static const NCRYPT_PROV_HANDLE provider = [] {
+        NCRYPT_PROV_HANDLE opened = 0;
+        require(KSPOpenProvider(&opened, nullptr, 0) == 0, "a provider");
+        return opened;
+    }();
+    return provider;
+}
+
+ExactBytes asCertificateArgument(const Bytes& der) {
+    Bytes padded = der;
+    padded.resize(std::max<std::size_t>(der.size(), 8));
+    const auto [total, header] = statedLengths(padded);
+    padded.resize(total <= kCertificateCapacity ? total : header);
+    return ExactBytes(padded);
+}
+
+void useCspKey(HCRYPTKEY key) {
+    const HCRYPTPROV context = cspContext();
+    for (const DWORD parameter : {KP_ALGID, KP_KEYLEN, KP_PERMISSIONS, KP_CERTIFICATE}) {
+        const ExactBytes value(kCertificateCapacity);
+        DWORD length = value.size();
+        cspCall([&] { return CPGetKeyParam(context, key, parameter, value.data(), &length, 0); });
+    }
+    const ExactBytes blob(2048);
+    DWORD blobLength = blob.size();
+    cspCall([&] { return CPExportKey(context, key, 0, PUBLICKEYBLOB, 0, blob.data(), &blobLength); });
+    const ExactBytes data(512);
+    DWORD length = 20;
+    if (cspCall([&] {
+            return CPEncrypt(context, key, 0, TRUE, CRYPT_OAEP, data.data(), &length, data.size());
+        })) {
+        cspCall([&] { return CPDecrypt(context, key, 0, TRUE, CRYPT_OAEP, data.data(), &length); });
+    }
+    HCRYPTHASH hash = 0;
+    require(cspCall([&] { return CPCreateHash(context, CALG_SHA_256, 0, 0, &hash); }), "a hash");
+    cspCall([&] { return CPVerifySignature(context, hash, data.data(), data.size(), key, nullptr, 0); });
+    require(cspCall([&] { return CPDestroyHash(context, hash); }), "a hash is destroyed");
+}
+
+void useKspKey(NCRYPT_KEY_HANDLE key) {
+    const NCRYPT_PROV_HANDLE provider = kspProvider();
+    const auto get = [](DWORD capacity, auto call) {
+        const ExactBytes out(capacity);
+        DWORD size = 0;
+        const bool done = kspCall([&] { return call(out, &size); });
+        require(!done || size <= capacity, "what is written fits");
+    };
+    for (const char* name : kPropertyNames) {
+        const ExactText property(name);
+        get(64, [&](const ExactBytes& out, DWORD* size) {
+            return KSPGetKeyProperty(provider, key, property.get(), out.data(), out.size(), size, 0);
+        });
+    }
+    for (const char* name : kBlobNames) {
+        const ExactText type(name);
+        get(1100, [&](const ExactBytes& out, DWORD* size) {
+            return KSPExportKey(provider, key, 0, type.get(), nullptr, out.data(), out.size(), size, 0);
+        });
+    }
+    const ExactBytes data(32);
+    get(512, [&](const ExactBytes& out, DWORD* size) {
+        return KSPEncrypt(provider, key, data.data(), data.size(), nullptr, out.data(), out.size(), size, 0);
+    });
+    get(32, [&](const ExactBytes& out, DWORD* size) {
+        return KSPDecrypt(provider, key, data.data(), data.size(), nullptr, out.data(), out.size(), size, 0);
+    });
+    get(512, [&](const ExactBytes& out, DWORD* size) {
+        return KSPSignHash(provider, key, nullptr, data.data(), data.size(), out.data(), out.size(), size, 0);
+    });
+    kspCall([&] {
+        return KSPVerifySignature(provider, key, nullptr, data.data(), data.size(), data.data(), data.size(),
+                                  0);
+    });
+}
+
+} // namespace veltra::fuzz

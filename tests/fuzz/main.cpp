@@ -1,0 +1,129 @@
+// veltra_fuzz --list                    names of the targets
+// veltra_fuzz --seeds TARGET FOLDER     writes the inputs that the target's corpus begins with
+// veltra_fuzz TARGET [OPTION|CORPUS...] runs libFuzzer on the target
+
+#include "fuzz/fuzz_target.h"
+#include "support/sanitizer_stack.h"
+
+#include "token/device_state.h"
+#include "token/process_iv.h"
+#include "token/random_numbers.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+extern "C" int LLVMFuzzerRunDriver(int* argc, char*** argv,
+                                   int (*callback)(const std::uint8_t*, std::size_t));
+
+namespace veltra::fuzz {
+
+namespace {
+
+std::vector<const Target*>& targets() {
+    static std::vector<const Target*> all;
+    return all;
+}
+
+const Target* active = nullptr;
+
+const Target* findTarget(std::string_view name) {
+    for (const Target* target : targets()) {
+        if (target->name == name) return target;
+    }
+    std::fprintf(stderr, "there is no target %s\n", std::string(name).c_str());
+    return nullptr;
+}
+
+std::optional<test::ScriptedPinPrompt> currentPrompt;
+test::ScriptedToken* currentToken = nullptr;
+
+void startInput() {
+    library().reset();
+    currentToken = &library().addToken("Fuzz");
+    for (std::uint32_t type = kKeyTypeRsa1024; type <= kKeyTypeEcP521; ++type)
+        currentToken->addKeyPair(static_cast<unsigned char>(0x10 + type), type, kUsageBoth);
+    currentToken->addAesKey(0xA1, kKeyTypeAes128);
+    currentToken->addAesKey(0xA2, kKeyTypeAes192Or256);
+    setPinPrompt(&currentPrompt.emplace());
+    forgetDisconnected({});
+    storePin(currentToken->serial, Pin(currentToken->pin));
+    setProcessIv({});
+    setHardwareRandom(true);
+}
+
+int runInput(const std::uint8_t* data, std::size_t size) {
+    FuzzedDataProvider input(data, size);
+    startInput();
+    active->run(input);
+    return 0;
+}
+
+int writeSeeds(const Target& target, const std::string& folder) {
+    int number = 0;
+    for (const Bytes& seed : target.seeds()) {
+        std::FILE* file = std::fopen((folder + "/seed-" + std::to_string(number++)).c_str(), "wb");
+        if (file == nullptr) return EXIT_FAILURE;
+        std::fwrite(seed.data(), 1, seed.size(), file);
+        std::fclose(file);
+    }
+    return EXIT_SUCCESS;
+}
+
+// Wine's debugger would swallow a crash that libFuzzer is to report.
+LONG WINAPI abortOnCrash(EXCEPTION_POINTERS*) {
+    std::abort();
+}
+
+int runFuzzer(const Target& target, int argc, char** argv) {
+    active = &target;
+    std::signal(SIGABRT, SIG_DFL);
+    SetUnhandledExceptionFilter(abortOnCrash);
+    test::announceStackToSanitizer();
+    setDeviceLibrary(&library());
+    argv[1] = argv[0];
+    --argc;
+    ++argv;
+    return LLVMFuzzerRunDriver(&argc, &argv, runInput);
+}
+
+} // namespace
+
+Target::Target(std::string_view name, Run run, Seeds seeds) : name(name), run(run), seeds(seeds) {
+    targets().push_back(this);
+}
+
+void require(bool holds, const char* what) {
+    if (holds) return;
+    std::fprintf(stderr, "broken promise: %s\n", what);
+    std::abort();
+}
+
+test::ScriptedDeviceLibrary& library() {
+    return test::ScriptedDeviceLibrary::instance();
+}
+
+test::ScriptedToken& token() {
+    return *currentToken;
+}
+
+test::ScriptedPinPrompt& prompt() {
+    return *currentPrompt;
+}
+
+} // namespace veltra::fuzz
+
+int main(int argc, char** argv) {
+    using namespace veltra::fuzz;
+    if (argc == 2 && std::strcmp(argv[1], "--list") == 0) {
+        for (const Target* target : targets())
+            std::printf("%s\n", std::string(target->name).c_str());
+        return EXIT_SUCCESS;
+    }
+    const bool seeds = argc == 4 && std::strcmp(argv[1], "--seeds") == 0;
+    const Target* target = argc > 1 ? findTarget(argv[seeds ? 2 : 1]) : nullptr;
+    if (target == nullptr) return EXIT_FAILURE;
+    return seeds ? writeSeeds(*target, argv[3]) : runFuzzer(*target, argc, argv);
+}

@@ -1,0 +1,28 @@
+// What the sanitized VeltraCSP.dll has besides the provider: one scripted token, and the bounds of the stack
+// of every thread that comes in.
+
+#include "support/sanitizer_stack.h"
+#include "support/scripted_device_library.h"
+
+#include "foundation/windows.h"
+
+extern "C" BOOL WINAPI providerMain(HINSTANCE module, DWORD reason, LPVOID reserved);
+
+namespace {
+
+void plugInToken() {
+    using namespace veltra;
+    test::ScriptedDeviceLibrary& library = test::ScriptedDeviceLibrary::instance();
+    test::ScriptedToken& token = library.addToken("Module");
+    token.addKeyPair(0x11, kKeyTypeRsa2048, kUsageBoth);
+    token.addKeyPair(0x12, kKeyTypeEcP256, kUsageBoth);
+    setDeviceLibrary(&library);
+}
+
+} // namespace
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved) {
+    if (reason == DLL_PROCESS_ATTACH || reason == DLL_THREAD_ATTACH) veltra::test::announceStackToSanitizer();
+    if (reason == DLL_PROCESS_ATTACH) plugInToken();
+    return providerMain(module, reason, reserved);
+}
