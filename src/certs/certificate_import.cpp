@@ -72,7 +72,7 @@ std::vector<NamedDer> readFolder(const std::string& folder) noexcept {
 // Certificates that do not parse, have no CN, or do not fit a record only shorten the chain.
 IssuerIndex readIssuers() {
     const std::string folder = caFolderBase() + kCertificateFolder;
-    Utils::debug(concat("importCertificateWithChain: CA Folder: ", folder));
+    Utils::debug("importCertificateWithChain: CA Folder: ", folder);
     IssuerIndex index;
     for (auto& [name, der] : readFolder(folder)) {
         CertificateDetails details;
@@ -92,8 +92,8 @@ std::vector<DerBytes> issuersOf(std::string issuerName, const IssuerIndex& index
     for (;;) {
         const auto issuer = index.find(issuerName);
         if (issuer == index.end()) {
-            Utils::debug(concat("importCertificateWithChain: Issuer '", issuerName,
-                                "' NOT found \xE2\x80\x94 skipping chain import"));
+            Utils::debug("importCertificateWithChain: Issuer '", issuerName,
+                         "' NOT found \xE2\x80\x94 skipping chain import");
             return chain;
         }
         if (std::ranges::find(chain, issuer->second.der) != chain.end()) return chain;
@@ -149,7 +149,7 @@ void nameUnlabelledKeyPair(const std::string& serial, const Pin& pin, const Velt
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(serial, libraryContext);
     const VeltraKeyPair* pair = findKeyPair(pairs, certificate.keyId);
     if (pair == nullptr || pair->label[0] != '\0') return;
-    Utils::debug(concat("importCertificateWithChain: updating empty key pair alias to: ", label));
+    Utils::debug("importCertificateWithChain: updating empty key pair alias to: ", label);
     deviceLibrary().veltra_updateKeyPairDetails(serial.c_str(), pair->keyId, pin.c_str(), label.c_str(),
                                                 nullptr, 0, libraryContext);
 }
@@ -179,8 +179,8 @@ int importCertificateWithChain(const std::string& serial, const Pin& pin, Veltra
     }
     if (certificate.label[0] == '\0') {
         setLabel(certificate, details.commonName + "_" + details.issuer);
-        Utils::debug(concat("importCertificateWithChain: label not provided, using: ",
-                            boundedText(certificate.label, kLabelMaxLength)));
+        Utils::debug("importCertificateWithChain: label not provided, using: ",
+                     boundedText(certificate.label, kLabelMaxLength));
     }
     const std::vector<DerBytes> issuers = issuersOf(commonNameOf(details.issuer), readIssuers());
     const int code = issuers.empty() ? importAlone(serial, pin, certificate, libraryContext)

@@ -47,7 +47,7 @@ void deleteKeys(const std::string& serial, const std::vector<std::string>& names
                 concat("CPAcquireContext: CRYPT_DELETEKEYSET key ", name, " not found on token, skip"));
             continue;
         }
-        Utils::debug(concat("CPAcquireContext: CRYPT_DELETEKEYSET deleting key ", name));
+        Utils::debug("CPAcquireContext: CRYPT_DELETEKEYSET deleting key ", name);
         const int code = deviceLibrary().veltra_deleteKeyPair(serial.c_str(), pair->keyId, pin.c_str(),
                                                               pair->flag != 0, nullptr);
         if (code != kDeviceOk) {
@@ -60,8 +60,8 @@ void deleteKeys(const std::string& serial, const std::vector<std::string>& names
 } // namespace
 
 Outcome deleteContainer(const char* container, bool silent) {
-    Utils::debug(concat("CPAcquireContext: CRYPT_DELETEKEYSET container=",
-                        container != nullptr ? container : "(null)"));
+    Utils::debug("CPAcquireContext: CRYPT_DELETEKEYSET container=",
+                 container != nullptr ? container : "(null)");
     const std::string name = container != nullptr ? container : "";
     if (name.empty()) {
         Utils::debug("CPAcquireContext: CRYPT_DELETEKEYSET no container name, return TRUE");

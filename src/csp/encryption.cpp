@@ -52,7 +52,7 @@ bool hasUsableLength(const KEY_HANDLE& key) {
 
 Outcome encryptSymmetric(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool final,
                          const DataBuffer& buffer) {
-    Utils::debug(concat("CPEncrypt: symmetric encryption, keyLen=", key.symmetricKeyLength));
+    Utils::debug("CPEncrypt: symmetric encryption, keyLen=", key.symmetricKeyLength);
     if (!hasUsableLength(key)) {
         return refuse(NTE_BAD_KEY,
                       concat("CPEncrypt: unsupported symmetric key length: ", key.symmetricKeyLength));
@@ -74,7 +74,7 @@ Outcome encryptSymmetric(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool
                       concat("CPEncrypt: symmetric output buffer too small, required=", length));
     }
     std::ranges::copy(output.bytes(), buffer.data);
-    Utils::debug(concat("CPEncrypt: symmetric encryption success, length=", length));
+    Utils::debug("CPEncrypt: symmetric encryption success, length=", length);
     return success();
 }
 
@@ -137,7 +137,7 @@ Outcome handOutPlaintext(const LibraryBuffer& plaintext, const DataBuffer& buffe
 // Key and plaintext go to the debug log, which is off unless somebody turns it on: part of the log format.
 Outcome decryptAes(const CSP_CONTEXT& context, const KEY_HANDLE& key, const DataBuffer& buffer) {
     const Bytes iv = ivFor(key);
-    Utils::debug(concat("CPDecrypt input iv : ", toHex(iv)));
+    Utils::debug("CPDecrypt input iv : ", toHex(iv));
     Utils::debugSecret("CPDecrypt input key : ", {key.symmetricKey.data(), key.symmetricKeyLength});
     LibraryBuffer output;
     const int code = output.fill([&](unsigned char** out, int* outLength) {
@@ -223,9 +223,9 @@ BOOL WINAPI CPDecrypt(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTHASH, BOOL, DWORD 
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPDecrypt: key handle is null");
         if (pdwDataLen == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPDecrypt: pdwDataLen is null");
         const char* padding = (dwFlags & CRYPT_OAEP) != 0 ? "OAEP" : "PKCS1 (defaulting to OAEP)";
-        Utils::debug(concat("CPDecrypt - dwFlags : 0x", toHex8(dwFlags), " padding=", padding));
-        Utils::debug(concat("CPDecrypt - key id : ", toHex({key->keyId, key->keyIdLength})));
-        Utils::debug(concat("CPDecrypt - usage : ", key->keyUsage));
+        Utils::debug("CPDecrypt - dwFlags : 0x", toHex8(dwFlags), " padding=", padding);
+        Utils::debug("CPDecrypt - key id : ", toHex({key->keyId, key->keyIdLength}));
+        Utils::debug("CPDecrypt - usage : ", key->keyUsage);
         const DWORD length = *pdwDataLen;
         if (pbData == nullptr || length == 0) {
             return refuse(NTE_BAD_DATA, concat("Invalid data length for decrypt : ", length));

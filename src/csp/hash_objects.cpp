@@ -51,10 +51,10 @@ Outcome createDigest(const CSP_CONTEXT& context, HASH_CONTEXT& hash, ALG_ID algI
     if (algorithm == nullptr) {
         return refuse(NTE_BAD_ALGID, concat("CPCreateHash: unsupported Algid=0x", toHex8(algId)));
     }
-    if (algId != CALG_SHA1) Utils::debug(concat("Crete hash algorithm ", algorithm->digestLength * 8));
+    if (algId != CALG_SHA1) Utils::debug("Crete hash algorithm ", algorithm->digestLength * 8);
     hash.hashSize = algorithm->digestLength;
     hash.mechanism = hash.innerMechanism = algorithm->mechanism;
-    Utils::debug(concat("Crete hash algorithm : ", hash.mechanism));
+    Utils::debug("Crete hash algorithm : ", hash.mechanism);
     if (const int code = startDeviceHash(context, hash.mechanism, &hash.deviceHash); code != kDeviceOk) {
         return refuse(NTE_FAIL, concat("CPCreateHash: veltra_initHash failed, ret=", code));
     }
@@ -64,7 +64,7 @@ Outcome createDigest(const CSP_CONTEXT& context, HASH_CONTEXT& hash, ALG_ID algI
 Outcome createHash(const CSP_CONTEXT& context, ALG_ID algId, HCRYPTKEY hKey, HCRYPTHASH* phHash) {
     std::unique_ptr<HASH_CONTEXT> hash(new (std::nothrow) HASH_CONTEXT);
     if (!hash) return refuse(NTE_NO_MEMORY, "CPCreateHash: failed to allocate HASH_CONTEXT");
-    Utils::debug(concat("Crete hash algorithm input : ", algId));
+    Utils::debug("Crete hash algorithm input : ", algId);
     hash->algId = algId;
     const Outcome created =
         algId == CALG_HMAC ? createHmac(*hash, hKey) : createDigest(context, *hash, algId);
@@ -96,7 +96,7 @@ Outcome finishSource(const CSP_CONTEXT& context, HASH_CONTEXT& source) {
     }
     source.finalized = 1;
     source.hashValueLength = length;
-    Utils::debug(concat("CPDuplicateHash: source finalized before duplication, hashLen=", length));
+    Utils::debug("CPDuplicateHash: source finalized before duplication, hashLen=", length);
     return success();
 }
 

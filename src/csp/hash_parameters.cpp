@@ -52,7 +52,7 @@ Outcome getHashSize(const HASH_CONTEXT& hash, BYTE* data, DWORD* dataLength) {
         const HashAlgorithm* algorithm = findHashMechanism(hash.mechanism);
         if (algorithm == nullptr) return refuseMechanism("HP_HASHSIZE", hash);
         value = algorithm->digestLength;
-        Utils::debug(concat("Get hash param hashSize : ", value));
+        Utils::debug("Get hash param hashSize : ", value);
         return success();
     });
 }
@@ -139,8 +139,8 @@ BOOL WINAPI CPGetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, BY
         if (context->initialised == 0 || hash->valid == 0) {
             return refuse(NTE_BAD_HASH, "CPGetHashParam: context not initialized or hash not valid");
         }
-        Utils::debug(concat("CPGetHashParam dwParam : ", dwParam));
-        Utils::debug(concat("CPGetHashParam mechanism : ", hash->mechanism));
+        Utils::debug("CPGetHashParam dwParam : ", dwParam);
+        Utils::debug("CPGetHashParam mechanism : ", hash->mechanism);
         switch (dwParam) {
         case HP_ALGID:
             return getAlgId(*hash, pbData, pdwDataLen);
@@ -171,8 +171,8 @@ BOOL WINAPI CPSetHashParam(HCRYPTPROV hProv, HCRYPTHASH hHash, DWORD dwParam, co
         if (context->initialised == 0 || hash->valid == 0) {
             return refuse(NTE_BAD_HASH, "CPSetHashParam: context not initialized or hash not valid");
         }
-        Utils::debug(concat("Set hash param dwParam : ", dwParam));
-        Utils::debug(concat("Set hash param dwFlags : ", dwFlags));
+        Utils::debug("Set hash param dwParam : ", dwParam);
+        Utils::debug("Set hash param dwFlags : ", dwFlags);
         switch (dwParam) {
         case HP_HASHVAL:
             return setHashValue(*hash, pbData);

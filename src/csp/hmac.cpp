@@ -65,7 +65,7 @@ Outcome setUpHmac(const CSP_CONTEXT& context, HASH_CONTEXT& hash, const HMAC_INF
     xorInto(hash.hmacKey, key, algorithm->blockLength, kOuterPad);
     hash.hmacKeyLength = algorithm->blockLength;
     hash.deviceHash = deviceHash;
-    Utils::debug(concat("CPSetHashParam: HMAC initialized with inner hash algo=", hash.mechanism));
+    Utils::debug("CPSetHashParam: HMAC initialized with inner hash algo=", hash.mechanism);
     return success();
 }
 

@@ -45,14 +45,14 @@ Outcome getKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, BYT
     const DWORD length = certificate->derLength;
     *dataLength = length;
     if (data == nullptr || available == 0) {
-        Utils::debug(concat("CPGetKeyParam: KP_CERTIFICATE size query, len=", length, ", return TRUE"));
+        Utils::debug("CPGetKeyParam: KP_CERTIFICATE size query, len=", length, ", return TRUE");
         return success();
     }
     if (available < length) {
         return refuse(ERROR_MORE_DATA, "CPGetKeyParam: KP_CERTIFICATE buffer too small, return FALSE");
     }
     std::ranges::copy(derOf(*certificate), data);
-    Utils::debug(concat("CPGetKeyParam: KP_CERTIFICATE copied, len=", length, ", return TRUE"));
+    Utils::debug("CPGetKeyParam: KP_CERTIFICATE copied, len=", length, ", return TRUE");
     return success();
 }
 
@@ -64,7 +64,7 @@ Outcome setKeyCertificate(const CSP_CONTEXT& context, const KEY_HANDLE& key, con
     }
     const std::optional<std::size_t> total = derTotalLength(data);
     if (!total) return refuse(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE unsupported DER length encoding");
-    Utils::debug(concat("CPSetKeyParam: KP_CERTIFICATE DER length=", *total));
+    Utils::debug("CPSetKeyParam: KP_CERTIFICATE DER length=", *total);
     if (*total > kCertificateCapacity) {
         return refuse(NTE_BAD_DATA, "CPSetKeyParam: KP_CERTIFICATE is longer than the token stores");
     }

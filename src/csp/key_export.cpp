@@ -32,7 +32,7 @@ Outcome ExportPublicKeyComponents(const CSP_CONTEXT& context, const KEY_HANDLE& 
         return refuse(ERROR_MORE_DATA,
                       concat("ExportPublicKeyComponents: output buffer too small, required=", size));
     }
-    Utils::debug(concat("key usage : ", key.algId));
+    Utils::debug("key usage : ", key.algId);
     std::ranges::copy(blob, data);
     *dataLength = size;
     return successWithLastError(ERROR_SUCCESS);
@@ -45,8 +45,8 @@ using namespace veltra;
 BOOL WINAPI CPExportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTKEY, DWORD dwBlobType, DWORD dwFlags,
                         BYTE* pbData, DWORD* pcbDataLen) {
     return cspEntry("CPExportKey", [&] {
-        Utils::debug(concat("dwBlobType : ", dwBlobType));
-        Utils::debug(concat("dwFlags : ", dwFlags));
+        Utils::debug("dwBlobType : ", dwBlobType);
+        Utils::debug("dwFlags : ", dwFlags);
         const auto key = liveKey(hKey);
         if (key == nullptr || pcbDataLen == nullptr) {
             return refuse(ERROR_INVALID_PARAMETER, "CPExportKey: hKey or pcbData is null");
@@ -55,7 +55,7 @@ BOOL WINAPI CPExportKey(HCRYPTPROV hProv, HCRYPTKEY hKey, HCRYPTKEY, DWORD dwBlo
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPExportKey: context is null or not initialized");
         if (dwBlobType == PUBLICKEYBLOB) {
             const Outcome outcome = ExportPublicKeyComponents(*context, *key, pbData, pcbDataLen);
-            Utils::debug(concat("Exportkey return status : ", outcome.result));
+            Utils::debug("Exportkey return status : ", outcome.result);
             return outcome;
         }
         if (dwBlobType == PRIVATEKEYBLOB) {

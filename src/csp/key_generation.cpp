@@ -7,7 +7,9 @@
 #include "token/key_pairs.h"
 #include "token/token_session.h"
 
+#include <cstdio>
 #include <memory>
+#include <string>
 
 namespace veltra {
 
@@ -39,8 +41,27 @@ const KeyKind* findKeyKind(ALG_ID requested) {
     return nullptr;
 }
 
+// The name of the pair's key, in a text that has its length.
+void writeName(const VeltraKeyPair& pair, std::string& name) {
+    char* end = name.data();
+    for (const unsigned char byte : pair.keyId)
+        end += std::snprintf(end, 3, "%02X", byte);
+}
+
+// That the key is not recorded is only reported: it is safe on the token.
+void recordInContainer(const CSP_CONTEXT& context, const std::string& name) noexcept {
+    try {
+        if (recordKey(context.containerName, name)) return;
+        Utils::error("CPGenKey: container ", context.containerName, " is full, key ", name,
+                     " is not recorded in it");
+    } catch (...) {
+        Utils::error("CPGenKey: key ", name, " could not be recorded in its container");
+    }
+}
+
+// Once the token has made the key nothing may fail: the caller would try again and make another one.
 Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYPTKEY* phKey) {
-    std::unique_ptr<KEY_HANDLE> key(new (std::nothrow) KEY_HANDLE);
+    const std::shared_ptr<KEY_HANDLE> key(new (std::nothrow) KEY_HANDLE);
     if (!key) return refuse(ERROR_NOT_ENOUGH_MEMORY, "CPGenKey: failed to allocate KEY_HANDLE");
     if (const Outcome verified = ensurePasswordValidated(context); !verified) {
         return refuse(verified.code(), "CPGenKey: ensurePasswordValidated failed");
@@ -57,23 +78,20 @@ Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYP
     VeltraKeyPair pair{};
     pair.usage = kind.usage;
     pair.keyType = rsaKeyTypeForBits(bits).value_or(kKeyTypeRsa2048);
+    UnclaimedHandle<KEY_HANDLE> unclaimed(key);
+    std::string name = keyName(pair.keyId); // of no key yet: its memory
     const int code = generateKeyPair("CPGenKey", context.serial, pair, context.libraryContext);
     if (code != kDeviceOk) {
         return refuse(NTE_TOKEN_KEYSET_STORAGE_FULL, concat("RSA Keypair Generation Failed, code=", code));
     }
+    writeName(pair, name);
     key->fillFrom(pair);
-    std::string name = keyName(pair.keyId);
-    std::string line = concat("Key generated successfully, Algid=", kind.algId, " bits=", bits);
-    if (context.persistedContainer && !recordKey(context.containerName, name)) {
-        Utils::error(concat("CPGenKey: container ", context.containerName, " is full, key ", name,
-                            " is not recorded in it"));
-    }
-    const HCRYPTKEY handle = LiveRecords<KEY_HANDLE>::add(std::move(key));
-    context.keyName = std::move(name);
+    if (context.persistedContainer) recordInContainer(context, name);
+    context.keyName.swap(name);
     context.signatureKey.fill(pair.keyId);
     context.exchangeKey.fill(pair.keyId);
-    *phKey = handle;
-    Utils::debug(std::move(line));
+    *phKey = unclaimed.handOut();
+    Utils::debug("Key generated successfully, Algid=", kind.algId, " bits=", bits);
     return success();
 }
 

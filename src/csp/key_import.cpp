@@ -67,7 +67,7 @@ Outcome importPublicKey(Blob blob, HCRYPTKEY* phKey) {
     Bytes modulus(modulusLength);
     copyPublicKeyBlobModulus(blob, modulus);
     const std::array<unsigned char, 3> exponent = exponentBytes(header.pubexp);
-    Utils::debug(concat("Public exponent : ", toHex(exponent)));
+    Utils::debug("Public exponent : ", toHex(exponent));
     const std::optional<std::uint32_t> code = rsaKeyTypeForBits(header.bitlen);
     if (!code) return refuse(NTE_BAD_DATA, "Unsupported RSA key size");
     const Bytes der = rsaSubjectPublicKeyInfo(modulus, exponent);
@@ -91,7 +91,7 @@ int decryptSessionKey(const CSP_CONTEXT& context, const KEY_HANDLE& decryptionKe
 Outcome importSimpleBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
     const auto decryptionKey = liveKey(hPubKey);
     if (decryptionKey == nullptr) return refuse(NTE_BAD_TYPE, "SIMPLEBLOB requires public key handle");
-    Utils::debug(concat("Input key id : ", toHex(decryptionKey->keyId)));
+    Utils::debug("Input key id : ", toHex(decryptionKey->keyId));
     const Blob encrypted = blob.subspan(kBlobPrefixLength);
     LibraryBuffer sessionKey;
     if (decryptSessionKey(context, *decryptionKey, Bytes(encrypted.rbegin(), encrypted.rend()), sessionKey) !=
@@ -116,20 +116,24 @@ Outcome importSimpleBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKe
     key->keyBits = key->symmetricKeyLength * 8;
     key->keyIdLength = kKeyIdLength;
     key->algId = *code;
-    Utils::debug(concat("Output key id : ", toHex(key->keyId)));
+    Utils::debug("Output key id : ", toHex(key->keyId));
     return handOut(std::move(key), phKey, "SIMPLEBLOB imported successfully (AES)");
 }
 
 // Stores the key on the token and makes a key object of what the token returned. The material stays there.
+// Once the token has the key nothing may fail: the caller would try again and store it twice.
 Outcome storeOnToken(const CSP_CONTEXT& context, SymmetricKeyRecord& record, ALG_ID algId,
                      const char* failureText, const char* successText, HCRYPTKEY* phKey) {
-    std::unique_ptr<KEY_HANDLE> key = newKey();
+    const std::shared_ptr<KEY_HANDLE> key = newKey();
+    UnclaimedHandle<KEY_HANDLE> unclaimed(key);
     if (storeAesKey(context.serial, record, context.libraryContext) != kDeviceOk) {
         return refuse(NTE_BAD_TYPE, failureText);
     }
     key->fillFrom(record.key);
     key->algId = algId;
-    return handOut(std::move(key), phKey, successText);
+    *phKey = unclaimed.handOut();
+    Utils::debug(successText);
+    return success();
 }
 
 Outcome importPlaintextKey(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY* phKey) {
@@ -149,14 +153,14 @@ Outcome importPlaintextKey(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY* phK
 // deliberate.
 Outcome importWrappedKey(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY* phKey) {
     const Blob wrapped = blob.subspan(sizeof(BLOBHEADER), blob.size() - kBlobPrefixLength);
-    Utils::debug(concat("SYMMETRICWRAPKEYBLOB: wrapped key length = ", wrapped.size()));
+    Utils::debug("SYMMETRICWRAPKEYBLOB: wrapped key length = ", wrapped.size());
     LibraryBuffer unwrapped;
     const auto wrappingKey =
         unwrapWithAnyKey(context.serial, context.libraryContext, WrappingKeys::OfAesType, wrapped, unwrapped);
     if (!wrappingKey) {
         return refuse(NTE_BAD_KEY, "Failed to unwrap SYMMETRICWRAPKEYBLOB with any available KEK");
     }
-    Utils::debug(concat("Successfully unwrapped key with KEK: ", toHex(*wrappingKey)));
+    Utils::debug("Successfully unwrapped key with KEK: ", toHex(*wrappingKey));
     SymmetricKeyRecord record;
     if (unwrapped.size() == 0 || !record.setMaterial(unwrapped.bytes())) {
         return refuse(NTE_BAD_DATA, "SYMMETRICWRAPKEYBLOB key is empty or longer than 32 bytes");
@@ -169,10 +173,10 @@ Outcome importWrappedKey(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY* phKey
 
 Outcome importBlob(const CSP_CONTEXT& context, Blob blob, HCRYPTKEY hPubKey, HCRYPTKEY* phKey) {
     const BLOBHEADER header = headerOf(blob);
-    Utils::debug(concat("CPImportKey - input type : ", header.bType));
-    Utils::debug(concat("CPImportKey - input version : ", header.bVersion));
-    Utils::debug(concat("CPImportKey - input alg : ", header.aiKeyAlg));
-    Utils::debug(concat("CPImportKey - input data length : ", blob.size() - kBlobPrefixLength));
+    Utils::debug("CPImportKey - input type : ", header.bType);
+    Utils::debug("CPImportKey - input version : ", header.bVersion);
+    Utils::debug("CPImportKey - input alg : ", header.aiKeyAlg);
+    Utils::debug("CPImportKey - input data length : ", blob.size() - kBlobPrefixLength);
     if (blob.size() == kBlobPrefixLength) {
         return refuse(NTE_INVALID_PARAMETER, "CPImportKey - Input data to import is empty");
     }
@@ -202,8 +206,8 @@ using namespace veltra;
 BOOL WINAPI CPImportKey(HCRYPTPROV hProv, const BYTE* pbData, DWORD cbDataLen, HCRYPTKEY hPubKey,
                         DWORD dwFlags, HCRYPTKEY* phKey) {
     return cspEntry("CPImportKey", [&] {
-        Utils::debug(concat("Input length : ", cbDataLen));
-        Utils::debug(concat("Input flag : ", dwFlags));
+        Utils::debug("Input length : ", cbDataLen);
+        Utils::debug("Input flag : ", dwFlags);
         if (pbData == nullptr) return refuse(ERROR_INVALID_PARAMETER, "CPImportKey - Input data is null");
         const auto context = usableContext(hProv);
         if (context == nullptr) return refuse(NTE_BAD_UID, "CPImportKey - Contest null or not initialised");

@@ -30,7 +30,7 @@ const VeltraKeyPair* findUserKey(const CSP_CONTEXT& context, const std::vector<V
         if (!context.containerMatches(pair)) continue;
         if (!context.containersEnumerated && context.keyName.empty()) {
             if (keySpec != AT_KEYEXCHANGE) continue;
-            Utils::debug(concat("Key found (AT_KEYEXCHANGE, usage=", pair.usage, ")"));
+            Utils::debug("Key found (AT_KEYEXCHANGE, usage=", pair.usage, ")");
             return &pair;
         }
         if (isKeySpec(keySpec)) return &pair;
@@ -39,12 +39,12 @@ const VeltraKeyPair* findUserKey(const CSP_CONTEXT& context, const std::vector<V
 }
 
 Outcome openUserKey(CSP_CONTEXT& context, DWORD keySpec, HCRYPTKEY* phUserKey) {
-    Utils::debug(concat("CPGetUserKey -> dwKeySpec : ", keySpec));
+    Utils::debug("CPGetUserKey -> dwKeySpec : ", keySpec);
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
     if (pairs.empty()) return refuse(NTE_NO_KEY, "CPGetUserKey: key list is empty");
     auto key = std::make_unique<KEY_HANDLE>();
     key->mode = CRYPT_MODE_CBC;
-    Utils::debug(concat("CPGetUserKey - Container name : ", context.containerName));
+    Utils::debug("CPGetUserKey - Container name : ", context.containerName);
     const VeltraKeyPair* pair = findUserKey(context, pairs, keySpec);
     if (pair == nullptr) {
         return refuse(NTE_BAD_KEY, concat("CPGetUserKey: requested key not found, dwKeySpec=", keySpec,

@@ -57,14 +57,14 @@ Outcome getParameter(const KEY_HANDLE& key, const KeyParameter& parameter, BYTE*
     const DWORD value = parameter.value(key);
     *dataLength = sizeof(value);
     if (sizeQuery) {
-        Utils::debug(concat("CPGetKeyParam: ", parameter.name, " size query, return TRUE"));
+        Utils::debug("CPGetKeyParam: ", parameter.name, " size query, return TRUE");
         return success();
     }
     if (available < sizeof(value)) {
         return refuse(ERROR_MORE_DATA,
                       concat("CPGetKeyParam: ", parameter.name, " buffer too small, return FALSE"));
     }
-    if (parameter.valueTrace != nullptr) Utils::debug(concat(parameter.valueTrace, value));
+    if (parameter.valueTrace != nullptr) Utils::debug(parameter.valueTrace, value);
     std::memcpy(data, &value, sizeof(value));
     Utils::debug("CPGetKeyParam: return TRUE");
     return success();
@@ -88,19 +88,19 @@ void setParameter(KEY_HANDLE& key, DWORD parameter, const BYTE* data) {
     case KP_MODE:
         if (data == nullptr) return;
         key.mode = dwordAt(data);
-        Utils::debug(concat("CPSetKeyParam: KP_MODE = ", key.mode));
+        Utils::debug("CPSetKeyParam: KP_MODE = ", key.mode);
         return;
     case KP_PADDING:
-        if (data != nullptr) Utils::debug(concat("CPSetKeyParam: KP_PADDING = ", dwordAt(data)));
+        if (data != nullptr) Utils::debug("CPSetKeyParam: KP_PADDING = ", dwordAt(data));
         return;
     case KP_PERMISSIONS:
-        if (data != nullptr) Utils::debug(concat("CPSetKeyParam: KP_PERMISSIONS = ", dwordAt(data)));
+        if (data != nullptr) Utils::debug("CPSetKeyParam: KP_PERMISSIONS = ", dwordAt(data));
         return;
     case KP_IV:
         if (data != nullptr) setIv(key, data);
         return;
     default:
-        Utils::debug(concat("CPSetKeyParam: unhandled dwParam=", parameter));
+        Utils::debug("CPSetKeyParam: unhandled dwParam=", parameter);
         return;
     }
 }
@@ -119,8 +119,8 @@ BOOL WINAPI CPGetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, BYTE*
             return refuse(NTE_BAD_UID, "CPGetKeyParam: context is null or not initialized");
         const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPGetKeyParam: key handle is null");
-        Utils::debug(concat("CPGetKeyParam - dwparam : ", dwParam));
-        Utils::debug(concat("CPGetKeyParam - key id : ", toHex({key->keyId, key->keyIdLength})));
+        Utils::debug("CPGetKeyParam - dwparam : ", dwParam);
+        Utils::debug("CPGetKeyParam - key id : ", toHex({key->keyId, key->keyIdLength}));
         if (dwParam == KP_CERTIFICATE) return getKeyCertificate(*context, *key, pbData, pdwDataLen);
         for (const KeyParameter& parameter : kKeyParameters) {
             if (parameter.code == dwParam) return getParameter(*key, parameter, pbData, pdwDataLen);
@@ -137,10 +137,10 @@ BOOL WINAPI CPSetKeyParam(HCRYPTPROV hProv, HCRYPTKEY hKey, DWORD dwParam, const
             return refuse(NTE_BAD_UID, "CPSetKeyParam: context is null or not initialized");
         const auto key = liveKey(hKey);
         if (key == nullptr) return refuse(NTE_BAD_KEY, "CPSetKeyParam: key handle is null");
-        Utils::debug(concat("Set key param key id : ", toHex(key->keyId)));
-        Utils::debug(concat("Set key param  dwParam : ", dwParam));
-        Utils::debug(concat("Set key param  dwFlags : ", dwFlags));
-        Utils::debug(concat("Set key param key algo : ", key->algId));
+        Utils::debug("Set key param key id : ", toHex(key->keyId));
+        Utils::debug("Set key param  dwParam : ", dwParam);
+        Utils::debug("Set key param  dwFlags : ", dwFlags);
+        Utils::debug("Set key param key algo : ", key->algId);
         if (dwParam == KP_CERTIFICATE) {
             if (const Outcome stored = setKeyCertificate(*context, *key, pbData); !stored) return stored;
         } else {

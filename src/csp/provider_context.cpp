@@ -67,7 +67,7 @@ Outcome openToken(CSP_CONTEXT& context, const char* container) {
     initialiseTokens(serials, context.libraryContext, "");
     if (container != nullptr) {
         context.containerName = container;
-        Utils::debug(concat("CPAcquireContext - Container name : ", context.containerName));
+        Utils::debug("CPAcquireContext - Container name : ", context.containerName);
     } else {
         Utils::debug("CPAcquireContext - Container name not provided");
     }
@@ -89,7 +89,7 @@ Outcome openContext(HCRYPTPROV* phProv, const char* container, DWORD flags) {
         return refuse(NTE_NO_MEMORY, "CPAcquireContext: failed to allocate CSP context, return FALSE");
     }
     context->silent = (flags & CRYPT_SILENT) != 0;
-    Utils::debug(concat("CPAcquireContext - isSilent : ", context->silent));
+    Utils::debug("CPAcquireContext - isSilent : ", context->silent);
     const bool verifyOnly = (flags & kVerifyContextBits) != 0;
     if (!verifyOnly) {
         if (const Outcome opened = openToken(*context, container); !opened) return opened;
@@ -137,7 +137,7 @@ BOOL WINAPI CPAcquireContext(HCRYPTPROV* phProv, const char* szContainer, DWORD 
             return refuse(ERROR_INVALID_PARAMETER, concat("CPAcquireContext: invalid parameter - phProv=",
                                                           phProv, " pVTable=", pVTable));
         }
-        Utils::debug(concat("CPAcquireContext - dwFlags : ", dwFlags));
+        Utils::debug("CPAcquireContext - dwFlags : ", dwFlags);
         if ((dwFlags & CRYPT_DELETEKEYSET) != 0) {
             *phProv = 0;
             return deleteContainer(szContainer, (dwFlags & CRYPT_SILENT) != 0);

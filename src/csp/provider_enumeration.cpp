@@ -62,7 +62,7 @@ template <class Record, class Rows>
 Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts& texts, BYTE* data,
                   DWORD* dataLength, DWORD flags) {
     const auto logIndex = [&] {
-        if (texts.index != nullptr) Utils::debug(concat(texts.index, cursor));
+        if (texts.index != nullptr) Utils::debug(texts.index, cursor);
     };
     if (data == nullptr) {
         logIndex();
@@ -90,7 +90,7 @@ Outcome enumerate(const Rows& rows, std::size_t& cursor, const EnumerationTexts&
     }
     const Record record = recordOf(rows[cursor], Record{});
     std::memcpy(data, &record, sizeof(record));
-    Utils::debug(concat(texts.returned, rows[cursor].shortName));
+    Utils::debug(texts.returned, rows[cursor].shortName);
     return success();
 }
 
@@ -162,7 +162,7 @@ Outcome enumerateContainers(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength,
     *dataLength = size;
     if (data == nullptr || available < size) return successWithLastError(ERROR_MORE_DATA);
     std::memcpy(data, name.c_str(), size);
-    Utils::debug(concat("CPGetProvParam: returned container -> ", name));
+    Utils::debug("CPGetProvParam: returned container -> ", name);
     return success();
 }
 

@@ -58,11 +58,11 @@ Outcome answerContainer(CSP_CONTEXT& context, BYTE* data, DWORD* dataLength) {
     if (!answered) return answered;
     context.containerNameAnswered = true;
     if (data == nullptr) {
-        Utils::debug(concat("CPGetProvParam: PP_CONTAINER/PP_UNIQUE_CONTAINER size query, requiredSize=",
-                            *dataLength, ", return TRUE"));
+        Utils::debug("CPGetProvParam: PP_CONTAINER/PP_UNIQUE_CONTAINER size query, requiredSize=",
+                     *dataLength, ", return TRUE");
     } else {
-        Utils::debug(concat("CPGetProvParam: PP_CONTAINER/PP_UNIQUE_CONTAINER=", context.containerName,
-                            ", return TRUE"));
+        Utils::debug("CPGetProvParam: PP_CONTAINER/PP_UNIQUE_CONTAINER=", context.containerName,
+                     ", return TRUE");
     }
     return answered;
 }
@@ -84,7 +84,7 @@ Outcome answerHardwareRandom(BYTE* data, DWORD* dataLength) {
     if (answered.lastError) {
         Utils::debug("Required size is Large");
     } else {
-        Utils::debug(concat("CPGetProvParam: PP_USE_HARDWARE_RNG = ", value));
+        Utils::debug("CPGetProvParam: PP_USE_HARDWARE_RNG = ", value);
     }
     return answered;
 }
@@ -184,7 +184,7 @@ Outcome setPin(const CSP_CONTEXT& context, const BYTE* data) {
     if (!pin) {
         return refuse(NTE_KEYSET_ENTRY_BAD, "CPSetProvParam: PIN is longer than 255 characters");
     }
-    Utils::debug(concat("CPSetProvParam - passwordLength : ", pin->view().size()));
+    Utils::debug("CPSetProvParam - passwordLength : ", pin->view().size());
     const int code = acceptPin(context.serial, *pin, context.libraryContext);
     if (code != kDeviceOk) {
         return refuse(NTE_KEYSET_ENTRY_BAD,
@@ -200,7 +200,7 @@ Outcome switchHardwareRandom(const BYTE* data) {
     DWORD value = 0;
     std::memcpy(&value, data, sizeof(value));
     setHardwareRandom(value != 0);
-    Utils::debug(concat("CPSetProvParam: PP_USE_HARDWARE_RNG set to ", value != 0 ? 1U : 0U));
+    Utils::debug("CPSetProvParam: PP_USE_HARDWARE_RNG set to ", value != 0 ? 1U : 0U);
     return success();
 }
 
@@ -223,11 +223,11 @@ BOOL WINAPI CPGetProvParam(HCRYPTPROV hProv, DWORD dwParam, BYTE* pbData, DWORD*
             return refuse(NTE_BAD_UID, "CPGetProvParam: context is null or not initialized");
         if (pdwDataLen == nullptr)
             return refuse(ERROR_INVALID_PARAMETER, "CPGetProvParam: pdwDataLen is null");
-        Utils::debug(concat("CPGetProvParam input : ", dwParam));
-        Utils::debug(concat("CPGetProvParam : ", dwFlags));
+        Utils::debug("CPGetProvParam input : ", dwParam);
+        Utils::debug("CPGetProvParam : ", dwFlags);
         const Outcome answered = getParameter(*context, dwParam, pbData, pdwDataLen, dwFlags);
         if (answered) {
-            Utils::debug(concat("CPGetProvParam out length : ", *pdwDataLen));
+            Utils::debug("CPGetProvParam out length : ", *pdwDataLen);
             Utils::debug("CPGetProvParam return success");
         }
         return answered;
@@ -239,7 +239,7 @@ BOOL WINAPI CPSetProvParam(HCRYPTPROV hProv, DWORD dwParam, const BYTE* pbData, 
         const auto context = usableContext(hProv);
         if (context == nullptr)
             return refuse(NTE_BAD_UID, "CPSetProvParam: context is null or not initialized");
-        Utils::debug(concat("CPSetProvParam - input param : ", dwParam));
+        Utils::debug("CPSetProvParam - input param : ", dwParam);
         switch (dwParam) {
         case PP_CLIENT_HWND:
             return setOwnerWindow(*context, pbData);

@@ -55,7 +55,7 @@ Outcome chooseSigningKey(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec
     if (hash.signingKey.filled()) return success();
     const KeySlot* slot = context.slotOf(keySpec);
     const bool remembered = slot != nullptr && slot->filled();
-    if (remembered) Utils::debug(concat("CPSignHash: using stored credentialId=", toHex(slot->keyId)));
+    if (remembered) Utils::debug("CPSignHash: using stored credentialId=", toHex(slot->keyId));
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
     if (remembered) {
         hash.signingKey = *slot;
@@ -127,9 +127,9 @@ Outcome signHash(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec, DWORD 
     if (const Outcome verified = ensurePasswordValidated(context); !verified) {
         return refuse(verified.code(), "CPSignHash: ensurePasswordValidated failed");
     }
-    Utils::debug(concat("CPSignHash dwFlags : ", flags));
-    Utils::debug(concat("CPSignHash hashAlgorithm : ", hash.algId));
-    Utils::debug(concat("CPSignHash key mechanism : ", hash.signingKeyType));
+    Utils::debug("CPSignHash dwFlags : ", flags);
+    Utils::debug("CPSignHash hashAlgorithm : ", hash.algId);
+    Utils::debug("CPSignHash key mechanism : ", hash.signingKeyType);
     if (hash.signingKeyType == kKeyTypeRsa1024) {
         if (!context.serial.empty()) readTokenInfo(context.serial, context.libraryContext);
         return refuse(NTE_BAD_KEY,
@@ -181,7 +181,7 @@ VerificationKey verificationKeyOf(const KEY_HANDLE& key) {
 // The key of the context's container. Its RSA keys are always converted, without a look at their form.
 Outcome findVerificationKey(const CSP_CONTEXT& context, VerificationKey& out) {
     Utils::error("Key Handle Not Initialized or Public Key Length is zero");
-    Utils::debug(concat("Container name : ", context.containerName));
+    Utils::debug("Container name : ", context.containerName);
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
     const VeltraKeyPair* pair = findContainerKey(context, pairs, hasKnownUsage);
     if (pair == nullptr) {

@@ -58,4 +58,21 @@ private:
     }
 };
 
+/// A record that is live before its caller knows the handle, so that handing it out cannot fail. One that is
+/// not handed out goes again.
+template <class Record>
+class UnclaimedHandle {
+public:
+    explicit UnclaimedHandle(std::shared_ptr<Record> record)
+        : handle_(LiveRecords<Record>::add(std::move(record))) {}
+    UnclaimedHandle(const UnclaimedHandle&) = delete;
+    UnclaimedHandle& operator=(const UnclaimedHandle&) = delete;
+    ~UnclaimedHandle() { LiveRecords<Record>::take(handle_).reset(); }
+
+    std::uintptr_t handOut() { return std::exchange(handle_, 0); }
+
+private:
+    std::uintptr_t handle_;
+};
+
 } // namespace veltra

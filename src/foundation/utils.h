@@ -1,5 +1,7 @@
 #pragma once
 
+#include "foundation/text.h"
+
 #include <cstddef>
 #include <span>
 #include <string>
@@ -26,6 +28,17 @@ public:
 
     static void debug(const char* message) noexcept;
 
+    /// The same for a line put together of several parts. Without memory the line is lost, never what the
+    /// caller has done: it may have handed out its result.
+    template <class First, class Second, class... Rest>
+    static void debug(const First& first, const Second& second, const Rest&... rest) noexcept {
+        try {
+            debug(concat(first, second, rest...));
+        } catch (...) {
+            return;
+        }
+    }
+
     /// A debug line of `start` and the bytes in hexadecimal. Their text is made only if the line is written,
     /// and never left in memory by a process that does not log.
     static void debugSecret(const char* start, std::span<const unsigned char> secret) noexcept;
@@ -34,6 +47,15 @@ public:
     /// empty.
     static void error(std::string&& message) noexcept;
     static void error(const char* message) noexcept;
+
+    template <class First, class Second, class... Rest>
+    static void error(const First& first, const Second& second, const Rest&... rest) noexcept {
+        try {
+            error(concat(first, second, rest...));
+        } catch (...) {
+            return;
+        }
+    }
 
     /// Fills `buffer` with the temporary folder of the current user, if that is a folder. 0 on success;
     /// -1 on failure, and the buffer is empty.

@@ -65,7 +65,7 @@ void logDecryptionPadding(DWORD flags, const void* paddingInfo) {
     } else if ((flags & kPadOaepFlag) != 0) {
         padding = "OAEP";
     }
-    Utils::debug(concat("KSPDecrypt: dwFlags=0x", toHex8(flags), " padding=", padding));
+    Utils::debug("KSPDecrypt: dwFlags=0x", toHex8(flags), " padding=", padding);
     if ((flags & kPadOaepFlag) != 0 && paddingInfo != nullptr) {
         Utils::debug(
             concat("KSPDecrypt: OAEP hash algorithm=", oaepHashName(paddingInfo).value_or("NONE/UNKNOWN")));
@@ -105,7 +105,7 @@ SECURITY_STATUS encryptWithAes(const KSP_PROVIDER& provider, const KSP_KEY& key,
     const SECURITY_STATUS status =
         handOut(output.bytes(), out, "KSPEncrypt: symmetric output buffer too small, required=");
     if (status == kSuccess && out.data != nullptr) {
-        Utils::debug(concat("KSP: Symmetric encrypt success, length: ", *out.size));
+        Utils::debug("KSP: Symmetric encrypt success, length: ", *out.size);
     }
     return status;
 }
@@ -162,7 +162,7 @@ SECURITY_STATUS decryptWithAes(const std::string& serial, void* libraryContext, 
                                Input input, const PropertyOutput& out) {
     Utils::debug(key.ecbMode ? "KSP: Symmetric decrypt ECB mode" : "KSP: Symmetric decrypt CBC mode");
     const std::vector<unsigned char> iv = processIv();
-    Utils::debug(concat("KSP: Decrypt input iv : ", toHex(iv)));
+    Utils::debug("KSP: Decrypt input iv : ", toHex(iv));
     Utils::debugSecret("KSP: Decrypt input key : ", key.symmetricKeyBytes());
     SecretBuffer plaintext;
     const int code = decryptSymmetric(serial, cipherOf(key, iv), input, plaintext, libraryContext);
@@ -172,8 +172,11 @@ SECURITY_STATUS decryptWithAes(const std::string& serial, void* libraryContext, 
     const SECURITY_STATUS status =
         handOut(plaintext.bytes(), out, "KSPDecrypt: symmetric output buffer too small, required=");
     if (status != kSuccess) return status;
-    Utils::debug(out.data == nullptr ? "pbOutput == NULL "
-                                     : concat("KSP: Symmetric decrypt success, length: ", *out.size));
+    if (out.data == nullptr) {
+        Utils::debug("pbOutput == NULL ");
+    } else {
+        Utils::debug("KSP: Symmetric decrypt success, length: ", *out.size);
+    }
     return kSuccess;
 }
 

@@ -139,7 +139,7 @@ SECURITY_STATUS answerKey(const DerivedKeyOutput& out, const Digest& digest, DWO
         return refuse(NTE_BUFFER_TOO_SMALL, "KSPDeriveKey: output buffer too small");
     }
     std::copy_n(digest.data(), length, out.data);
-    Utils::debug(concat("KSPDeriveKey: derived ", length, " bytes"));
+    Utils::debug("KSPDeriveKey: derived ", length, " bytes");
     return kSuccess;
 }
 

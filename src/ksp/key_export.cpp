@@ -51,7 +51,7 @@ SECURITY_STATUS exportRsaPublicKey(const KSP_KEY& key, const PropertyOutput& out
     const SECURITY_STATUS status = answerBlob(out, blobOf(header, {kPublicExponent, modulus}),
                                               "BCRYPT_RSAPUBLIC_BLOB output buffer too small");
     if (status == kSuccess && out.data != nullptr) {
-        Utils::debug(concat("KSP: Public key exported, bits=", key.bitLength));
+        Utils::debug("KSP: Public key exported, bits=", key.bitLength);
     }
     return status;
 }
@@ -74,7 +74,7 @@ SECURITY_STATUS exportEcPublicKey(const KSP_KEY& key, const PropertyOutput& out)
     const SECURITY_STATUS status = answerBlob(out, blobOf(header, {point.subspan(1, 2 * coordinateLength)}),
                                               "BCRYPT_ECCPUBLIC_BLOB buffer too small");
     if (status == kSuccess && out.data != nullptr) {
-        Utils::debug(concat("KSPExportKey: ECC public key exported, cbKey=", coordinateLength));
+        Utils::debug("KSPExportKey: ECC public key exported, cbKey=", coordinateLength);
     }
     return status;
 }

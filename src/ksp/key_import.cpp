@@ -129,7 +129,7 @@ SECURITY_STATUS importLegacyRsaPublicKey(const ImportTarget& target, Blob blob) 
     if (key == nullptr) {
         return refuse(NTE_NO_MEMORY, "KSPImportKey: LEGACY_RSAPUBLIC_BLOB failed to allocate modulus buffer");
     }
-    Utils::debug(concat("KSP: Public exponent : ", toHex(exponentBytes(header.pubexp))));
+    Utils::debug("KSP: Public exponent : ", toHex(exponentBytes(header.pubexp)));
     const std::optional<std::uint32_t> type = rsaKeyTypeForBits(header.bitlen);
     if (!type) return refuse(NTE_NOT_SUPPORTED, "KSP: Unsupported RSA key size");
     key->keyType = *type;
@@ -143,22 +143,6 @@ SECURITY_STATUS importLegacyRsaPublicKey(const ImportTarget& target, Blob blob) 
 bool isAesKeyLength(std::size_t bytes) {
     return bytes <= kSymmetricKeyCapacity && aesKeyTypeForBits(static_cast<std::uint32_t>(bytes) * 8);
 }
-
-/// A key object that is live before its caller knows the handle, so that handing it out cannot fail. One that
-/// is not handed out goes again.
-class UnclaimedKey {
-public:
-    explicit UnclaimedKey(std::shared_ptr<KSP_KEY> key)
-        : handle_(LiveRecords<KSP_KEY>::add(std::move(key))) {}
-    UnclaimedKey(const UnclaimedKey&) = delete;
-    UnclaimedKey& operator=(const UnclaimedKey&) = delete;
-    ~UnclaimedKey() { LiveRecords<KSP_KEY>::take(handle_).reset(); }
-
-    NCRYPT_KEY_HANDLE handOut() { return std::exchange(handle_, 0); }
-
-private:
-    NCRYPT_KEY_HANDLE handle_;
-};
 
 struct StoringTexts {
     const char* failure;
@@ -179,7 +163,7 @@ SECURITY_STATUS storeAndHandOut(const ImportTarget& target, std::span<const unsi
     key->symmetricKeyLength = static_cast<std::uint32_t>(material.size());
     key->bitLength = key->symmetricKeyLength * 8;
     key->persisted = true;
-    UnclaimedKey unclaimed(key);
+    UnclaimedHandle<KSP_KEY> unclaimed(key);
     if (storeAesKey(target.serial, record, target.libraryContext) != kDeviceOk) {
         return refuse(NTE_BAD_TYPE, texts.failure);
     }
@@ -191,14 +175,14 @@ SECURITY_STATUS storeAndHandOut(const ImportTarget& target, std::span<const unsi
 }
 
 SECURITY_STATUS importWrappedKey(const ImportTarget& target, Blob blob) {
-    Utils::debug(concat("KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = ", blob.size()));
+    Utils::debug("KSP: BCRYPT_OPAQUE_KEY_BLOB: wrapped key length = ", blob.size());
     LibraryBuffer unwrapped;
     const auto wrappingKey =
         unwrapWithAnyKey(target.serial, target.libraryContext, WrappingKeys::Listed, blob, unwrapped);
     if (!wrappingKey) {
         return refuse(NTE_BAD_KEY, "KSP: Failed to unwrap BCRYPT_OPAQUE_KEY_BLOB with any available KEK");
     }
-    Utils::debug(concat("KSP: Successfully unwrapped key with KEK: ", keyName(*wrappingKey)));
+    Utils::debug("KSP: Successfully unwrapped key with KEK: ", keyName(*wrappingKey));
     return storeAndHandOut(target, unwrapped.bytes(),
                            {.failure = "KSP: Import of unwrapped AES key failed",
                             .success = "KSP: BCRYPT_OPAQUE_KEY_BLOB imported successfully"});
@@ -230,7 +214,7 @@ SECURITY_STATUS importEncryptedKey(const ImportTarget& target, const KSP_KEY* im
     if (importKey == nullptr) {
         return refuse(NTE_BAD_KEY, "KSP: Encrypted key import requires import key handle");
     }
-    Utils::debug(concat("KSP: Input key id : ", keyName(importKey->credentialId)));
+    Utils::debug("KSP: Input key id : ", keyName(importKey->credentialId));
     const TokenKey tokenKey{
         .serial = target.serial, .keyId = importKey->credentialId, .libraryContext = target.libraryContext};
     LibraryBuffer decrypted;

@@ -36,7 +36,7 @@ std::string resolveToken(KSP_PROVIDER& provider, const std::string& name) {
         if (!holdsKeyNamed(serial, name, provider.libraryContext)) continue;
         if (serial != current) {
             provider.bindTo(serial);
-            Utils::debug(concat("KSP: Resolved key to device: ", serial));
+            Utils::debug("KSP: Resolved key to device: ", serial);
         }
         return serial;
     }
@@ -46,7 +46,7 @@ std::string resolveToken(KSP_PROVIDER& provider, const std::string& name) {
 const VeltraKeyPair* findNamedKey(const std::vector<VeltraKeyPair>& pairs, const std::string& name) {
     for (const VeltraKeyPair& pair : pairs) {
         const std::string candidate = keyName(pair.keyId);
-        Utils::debug(concat("KSP: Available key: ", candidate));
+        Utils::debug("KSP: Available key: ", candidate);
         if (candidate == name) return &pair;
     }
     return nullptr;
@@ -66,7 +66,7 @@ bool servesKeySpec(const VeltraKeyPair& pair, DWORD keySpec) {
 
 SECURITY_STATUS openKey(KSP_PROVIDER& provider, const std::string& name, DWORD keySpec,
                         NCRYPT_KEY_HANDLE* phKey) {
-    Utils::debug(concat("KSP: Opening key: ", name));
+    Utils::debug("KSP: Opening key: ", name);
     const std::string serial = resolveToken(provider, name);
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(serial, provider.libraryContext);
     if (pairs.empty()) return refuse(NTE_NO_KEY, "KSP: No keys found on token");

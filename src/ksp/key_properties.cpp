@@ -93,7 +93,7 @@ constexpr std::array<ReadableProperty, 14> kReadableProperties = {{
 }};
 
 SECURITY_STATUS getKeyProperty(const std::string& name, const Query& query) {
-    Utils::debug(concat("KSP: GetKeyProperty: ", name));
+    Utils::debug("KSP: GetKeyProperty: ", name);
     const auto* const property = std::ranges::find(kReadableProperties, name, &ReadableProperty::name);
     if (property == kReadableProperties.end()) {
         return refuse(NTE_NOT_SUPPORTED, "KSPGetKeyProperty: unsupported property");
@@ -152,7 +152,7 @@ SECURITY_STATUS setLength(const Setting& setting) {
     const std::optional<DWORD> bits = setting.dword();
     if (!bits) return kSuccess;
     setting.key.bitLength = *bits;
-    Utils::debug(concat("KSP: Key length set to ", *bits));
+    Utils::debug("KSP: Key length set to ", *bits);
     return kSuccess;
 }
 
@@ -179,7 +179,7 @@ SECURITY_STATUS setChainingMode(const Setting& setting) {
         return refuse(NTE_NOT_SUPPORTED, "KSP: Unsupported chaining mode");
     }
     setting.key.ecbMode = mode == kEcbMode;
-    Utils::debug(concat("KSP: Chaining mode set to ", setting.key.ecbMode ? "ECB" : "CBC"));
+    Utils::debug("KSP: Chaining mode set to ", setting.key.ecbMode ? "ECB" : "CBC");
     return kSuccess;
 }
 
@@ -211,7 +211,7 @@ SECURITY_STATUS setIv(const Setting& setting) {
     }
     if (setting.length > INT_MAX) return refuseLargeValue("IV");
     setProcessIv(setting.bytes());
-    Utils::debug(concat("KSP: IV set, size: ", setting.length));
+    Utils::debug("KSP: IV set, size: ", setting.length);
     return kSuccess;
 }
 

@@ -17,7 +17,7 @@ namespace {
 void bindToFirstToken(KSP_PROVIDER& provider, const std::vector<std::string>& serials) {
     provider.bindTo(serials.front());
     provider.firmwareVersion = readTokenInfo(serials.front(), provider.libraryContext).firmwareVersion;
-    Utils::debug(concat("KSP: Provider firmware=", provider.firmwareVersion));
+    Utils::debug("KSP: Provider firmware=", provider.firmwareVersion);
     initialiseTokens(serials, provider.libraryContext, "KSP: ");
 }
 

@@ -62,7 +62,7 @@ SECURITY_STATUS signOnToken(const TokenKey& key, Input hash, bool pss, std::span
     }
     if (code != kDeviceOk) return refuse(NTE_INTERNAL_ERROR, concat("KSP: Sign hash failed: ", code));
     *signatureLength = length;
-    Utils::debug(concat("KSP: SignHash success, signature length=", length));
+    Utils::debug("KSP: SignHash success, signature length=", length);
     return kSuccess;
 }
 
@@ -77,12 +77,12 @@ SECURITY_STATUS signHash(const KSP_PROVIDER& provider, const KSP_KEY& key, Input
     }
     // With the flags of both paddings a signature is made with PKCS#1 but verified as PSS: deliberate.
     const bool pss = (flags & (kPadPkcs1Flag | kPadPssFlag)) == kPadPssFlag;
-    Utils::debug(concat("KSP: SignHash - padding=", paddingName(pss)));
+    Utils::debug("KSP: SignHash - padding=", paddingName(pss));
     if (pss && !isFirmware2OrNewer(provider.firmwareVersion)) {
         return refuseOldFirmware("KSPSignHash", provider);
     }
-    Utils::debug(concat("KSP: SignHash - credential: ", keyName(key.credentialId)));
-    Utils::debug(concat("KSP: SignHash - hash length: ", hash.size()));
+    Utils::debug("KSP: SignHash - credential: ", keyName(key.credentialId));
+    Utils::debug("KSP: SignHash - hash length: ", hash.size());
     if (key.keyType == kKeyTypeRsa1024) return refuseWeakKey(tokenKey);
     return signOnToken(tokenKey, hash, pss, signature, signatureLength);
 }
@@ -103,11 +103,11 @@ SECURITY_STATUS verifyHash(const KSP_PROVIDER& provider, const KSP_KEY& key, Inp
                            DWORD flags) {
     if (key.publicKeyLength == 0) return refuse(NTE_BAD_KEY, "KSP: No public key for verification");
     const VerificationKey publicKey = verificationKeyOf(key);
-    Utils::debug(concat("KSP: VerifySignature - hash length: ", hash.size()));
-    Utils::debug(concat("KSP: VerifySignature - public key DER length: ", publicKey.bytes.size()));
-    Utils::debug(concat("KSP: VerifySignature - signature length: ", signature.size()));
+    Utils::debug("KSP: VerifySignature - hash length: ", hash.size());
+    Utils::debug("KSP: VerifySignature - public key DER length: ", publicKey.bytes.size());
+    Utils::debug("KSP: VerifySignature - signature length: ", signature.size());
     const bool pss = (flags & kPadPssFlag) != 0;
-    Utils::debug(concat("KSP: VerifySignature - padding=", paddingName(pss)));
+    Utils::debug("KSP: VerifySignature - padding=", paddingName(pss));
     if (pss && !isFirmware2OrNewer(provider.firmwareVersion)) {
         return refuseOldFirmware("KSPVerifySignature", provider);
     }
@@ -138,7 +138,7 @@ SECURITY_STATUS WINAPI KSPSignHash(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HAND
         const DWORD size = signatureLengthOf(*key);
         if (pbSignature == nullptr) {
             *pcbResult = size;
-            Utils::debug(concat("KSP: SignHash size query, returning ", size));
+            Utils::debug("KSP: SignHash size query, returning ", size);
             return kSuccess;
         }
         if (pbHashValue == nullptr || cbHashValue == 0) {

@@ -37,7 +37,7 @@ MonitorThread& monitorThread() {
 void forgetPulledTokens() {
     const std::vector<std::string> connected = connectedSerials(nullptr);
     for (const std::string& serial : forgetDisconnected({connected.begin(), connected.end()})) {
-        Utils::debug(concat("Device disconnected: ", serial));
+        Utils::debug("Device disconnected: ", serial);
     }
 }
 

@@ -340,11 +340,12 @@ void enumerateKeys(World& w) {
         return KSPEnumKeys(w.any(kProvider), nullptr, w.orNull(&name), w.orNull(&cursor), w.flags());
     });
     require(done == (name != nullptr), "a name exactly with a success");
-    require(done || cursor == given, "a failure hands out no cursor");
+    // A token without keys leaves its caller a cursor, too.
+    require(given == nullptr || cursor == given, "a cursor is never exchanged");
+    if (cursor != given) w.blocks.push_back(reinterpret_cast<Handle>(cursor));
     if (!done) return;
     require(!fromWide(name->pszName).empty() && !fromWide(name->pszAlgid).empty(), "a key has names");
     w.blocks.push_back(reinterpret_cast<Handle>(name));
-    if (cursor != given) w.blocks.push_back(reinterpret_cast<Handle>(cursor));
 }
 
 constexpr Step kKspSteps[] = {
@@ -507,7 +508,7 @@ void scriptLibrary(World& w) {
             w.input.PickValueInArray({0, 1, 15, 17, 31, 33, 65, 67, 1025, 5000, 70000, -1, INT_MIN});
     script.throws = w.rarely();
     script.outOfMemory = w.rarely();
-    script.onCall = w.input.ConsumeIntegralInRange(0, 3);
+    script.onCall = w.rarely() ? w.input.ConsumeIntegralInRange(1, 3) : 0;
     const char* only = w.input.PickValueInArray(kLibrary);
     const bool all = w.input.ConsumeBool();
     for (const char* function : kLibrary)
@@ -537,6 +538,9 @@ void changeOneOf(std::vector<Record>& records, std::uint32_t Record::*length, Wo
 }
 
 constexpr Step kWorldSteps[] = {
+    scriptLibrary,
+    scriptLibrary,
+    scriptLibrary,
     scriptLibrary,
     [](World&) { library().clearScripts(); },
     [](World& w) { library().setConnected(token().serial, w.input.ConsumeBool()); },

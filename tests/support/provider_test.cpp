@@ -129,6 +129,7 @@ std::vector<std::string> ProviderTest::takeLogLines() {
 
 std::vector<std::string> ProviderTest::takeRawLogLines() {
     const std::string text = readLog();
+    if (text.size() < logOffset_) logOffset_ = 0; // removed since the last look
     std::vector<std::string> lines;
     for (std::size_t end = text.find('\n', logOffset_); end != std::string::npos;
          end = text.find('\n', logOffset_)) {

@@ -25,6 +25,7 @@ constexpr int kNotACiphertext = 77;
 constexpr int kNotACertificate = 78;
 
 constexpr std::size_t kAesBlock = 16;
+constexpr int kLongestRsaCiphertext = 512;
 
 constexpr std::size_t kSignatureBytes[] = {0, 128, 256, 384, 512, 64, 96, 132};
 constexpr std::size_t kPublicKeyBytes[] = {0, 128, 256, 384, 512, 65, 97, 133};
@@ -70,6 +71,8 @@ requires std::is_enum_v<Enum> std::string show(Enum value) {
 /// Hands out what the library allocates; at least as many bytes as a script says that there are.
 int handOut(const Bytes& bytes, const Script& script, unsigned char** out, int* outLength) {
     *outLength = script.length.value_or(static_cast<int>(bytes.size()));
+    *out = nullptr;
+    if (script.noBuffer) return kDeviceOk;
     const auto reported = static_cast<std::size_t>(std::max(*outLength, 1));
     *out = static_cast<unsigned char*>(std::calloc(std::max(bytes.size(), reported), 1));
     std::copy(bytes.begin(), bytes.end(), *out);
@@ -83,6 +86,19 @@ Bytes aesPlaintext(const unsigned char* in, int inLength) {
         plain.resize(plain.size() - plain.back());
     }
     return plain;
+}
+
+/// A copy of `list` for the calling thread, with the fault that `script` asks for.
+template <class Record>
+std::vector<Record>& listFor(std::map<std::thread::id, std::vector<Record>>& lists,
+                             const std::vector<Record>* list, const Script& script,
+                             std::uint32_t Record::*length) {
+    std::vector<Record>& copy = lists[std::this_thread::get_id()];
+    copy = list && !script.result ? *list : std::vector<Record>();
+    for (Record& record : copy)
+        if (script.length)
+            record.*length = record.credentialIdLength = static_cast<std::uint32_t>(*script.length);
+    return copy;
 }
 
 template <class Record>
@@ -111,10 +127,10 @@ bool ScriptedToken::loggedIn() const {
 }
 
 VeltraKeyPair& ScriptedToken::addKeyPair(unsigned char id, std::uint32_t keyType, std::uint32_t usage) {
+    const Bytes publicKey = ScriptedDeviceLibrary::publicKeyOf(keyType);
     VeltraKeyPair& pair = keyPairs.emplace_back();
     std::memset(&pair, 0, sizeof pair);
     std::fill(std::begin(pair.keyId), std::end(pair.keyId), id);
-    const Bytes publicKey = ScriptedDeviceLibrary::publicKeyOf(keyType);
     std::copy(publicKey.begin(), publicKey.end(), pair.publicKey);
     pair.publicKeyLength = static_cast<std::uint32_t>(publicKey.size());
     pair.credentialId[0] = id;
@@ -152,6 +168,7 @@ void ScriptedDeviceLibrary::reset() {
     tokens_.clear();
     calls_.clear();
     scripts_.clear();
+    scriptedCall_ = {};
     hashes_.clear();
     caFiles.clear();
     generatedKeys_ = 0;
@@ -177,9 +194,21 @@ void ScriptedDeviceLibrary::script(const std::string& function, Script script) {
     scripts_.emplace(function, ScriptState{script});
 }
 
+void ScriptedDeviceLibrary::scriptCall(int n, Script script) {
+    const std::scoped_lock lock(mutex_);
+    script.onCall = n;
+    scriptedCall_ = {.script = script, .thread = std::this_thread::get_id()};
+}
+
 void ScriptedDeviceLibrary::clearScripts() {
     const std::scoped_lock lock(mutex_);
     scripts_.clear();
+    scriptedCall_ = {};
+}
+
+void ScriptedDeviceLibrary::lookAtEveryCall(std::function<void(const std::string&)> look) {
+    const std::scoped_lock lock(mutex_);
+    look_ = std::move(look);
 }
 
 std::vector<std::string> ScriptedDeviceLibrary::calls(std::string_view function) const {
@@ -257,12 +286,17 @@ Bytes ScriptedDeviceLibrary::fakeCertificate(const std::string& commonName, cons
 Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arguments) {
     SetLastError(0xBAD); // as a library does whose work fails somewhere inside
     calls_.push_back({std::this_thread::get_id(), function, std::string(function) + "(" + arguments + ")"});
+    if (look_) look_(calls_.back().text);
     Script merged;
     const auto [first, last] = scripts_.equal_range(function);
     for (auto it = first; it != last; ++it) {
         ScriptState& state = it->second;
         ++state.callsSeen;
         if (state.script.onCall == 0 || state.script.onCall == state.callsSeen) merged = state.script;
+    }
+    if (scriptedCall_.thread == std::this_thread::get_id() &&
+        ++scriptedCall_.callsSeen == scriptedCall_.script.onCall) {
+        merged = scriptedCall_.script;
     }
     if (merged.outOfMemory) throw std::bad_alloc();
     if (merged.throws) throw std::runtime_error(std::string("scripted fault in ") + function);
@@ -293,8 +327,10 @@ int ScriptedDeviceLibrary::veltra_init(int mode, void* ctx, int kind) {
 
 std::vector<std::string> ScriptedDeviceLibrary::veltra_getConnectedDeviceList(bool refresh, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getConnectedDeviceList", "refresh=" + std::to_string(refresh) + showContext(ctx));
+    const Script script =
+        begin("veltra_getConnectedDeviceList", "refresh=" + std::to_string(refresh) + showContext(ctx));
     std::vector<std::string> serials;
+    if (script.result) return serials;
     for (const auto& token : tokens_)
         if (token->connected) serials.push_back(token->serial);
     return serials;
@@ -311,9 +347,9 @@ int ScriptedDeviceLibrary::veltra_initDevice(const char* serial, bool reread, vo
 
 TokenInfo ScriptedDeviceLibrary::veltra_getTokenInfo(const char* serial, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getTokenInfo", "serial=" + show(serial) + showContext(ctx));
+    const Script script = begin("veltra_getTokenInfo", "serial=" + show(serial) + showContext(ctx));
     const ScriptedToken* token = find(serial);
-    return token ? token->info : TokenInfo{};
+    return token && !script.result ? token->info : TokenInfo{};
 }
 
 int ScriptedDeviceLibrary::veltra_validatePassword(const char* serial, const char* pin, int mode,
@@ -333,9 +369,10 @@ int ScriptedDeviceLibrary::veltra_validatePassword(const char* serial, const cha
 
 std::vector<VeltraKeyPair>& ScriptedDeviceLibrary::veltra_getKeyPairList(const char* serial, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getKeyPairList", "serial=" + show(serial) + showContext(ctx));
-    ScriptedToken* token = find(serial);
-    return token ? token->keyPairs : noKeyPairs_;
+    const Script script = begin("veltra_getKeyPairList", "serial=" + show(serial) + showContext(ctx));
+    const ScriptedToken* token = find(serial);
+    return listFor(keyPairLists_, token ? &token->keyPairs : nullptr, script,
+                   &VeltraKeyPair::publicKeyLength);
 }
 
 int ScriptedDeviceLibrary::veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout,
@@ -350,8 +387,9 @@ int ScriptedDeviceLibrary::veltra_generateKeyPair(const char* serial, const char
     if (!token) return kNoSuchToken;
     if (!acceptsPin(*token, pin)) return kWrongPin;
     if (inout->keyType < kKeyTypeRsa1024 || inout->keyType > kKeyTypeEcP521) return kNoSuchKey;
-    *inout =
-        token->addKeyPair(static_cast<unsigned char>(0xE0 + ++generatedKeys_), inout->keyType, inout->usage);
+    *inout = token->addKeyPair(static_cast<unsigned char>(0xE0 + ++generatedKeys_ % 32), inout->keyType,
+                               inout->usage);
+    if (script.length) inout->publicKeyLength = static_cast<std::uint32_t>(*script.length);
     inout->flag = 1;
     return kDeviceOk;
 }
@@ -385,20 +423,23 @@ int ScriptedDeviceLibrary::veltra_updateKeyPairDetails(const char* serial, const
 std::vector<VeltraCertificate>& ScriptedDeviceLibrary::veltra_getCertificateList(const char* serial,
                                                                                  void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getCertificateList", "serial=" + show(serial) + showContext(ctx));
-    ScriptedToken* token = find(serial);
-    return token ? token->certificates : noCertificates_;
+    const Script script = begin("veltra_getCertificateList", "serial=" + show(serial) + showContext(ctx));
+    const ScriptedToken* token = find(serial);
+    return listFor(certificateLists_, token ? &token->certificates : nullptr, script,
+                   &VeltraCertificate::derLength);
 }
 
 VeltraCertificate* ScriptedDeviceLibrary::veltra_findCertificateForKey(const char* serial,
                                                                        const unsigned char* keyId,
                                                                        void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_findCertificateForKey",
-          "serial=" + show(serial) + ", key=" + showKeyId(keyId) + showContext(ctx));
-    if (ScriptedToken* token = find(serial))
-        for (VeltraCertificate& certificate : token->certificates)
-            if (hasId(certificate, keyId)) return &certificate;
+    const Script script = begin("veltra_findCertificateForKey",
+                                "serial=" + show(serial) + ", key=" + showKeyId(keyId) + showContext(ctx));
+    const ScriptedToken* token = find(serial);
+    for (VeltraCertificate& certificate : listFor(certificateLists_, token ? &token->certificates : nullptr,
+                                                  script, &VeltraCertificate::derLength)) {
+        if (hasId(certificate, keyId)) return &certificate;
+    }
     return nullptr;
 }
 
@@ -445,9 +486,9 @@ std::vector<NamedDer> ScriptedDeviceLibrary::veltra_getFilesWithExtensionsAndCon
 
 std::vector<VeltraSymmetricKey>& ScriptedDeviceLibrary::veltra_getAesKeyList(const char* serial, void* ctx) {
     const std::scoped_lock lock(mutex_);
-    begin("veltra_getAesKeyList", "serial=" + show(serial) + showContext(ctx));
-    ScriptedToken* token = find(serial);
-    return token ? token->aesKeys : noAesKeys_;
+    const Script script = begin("veltra_getAesKeyList", "serial=" + show(serial) + showContext(ctx));
+    const ScriptedToken* token = find(serial);
+    return listFor(aesKeyLists_, token ? &token->aesKeys : nullptr, script, &VeltraSymmetricKey::keyLength);
 }
 
 int ScriptedDeviceLibrary::veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
@@ -468,6 +509,8 @@ int ScriptedDeviceLibrary::veltra_importAesKey(const char* serial, const char* p
     inout->usage = kUsageBoth;
     inout->flag = 1;
     token->aesKeys.push_back(*inout);
+    if (script.length)
+        inout->credentialIdLength = inout->keyLength = static_cast<std::uint32_t>(*script.length);
     return kDeviceOk;
 }
 
@@ -481,6 +524,7 @@ int ScriptedDeviceLibrary::veltra_encrypt(EncryptionType type, PaddingMode paddi
                                     ", key=" + show(key, keyLength) + showContext(ctx));
     if (script.result) return script.result;
     if (inLength >= *outLength) return kBufferTooSmall;
+    *outLength = std::min(*outLength, kLongestRsaCiphertext);
     const Bytes masked = maskOf(Bytes(in, in + inLength));
     std::fill(out, out + *outLength - inLength, 0);
     std::copy(masked.begin(), masked.end(), out + *outLength - inLength);

@@ -3,6 +3,7 @@
 #include "foundation/device_library.h"
 
 #include <atomic>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
@@ -49,6 +50,7 @@ struct Script {
     bool throws = false;            ///< it throws a std::runtime_error
     bool outOfMemory = false;       ///< it throws std::bad_alloc
     int onCall = 0;                 ///< only the n-th call from now on, counted from 1; 0: every call
+    bool noBuffer = false;          ///< it hands out no buffer, whatever length it reports
 };
 
 /// The device library's double: tokens in memory, deterministic cryptography that keeps byte orders and the
@@ -73,7 +75,13 @@ public:
 
     /// Scripts the calls of `function` ("veltra_signHash"); several scripts of one function add up.
     void script(const std::string& function, Script script);
+    /// Scripts the n-th call, of whatever function, that the current thread makes from now on. A list that a
+    /// failing call gives is empty, and the script's length is that of every record of it.
+    void scriptCall(int n, Script script);
     void clearScripts();
+
+    /// Runs `look` in every call of any thread, with the call's text. Null ends it.
+    void lookAtEveryCall(std::function<void(const std::string&)> look);
 
     /// The calls that the current thread made, as text, in order; with a name, only those of that function.
     /// Byte arguments are shown as their first and last bytes and length.
@@ -158,7 +166,11 @@ private:
     struct ScriptState {
         Script script;
         int callsSeen = 0;
+        std::thread::id thread = {};
     };
+    /// What each thread got last: a list stays as it is until its thread asks again.
+    template <class Record>
+    using Lists = std::map<std::thread::id, std::vector<Record>>;
     struct Hash {
         int mechanism;
         Bytes data;
@@ -176,10 +188,12 @@ private:
     std::vector<std::unique_ptr<ScriptedToken>> tokens_;
     std::vector<Call> calls_;
     std::multimap<std::string, ScriptState> scripts_;
+    ScriptState scriptedCall_;
+    std::function<void(const std::string&)> look_;
     std::vector<Hash> hashes_;
-    std::vector<VeltraKeyPair> noKeyPairs_;
-    std::vector<VeltraCertificate> noCertificates_;
-    std::vector<VeltraSymmetricKey> noAesKeys_;
+    Lists<VeltraKeyPair> keyPairLists_;
+    Lists<VeltraCertificate> certificateLists_;
+    Lists<VeltraSymmetricKey> aesKeyLists_;
     unsigned char generatedKeys_ = 0;
 };
 

@@ -1,0 +1,18 @@
+#pragma once
+
+namespace veltra::test {
+
+/// Makes one allocation of the calling thread fail. It stands between operator new and whoever calls it from
+/// this program, by the linker's --wrap, so that the sanitizers keep their own; allocations inside of a
+/// shared C++ library are not seen.
+class AllocationFault {
+public:
+    /// The n-th operator new of this thread from now on throws std::bad_alloc, or answers null.
+    static void arm(int n);
+    static void disarm();
+
+    /// Whether the allocation that was armed last was reached.
+    static bool fired();
+};
+
+} // namespace veltra::test

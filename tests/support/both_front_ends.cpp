@@ -1,0 +1,118 @@
+#include "support/both_front_ends.h"
+
+#include "support/blob_bytes.h"
+#include "support/googletest.h"
+
+#include "csp/container_map.h"
+#include "csp/hash_context.h"
+#include "csp/key_handle.h"
+#include "csp/provider_context.h"
+#include "ksp/ksp_key.h"
+#include "ksp/ksp_provider.h"
+#include "ksp/ksp_secret.h"
+#include "token/device_state.h"
+
+#include <algorithm>
+
+namespace veltra::test {
+
+namespace {
+
+constexpr std::size_t kAesKeyBytes = 16;
+
+template <class... Records>
+int kindAmong(std::uintptr_t handle) {
+    int kind = 0, found = 0;
+    ((++kind, found = LiveRecords<Records>::find(handle) != nullptr ? kind : found), ...);
+    return found;
+}
+
+template <class... Records>
+bool releaseAmong(std::uintptr_t handle) {
+    return ((LiveRecords<Records>::take(handle) != nullptr) || ...);
+}
+
+/// An AES key object that holds its key, as an import makes it.
+template <class Key>
+std::uintptr_t addAesKey(std::uint32_t Key::*bits) {
+    auto key = std::make_unique<Key>();
+    std::fill_n(key->symmetricKey.data(), kAesKeyBytes, static_cast<unsigned char>('K'));
+    key->symmetricKeyLength = kAesKeyBytes;
+    key.get()->*bits = kAesKeyBytes * 8;
+    return LiveRecords<Key>::add(std::move(key));
+}
+
+ScriptedToken& freshToken(const std::string& serial) {
+    ScriptedDeviceLibrary& library = ScriptedDeviceLibrary::instance();
+    library.reset();
+    ScriptedToken& token = library.addToken(serial);
+    token.addKeyPair(BothFrontEnds::kRsa, kKeyTypeRsa2048, kUsageBoth);
+    token.addKeyPair(BothFrontEnds::kEc, kKeyTypeEcP256, kUsageBoth);
+    token.addAesKey(BothFrontEnds::kAes, kKeyTypeAes128);
+    token.addCertificate(BothFrontEnds::kRsa, ScriptedDeviceLibrary::fakeCertificate("A", "CN=B", "CN=A"));
+    return token;
+}
+
+} // namespace
+
+bool releaseAny(std::uintptr_t handle) {
+    return releaseAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>(
+        handle);
+}
+
+int kindOf(std::uintptr_t handle) {
+    return kindAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>(handle);
+}
+
+Bytes ciphertextOf(const Bytes& plaintext) {
+    const Bytes masked = ScriptedDeviceLibrary::maskOf(plaintext);
+    Bytes ciphertext(256 - masked.size());
+    ciphertext.insert(ciphertext.end(), masked.begin(), masked.end());
+    return ciphertext;
+}
+
+BothFrontEnds::BothFrontEnds(const std::string& serial)
+    : token(freshToken(serial)), container(keyNameOf(token.keyPairs[0].keyId)) {
+    storePin(serial, Pin(token.pin));
+    const LPCWSTR rsaName = L"11111111111111111111111111111111";
+    const LPCWSTR ecName = L"22222222222222222222222222222222";
+    const HMAC_INFO hmacInfo{CALG_SHA_256, nullptr, 0, nullptr, 0};
+    const BYTE byte = 'x';
+    aesKey = addAesKey(&KEY_HANDLE::keyBits);
+    cngAesKey = addAesKey(&KSP_KEY::bitLength);
+    EXPECT_TRUE(CPAcquireContext(&context, container.c_str(), 0, table) &&
+                CPGetUserKey(context, AT_KEYEXCHANGE, &rsaKey) &&
+                CPCreateHash(context, CALG_SHA_256, 0, 0, &hash) &&
+                CPCreateHash(context, CALG_HMAC, aesKey, 0, &hmac) &&
+                CPSetHashParam(context, hmac, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&hmacInfo), 0) &&
+                CPHashData(context, hmac, &byte, 1, 0));
+    EXPECT_EQ(0, KSPOpenProvider(&provider, nullptr, 0) | KSPOpenKey(provider, &cngRsaKey, rsaName, 0, 0) |
+                     KSPOpenKey(provider, &cngEcKey, ecName, 0, 0) |
+                     KSPCreatePersistedKey(provider, &cngNewKey, L"RSA", nullptr, 0, 0) |
+                     KSPSecretAgreement(provider, cngEcKey, cngEcKey, &secret, 0));
+    resetOutput();
+}
+
+BothFrontEnds::~BothFrontEnds() {
+    for (const std::uintptr_t handle : liveHandles())
+        releaseAny(handle);
+    forgetDisconnected({});
+    forgetContainer(container);
+}
+
+void BothFrontEnds::resetOutput() {
+    const Output untouched;
+    out = untouched; // copied: the addresses of the application's buffers stay
+    if (input.empty()) return;
+    std::ranges::copy(input, out.bytes.begin());
+    out.length = inputLength();
+}
+
+std::vector<std::uintptr_t> BothFrontEnds::liveHandles() const {
+    std::vector<std::uintptr_t> handles = {context,   rsaKey,   aesKey,    hash,      hmac,  provider,
+                                           cngRsaKey, cngEcKey, cngAesKey, cngNewKey, secret};
+    std::erase_if(handles, [](std::uintptr_t handle) { return kindOf(handle) == 0; });
+    return handles;
+}
+
+} // namespace veltra::test

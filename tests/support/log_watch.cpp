@@ -1,0 +1,56 @@
+#include "support/log_watch.h"
+
+#include "foundation/utils.h"
+
+#include <atomic>
+#include <string>
+
+namespace veltra::test {
+
+namespace {
+
+std::atomic<void (*)()> looker = nullptr;
+
+void look() {
+    if (auto* const current = looker.load()) current();
+}
+
+} // namespace
+
+void lookAtEveryLogLine(void (*look)()) {
+    looker = look;
+}
+
+// The mangled names of Utils::debug and Utils::error for const char* and std::string&&.
+extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
+void __real__ZN6veltra5Utils5debugEPKc(const char* message);
+void __real__ZN6veltra5Utils5errorEPKc(const char* message);
+void __real__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
+    std::string* message);
+void __real__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
+    std::string* message);
+
+void __wrap__ZN6veltra5Utils5debugEPKc(const char* message) {
+    look();
+    __real__ZN6veltra5Utils5debugEPKc(message);
+}
+void __wrap__ZN6veltra5Utils5errorEPKc(const char* message) {
+    look();
+    __real__ZN6veltra5Utils5errorEPKc(message);
+}
+// A reference is passed as a pointer.
+void __wrap__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
+    std::string* message) {
+    look();
+    __real__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(message);
+}
+void __wrap__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
+    std::string* message) {
+    look();
+    __real__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(message);
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+}
+
+} // namespace veltra::test

@@ -1,0 +1,203 @@
+// Threads of an application in both front ends, on two tokens of which one is pulled and plugged in again,
+// while PINs are forgotten, sessions expire, dialogs are answered, and keys come and go.
+
+#include "support/blob_bytes.h"
+#include "support/log_watch.h"
+#include "support/provider_test.h"
+
+#include "csp/csp_entry_points.h"
+#include "ksp/ksp_entry_points.h"
+#include "token/device_state.h"
+#include "token/shared_state.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdlib>
+
+namespace veltra::test {
+namespace {
+
+constexpr int kWorkers = 8;
+constexpr ULONGLONG kPatience = 20000; ///< milliseconds after which a lock counts as held for good
+
+std::atomic<int> locksHeld = 0;
+thread_local const ScriptedToken* userOf = nullptr; ///< whose PIN the thread's user knows
+
+/// The provider calls out of itself here: if the calling thread held the lock, nobody would get it.
+void takeSharedStateLock() {
+    const ULONGLONG start = GetTickCount64();
+    while (!sharedStateMutex().try_lock()) {
+        if (GetTickCount64() - start > kPatience) {
+            ++locksHeld;
+            return;
+        }
+        SwitchToThread();
+    }
+    sharedStateMutex().unlock();
+}
+
+/// Every thread's user knows the PIN of one token; now and then he cancels.
+class ThreadPrompt final : public PinPrompt {
+public:
+    Pin askPin() override {
+        takeSharedStateLock();
+        return ++asked_ % 5 == 0 ? Pin() : Pin(userOf->pin);
+    }
+    void tell(const char*) override { takeSharedStateLock(); }
+
+private:
+    std::atomic<int> asked_ = 0;
+};
+
+class ThreadsTest : public ProviderTest {
+protected:
+    ThreadsTest() : tokens{&token, &library.addToken(freshName("Token"))} {
+        setLogLevel(0);
+        setPinPrompt(&threadPrompt_);
+        for (std::size_t i = 0; i < tokens.size(); ++i) {
+            tokens[i]->pin = i == 0 ? "1111" : "2222";
+            tokens[i]->remaining = 1'000'000'000;
+            tokens[i]->addKeyPair(kIds[i], kKeyTypeRsa2048, kUsageBoth);
+            names_[i] = keyNameOf(tokens[i]->keyPairs[0].keyId);
+            wideNames_[i] = wideText(names_[i]);
+        }
+        library.lookAtEveryCall([this](const std::string& call) { look(call); });
+        lookAtEveryLogLine(takeSharedStateLock);
+    }
+    ~ThreadsTest() override {
+        lookAtEveryLogLine(nullptr);
+        library.lookAtEveryCall(nullptr);
+    }
+
+    bool isTime() const { return GetTickCount64() < end_; }
+
+    void runWorker(int number) {
+        const auto owner = static_cast<std::size_t>(number % 2);
+        userOf = tokens[owner];
+        for (int round = 0; isTime(); ++round) {
+            const bool succeeded = number % 4 < 2 ? useCryptoApi(owner, round) : useCng(owner, round);
+            if (succeeded) ++signatures[static_cast<std::size_t>(number)];
+        }
+    }
+
+    /// What happens around the application.
+    void disturb() {
+        for (int round = 0; isTime(); ++round) {
+            library.setConnected(tokens[1]->serial, round % 3 != 0);
+            forgetPin(tokens[static_cast<std::size_t>(round % 2)]->serial);
+            library.clearCalls();
+            library.clearScripts();
+            if (round % 4 == 0)
+                library.script("veltra_signHash", {.result = kDeviceSessionExpired, .onCall = 3});
+            Sleep(round % 10 == 0 ? 1200 : 20); // the monitor polls once a second
+        }
+    }
+
+    const std::array<ScriptedToken*, 2> tokens;
+    std::array<std::atomic<int>, kWorkers> signatures = {};
+    std::atomic<int> wrongSignatures = 0;
+    std::atomic<int> strangers = 0; ///< calls with the PIN or the key of the other token
+
+private:
+    static constexpr std::array<unsigned char, 2> kIds = {0xA1, 0xB1};
+
+    // A PIN that the user types for a token is right or wrong; all others must be the token's own.
+    void look(const std::string& call) {
+        takeSharedStateLock();
+        for (std::size_t i = 0; i < tokens.size(); ++i) {
+            const ScriptedToken& other = *tokens[1 - i];
+            if (call.find("serial=" + tokens[i]->serial + ",") == std::string::npos) continue;
+            const bool typed = call.starts_with("veltra_validatePassword");
+            if (!typed && call.find("pin=" + other.pin) != std::string::npos) ++strangers;
+            const bool signs = call.starts_with("veltra_signHash");
+            if (signs && call.find(i == 0 ? "key=B1" : "key=A1") != std::string::npos) ++strangers;
+        }
+    }
+
+    void judge(Bytes signature, bool littleEndian) {
+        if (littleEndian) std::ranges::reverse(signature);
+        if (signature != ScriptedDeviceLibrary::fakeSignature(kKeyTypeRsa2048)) ++wrongSignatures;
+    }
+
+    /// Whether there was a signature.
+    bool useCryptoApi(std::size_t owner, int round) {
+        int table = 0;
+        auto* const functions = reinterpret_cast<VTableProvStruc*>(&table);
+        HCRYPTPROV context = 0;
+        HCRYPTHASH hash = 0;
+        HCRYPTKEY key = 0;
+        if (!CPAcquireContext(&context, names_[owner].c_str(), 0, functions)) return false;
+        Bytes signature(256);
+        auto length = static_cast<DWORD>(signature.size());
+        const Bytes value(32, 0x22);
+        const bool isSigned = CPCreateHash(context, CALG_SHA_256, 0, 0, &hash) &&
+                              CPSetHashParam(context, hash, HP_HASHVAL, value.data(), 0) &&
+                              CPSignHash(context, hash, AT_SIGNATURE, nullptr, 0, signature.data(), &length);
+        if (isSigned) judge(signature, true);
+        if (CPGetUserKey(context, AT_KEYEXCHANGE, &key)) CPDestroyKey(context, key);
+        CPDestroyHash(context, hash);
+        CPReleaseContext(context, 0);
+        const std::string fresh = "Container" + std::to_string(GetCurrentThreadId());
+        if (round % 8 == 0 && CPAcquireContext(&context, fresh.c_str(), CRYPT_NEWKEYSET, functions)) {
+            if (CPGenKey(context, CALG_RSA_SIGN, 0, &key)) CPDestroyKey(context, key);
+            CPReleaseContext(context, 0);
+            CPAcquireContext(&context, fresh.c_str(), CRYPT_DELETEKEYSET, functions);
+        }
+        return isSigned;
+    }
+
+    bool useCng(std::size_t owner, int round) {
+        NCRYPT_PROV_HANDLE provider = 0;
+        NCRYPT_KEY_HANDLE key = 0;
+        if (KSPOpenProvider(&provider, nullptr, 0) != 0) return false;
+        bool isSigned = false;
+        const auto name = reinterpret_cast<LPCWSTR>(wideNames_[owner].data());
+        if (KSPOpenKey(provider, &key, name, 0, 0) == 0) {
+            Bytes signature(256), digest(32);
+            DWORD length = 0;
+            isSigned = KSPSignHash(provider, key, nullptr, digest.data(), 32, signature.data(), 256, &length,
+                                   kPadPkcs1Flag) == 0;
+            if (isSigned) judge(signature, false);
+            KSPFreeKey(provider, key);
+        }
+        if (round % 8 == 0 && KSPCreatePersistedKey(provider, &key, L"ECDSA_P256", nullptr, 0, 0) == 0) {
+            if (KSPFinalizeKey(provider, key, 0) == 0) KSPDeleteKey(provider, key, 0);
+            KSPFreeKey(provider, key);
+        }
+        NCryptKeyName* found = nullptr;
+        PVOID cursor = nullptr;
+        while (KSPEnumKeys(provider, nullptr, &found, &cursor, 0) == 0)
+            KSPFreeBuffer(found);
+        KSPFreeBuffer(cursor);
+        KSPFreeProvider(provider);
+        return isSigned;
+    }
+
+    static ULONGLONG duration() {
+        const char* seconds = std::getenv("VELTRA_STRESS_SECONDS");
+        return (seconds != nullptr ? std::strtoul(seconds, nullptr, 10) : 5) * 1000;
+    }
+
+    ThreadPrompt threadPrompt_;
+    std::array<std::string, 2> names_;
+    std::array<std::vector<WCHAR>, 2> wideNames_;
+    const ULONGLONG end_ = GetTickCount64() + duration();
+};
+
+// A deadlock is found by the time limit of the test program.
+TEST_F(ThreadsTest, TwoTokensBothFrontEnds) {
+    std::atomic<int> started = 0;
+    runOnThreads(kWorkers + 1, [&] {
+        const int number = started++;
+        number < kWorkers ? runWorker(number) : disturb();
+    });
+    EXPECT_EQ(locksHeld, 0) << "the lock was held in a library call, a dialog or a log line";
+    EXPECT_EQ(wrongSignatures, 0);
+    EXPECT_EQ(strangers, 0) << "the PIN or key of one token was used on the other";
+    for (const auto& count : signatures)
+        EXPECT_GT(count, 10);
+}
+
+} // namespace
+} // namespace veltra::test
