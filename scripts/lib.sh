@@ -60,8 +60,11 @@ needPackages() {
         fail "apt-get could not install: ${missing[*]}"
 }
 
-# Packages that a build of the Windows programs needs, and those to run them.
+# Packages that a build of the Windows programs needs, that their 32-bit build adds, those to make the installer, and
+# those to run the programs.
 buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev libgcrypt-mingw-w64-dev googletest)
+buildX86Packages=(g++-mingw-w64-i686-posix)
+packagingPackages=(wixl msitools jq uuid-runtime git)
 runPackages=(wine64 openssl)
 displayPackages=(xvfb xauth xdotool imagemagick fonts-liberation fonts-wine)
 testPackages=(clang-format g++ wine64-tools libwine-dev curl ca-certificates)

@@ -41,7 +41,7 @@ struct Argument {
     std::uintptr_t value = 0;
 };
 
-const std::map<std::string, std::uintptr_t World::*> kObjects = {
+const std::map<std::string, ULONG_PTR World::*> kObjects = {
     {"context", &World::context},     {"rsaKey", &World::rsaKey},     {"aesKey", &World::aesKey},
     {"hash", &World::hash},           {"hmac", &World::hmac},         {"provider", &World::provider},
     {"cngRsaKey", &World::cngRsaKey}, {"cngEcKey", &World::cngEcKey}, {"cngAesKey", &World::cngAesKey},
