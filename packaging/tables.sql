@@ -11,10 +11,10 @@ INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('RemoveExist
 UPDATE `Property` SET `Value` = 'OLDERVERSION;NEWERVERSION;VELTRACNG' WHERE `Property` = 'SecureCustomProperties'
 INSERT INTO `CustomAction` (`Action`, `Type`, `Target`) VALUES ('RefuseDowngrade', 19, 'A newer version of Veltra CSP is installed. Remove it first.')
 
--- On removal (2), the folders above the programs, as far as they are empty.
-INSERT INTO `RemoveFile` (`FileKey`, `Component_`, `DirProperty`, `InstallMode`) VALUES ('DeviceFolder', 'CertificateFolder', 'DeviceFolder', 2)
-INSERT INTO `RemoveFile` (`FileKey`, `Component_`, `DirProperty`, `InstallMode`) VALUES ('InstallFolder', 'Tool', 'INSTALLFOLDER', 2)
-INSERT INTO `RemoveFile` (`FileKey`, `Component_`, `DirProperty`, `InstallMode`) VALUES ('MakerFolder', 'Tool', 'MakerFolder', 2)
+-- Folders that the package made go with it, as far as they are empty.
+INSERT INTO `CreateFolder` (`Directory_`, `Component_`) VALUES ('MakerFolder', 'Tool')
+INSERT INTO `CreateFolder` (`Directory_`, `Component_`) VALUES ('INSTALLFOLDER', 'Tool')
+INSERT INTO `CreateFolder` (`Directory_`, `Component_`) VALUES ('DeviceFolder', 'CertificateFolder')
 
 -- Who has the software token keeps it: not every Windows Installer takes the choice of features over to a new version.
 CREATE TABLE `Condition` (`Feature_` CHAR(38) NOT NULL, `Level` INT NOT NULL, `Condition` CHAR(255) PRIMARY KEY `Feature_`, `Level`)

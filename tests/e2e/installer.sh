@@ -19,6 +19,7 @@ builds=$veltraRoot/build
 
 package() { "$veltraRoot/scripts/package" --no-build --output "$work" "$@" >/dev/null; }
 install() { runWindows msiexec /i "$@" /qn; }
+remove() { runWindows msiexec /x "$1" /qn; }
 veltra() { runWindows "$installed/veltra.exe" "$@"; }
 softtoken() { runWindows "$installed/softtoken.exe" "$@"; }
 
@@ -93,8 +94,13 @@ snapshot failed
 expectEqual before failed "a failed installation left something"
 install "$msi" VELTRACNG=optional || fail "the failure of an optional registration ends it"
 runWindows reg delete "$regsvr32Settings" /f >/dev/null
+remove "$msi"
+snapshot removed
+expectEqual before removed "the removal left something, or took something with it"
+[ ! -e "$drive/Program Files/Quenmark" ] || fail "the removal left its folders"
 
 say "== Installed, with the software token added later"
+install "$msi"
 expectVersion "$version"
 expectProvider '' system32 release
 expectProvider 'Wow6432Node\' syswow64 release-x86
@@ -113,7 +119,7 @@ expectSignature --cng
 cp key.pem "$installed/VeltraDSC/Certificates/ca.pem"
 
 say "== Upgrade in place; the way back is refused"
-install "$newerMsi" VELTRACNG=optional
+install "$newerMsi"
 expectVersion "$newer"
 expectProvider '' system32 release
 expectSignature
@@ -123,7 +129,7 @@ snapshot downgraded
 expectEqual upgraded downgraded "the refused older version changed something"
 
 say "== Removed, except for what is the user's"
-runWindows msiexec /x "$newerMsi" /qn
+remove "$newerMsi"
 snapshot after
 users='/VeltraDSC/Certificates/ca.pem$\|/users/[^/]*/\(Temp/Quenmark\|AppData/Local/Veltra\)/'
 users+='\|Software\\Veltra\\CSP\\Containers\]'
