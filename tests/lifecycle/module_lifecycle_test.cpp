@@ -291,7 +291,7 @@ TEST_F(ModuleLifecycleTest, ProcessEndsAtOnceWhateverTheMonitorDoes) {
     CloseHandle(leaving);
 }
 
-constexpr int kLogWriters = 8; ///< processes, of two threads each
+constexpr int kLogWriters = 6; ///< processes, of two threads each
 constexpr int kLogLines = 100; ///< of each thread
 constexpr const char* kLogWriterVariable = "VELTRA_TEST_LOG_WRITER";
 

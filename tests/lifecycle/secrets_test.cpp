@@ -43,7 +43,9 @@ public:
             pair.usage = kUsageBoth;
             pair.keyType = type;
         }
-        aesKeys_.emplace_back().keyType = kKeyTypeAes192Or256;
+        aesKeys_.resize(kAesKeys);
+        for (VeltraSymmetricKey& key : aesKeys_)
+            key.keyType = kKeyTypeAes192Or256;
     }
 
     std::atomic<bool> connected = true;
@@ -65,7 +67,8 @@ public:
     std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char*, void*) override { return pairs_; }
     // The library's own copy is there only while its caller makes one.
     std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char*, void*) override {
-        kKey.copyTo(aesKeys_[0].key);
+        for (VeltraSymmetricKey& key : aesKeys_)
+            kKey.copyTo(key.key);
         return aesKeys_;
     }
     int veltra_importAesKey(const char*, const char*, VeltraSymmetricKey*, void*) override {
@@ -87,7 +90,8 @@ public:
     int veltra_decrypt_aes(const char*, const unsigned char*, int, const unsigned char*, int,
                            unsigned char** out, int* outLength, bool, const unsigned char*, int,
                            void*) override {
-        wipe(aesKeys_[0].key, kLength);
+        for (VeltraSymmetricKey& key : aesKeys_)
+            wipe(key.key, kLength);
         return handOut(out, outLength);
     }
     int veltra_decryptSymetric(const char*, const unsigned char*, int, unsigned char* out, int* outLength,
@@ -109,6 +113,9 @@ public:
     }
 
 private:
+    // So many that what is allocated afterwards does not cover a copy of them all.
+    static constexpr std::size_t kAesKeys = 100;
+
     static int handOut(unsigned char** out, int* outLength) {
         *out = static_cast<unsigned char*>(std::malloc(kLength));
         kKey.copyTo(*out);
