@@ -1,5 +1,5 @@
-// cryptoapi PIN: what an application does with a token through CryptoAPI, from the key to the deletion. The
-// pieces of docs/application-guide.md are from here; the test e2e_examples runs it.
+// cryptoapi CONTAINER PIN: what an application does with a token through CryptoAPI, from the key to the
+// deletion. The pieces of docs/application-guide.md are from here; the test e2e_examples runs it.
 
 #include <windows.h>
 
@@ -141,10 +141,10 @@ void require(bool condition, const char* what) {
 } // namespace
 
 int main(int count, char** arguments) try {
-    require(count == 2, "cryptoapi PIN");
-    const char* container = "veltra-example";
+    require(count == 3, "cryptoapi CONTAINER PIN");
+    const char* container = arguments[1]; // a new one
     HCRYPTPROV provider = open(container, 0);
-    givePin(provider, arguments[1]);
+    givePin(provider, arguments[2]);
     CryptDestroyKey(generate(provider));
     CryptReleaseContext(provider, 0);
 
