@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+namespace veltra::bench {
+
+/// One thing to measure. It throws when what it calls fails.
+using Operation = std::function<void()>;
+
+/// How much is measured.
+struct Effort {
+    unsigned runs;        ///< of each operation; at least 9 for numbers that count
+    double secondsPerRun; ///< of each operation, roughly; one operation at least
+};
+
+/// Times of operations, in seconds for one, by run.
+using Times = std::vector<std::vector<double>>;
+
+/// Measures the operations in turn, run by run, so that what else the machine does meets all of them alike.
+/// The order changes from run to run. Times[i][r] is operation i in run r.
+Times measureInTurn(const std::vector<Operation>& operations, const Effort& effort);
+
+double median(std::vector<double> values);
+
+/// The median of dividend / divisor, run by run.
+double medianRatio(const std::vector<double>& dividend, const std::vector<double>& divisor);
+
+/// Seconds that `operation` takes.
+double secondsOf(const Operation& operation);
+
+/// Bytes in use on all heaps of the process.
+std::size_t heapBytes();
+
+} // namespace veltra::bench
