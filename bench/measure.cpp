@@ -10,17 +10,29 @@ namespace veltra::bench {
 
 namespace {
 
-// How often the operation fits into `seconds`; it has run a few times when this returns.
-unsigned repetitionsFor(const Operation& operation, double seconds) {
-    for (unsigned repetitions = 1;; repetitions *= 4) {
-        const double taken = secondsOf([&] {
-            for (unsigned i = 0; i < repetitions; ++i)
-                operation();
-        });
-        if (taken >= seconds / 4) {
-            return std::max(1u, static_cast<unsigned>(std::lround(seconds / taken * repetitions)));
-        }
+/// How an operation is measured in one run.
+struct Sampling {
+    unsigned repetitions; ///< of the operation in one sample
+    unsigned samples;
+};
+
+double secondsOfMany(const Operation& operation, unsigned repetitions) {
+    return secondsOf([&] {
+        for (unsigned i = 0; i < repetitions; ++i)
+            operation();
+    });
+}
+
+// The operation has run a few times when this returns.
+Sampling samplingFor(const Operation& operation, double secondsPerRun) {
+    constexpr double kSecondsPerSample = 50e-6; // far above the resolution of the clock
+    unsigned repetitions = 1;
+    double taken = secondsOfMany(operation, repetitions);
+    while (taken < kSecondsPerSample) {
+        repetitions *= 2;
+        taken = secondsOfMany(operation, repetitions);
     }
+    return {repetitions, std::max(1u, static_cast<unsigned>(std::lround(secondsPerRun / taken)))};
 }
 
 } // namespace
@@ -32,19 +44,24 @@ double secondsOf(const Operation& operation) {
 }
 
 Times measureInTurn(const std::vector<Operation>& operations, const Effort& effort) {
-    std::vector<unsigned> repetitions;
-    for (const Operation& operation : operations)
-        repetitions.push_back(repetitionsFor(operation, effort.secondsPerRun));
-    Times times(operations.size(), std::vector<double>(effort.runs));
+    std::vector<Sampling> plan;
+    unsigned turns = 0;
+    for (const Operation& operation : operations) {
+        plan.push_back(samplingFor(operation, effort.secondsPerRun));
+        turns = std::max(turns, plan.back().samples);
+    }
+    Times times(operations.size());
     for (unsigned run = 0; run < effort.runs; ++run) {
-        for (std::size_t turn = 0; turn < operations.size(); ++turn) {
-            const std::size_t i = run % 2 == 0 ? turn : operations.size() - 1 - turn;
-            const double seconds = secondsOf([&] {
-                for (unsigned n = 0; n < repetitions[i]; ++n)
-                    operations[i]();
-            });
-            times[i][run] = seconds / repetitions[i];
+        std::vector<std::vector<double>> samples(operations.size());
+        for (unsigned turn = 0; turn < turns; ++turn) {
+            for (std::size_t n = 0; n < operations.size(); ++n) {
+                const std::size_t i = turn % 2 == 0 ? n : operations.size() - 1 - n;
+                if (turn >= plan[i].samples) continue;
+                samples[i].push_back(secondsOfMany(operations[i], plan[i].repetitions) / plan[i].repetitions);
+            }
         }
+        for (std::size_t i = 0; i < operations.size(); ++i)
+            times[i].push_back(median(std::move(samples[i])));
     }
     return times;
 }

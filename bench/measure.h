@@ -18,8 +18,9 @@ struct Effort {
 /// Times of operations, in seconds for one, by run.
 using Times = std::vector<std::vector<double>>;
 
-/// Measures the operations in turn, run by run, so that what else the machine does meets all of them alike.
-/// The order changes from run to run. Times[i][r] is operation i in run r.
+/// Measures the operations in turn: what else the machine does meets all of them alike. A run is many short
+/// samples of each operation, one after the other, and counts as their median, so that a sample during which
+/// the system gave the processor to somebody else does not count. Times[i][r] is operation i in run r.
 Times measureInTurn(const std::vector<Operation>& operations, const Effort& effort);
 
 double median(std::vector<double> values);

@@ -19,7 +19,7 @@ std::string platformInWords() {
 
 void measureAll(bool quick, unsigned runs, Report& report) {
     const ErrorLinesOnly logLevel;
-    const Effort effort{.runs = runs, .secondsPerRun = quick ? 0.0002 : 0.005};
+    const Effort effort{.runs = runs, .secondsPerRun = quick ? 0.0002 : 0.02};
     report.setMachine({platformInWords() + ", " + std::to_string(std::thread::hardware_concurrency()) +
                            " processors, " + std::to_string(sizeof(void*) * 8) + "-bit program",
                        "log level 2: error lines only",
@@ -37,7 +37,7 @@ void measureAll(bool quick, unsigned runs, Report& report) {
 int run(int argc, char** argv) {
     CLI::App app("Measures the provider over a device library that answers at once");
     std::string folder = ".";
-    unsigned runs = 45;
+    unsigned runs = 36;
     bool quick = false;
     app.add_option("--out", folder, "where report.md and report.json go")->check(CLI::ExistingDirectory);
     app.add_option("--runs", runs,
