@@ -36,9 +36,7 @@ std::string serialForContainer(const std::string& containerName) {
 }
 
 void readKeyList(CSP_CONTEXT& context) {
-    for (const VeltraKeyPair& pair : keyPairsOf(context.serial, context.libraryContext)) {
-        context.keyList.push_back(keyName(pair.keyId));
-    }
+    context.keyList = keyNamesOf(context.serial, context.libraryContext);
     if (context.keyList.empty()) Utils::debug("Acquire Context :: Key List is empty");
 }
 

@@ -28,25 +28,46 @@ std::string_view viewOf(const std::array<char, 2 * kKeyIdLength>& name) {
     return {name.data(), name.size()};
 }
 
-} // namespace
-
-std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext) {
-    return keyPairsOf(serial, libraryContext, [](const VeltraKeyPair&) { return true; });
+void reportImpossibleLength(std::span<const unsigned char, kKeyIdLength> keyId) {
+    Utils::error(concat("Key pair ", keyName(keyId), " has an impossible public key length"));
 }
 
-// The list is the library's: nothing is logged while it is read.
-std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext,
-                                      const std::function<bool(const VeltraKeyPair&)>& wanted) {
-    std::vector<VeltraKeyPair> copies;
+// Shows each pair of the token to `look`, which may copy it. The list is the library's: nothing is logged
+// while it is read.
+template <class Look>
+void lookAtKeyPairs(const std::string& serial, void* libraryContext, Look look) {
     std::vector<KeyId> impossible;
     for (const VeltraKeyPair& pair : deviceLibrary().veltra_getKeyPairList(serial.c_str(), libraryContext)) {
         if (!publicKeyFits(pair)) std::ranges::copy(pair.keyId, impossible.emplace_back().begin());
+        look(pair);
+    }
+    std::ranges::for_each(impossible, reportImpossibleLength);
+}
+
+} // namespace
+
+std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext) {
+    std::vector<VeltraKeyPair> pairs = deviceLibrary().veltra_getKeyPairList(serial.c_str(), libraryContext);
+    for (VeltraKeyPair& pair : pairs) {
+        if (!clearImpossibleLengths(pair)) reportImpossibleLength(pair.keyId);
+    }
+    return pairs;
+}
+
+std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext,
+                                      const std::function<bool(const VeltraKeyPair&)>& wanted) {
+    std::vector<VeltraKeyPair> copies;
+    lookAtKeyPairs(serial, libraryContext, [&](const VeltraKeyPair& pair) {
         if (wanted(pair)) clearImpossibleLengths(copies.emplace_back(pair));
-    }
-    for (const KeyId& keyId : impossible) {
-        Utils::error(concat("Key pair ", keyName(keyId), " has an impossible public key length"));
-    }
+    });
     return copies;
+}
+
+std::vector<std::string> keyNamesOf(const std::string& serial, void* libraryContext) {
+    std::vector<std::string> names;
+    lookAtKeyPairs(serial, libraryContext,
+                   [&](const VeltraKeyPair& pair) { names.push_back(keyName(pair.keyId)); });
+    return names;
 }
 
 bool clearImpossibleLengths(VeltraKeyPair& pair) {

@@ -20,6 +20,9 @@ std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryCo
 std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext,
                                       const std::function<bool(const VeltraKeyPair&)>& wanted);
 
+/// The names of all key pairs, in the token's order.
+std::vector<std::string> keyNamesOf(const std::string& serial, void* libraryContext);
+
 /// Makes lengths that do not fit their buffers 0 in a record that the device library filled. Returns whether
 /// the public key fits; the credential identifier is only carried.
 bool clearImpossibleLengths(VeltraKeyPair& pair);
