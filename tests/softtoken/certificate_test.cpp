@@ -107,6 +107,9 @@ TEST_F(CertificateTest, ACertificateBelongsToOneKeyAndAKeyToOneCertificate) {
     EXPECT_EQ(std::string(found->label), "mine");
     EXPECT_EQ(found->credentialIdLength, kKeyIdLength);
     EXPECT_EQ(library_.findCertificateForKey(kSerial, root.keyId, nullptr), nullptr);
+    const Bytes intermediate = fromBase64(veltra::test::kIntermediateCertificate);
+    import(certificateRecord(intermediate, 0x11));
+    EXPECT_EQ(listed(), (std::vector<Bytes>{intermediate, leaf_})) << "in the place of the one before";
 }
 
 TEST_F(CertificateTest, OnlyCertificatesAreStored) {

@@ -136,14 +136,20 @@ TEST_F(EncryptionTest, WhateverIsWrongWithAnRsaCiphertextGivesOneCode) {
     const Expression publicKey =
         Expression::build("(public-key (rsa %S %S))", Expression::field("n", modulus).get(),
                           Expression::field("e", fromHex("010001")).get());
+    const auto encrypt = [&](const Expression& data) {
+        gcry_sexp_t raw = nullptr;
+        checkCrypto(gcry_pk_encrypt(&raw, data.get(), publicKey.get()), "encryption");
+        return fixedLength(Expression(raw).bytes("a"), 256);
+    };
+    for (const char* hash : {"sha1", "sha512"})
+        wrong.push_back(encrypt(
+            Expression::build("(data (flags oaep) (hash-algo %s) (label other) (value message))", hash)));
     for (const auto& it : blocks) {
         Bytes block(256, 0x5A);
         std::ranges::copy(fromHex(it.head), block.begin());
         if (it.zeroAt != 0) block[it.zeroAt] = 0;
-        gcry_sexp_t raw = nullptr;
-        const Expression data = Expression::build("(data (flags raw) (value %b))", 256, block.data());
-        checkCrypto(gcry_pk_encrypt(&raw, data.get(), publicKey.get()), "encryption");
-        const Bytes ciphertext = fixedLength(Expression(raw).bytes("a"), 256);
+        const Bytes ciphertext =
+            encrypt(Expression::build("(data (flags raw) (value %b))", 256, block.data()));
         if (it.messageLength < 0) {
             wrong.push_back(ciphertext);
             continue;

@@ -114,17 +114,24 @@ TEST_F(SoftTokenTest, PinUsingOperationsNeedASessionAndItsPin) {
 }
 
 TEST_F(SoftTokenTest, ASessionEndsWithItsTimeWithUnpluggingAndWithItsToken) {
-    change([](TokenDescription& token) { token.sessionSeconds = 1; });
+    const TokenFolder token(kSerial);
+    ASSERT_EQ(logIn(), 0);
+    deleteToken(token);
+    create(kSerial);
+    VeltraKeyPair record{};
+    EXPECT_EQ(library_.generateKeyPair(kSerial, kPin, &record, nullptr), kDeviceSessionExpired)
+        << "a key sealed under the old token's master key could never be used";
+
+    change([](TokenDescription& description) { description.sessionSeconds = 1; });
     ASSERT_EQ(logIn(), 0);
     const VeltraKeyPair key = generate(kKeyTypeEcP256);
     EXPECT_EQ(sign(key), 0);
     Sleep(1100);
     EXPECT_EQ(sign(key), kDeviceSessionExpired);
-    change([](TokenDescription& token) { token.sessionSeconds = 0; });
+    change([](TokenDescription& description) { description.sessionSeconds = 0; });
     ASSERT_EQ(logIn(), 0);
     EXPECT_EQ(sign(key), 0) << "a new PIN begins another";
 
-    const TokenFolder token(kSerial);
     setPlugged(token, false);
     setPlugged(token, true);
     EXPECT_EQ(sign(key), kDeviceSessionExpired);
@@ -134,14 +141,6 @@ TEST_F(SoftTokenTest, ASessionEndsWithItsTimeWithUnpluggingAndWithItsToken) {
     EXPECT_TRUE(library_.getTokenInfo(kSerial, nullptr).model.empty());
     EXPECT_TRUE(library_.getKeyPairList(kSerial, nullptr).empty());
     expectRefusals({library_.initDevice(kSerial, false, nullptr), sign(key)});
-    setPlugged(token, true);
-
-    ASSERT_EQ(logIn(), 0);
-    deleteToken(token);
-    create(kSerial);
-    VeltraKeyPair record{};
-    EXPECT_EQ(library_.generateKeyPair(kSerial, kPin, &record, nullptr), kDeviceSessionExpired)
-        << "a key sealed under the old token's master key could never be used";
 }
 
 TEST_F(SoftTokenTest, SingleSignOnWorksInEveryProcessUntilItsTimeIsUp) {

@@ -159,7 +159,10 @@ TEST_F(SoftTokenTest, AFileIsReplacedAsAWholeAndFlushedOrNotAtAll) {
 TEST_F(SoftTokenTest, WhatAKilledProcessLeftBehindIsClearedAway) {
     fs::create_directories(home_ / ".new-T2" / "keys");
     fs::create_directories(home_ / ".deleted-1" / "keys");
-    store(TokenFolder(kSerial).path() / "keys" / "1.key.tmp", Bytes(9));
+    const fs::path temporary = TokenFolder(kSerial).path() / "keys" / "1.key.tmp";
+    store(temporary, Bytes(9));
+    static_cast<void>(TokenFolder(kSerial).lock());
+    EXPECT_FALSE(fs::exists(temporary));
     create("T2");
     deleteToken(TokenFolder(kSerial));
     EXPECT_EQ(listTokens().size(), 1u);
