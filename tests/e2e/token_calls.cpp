@@ -113,7 +113,7 @@ constexpr Command kCommands[] = {
 
 int main(int count, char** arguments) {
     try {
-        const LoadedLibrary library(LoadedLibrary::Instance::First);
+        const LoadedLibrary library;
         const std::vector<std::string> serials = library.getConnectedDeviceList(false, nullptr);
         for (const Command& command : kCommands) {
             if (count != command.arguments + 2 || std::strcmp(arguments[1], command.name) != 0) continue;
