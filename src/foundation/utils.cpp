@@ -115,8 +115,42 @@ std::string formatted(const char* format, Arguments... arguments) {
     return text.data();
 }
 
-// One line is one append: the system puts lines of other threads and processes behind each other. (Wine seeks
-// and then writes, so there lines may overlay each other.)
+// How long the turn to append is waited for, and how long by a process that waited in vain the last time.
+constexpr DWORD kPatienceMilliseconds = 1000;
+constexpr DWORD kImpatienceMilliseconds = 10;
+
+/// The turn to append, among the threads and processes that write the same file. Only Wine needs it: there an
+/// append is a look for the end and then a write, so that lines would cover each other. On Windows it is one
+/// step, and no lock is taken.
+///
+/// A mutex of the system, because that is given back when its holder is killed. Who does not get it in time
+/// writes all the same: a process that hangs in its turn costs the others time once, never a line.
+class AppendTurn {
+public:
+    AppendTurn() {
+        static const bool needed =
+            GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+        static std::atomic<bool> patient{true};
+        if (!needed) return;
+        mutex_.reset(CreateMutexA(nullptr, FALSE, concat("Veltra log of ", Utils::getProcessName()).c_str()));
+        if (!mutex_) return;
+        const DWORD waited =
+            WaitForSingleObject(mutex_.get(), patient ? kPatienceMilliseconds : kImpatienceMilliseconds);
+        held_ = waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED;
+        patient = held_;
+    }
+    AppendTurn(const AppendTurn&) = delete;
+    AppendTurn& operator=(const AppendTurn&) = delete;
+    ~AppendTurn() {
+        if (held_) ReleaseMutex(mutex_.get());
+    }
+
+private:
+    UniqueHandle mutex_;
+    bool held_ = false;
+};
+
+// One line is one append: the system puts lines of other threads and processes behind each other.
 void writeLine(std::uint32_t level, std::string_view message) {
     const std::string folder = logFolderPath();
     Utils::createFolderPath(folder);
@@ -130,6 +164,7 @@ void writeLine(std::uint32_t level, std::string_view message) {
     const UniqueHandle file =
         ownFile(CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                             OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const AppendTurn turn;
     DWORD written = 0;
     if (!file || !WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr)) {
         printToStandardOutput("\nUnable to write log");

@@ -19,8 +19,9 @@ namespace veltra {
 ///   missing  error lines
 ///
 /// Thread safety: any thread, any process; every line is one append to a file opened with full sharing, and
-/// no lock is taken. Nothing that fails in debug and error reaches the caller, and they keep the caller's
-/// last error. The file-system helpers below are what they use.
+/// no lock is taken where the system makes that one step (all but Wine, where a turn is waited for briefly).
+/// Nothing that fails in debug and error reaches the caller, and they keep the caller's last error. The
+/// file-system helpers below are what they use.
 class Utils {
 public:
     /// Writes a debug line if "logLevel" is exactly 3. Takes the message over and leaves it empty.
