@@ -3,9 +3,9 @@
 #include "error_text.h"
 #include "wide_text.h"
 
+#include "foundation/text.h"
+
 #include <fstream>
-#include <iomanip>
-#include <iostream>
 #include <string>
 
 namespace veltra {
@@ -65,16 +65,14 @@ void replaceFile(const std::filesystem::path& path, std::span<const unsigned cha
     }
 }
 
-void writeOrPrint(const std::filesystem::path& path, std::span<const unsigned char> content) {
-    if (!path.empty()) {
+void writeOrPrint(const std::filesystem::path& path, std::span<const unsigned char> content, Output& out) {
+    if (path.empty()) {
+        const std::string digits = toHex(content);
+        out.result(digits, {{"bytes", digits}});
+    } else {
         replaceFile(path, content);
-        return;
+        out.set("file", toUtf8(path.native()));
     }
-    std::cout << std::hex << std::setfill('0');
-    for (const unsigned char byte : content) {
-        std::cout << std::setw(2) << static_cast<unsigned>(byte);
-    }
-    std::cout << std::dec << '\n';
 }
 
 void requireDifferentFiles(const std::filesystem::path& input, const std::filesystem::path& output) {

@@ -20,24 +20,13 @@ constexpr std::size_t kPathCapacity = 1024;
 
 enum Level : std::uint32_t { kLevelException = 1, kLevelError = 2, kLevelDebug = 3 };
 
-std::optional<std::uint32_t> readLogLevel() {
-    std::array<unsigned char, 32> data{};
-    auto length = static_cast<DWORD>(data.size());
-    const LSTATUS status = RegGetValueA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)", "logLevel",
-                                        RRF_RT_ANY, nullptr, data.data(), &length);
-    if (status != ERROR_SUCCESS) return std::nullopt;
-    std::uint32_t level = 0;
-    std::memcpy(&level, data.data(), sizeof(level));
-    return level;
-}
-
 bool isDebugWanted() {
-    return readLogLevel() == kLevelDebug;
+    return Utils::getLogLevel() == kLevelDebug;
 }
 
 // Not the same threshold as for debug lines: a level above 3 keeps errors and silences debug lines.
 bool isErrorWanted() {
-    return readLogLevel().value_or(kLevelError) >= kLevelError;
+    return Utils::getLogLevel().value_or(kLevelError) >= kLevelError;
 }
 
 // All tags are ten characters wide.
@@ -62,11 +51,7 @@ void printToStandardOutput(const char* text) {
 
 // The folder that the log file of this process lies in, ending in "/", cut to the path buffer.
 std::string logFolderPath() {
-    std::array<char, kPathCapacity> base{};
-    if (Utils::getLogBaseFolderPath(base.data(), base.size()) != 0) {
-        printToStandardOutput("\nUnable to getLogBaseFolderPath");
-    }
-    std::string path = concat(base.data(), "/Quenmark/", Utils::getProcessName(), "/");
+    std::string path = concat(Utils::getLogRootPath(), Utils::getProcessName(), "/");
     if (path.size() >= kPathCapacity) path.resize(kPathCapacity - 1);
     return path;
 }
@@ -85,7 +70,8 @@ void writeLine(std::uint32_t level, std::string_view message) {
     Utils::createFolderPath(folder);
     SYSTEMTIME now{};
     GetLocalTime(&now);
-    std::string path = concat(folder, formatted("%04u-%02u-%02u", now.wYear, now.wMonth, now.wDay), ".LOG");
+    std::string path =
+        concat(folder, formatted("%04u-%02u-%02u", now.wYear, now.wMonth, now.wDay), kLogFileExtension);
     if (path.size() >= kPathCapacity) path.resize(kPathCapacity - 1);
     const std::string line = concat(formatted("%02u/%02u::%02u:%02u:%02u:%03u-> ", now.wDay, now.wMonth,
                                               now.wHour, now.wMinute, now.wSecond, now.wMilliseconds),
@@ -140,6 +126,25 @@ void Utils::error(std::string&& message) noexcept {
 void Utils::error(const char* message) noexcept {
     const LastErrorKeeper keeper;
     writeIf(isErrorWanted(), kLevelError, message);
+}
+
+std::optional<std::uint32_t> Utils::getLogLevel() noexcept {
+    std::array<unsigned char, 32> data{};
+    auto length = static_cast<DWORD>(data.size());
+    const LSTATUS status = RegGetValueA(HKEY_LOCAL_MACHINE, kLogSettingsKey, kLogLevelValue, RRF_RT_ANY,
+                                        nullptr, data.data(), &length);
+    if (status != ERROR_SUCCESS) return std::nullopt;
+    std::uint32_t level = 0;
+    std::memcpy(&level, data.data(), sizeof(level));
+    return level;
+}
+
+std::string Utils::getLogRootPath() {
+    std::array<char, kPathCapacity> base{};
+    if (getLogBaseFolderPath(base.data(), base.size()) != 0) {
+        printToStandardOutput("\nUnable to getLogBaseFolderPath");
+    }
+    return concat(base.data(), "/Quenmark/");
 }
 
 int Utils::getLogBaseFolderPath(char* buffer, std::size_t size) noexcept {

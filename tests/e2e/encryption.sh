@@ -30,8 +30,8 @@ expectFailure 1 NTE_BAD_FLAGS veltra decrypt pkcs1.theirs --container "$unique" 
 veltra decrypt oaep.theirs --container "$unique" --out oaep.again --oaep
 cmp secret oaep.again
 
-[ "$(veltra random 32 | tr -d '\r\n' | wc -c)" -eq 64 ] || fail "32 random bytes are not 64 digits"
-[ "$(veltra random 32)" != "$(veltra random 32)" ] || fail "random bytes repeat"
+[ "$(veltra generate-random 32 | tr -d '\r\n' | wc -c)" -eq 64 ] || fail "32 random bytes are not 64 digits"
+[ "$(veltra generate-random 32)" != "$(veltra generate-random 32)" ] || fail "random bytes repeat"
 
 # The provider takes the PIN from the command line's options when there is no session.
 logIn E2E-ENC 1
@@ -41,4 +41,4 @@ PIN=000000 expectFailure 1 "does not accept the PIN" veltra --pin-env PIN decryp
     --container "$unique" --out refused --oaep
 printf '%s\n' "$pin" | veltra --silent --pin-stdin decrypt oaep.theirs --container "$unique" --out by-pin --oaep
 cmp secret by-pin
-PIN=$pin veltra --pin-env PIN delete-container "$unique" --yes
+VELTRA_PIN=$pin veltra delete-key --container "$unique" --yes
