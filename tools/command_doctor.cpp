@@ -33,6 +33,7 @@ public:
         : provider_(std::move(provider)), options_(std::move(options)), out_(out), diagnosis_(out) {}
 
     int examine() {
+        if (options_.sign && !provider_.pin) provider_.pin = askForPin();
         introduce();
         examineCryptoApi();
         examineCng();
@@ -248,7 +249,6 @@ private:
     void examineTokens(const ProbeResult& library) {
         diagnosis_.section("tokens", "Tokens");
         for (const Json& token : library.all("token")) {
-            readTokens_ += 1;
             diagnosis_.ok(
                 "token",
                 concat(text(token, "serial"), " '", text(token, "label"), "' ", text(token, "model"),
@@ -350,7 +350,6 @@ private:
 
     void examineContainer(const Container& container) {
         const std::string name = toUtf8(container.name);
-        const std::string remove = "remove it with 'veltra delete-key --container " + name + " --yes'";
         if (container.isDamaged) {
             diagnosis_.add(
                 Status::Problem, "entry", "'" + name + "' is damaged and stands for no key",
@@ -365,13 +364,15 @@ private:
             const Json details = {{"container", name}, {"key", id}, {"connected", isHere}};
             if (isHere) {
                 diagnosis_.ok("entry", "'" + name + "' stands for " + id, details);
-            } else if (readTokens_ == 0) {
-                diagnosis_.add(Status::Note, "entry",
-                               "'" + name + "' stands for " + id + ", on a token elsewhere", {}, details);
             } else {
-                diagnosis_.add(Status::Problem, "entry",
-                               "'" + name + "' stands for " + id + ", which no connected token has",
-                               "plug in the token that has the key; if the key is gone, " + remove, details);
+                // Nothing tells a key that is gone from one whose token is in a drawer.
+                diagnosis_.add(
+                    Status::Note, "entry",
+                    "'" + name + "' stands for " + id + ", which no connected token has",
+                    "plug in the token that has the key; if the key is gone, remove the entry with "
+                    "'veltra delete-key --container " +
+                        name + " --yes'",
+                    details);
             }
         }
     }
@@ -431,10 +432,9 @@ private:
                            "name the key with --container, or make one with 'veltra generate-key'");
             return;
         }
-        const SharedPin pin = provider_.pin ? provider_.pin : askForPin();
         // A PIN that one interface refuses is not tried a second time: wrong ones lock the token.
-        if (signBy("cryptoapi", "CryptoAPI", {}, container, pin)) {
-            signBy("cng", "CNG", {L"--cng"}, container, pin);
+        if (signBy("cryptoapi", "CryptoAPI", {}, container)) {
+            signBy("cng", "CNG", {L"--cng"}, container);
         }
     }
 
@@ -448,10 +448,10 @@ private:
 
     /// False when the token did not accept the PIN.
     bool signBy(const std::string& id, const std::string& name, std::vector<std::wstring> arguments,
-                const std::wstring& container, const SharedPin& pin) {
+                const std::wstring& container) {
         arguments.insert(arguments.end(), {L"--pin-stdin", L"--sign", L"--container", container});
         const ProbeResult result =
-            probe("signature", id == "cng" ? providerFile_ : registered_, arguments, pin);
+            probe("signature", id == "cng" ? providerFile_ : registered_, arguments, provider_.pin);
         const Json details = {{"key", toUtf8(container)}, {"step", result.step}};
         const Json* verified = result.find("verified");
         if (verified != nullptr && *verified == true) {
@@ -472,8 +472,7 @@ private:
     Diagnosis diagnosis_;
     std::filesystem::path registered_;   ///< the DLL that CryptoAPI loads; empty: none
     std::filesystem::path providerFile_; ///< the DLL that was examined for CNG
-    std::size_t readTokens_ = 0;
-    std::vector<Json> keys_; ///< on all tokens
+    std::vector<Json> keys_;             ///< on all tokens
 };
 
 } // namespace

@@ -65,7 +65,7 @@ done
 # On a terminal, which shows the question but not the answer.
 { sleep 4 && printf '%s\r' "$pin" && sleep 4; } | script -qec "'$veltraRoot/scripts/wine-run' '$bin/veltra.exe' \
     --pin-prompt --silent sign document --container '$unique' --raw --out document.sig" typescript >/dev/null
-grep -q 'PIN:' typescript && grep -q 'Signed' typescript || fail "nobody was asked on the terminal: $(cat typescript)"
+grep -q 'PIN:' typescript && grep -q 'EXIT_CODE="0"' typescript || fail "nobody was asked on the terminal: $(cat typescript)"
 
 # The log: how much, which files, and what comes.
 for level in 2 3 default; do

@@ -75,14 +75,25 @@ done
 seconds=60
 
 # A damaged map, and one that names a key which is gone.
-for entry in "/d 00112233445566778899AABBCCDDEEFF" "/t REG_BINARY /d 0102" "/d ,,," \
-    "/d $(head -c 5000 /dev/zero | tr '\0' A)"; do
+for entry in "0:note:/d 00112233445566778899AABBCCDDEEFF" "1:problem:/t REG_BINARY /d 0102" "1:problem:/d ,,," \
+    "1:problem:/d $(head -c 5000 /dev/zero | tr '\0' A)"; do
+    IFS=: read -r exit status options <<<"$entry"
     # shellcheck disable=SC2086 # options
-    reg add "$containers" /v "$unique-gone" $entry /f
-    doctor 1 'containers entry problem' 'containers entry ok'
+    reg add "$containers" /v "$unique-gone" $options /f
+    doctor "$exit" "containers entry $status" 'containers entry ok'
     reg delete "$containers" /v "$unique-gone" /f
 done
 
+# A signature needs a PIN, which no output shows; a wrong one is tried once.
+expectFailure 2 "no terminal" box doctor --sign </dev/null
+VELTRA_PIN=$pin doctor 0 'signature cryptoapi ok' 'signature cng ok' -- --sign
+VELTRA_PIN=000000 doctor 1 'signature cryptoapi problem' -- --sign --container "$unique"
+! grep -q '^signature cng' found.txt || fail "a refused PIN was tried twice"
+! grep -q "$pin" everything.txt || fail "the PIN is in the output"
+
+veltra log-level 3 >/dev/null
+doctor 0 'log level note'
+veltra log-level default >/dev/null
 # Certificates near their end, and past it.
 openssl genpkey -quiet -algorithm RSA -out issuer.key
 for days in 10:0:note -1:1:problem; do
@@ -92,14 +103,4 @@ for days in 10:0:note -1:1:problem; do
     doctor "$exit" "keys certificate $status"
 done
 
-# A signature needs a PIN, which no output shows; a wrong one is tried once.
-doctor 2 -- --sign
-VELTRA_PIN=$pin doctor 0 'signature cryptoapi ok' 'signature cng ok' -- --sign
-VELTRA_PIN=000000 doctor 1 'signature cryptoapi problem' -- --sign --container "$unique"
-! grep -q '^signature cng' found.txt || fail "a refused PIN was tried twice"
-! grep -q "$pin" everything.txt || fail "the PIN is in the output"
-
-veltra log-level 3 >/dev/null
-doctor 0 'log level note'
-veltra log-level default >/dev/null
 veltra delete-key --container "$unique" --yes
