@@ -5,6 +5,8 @@
 
 #include "foundation/text.h"
 
+#include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <string>
 
@@ -67,7 +69,9 @@ void replaceFile(const std::filesystem::path& path, std::span<const unsigned cha
 
 void writeOrPrint(const std::filesystem::path& path, std::span<const unsigned char> content, Output& out) {
     if (path.empty()) {
-        const std::string digits = toHex(content);
+        std::string digits = toHex(content);
+        std::ranges::transform(digits, digits.begin(), // as other programs print digests
+                               [](unsigned char digit) { return static_cast<char>(std::tolower(digit)); });
         out.result(digits, {{"bytes", digits}});
     } else {
         replaceFile(path, content);

@@ -56,7 +56,8 @@ std::string Table::toText(std::string_view indentation) const {
         std::vector<std::string> texts = {std::string(columns_[index].title)};
         bool hasValue = false;
         for (const std::vector<Json>& row : rows_) {
-            texts.push_back(cellText(row.at(index)));
+            const bool isBlank = row.at(index).is_null() && index + 1 == columns_.size();
+            texts.push_back(isBlank ? std::string() : cellText(row.at(index)));
             hasValue = hasValue || !row.at(index).is_null();
         }
         if (!hasValue) continue;

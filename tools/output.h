@@ -29,7 +29,7 @@ public:
 
     Table(std::initializer_list<Column> columns) : columns_(columns) {}
 
-    /// A row has as many cells as there are columns. Null is a value that does not exist: "-" to people.
+    /// As many cells as there are columns. Null is no value: people see "-", in the last column nothing.
     void add(std::vector<Json> cells) { rows_.push_back(std::move(cells)); }
 
     [[nodiscard]] bool isEmpty() const { return rows_.empty(); }

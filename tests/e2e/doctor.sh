@@ -67,8 +67,8 @@ broken "cp '$bin/hostile_library.dll' box/VeltraCSP.dll; export VELTRA_HOSTILE=c
     'cng loads problem' 'library loads ok'
 broken 'rm box/VeltraDSCLibrary.dll' 'library loads problem' 'tokens none note'
 broken 'cp box/VeltraCSP.dll box/VeltraDSCLibrary.dll' 'library loads ok' 'library complete problem'
-seconds=5
 for way in crash exit hang; do
+    [ $way != hang ] || seconds=3
     broken "cp '$bin/hostile_library.dll' box/VeltraDSCLibrary.dll; export VELTRA_HOSTILE=$way" \
         'library loads problem' 'tokens none note' 'containers entry note'
 done
