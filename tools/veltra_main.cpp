@@ -7,7 +7,9 @@
 
 #include <shellapi.h>
 
+#include <array>
 #include <iostream>
+#include <limits>
 #include <memory>
 
 namespace veltra {
@@ -54,6 +56,27 @@ struct GlobalOptions {
     PinSource pin;
 };
 
+void addPinOptions(CLI::App& app, GlobalOptions& options) {
+    const std::array sources = {
+        app.add_flag("--pin-prompt", options.pin.terminal, "Ask for the PIN on the terminal"),
+        app.add_option("--pin-fd", options.pin.descriptor, "Read the PIN from this file descriptor, one line")
+            ->check(CLI::Range(0, std::numeric_limits<int>::max()))
+            ->type_name("N"),
+        app.add_flag("--pin-stdin", options.pinFromInput, "Read it from the standard input: --pin-fd 0"),
+        app.add_option("--pin-env", options.pin.variable, "Take it from this environment variable")
+            ->check(notEmpty())
+            ->type_name("NAME"),
+        app.add_option("--pin", options.pin.argument, "The PIN itself, for everybody to see; warns")
+            ->check(notEmpty())
+            ->type_name("PIN")};
+    for (CLI::Option* source : sources) {
+        source->group("PIN, from at most one of");
+        for (CLI::Option* other : sources) {
+            if (other != source) source->excludes(other);
+        }
+    }
+}
+
 void addGlobalOptions(CLI::App& app, GlobalOptions& options, CommandLine& line) {
     app.set_version_flag("--version", "veltra " VELTRA_VERSION);
     app.add_flag("--json", options.json, "Print the result as one JSON object");
@@ -66,19 +89,7 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& options, CommandLine& line) 
                    "beside this program")
         ->type_name("PATH");
     app.add_flag("--silent", options.silent, "Never let the provider show a window");
-    auto* pin = app.add_option_group("PIN");
-    pin->add_flag("--pin-prompt", options.pin.terminal, "Ask for the PIN on the terminal");
-    pin->add_option("--pin-fd", options.pin.descriptor, "Read the PIN from this file descriptor, one line")
-        ->check(CLI::NonNegativeNumber)
-        ->type_name("N");
-    pin->add_flag("--pin-stdin", options.pinFromInput, "Read it from the standard input: --pin-fd 0");
-    pin->add_option("--pin-env", options.pin.variable, "Take it from this environment variable")
-        ->check(notEmpty())
-        ->type_name("NAME");
-    pin->add_option("--pin", options.pin.argument, "The PIN itself, for everybody to see; warns")
-        ->check(notEmpty())
-        ->type_name("PIN");
-    pin->require_option(0, 1);
+    addPinOptions(app, options);
 }
 
 /// CLI11 prints a footer as it is.
