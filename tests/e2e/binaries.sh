@@ -4,36 +4,11 @@
 exportsOf() { x86_64-w64-mingw32-objdump -p "$1" | sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/s/^\t\[ *[0-9]*\] //p' | LC_ALL=C sort; }
 importsOf() { x86_64-w64-mingw32-objdump -p "$1" | sed -n 's/^\tDLL Name: //p' | tr '[:upper:]' '[:lower:]' | LC_ALL=C sort -u; }
 
-expected=$(
-    cat <<'NAMES'
-CPAcquireContext
-CPCreateHash
-CPDecrypt
-CPDeriveKey
-CPDestroyHash
-CPDestroyKey
-CPDuplicateHash
-CPEncrypt
-CPExportKey
-CPGenKey
-CPGenRandom
-CPGetHashParam
-CPGetKeyParam
-CPGetProvParam
-CPGetUserKey
-CPHashData
-CPHashSessionKey
-CPImportKey
-CPReleaseContext
-CPSetHashParam
-CPSetKeyParam
-CPSetProvParam
-CPSignHash
-CPVerifySignature
-DllRegisterServer
-DllUnregisterServer
-GetKeyStorageInterface
-NAMES
+expected=(
+    CPAcquireContext CPCreateHash CPDecrypt CPDeriveKey CPDestroyHash CPDestroyKey CPDuplicateHash CPEncrypt
+    CPExportKey CPGenKey CPGenRandom CPGetHashParam CPGetKeyParam CPGetProvParam CPGetUserKey CPHashData
+    CPHashSessionKey CPImportKey CPReleaseContext CPSetHashParam CPSetKeyParam CPSetProvParam CPSignHash
+    CPVerifySignature DllRegisterServer DllUnregisterServer GetKeyStorageInterface
 )
 
 # Not bcrypt.dll: the provider loads it for its registration only.
@@ -45,7 +20,7 @@ systemLibraries=$(printf '%s\n' advapi32.dll crypt32.dll kernel32.dll msvcrt.dll
 checkPrograms() {
     local folder=$1 format=$2 file property header imports others text
     shift 2
-    diff <(printf '%s\n' "$expected") <(exportsOf "$folder/VeltraCSP.dll") ||
+    diff <(printf '%s\n' "${expected[@]}") <(exportsOf "$folder/VeltraCSP.dll") ||
         fail "$folder/VeltraCSP.dll exports other names"
     for file in VeltraCSP.dll VeltraDSCLibrary.dll veltra.exe softtoken.exe; do
         imports=$(importsOf "$folder/$file")

@@ -10,6 +10,7 @@
 #include "ksp/key_storage_interface.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <sstream>
 
@@ -48,13 +49,17 @@ const std::map<std::string, ULONG_PTR World::*> kObjects = {
     {"newKey", &World::cngNewKey},    {"secret", &World::secret},
 };
 
+/// A structure without content, as long as any that a caller describes a padding or a list with.
+constexpr std::array<std::uintptr_t, 4> kEmptyRecord = {};
+
 std::uintptr_t placeOf(World& w, std::string_view name) {
     if (name == "input") return addressOf(w.input.data());
     if (name == "data") return addressOf(w.data());
     if (name == "length" || name == "inOut") return addressOf(&w.out.length);
     if (name == "count") return addressOf(&w.out.count);
     if (name == "handle") return addressOf(&w.out.handle);
-    return name == "second" ? addressOf(&w.out.second) : 0;
+    if (name == "second") return addressOf(&w.out.second);
+    return name == "record" ? addressOf(kEmptyRecord.data()) : 0;
 }
 
 /// Calls a function with arguments of any type. 0 or the failure.
@@ -70,19 +75,21 @@ Parameter convert(std::uintptr_t value) {
 }
 
 template <class Result, class... Parameters, std::size_t... Index>
-Invocation invocation(Result(WINAPI* function)(Parameters...), std::index_sequence<Index...>) {
-    return [function](const Values& values) -> DWORD {
+Invocation invocation(std::string_view name, Result(WINAPI* function)(Parameters...),
+                      std::index_sequence<Index...>) {
+    // The result does not tell the front end: on some platforms BOOL and SECURITY_STATUS are one type.
+    const bool isCryptoApi = name.starts_with("CP");
+    return [function, isCryptoApi](const Values& values) -> DWORD {
         EXPECT_EQ(values.size(), sizeof...(Parameters));
         SetLastError(kUntouched);
         const auto result = function(convert<Parameters>(values.at(Index))...);
         const DWORD lastError = GetLastError();
-        if constexpr (std::is_same_v<Result, BOOL>) {
+        if (isCryptoApi) {
             EXPECT_TRUE(result || (lastError != 0 && lastError != kUntouched)) << "no reason";
             return result ? 0 : lastError;
-        } else {
-            EXPECT_EQ(lastError, kUntouched);
-            return static_cast<DWORD>(result);
         }
+        EXPECT_EQ(lastError, kUntouched);
+        return static_cast<DWORD>(result);
     };
 }
 
@@ -91,7 +98,7 @@ struct Call {
     template <class Result, class... Parameters>
     Call(const char* called, Result(WINAPI* function)(Parameters...), const char* words, Bytes bytes = {},
          Values choice = {0}, const WCHAR* wide = L"")
-        : name(called), invoke(invocation(function, std::index_sequence_for<Parameters...>())),
+        : name(called), invoke(invocation(called, function, std::index_sequence_for<Parameters...>())),
           input(std::move(bytes)), choices(std::move(choice)), text(wide) {
         std::istringstream stream(words);
         for (std::string word; stream >> word;)
@@ -237,13 +244,13 @@ std::vector<Call> cngCalls() {
         {"KSPFreeProvider", KSPFreeProvider, "provider"},
         {"KSPFreeKey", KSPFreeKey, "provider? cngRsaKey?"},
         {"KSPFreeBuffer", KSPFreeBuffer, "cngRsaKey?"},
-        {"KSPEncrypt", KSPEncrypt, "provider cngRsaKey input size second? data? capacity length flags=2",
+        {"KSPEncrypt", KSPEncrypt, "provider cngRsaKey input size record? data? capacity length flags=2",
          kBlock},
-        {"KSPEncrypt", KSPEncrypt, "provider cngAesKey input size second? data? capacity length flags",
+        {"KSPEncrypt", KSPEncrypt, "provider cngAesKey input size record? data? capacity length flags",
          kBlock},
-        {"KSPDecrypt", KSPDecrypt, "provider cngRsaKey input size second? data? capacity length flags",
+        {"KSPDecrypt", KSPDecrypt, "provider cngRsaKey input size record? data? capacity length flags",
          ciphertextOf(kBlock)},
-        {"KSPDecrypt", KSPDecrypt, "provider cngAesKey input size second? data? capacity length flags",
+        {"KSPDecrypt", KSPDecrypt, "provider cngAesKey input size record? data? capacity length flags",
          kBlock},
         {"KSPIsAlgSupported", KSPIsAlgSupported, "provider? text flags", kNothing, {0}, L"RSA"},
         {"KSPEnumAlgorithms", KSPEnumAlgorithms, "provider choice count handle flags", kNothing, numbers(0)},
@@ -273,7 +280,7 @@ std::vector<Call> cngCalls() {
         {"KSPSecretAgreement", KSPSecretAgreement, "provider cngEcKey cngEcKey handle flags"},
         {"KSPDeriveKey",
          KSPDeriveKey,
-         "provider? secret text? second? data? capacity length flags",
+         "provider? secret text? record? data? capacity length flags",
          kNothing,
          {0},
          L"HASH"},
