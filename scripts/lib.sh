@@ -168,6 +168,17 @@ startServices() {
     bootWine
 }
 
+# The prefixes that tests share out among themselves (tests/support/in-own-prefix): one for each processor.
+testPrefixes() { seq -f "$WINEPREFIX-%g" "$(nproc)"; }
+
+# Ends the Wine servers of those prefixes, which would wait a minute for another program.
+stopTestPrefixes() {
+    local prefix
+    while read -r prefix; do
+        [ ! -d "$prefix" ] || WINEPREFIX=$prefix "$(wineServer)" -k 2>/dev/null || true
+    done < <(testPrefixes)
+}
+
 # The path that a Windows program has to use for a file of this machine.
 windowsPath() {
     local path
