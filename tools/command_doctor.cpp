@@ -58,8 +58,9 @@ private:
         out_.set("platform", platform);
     }
 
-    ProbeResult probe(const std::string& name, const std::filesystem::path& dll,
-                      std::vector<std::wstring> arguments = {}, const SharedPin& pin = nullptr) const {
+    [[nodiscard]] ProbeResult probe(const std::string& name, const std::filesystem::path& dll,
+                                    std::vector<std::wstring> arguments = {},
+                                    const SharedPin& pin = nullptr) const {
         arguments.insert(arguments.end(), {L"--silent", L"--provider", provider_.name});
         if (!dll.empty()) arguments.insert(arguments.end(), {L"--dll", dll.native()});
         return runProbeProcess(name, arguments, pin, options_.timeoutSeconds);
@@ -352,8 +353,8 @@ private:
         const std::string name = toUtf8(container.name);
         if (container.isDamaged) {
             diagnosis_.add(
-                Status::Problem, "entry", "'" + name + "' is damaged and stands for no key",
-                "delete the value in the registry, HKEY_CURRENT_USER\\SOFTWARE\\Veltra\\CSP\\Containers",
+                Status::Problem, "entry", concat("'", name, "' is damaged and stands for no key"),
+                R"(delete the value in the registry, HKEY_CURRENT_USER\SOFTWARE\Veltra\CSP\Containers)",
                 {{"container", name}, {"damaged", true}});
             return;
         }
@@ -363,15 +364,15 @@ private:
                 std::ranges::any_of(keys_, [&](const Json& key) { return text(key, "key") == id; });
             const Json details = {{"container", name}, {"key", id}, {"connected", isHere}};
             if (isHere) {
-                diagnosis_.ok("entry", "'" + name + "' stands for " + id, details);
+                diagnosis_.ok("entry", concat("'", name, "' stands for ", id), details);
             } else {
                 // Nothing tells a key that is gone from one whose token is in a drawer.
                 diagnosis_.add(
                     Status::Note, "entry",
-                    "'" + name + "' stands for " + id + ", which no connected token has",
-                    "plug in the token that has the key; if the key is gone, remove the entry with "
-                    "'veltra delete-key --container " +
-                        name + " --yes'",
+                    concat("'", name, "' stands for ", id, ", which no connected token has"),
+                    concat("plug in the token that has the key; if the key is gone, remove the entry with "
+                           "'veltra delete-key --container ",
+                           name, " --yes'"),
                     details);
             }
         }

@@ -163,7 +163,8 @@ ProbeResult runProbeProcess(const std::string& probe, const std::vector<std::wst
 ProbeReport::ProbeReport(const std::string& handle) {
     std::uintptr_t number = 0;
     const auto parsed = std::from_chars(handle.data(), handle.data() + handle.size(), number);
-    const auto pipe = reinterpret_cast<HANDLE>(number);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): how a process hands an inherited handle on
+    auto* const pipe = reinterpret_cast<HANDLE>(number);
     if (parsed.ec != std::errc() || GetFileType(pipe) != FILE_TYPE_PIPE) {
         throw CommandError("--probe is for the program itself; leave it out", kExitUsage);
     }
