@@ -1,8 +1,8 @@
 // A small stand-in for the system's ncrypt.dll, for test programs that are written as applications are: those
 // NCrypt* functions that they call, by their documented contracts. It finds the provider's DLL beside the
 // program instead of in the system's configuration, gets its function table, and forwards each call with the
-// handles that the provider made. Like the system, it keeps a provider open until its last key is freed, and
-// refuses handles that it did not give out.
+// handles that the provider made. Like the system, it keeps a provider open until its last key, secret and
+// buffer is freed, and refuses handles that it did not give out.
 
 #include "foundation/win_handle.h"
 #include "ksp/key_storage_interface.h"
@@ -34,14 +34,16 @@ struct Provider {
     }
 };
 
-/// What a handle of the router stands for: a provider, or the provider's own handle of a key.
+/// What a handle of the router stands for: a provider, or the provider's own handle of a key or a secret.
 struct Object {
     std::shared_ptr<Provider> provider;
     NCRYPT_KEY_HANDLE key = 0;
+    NCRYPT_SECRET_HANDLE secret = 0;
 };
 
 std::mutex mutex;
-std::map<NCRYPT_HANDLE, Object> objects; // by the router's handles
+std::map<NCRYPT_HANDLE, Object> objects;                 // by the router's handles
+std::map<void*, std::shared_ptr<Provider>> givenBuffers; // which provider has to free them
 NCRYPT_HANDLE lastHandle = 0;
 
 NCRYPT_HANDLE addObject(Object object) {
@@ -52,11 +54,12 @@ NCRYPT_HANDLE addObject(Object object) {
 }
 
 /// Without a provider unless the handle is live and of this kind.
-Object find(NCRYPT_HANDLE handle, bool isKey) {
+Object find(NCRYPT_HANDLE handle, bool isKey, bool isSecret = false) {
     const std::lock_guard lock(mutex);
     const auto found = objects.find(handle);
-    if (found == objects.end() || (found->second.key != 0) != isKey) return {};
-    return found->second;
+    if (found == objects.end()) return {};
+    const Object& object = found->second;
+    return (object.key != 0) == isKey && (object.secret != 0) == isSecret ? object : Object();
 }
 
 SECURITY_STATUS loadProvider(Provider& provider, LPCWSTR name, DWORD flags) {
@@ -188,6 +191,47 @@ SECURITY_STATUS WINAPI NCryptExportKey(NCRYPT_KEY_HANDLE hKey, NCRYPT_KEY_HANDLE
                                           cbOutput, pcbResult, dwFlags);
 }
 
+SECURITY_STATUS WINAPI NCryptEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszScope,
+                                      NCryptKeyName** ppKeyName, PVOID* ppEnumState, DWORD dwFlags) {
+    const Object object = find(hProvider, false);
+    if (object.provider == nullptr) return NTE_INVALID_HANDLE;
+    const SECURITY_STATUS status = object.provider->functions->EnumKeys(object.provider->inner, pszScope,
+                                                                        ppKeyName, ppEnumState, dwFlags);
+    const std::lock_guard lock(mutex);
+    if (*ppEnumState != nullptr) givenBuffers[*ppEnumState] = object.provider;
+    if (status == ERROR_SUCCESS) givenBuffers[*ppKeyName] = object.provider;
+    return status;
+}
+
+SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID pvInput) {
+    std::unique_lock lock(mutex);
+    const auto node = givenBuffers.extract(pvInput);
+    lock.unlock();
+    return node.empty() ? NTE_INVALID_PARAMETER : node.mapped()->functions->FreeBuffer(pvInput);
+}
+
+SECURITY_STATUS WINAPI NCryptSecretAgreement(NCRYPT_KEY_HANDLE hPrivKey, NCRYPT_KEY_HANDLE hPubKey,
+                                             NCRYPT_SECRET_HANDLE* phAgreedSecret, DWORD dwFlags) {
+    const Object own = find(hPrivKey, true);
+    const Object peer = find(hPubKey, true);
+    if (own.provider == nullptr || peer.provider == nullptr) return NTE_INVALID_HANDLE;
+    Object made{.provider = own.provider};
+    const SECURITY_STATUS status = own.provider->functions->SecretAgreement(own.provider->inner, own.key,
+                                                                            peer.key, &made.secret, dwFlags);
+    if (status == ERROR_SUCCESS) *phAgreedSecret = addObject(std::move(made));
+    return status;
+}
+
+SECURITY_STATUS WINAPI NCryptDeriveKey(NCRYPT_SECRET_HANDLE hSharedSecret, LPCWSTR pwszKDF,
+                                       NCryptBufferDesc* pParameterList, PBYTE pbDerivedKey,
+                                       DWORD cbDerivedKey, DWORD* pcbResult, ULONG dwFlags) {
+    const Object object = find(hSharedSecret, false, true);
+    if (object.provider == nullptr) return NTE_INVALID_HANDLE;
+    return object.provider->functions->DeriveKey(object.provider->inner, object.secret, pwszKDF,
+                                                 pParameterList, pbDerivedKey, cbDerivedKey, pcbResult,
+                                                 dwFlags);
+}
+
 // Frees the handle too when it succeeds.
 SECURITY_STATUS WINAPI NCryptDeleteKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
     const SECURITY_STATUS status = withKey<&Functions::DeleteKey>(hKey, dwFlags);
@@ -200,7 +244,9 @@ SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE hObject) {
     lock.unlock();
     if (node.empty()) return NTE_INVALID_HANDLE;
     const Object& object = node.mapped();
-    // A provider goes with the last key that was made with it.
+    if (object.secret != 0)
+        return object.provider->functions->FreeSecret(object.provider->inner, object.secret);
+    // A provider goes with the last object that was made with it.
     if (object.key == 0) return ERROR_SUCCESS;
     return object.provider->functions->FreeKey(object.provider->inner, object.key);
 }
