@@ -18,22 +18,58 @@ namespace veltra {
 namespace {
 
 constexpr std::size_t kPathCapacity = 1024;
+constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
 
 enum Level : std::uint32_t { kLevelException = 1, kLevelError = 2, kLevelDebug = 3 };
 
+/// The key of the settings, kept open from the first read that finds it: to open it takes two of three calls
+/// of the system that a read would make, and every line begins with a read. Nothing read is kept.
+class SettingsKey {
+public:
+    constexpr SettingsKey() = default;
+    SettingsKey(const SettingsKey&) = delete;
+    SettingsKey& operator=(const SettingsKey&) = delete;
+    ~SettingsKey() {
+        if (HKEY key = key_.exchange(nullptr)) RegCloseKey(key);
+    }
+
+    /// Null while there is no such key.
+    HKEY get() {
+        if (HKEY key = key_) return key;
+        HKEY opened = nullptr;
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSettingsKey, 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS) {
+            return nullptr;
+        }
+        HKEY openedByAnother = nullptr;
+        if (key_.compare_exchange_strong(openedByAnother, opened)) return opened;
+        RegCloseKey(opened);
+        return openedByAnother;
+    }
+
+    /// `key` was deleted; there may be a new one. The handle stays open, one for each such deletion: another
+    /// thread may be about to read from it, and must not find somebody else's key behind it.
+    void forget(HKEY key) { key_.compare_exchange_strong(key, nullptr); }
+
+private:
+    std::atomic<HKEY> key_ = nullptr;
+};
+
+constinit SettingsKey settingsKey;
+
 std::optional<std::uint32_t> readLogLevel() {
     std::array<unsigned char, 32> data{};
-    auto length = static_cast<DWORD>(data.size());
-    const LSTATUS status = RegGetValueA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)", "logLevel",
-                                        RRF_RT_ANY, nullptr, data.data(), &length);
+    LSTATUS status = ERROR_KEY_DELETED;
+    while (status == ERROR_KEY_DELETED) {
+        HKEY key = settingsKey.get();
+        if (key == nullptr) return std::nullopt;
+        auto length = static_cast<DWORD>(data.size());
+        status = RegGetValueA(key, nullptr, "logLevel", RRF_RT_ANY, nullptr, data.data(), &length);
+        if (status == ERROR_KEY_DELETED) settingsKey.forget(key);
+    }
     if (status != ERROR_SUCCESS) return std::nullopt;
     std::uint32_t level = 0;
     std::memcpy(&level, data.data(), sizeof(level));
     return level;
-}
-
-bool isDebugWanted() {
-    return readLogLevel() == kLevelDebug;
 }
 
 // Not the same threshold as for debug lines: a level above 3 keeps errors and silences debug lines.
@@ -145,6 +181,16 @@ void writeIf(bool wanted, std::uint32_t level, std::string_view message) noexcep
 }
 
 } // namespace
+
+bool Utils::isDebugWanted() noexcept {
+    const LastErrorKeeper keeper;
+    return readLogLevel() == kLevelDebug;
+}
+
+void Utils::writeDebug(const std::string& message) noexcept {
+    const LastErrorKeeper keeper;
+    writeIf(true, kLevelDebug, message);
+}
 
 void Utils::debug(std::string&& message) noexcept {
     const LastErrorKeeper keeper;

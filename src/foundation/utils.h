@@ -29,12 +29,13 @@ public:
 
     static void debug(const char* message) noexcept;
 
-    /// The same for a line put together of several parts. Without memory the line is lost, never what the
-    /// caller has done: it may have handed out its result.
+    /// The same for a line of several parts, which are put together only if it is written. Without memory the
+    /// line is lost, never what the caller has done: it may have handed out its result.
     template <class First, class Second, class... Rest>
     static void debug(const First& first, const Second& second, const Rest&... rest) noexcept {
+        if (!isDebugWanted()) return;
         try {
-            debug(concat(first, second, rest...));
+            writeDebug(concat(first, second, rest...));
         } catch (...) {
             return;
         }
@@ -74,6 +75,13 @@ public:
 
     /// Creates every folder along `path`, whose steps end in "/". May throw std::bad_alloc.
     static void createFolderPath(const std::string& path);
+
+private:
+    /// Reads "logLevel".
+    static bool isDebugWanted() noexcept;
+
+    /// Writes a debug line whatever the level is.
+    static void writeDebug(const std::string& message) noexcept;
 };
 
 } // namespace veltra

@@ -49,6 +49,16 @@ TEST_F(LoggingTest, EachLevelWritesItsLines) {
     EXPECT_THAT(writeOneOfEach(), ElementsAre(kErrorLine));
 }
 
+// The key is kept open between the lines.
+TEST_F(LoggingTest, LevelIsReadFromTheKeyThatIsThereNow) {
+    for (int round = 0; round < 2; ++round) {
+        RegDeleteKeyA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)");
+        EXPECT_THAT(writeOneOfEach(), ElementsAre(kErrorLine));
+        setLogLevel(3);
+        EXPECT_THAT(writeOneOfEach(), ElementsAre(kDebugLine, kErrorLine));
+    }
+}
+
 TEST_F(LoggingTest, LevelIsTheFirstWordOfAnyValueTypeUpTo32Bytes) {
     struct Row {
         DWORD type;
