@@ -61,10 +61,11 @@ needPackages() {
 }
 
 # Packages that a build of the Windows programs needs, and those to run them.
-buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev libgcrypt-mingw-w64-dev googletest)
+buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev nlohmann-json3-dev
+    libgcrypt-mingw-w64-dev googletest)
 runPackages=(wine64 openssl)
 displayPackages=(xvfb xauth xdotool imagemagick fonts-liberation fonts-wine)
-testPackages=(clang-format g++ wine64-tools libwine-dev curl ca-certificates)
+testPackages=(clang-format g++ wine64-tools libwine-dev curl ca-certificates python3)
 fuzzPackages=(clang-14 libclang-rt-14-dev)
 
 # buildPreset PRESET [TARGET...]: configures where needed and builds, all targets by default.

@@ -101,7 +101,7 @@ private:
         return {functions_->FreeKey, handle_, key};
     }
 
-    std::shared_ptr<const std::string> pin_;
+    SharedPin pin_;
     DWORD silentFlag_;
     UniqueModule module_;
     const NCRYPT_KEY_STORAGE_FUNCTION_TABLE* functions_ = nullptr;

@@ -1,5 +1,6 @@
-#include "foundation/device_library.h"
+#include "foundation/device_library_binding.h"
 
+#include "foundation/missing_device_library.h"
 #include "foundation/module.h"
 #include "foundation/text.h"
 #include "foundation/utils.h"
@@ -12,107 +13,16 @@ namespace veltra {
 
 namespace {
 
-constexpr int kLibraryMissing = -1;
-
-/// Answers in the place of a device library that cannot be used: no token is connected.
-class MissingDeviceLibrary final : public DeviceLibrary {
-public:
-    int veltra_init(int, void*, int) override { return kLibraryMissing; }
-    std::vector<std::string> veltra_getConnectedDeviceList(bool, void*) override { return {}; }
-    int veltra_initDevice(const char*, bool, void*) override { return kLibraryMissing; }
-    TokenInfo veltra_getTokenInfo(const char*, void*) override { return {}; }
-    int veltra_validatePassword(const char*, const char*, int, int*, void*) override {
-        return kLibraryMissing;
-    }
-    std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char*, void*) override { return noKeyPairs_; }
-    int veltra_generateKeyPair(const char*, const char*, VeltraKeyPair*, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_deleteKeyPair(const char*, const unsigned char*, const char*, bool, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_updateKeyPairDetails(const char*, const unsigned char*, const char*, const char*,
-                                    const unsigned char*, int, void*) override {
-        return kLibraryMissing;
-    }
-    std::vector<VeltraCertificate>& veltra_getCertificateList(const char*, void*) override {
-        return noCertificates_;
-    }
-    VeltraCertificate* veltra_findCertificateForKey(const char*, const unsigned char*, void*) override {
-        return nullptr;
-    }
-    int veltra_importCertificate(const char*, const char*, VeltraCertificate*, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_getCertificateDetails(const unsigned char*, int, CertificateDetails&, void*) override {
-        return kLibraryMissing;
-    }
-    std::vector<NamedDer> veltra_getFilesWithExtensionsAndConvertDER(const std::string&,
-                                                                     const std::vector<std::string>&,
-                                                                     void*) override {
-        return {};
-    }
-    std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char*, void*) override { return noAesKeys_; }
-    int veltra_importAesKey(const char*, const char*, VeltraSymmetricKey*, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_signHash(const char*, const unsigned char*, const char*, const unsigned char*, int,
-                        unsigned char*, int*, bool, void*, bool) override {
-        return kLibraryMissing;
-    }
-    int veltra_verifySignatureHash(unsigned int, const char*, const unsigned char*, int, const unsigned char*,
-                                   int, const unsigned char*, int, void*, bool) override {
-        return kLibraryMissing;
-    }
-    int veltra_encrypt(EncryptionType, PaddingMode, const unsigned char*, int, unsigned char*, int*,
-                       const unsigned char*, int, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_decrypt(const char*, const unsigned char*, const char*, const unsigned char*, int,
-                       unsigned char**, int*, bool, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_encrypt_aes(const char*, EncryptionType, const unsigned char*, int, const unsigned char*, int,
-                           unsigned char**, int*, bool, const unsigned char*, int, const unsigned char*, int,
-                           void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_decrypt_aes(const char*, const unsigned char*, int, const unsigned char*, int, unsigned char**,
-                           int*, bool, const unsigned char*, int, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_decryptSymetric(const char*, const unsigned char*, int, unsigned char*, int*,
-                               const unsigned char*, int, const unsigned char*, int, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_ecdhDerive(const char*, const unsigned char*, const char*, const unsigned char*, int,
-                          unsigned char**, int*, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_generateRamdomNumber(const char*, int, unsigned char*, bool, void*) override {
-        return kLibraryMissing;
-    }
-    int veltra_initHash(const char*, int, void**, void*) override { return kLibraryMissing; }
-    int veltra_updateHash(void*, const unsigned char*, int, void*) override { return kLibraryMissing; }
-    int veltra_finalHash(void*, unsigned char*, int*, void*) override { return kLibraryMissing; }
-
-private:
-    std::vector<VeltraKeyPair> noKeyPairs_;
-    std::vector<VeltraCertificate> noCertificates_;
-    std::vector<VeltraSymmetricKey> noAesKeys_;
-};
-
 /// The exports of a loaded device library.
 class LoadedDeviceLibrary final : public DeviceLibrary {
 public:
-    /// Binds every export of `module`, which stays loaded until the process ends. Returns the name of the
-    /// first export that is missing, or null when all are there.
-    const char* bind(HMODULE module) {
-        const char* missing = nullptr;
+    /// Binds every export of `module`, which stays loaded until the process ends. Returns the names of those
+    /// that are missing.
+    std::vector<const char*> bind(HMODULE module) {
+        std::vector<const char*> missing;
         const auto bindExport = [&](auto*& function, const char* name) {
-            if (missing != nullptr) return;
             const FARPROC address = GetProcAddress(module, name);
-            if (address == nullptr) missing = name;
+            if (address == nullptr) missing.push_back(name);
             function = std::bit_cast<std::remove_reference_t<decltype(function)>>(address);
         };
         bindExport(init_, "veltra_init");
@@ -294,10 +204,9 @@ private:
 
 constexpr const wchar_t* kLibraryName = L"VeltraDSCLibrary.dll";
 
-// First beside this module, then by the system's search. On failure `error` says why the file beside this
-// module was refused, if there is one, and otherwise why none was found.
-UniqueModule loadDeviceLibraryModule(DWORD& error) {
-    const std::wstring folder = thisModuleFolder();
+// First in the folder, then by the system's search. On failure `error` says why the file in the folder was
+// refused, if there is one, and otherwise why none was found.
+UniqueModule loadDeviceLibraryModule(const std::wstring& folder, DWORD& error) {
     const std::wstring beside = folder + kLibraryName;
     if (!folder.empty() && GetFileAttributesW(beside.c_str()) != INVALID_FILE_ATTRIBUTES) {
         UniqueModule module(LoadLibraryExW(beside.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
@@ -310,30 +219,39 @@ UniqueModule loadDeviceLibraryModule(DWORD& error) {
 }
 
 // The library stays loaded and its binding is never destroyed: the monitor thread may be in it at any time.
-DeviceLibrary* bindDeviceLibrary() {
+DeviceLibrary* bindForThisProcess() {
     const LastErrorKeeper keeper;
-    DWORD error = ERROR_SUCCESS;
-    UniqueModule module = loadDeviceLibraryModule(error);
-    if (!module) {
-        Utils::error(concat("VeltraDSCLibrary.dll cannot be loaded, error=", error));
-        return new MissingDeviceLibrary;
+    DeviceLibraryBinding binding = bindDeviceLibrary(thisModuleFolder());
+    if (binding.library) return binding.library.release();
+    if (!binding.missingExports.empty()) {
+        Utils::error(concat("VeltraDSCLibrary.dll lacks the export ", binding.missingExports.front()));
+    } else {
+        Utils::error(concat("VeltraDSCLibrary.dll cannot be loaded, error=", binding.error));
     }
-    auto library = std::make_unique<LoadedDeviceLibrary>();
-    if (const char* missing = library->bind(module.get())) {
-        Utils::error(concat("VeltraDSCLibrary.dll lacks the export ", missing));
-        return new MissingDeviceLibrary;
-    }
-    static_cast<void>(module.release());
-    return library.release();
+    return new MissingDeviceLibrary;
 }
 
 std::atomic<DeviceLibrary*> substitute{nullptr};
 
 } // namespace
 
+DeviceLibraryBinding bindDeviceLibrary(const std::wstring& folder) {
+    DeviceLibraryBinding binding;
+    UniqueModule module = loadDeviceLibraryModule(folder, binding.error);
+    if (!module) return binding;
+    binding.file = moduleFile(module.get());
+    auto library = std::make_unique<LoadedDeviceLibrary>();
+    binding.missingExports = library->bind(module.get());
+    if (binding.missingExports.empty()) {
+        binding.library = std::move(library);
+        static_cast<void>(module.release());
+    }
+    return binding;
+}
+
 DeviceLibrary& deviceLibrary() {
     if (DeviceLibrary* library = substitute) return *library;
-    static DeviceLibrary* const bound = bindDeviceLibrary();
+    static DeviceLibrary* const bound = bindForThisProcess();
     return *bound;
 }
 

@@ -3,10 +3,17 @@
 #include "foundation/text.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
 namespace veltra {
+
+/// Where the log's setting is, under HKEY_LOCAL_MACHINE, and the file extension of the log's files.
+inline constexpr const char* kLogSettingsKey = R"(Software\Quenmark\Veltra)";
+inline constexpr const char* kLogLevelValue = "logLevel";
+inline constexpr const char* kLogFileExtension = ".LOG";
 
 /// The log: one text file per process name and day, "<temporary folder>/Quenmark/<process>/<date>.LOG".
 ///
@@ -19,8 +26,9 @@ namespace veltra {
 ///   missing  error lines
 ///
 /// Thread safety: any thread, any process; every line is one append to a file opened with full sharing, and
-/// no lock is taken. Nothing that fails in debug and error reaches the caller, and they keep the caller's
-/// last error. The file-system helpers below are what they use.
+/// no lock is taken where the system makes that one step (all but Wine, where a turn is waited for briefly).
+/// Nothing that fails in debug and error reaches the caller, and they keep the caller's last error. The
+/// file-system helpers below are what they use.
 class Utils {
 public:
     /// Writes a debug line if "logLevel" is exactly 3. Takes the message over and leaves it empty.
@@ -28,12 +36,13 @@ public:
 
     static void debug(const char* message) noexcept;
 
-    /// The same for a line put together of several parts. Without memory the line is lost, never what the
-    /// caller has done: it may have handed out its result.
+    /// The same for a line of several parts, which are put together only if it is written. Without memory the
+    /// line is lost, never what the caller has done: it may have handed out its result.
     template <class First, class Second, class... Rest>
     static void debug(const First& first, const Second& second, const Rest&... rest) noexcept {
+        if (!isDebugWanted()) return;
         try {
-            debug(concat(first, second, rest...));
+            writeDebug(concat(first, second, rest...));
         } catch (...) {
             return;
         }
@@ -57,6 +66,12 @@ public:
         }
     }
 
+    /// The setting as it is read for every line; nothing when it is missing.
+    static std::optional<std::uint32_t> getLogLevel() noexcept;
+
+    /// The folder that holds one folder per process name, ending in "/". May throw std::bad_alloc.
+    static std::string getLogRootPath();
+
     /// Fills `buffer` with the temporary folder of the current user, if that is a folder. 0 on success;
     /// -1 on failure, and the buffer is empty.
     static int getLogBaseFolderPath(char* buffer, std::size_t size) noexcept;
@@ -73,6 +88,13 @@ public:
 
     /// Creates every folder along `path`, whose steps end in "/". May throw std::bad_alloc.
     static void createFolderPath(const std::string& path);
+
+private:
+    /// Reads "logLevel".
+    static bool isDebugWanted() noexcept;
+
+    /// Writes a debug line whatever the level is.
+    static void writeDebug(const std::string& message) noexcept;
 };
 
 } // namespace veltra

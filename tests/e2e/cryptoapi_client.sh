@@ -85,5 +85,5 @@ for bits in 2048 3072 4096; do
             -in "rsa-$bits-$padding.ours" -out plain || fail "OpenSSL cannot decrypt $padding of $bits bits"
         cmp secret plain || fail "OpenSSL decrypts $padding of $bits bits to something else"
     done
-    veltra delete-container "$unique-$bits" --yes
+    veltra delete-key --container "$unique-$bits" --yes
 done

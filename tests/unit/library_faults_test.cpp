@@ -12,6 +12,7 @@
 #include "token/device_state.h"
 
 #include <algorithm>
+#include <climits>
 
 namespace veltra::test {
 namespace {
@@ -20,7 +21,7 @@ using World = BothFrontEnds;
 
 constexpr DWORD kNoReason = 0xFFFFFFFF;
 BYTE digest[32] = {0x55};
-BYTE pinText[] = "1234";
+BYTE pinText[] = "PIN-that#no.log@has";
 BYTE oneByte[] = "x";
 
 DWORD csp(BOOL result) {
@@ -433,6 +434,8 @@ protected:
         removeLog();
         takeRawLogLines();
         auto world = std::make_unique<World>(freshName("Faulty"));
+        world->token.pin = reinterpret_cast<const char*>(pinText);
+        storePin(world->token.serial, Pin(world->token.pin));
         scenario.prepare(*world);
         prompt.willType({world->token.pin, world->token.pin}); // the second when the session expires
         library.clearCalls();
@@ -515,6 +518,32 @@ TEST_F(LibraryFaultTest, EveryLibraryCallFailsOnceInEveryWay) {
                 judge(scenario, *world, undisturbed, reply, effect,
                       fault.script.length && isAbout("veltra_signHash veltra_encrypt", function));
             }
+        }
+    }
+}
+
+// At the most verbose level, in no form, whatever the library answers.
+TEST_F(LibraryFaultTest, NoPinIsEverLogged) {
+    const std::string pin = reinterpret_cast<const char*>(pinText);
+    const std::vector<WCHAR> wide = wideText(pin);
+    const std::string kForms[] = {pin,
+                                  toHex({pinText, sizeof pinText - 1}),
+                                  {reinterpret_cast<const char*>(wide.data()), pin.size() * sizeof(WCHAR)}};
+    for (const Scenario& scenario : kScenarios) {
+        int calls = 0;
+        for (int failing = 0; failing <= calls; ++failing) {
+            SCOPED_TRACE(concat(scenario.name, ": call ", failing));
+            setLogLevel(0);
+            const auto world = prepared(scenario);
+            library.scriptCall(failing == 0 ? INT_MAX : failing, {.result = kDeviceSessionExpired});
+            setLogLevel(3);
+            perform(scenario, *world);
+            if (failing == 0) calls = static_cast<int>(library.calls().size());
+            library.clearScripts();
+            const std::string log = readLog();
+            EXPECT_THAT(log, HasSubstr("DEBUG ::=>"));
+            for (const std::string& form : kForms)
+                EXPECT_THAT(log, Not(HasSubstr(form)));
         }
     }
 }
