@@ -36,7 +36,8 @@ public:
     HKEY get() {
         if (HKEY key = key_) return key;
         HKEY opened = nullptr;
-        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kLogSettingsKey, 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS) {
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kLogSettingsKey, 0, KEY_QUERY_VALUE, &opened) !=
+            ERROR_SUCCESS) {
             return nullptr;
         }
         HKEY openedByAnother = nullptr;
