@@ -237,7 +237,9 @@ std::atomic<DeviceLibrary*> substitute{nullptr};
 
 DeviceLibraryBinding bindDeviceLibrary(const std::wstring& folder) {
     DeviceLibraryBinding binding;
-    UniqueModule module = loadDeviceLibraryModule(folder, binding.error);
+    DWORD error = ERROR_SUCCESS; // not everywhere the same type as the binding's
+    UniqueModule module = loadDeviceLibraryModule(folder, error);
+    binding.error = error;
     if (!module) return binding;
     binding.file = moduleFile(module.get());
     auto library = std::make_unique<LoadedDeviceLibrary>();
