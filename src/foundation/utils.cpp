@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kPathCapacity = 1024;
 
-enum Level : std::uint32_t { kLevelException = 1, kLevelError = 2, kLevelDebug = 3 };
+enum Level : std::uint32_t { kLevelError = 2, kLevelDebug = 3 };
 
 std::optional<std::uint32_t> readLogLevel() {
     std::array<unsigned char, 32> data{};
@@ -40,18 +40,8 @@ bool isErrorWanted() {
     return readLogLevel().value_or(kLevelError) >= kLevelError;
 }
 
-// All tags are ten characters wide.
 const char* levelTag(std::uint32_t level) {
-    switch (level) {
-    case kLevelException:
-        return "EXCEP ::=>";
-    case kLevelError:
-        return "ERROR ::=>";
-    case kLevelDebug:
-        return "DEBUG ::=>";
-    default:
-        return "INFO  ::=>";
-    }
+    return level == kLevelError ? "ERROR ::=>" : "DEBUG ::=>";
 }
 
 // Console hosts see these messages; in every other process they go nowhere.

@@ -37,8 +37,11 @@ TEST_F(LoggingTest, EachLevelWritesItsLines) {
     };
     for (const auto& [level, expected] : kRows) {
         SCOPED_TRACE(level);
+        removeLog();
+        takeRawLogLines();
         setLogLevel(level);
         EXPECT_EQ(writeOneOfEach(), expected);
+        EXPECT_EQ(logFiles().empty(), expected.empty()) << "silence does not even make the file";
     }
     removeLogLevel();
     EXPECT_THAT(writeOneOfEach(), ElementsAre(kErrorLine));
@@ -67,43 +70,25 @@ TEST_F(LoggingTest, LevelIsTheFirstWordOfAnyValueTypeUpTo32Bytes) {
     }
 }
 
-TEST_F(LoggingTest, SilentLevelDoesNotEvenCreateTheFile) {
-    removeLog();
-    setLogLevel(1);
-    writeOneOfEach();
-    EXPECT_THAT(logFiles(), IsEmpty());
-}
-
-TEST_F(LoggingTest, LineHasTimeArrowArrowTagAndText) {
+TEST_F(LoggingTest, LineAndFileNameHaveTheirForm) {
+    SYSTEMTIME before{};
+    SYSTEMTIME after{};
+    GetLocalTime(&before);
     Utils::error("CPAcquireContext: \xE2\x80\x94 text");
     Utils::debug("");
+    GetLocalTime(&after);
     auto lines = takeRawLogLines();
+    ASSERT_THAT(lines, SizeIs(2));
+    const auto stamp = [](const SYSTEMTIME& time) {
+        return formatted("%02u/%02u::%02u:%02u", time.wDay, time.wMonth, time.wHour, time.wMinute);
+    };
+    EXPECT_THAT(lines[0].substr(0, 12), testing::AnyOf(stamp(before), stamp(after)));
     for (std::string& line : lines)
         std::replace_if(
             line.begin(), line.end(), [](char letter) { return letter >= '0' && letter <= '9'; }, '9');
     EXPECT_THAT(lines, ElementsAre("99/99::99:99:99:999-> ->ERROR ::=>CPAcquireContext: \xE2\x80\x94 text",
                                    "99/99::99:99:99:999-> ->DEBUG ::=>"));
-}
-
-TEST_F(LoggingTest, TimeStampIsLocalDayBeforeMonth) {
-    SYSTEMTIME before{};
-    GetLocalTime(&before);
-    Utils::error("now");
-    SYSTEMTIME after{};
-    GetLocalTime(&after);
-    const auto lines = takeRawLogLines();
-    ASSERT_THAT(lines, SizeIs(1));
-    const auto stamp = [](const SYSTEMTIME& time) {
-        return formatted("%02u/%02u::%02u:%02u", time.wDay, time.wMonth, time.wHour, time.wMinute);
-    };
-    EXPECT_THAT(lines[0].substr(0, 12), testing::AnyOf(stamp(before), stamp(after)));
-}
-
-TEST_F(LoggingTest, FileIsNamedAfterProcessAndDay) {
-    SYSTEMTIME now{};
-    GetLocalTime(&now);
-    Utils::error("now");
-    const std::string date = formatted("%04u-%02u-%02u", now.wYear, now.wMonth, now.wDay);
+    const std::string date = formatted("%04u-%02u-%02u", before.wYear, before.wMonth, before.wDay);
     EXPECT_THAT(logFiles(), ElementsAre(temporaryFolder() + "Quenmark\\veltra_unit_tests\\" + date + ".LOG"));
     EXPECT_EQ(Utils::getProcessName(), "veltra_unit_tests");
 }
@@ -127,6 +112,11 @@ TEST_F(LoggingTest, WritesWhileAnotherHoldsTheFile) {
     takeLogLines();
     EXPECT_THAT(writeOneOfEach(), ElementsAre(kDebugLine, kErrorLine));
     CloseHandle(other);
+    other = CreateFileA(logFiles().at(0).c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(other, INVALID_HANDLE_VALUE);
+    Utils::error("lost");
+    CloseHandle(other);
+    EXPECT_THAT(takeLogLines(), IsEmpty()) << "lost where nobody else may open it, and no more";
 }
 
 TEST_F(LoggingTest, LinesOfManyThreadsAreWhole) {
