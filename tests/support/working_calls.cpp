@@ -96,6 +96,11 @@ Bytes blob(const Bytes& rest) {
     return joined({{Type, 2, 0, 0}, littleEndian(CALG_AES_128), rest});
 }
 
+/// A KSP* function returns its failure and leaves the last error alone.
+DWORD failureByStatus(DWORD result) {
+    return GetLastError() == kUntouched ? result : kNoReason;
+}
+
 /// An AES key that the token's AES key wraps.
 Bytes wrappedKey() {
     return ScriptedDeviceLibrary::maskOf(joined({{World::kAes}, Bytes(16, 'W')}));
@@ -134,14 +139,15 @@ std::uintptr_t Argument::in(World& w, std::uintptr_t choice, const WCHAR* text) 
     return name == "capacity" ? Output::kCapacity : value;
 }
 
-DWORD failureOf(BOOL result) {
-    if (result) return 0;
+DWORD failureByLastError(DWORD result) {
+    if (result != FALSE) return 0;
     const DWORD reason = GetLastError();
     return reason == 0 || reason == kUntouched ? kNoReason : reason;
 }
 
-DWORD failureOf(SECURITY_STATUS status) {
-    return GetLastError() == kUntouched ? static_cast<DWORD>(status) : kNoReason;
+DWORD WorkingCall::invoke(const Values& values) const {
+    SetLastError(kUntouched);
+    return failureOf(call(values));
 }
 
 std::vector<Argument> WorkingCall::split(const char* words) {
@@ -259,7 +265,7 @@ std::vector<WorkingCall> cngCalls() {
     const Bytes aesBlob = joined({dwords({BCRYPT_KEY_DATA_BLOB_MAGIC, 1, 16}), kBlock, Bytes(30)});
     const Bytes rsaBlob = joined({dwords({BCRYPT_RSAPUBLIC_MAGIC, 2048, 0, 256, 0, 0}), Bytes(256)});
     const Bytes ecBlob = joined({dwords({BCRYPT_ECDSA_PUBLIC_P256_MAGIC, 32}), Bytes(64)});
-    return {
+    std::vector<Call> calls = {
         {"KSPOpenProvider", KSPOpenProvider, "handle text? flags"},
         {"KSPOpenKey", KSPOpenKey, "provider handle text choice flags", kNothing, numbers(0), kWideKeyName},
         {"KSPCreatePersistedKey", KSPCreatePersistedKey, "provider handle text text? choice flags", kNothing,
@@ -334,6 +340,9 @@ std::vector<WorkingCall> cngCalls() {
         Call{"KSPFreeSecret", KSPFreeSecret, "provider? secret?"}.but(Outcome::Spends),
         {"GetKeyStorageInterface", GetKeyStorageInterface, "text? second flags"},
     };
+    for (Call& call : calls)
+        call.failureOf = failureByStatus;
+    return calls;
 }
 
 } // namespace veltra::test

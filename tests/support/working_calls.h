@@ -36,16 +36,8 @@ inline std::uintptr_t addressOf(const void* pointer) {
     return reinterpret_cast<std::uintptr_t>(pointer);
 }
 
-/// Calls a function with arguments of any type, with kUntouched as the last error. 0 or the failure.
+/// Calls a function with arguments of any type; what it returned.
 using Invocation = std::function<DWORD(const Values&)>;
-
-/// What an invocation answers when the last error behind it is not as promised.
-constexpr DWORD kNoReason = 0xFFFFFFFF;
-
-/// The failure of a function with this result: a CP* function tells it by the last error, a KSP* function
-/// leaves that alone.
-DWORD failureOf(BOOL result);
-DWORD failureOf(SECURITY_STATUS status);
 
 template <class Result, class... Parameters, std::size_t... Index>
 Invocation invocation(Result(WINAPI* function)(Parameters...), std::index_sequence<Index...>) {
@@ -57,11 +49,16 @@ Invocation invocation(Result(WINAPI* function)(Parameters...), std::index_sequen
                 return static_cast<Parameter>(value);
             }
         };
-        SetLastError(0xCAFE);
-        return failureOf(
+        return static_cast<DWORD>(
             function(convert(values.at(Index), static_cast<std::add_pointer_t<Parameters>>(nullptr))...));
     };
 }
+
+/// What an invocation answers when the last error behind it is not as promised.
+constexpr DWORD kNoReason = 0xFFFFFFFF;
+
+/// The failure of a CP* function that returned this, which the last error tells; 0 for none.
+DWORD failureByLastError(DWORD result);
 
 /// What becomes of a call and of the objects in it.
 enum class Outcome {
@@ -78,16 +75,19 @@ struct WorkingCall {
         const char* called, Result(WINAPI* function)(Parameters...), const char* words, Bytes bytes = {},
         Values choice = {0}, const WCHAR* wide = L"",
         void (*preparation)(BothFrontEnds&) = [](BothFrontEnds&) {})
-        : name(called), invoke(invocation(function, std::index_sequence_for<Parameters...>())),
+        : name(called), call(invocation(function, std::index_sequence_for<Parameters...>())),
           arguments(split(words)), input(std::move(bytes)), choices(std::move(choice)), text(wide),
           changeWorld(preparation) {}
 
     void prepare(BothFrontEnds& world) const;
+    /// Makes the call with kUntouched as the last error. 0 or the failure.
+    DWORD invoke(const Values& values) const;
     Values valuesIn(BothFrontEnds& world, std::uintptr_t choice) const;
     WorkingCall but(Outcome other) const;
 
     const char* name;
-    Invocation invoke;
+    Invocation call;
+    DWORD (*failureOf)(DWORD result) = failureByLastError;
     std::vector<Argument> arguments;
     Bytes input;
     Values choices;

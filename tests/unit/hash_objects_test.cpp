@@ -421,12 +421,14 @@ TEST_F(HashTest, HmacInfoIsHandedBackAndItsStringsAreNeverUsed) {
 }
 
 TEST_F(HashTest, SecondHmacInfoIsKeyedWithTheOuterPadOfTheFirst) {
-    const HCRYPTHASH hash = createHmac();
-    EXPECT_EQ(setHmacInfo(hash, CALG_SHA_512), accepted());
-    EXPECT_EQ(setHmacInfo(hash, CALG_SHA_256), accepted());
-    // 128 bytes are more than the block of SHA-256: the key is digested on the token first.
-    const Bytes pad = paddedKey(kAlgorithms[3], bytesOf("key"), 0x5C);
-    EXPECT_EQ(hashValue(provider, hash), expectedHmac(kAlgorithms[1], pad, {}));
+    // 128 bytes are the block of SHA-512, and more than that of SHA-256: digested on the token first.
+    for (const std::size_t second : {1u, 3u}) {
+        const HCRYPTHASH hash = createHmac();
+        EXPECT_EQ(setHmacInfo(hash, CALG_SHA_512), accepted());
+        EXPECT_EQ(setHmacInfo(hash, kAlgorithms[second].algId), accepted());
+        const Bytes pad = paddedKey(kAlgorithms[3], bytesOf("key"), 0x5C);
+        EXPECT_EQ(hashValue(provider, hash), expectedHmac(kAlgorithms[second], pad, {}));
+    }
 }
 
 TEST_F(HashTest, HmacDuplicatedBeforeItsValueKeepsTheInnerDigest) {
