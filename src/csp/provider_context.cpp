@@ -18,9 +18,8 @@ constexpr DWORD kVerifyContextBits = CRYPT_VERIFYCONTEXT; // any of the top four
 constexpr std::uint32_t kFixedWord = 4096;
 
 bool holdsKeyNamed(const std::string& serial, const std::string& name) {
-    return std::ranges::any_of(keyPairsOf(serial, nullptr), [&](const VeltraKeyPair& pair) {
-        return equalsIgnoringCase(keyName(pair.keyId), name);
-    });
+    const auto isNamed = [&](const VeltraKeyPair& pair) { return hasKeyNameIgnoringCase(pair.keyId, name); };
+    return !keyPairsOf(serial, nullptr, isNamed).empty();
 }
 
 // The token that holds the key which the container name names, otherwise the first one: key generation will
@@ -37,9 +36,7 @@ std::string serialForContainer(const std::string& containerName) {
 }
 
 void readKeyList(CSP_CONTEXT& context) {
-    for (const VeltraKeyPair& pair : keyPairsOf(context.serial, context.libraryContext)) {
-        context.keyList.push_back(keyName(pair.keyId));
-    }
+    context.keyList = keyNamesOf(context.serial, context.libraryContext);
     if (context.keyList.empty()) Utils::debug("Acquire Context :: Key List is empty");
 }
 
@@ -118,7 +115,7 @@ KeySlot* CSP_CONTEXT::slotOf(DWORD specification) {
 }
 
 bool CSP_CONTEXT::containerMatches(const VeltraKeyPair& pair) const {
-    return keyName.empty() || keyName == veltra::keyName(pair.keyId);
+    return keyName.empty() || hasKeyName(pair.keyId, keyName);
 }
 
 std::shared_ptr<CSP_CONTEXT> usableContext(HCRYPTPROV handle) {

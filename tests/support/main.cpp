@@ -4,5 +4,7 @@
 int main(int argc, char** argv) {
     veltra::test::announceStackToSanitizer();
     testing::InitGoogleMock(&argc, argv);
-    return RUN_ALL_TESTS();
+    const int result = RUN_ALL_TESTS();
+    veltra::test::lookForLeaks();
+    return result;
 }

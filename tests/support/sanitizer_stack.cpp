@@ -15,6 +15,7 @@
 extern "C" {
 void __sanitizer_start_switch_fiber(void** fakeStackSave, const void* bottom, std::size_t size);
 void __sanitizer_finish_switch_fiber(void* fakeStackSave, const void** oldBottom, std::size_t* oldSize);
+void __lsan_do_leak_check();
 }
 #endif
 
@@ -28,6 +29,12 @@ void announceStackToSanitizer() {
     const char* low = *reinterpret_cast<const char* const*>(block + 0x1478);
     __sanitizer_start_switch_fiber(nullptr, low, static_cast<std::size_t>(high - low));
     __sanitizer_finish_switch_fiber(nullptr, nullptr, nullptr);
+#endif
+}
+
+void lookForLeaks() {
+#ifdef __SANITIZE_ADDRESS__
+    __lsan_do_leak_check();
 #endif
 }
 

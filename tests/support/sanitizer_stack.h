@@ -7,4 +7,8 @@ namespace veltra::test {
 /// in a build without AddressSanitizer.
 void announceStackToSanitizer();
 
+/// Looks for leaks now instead of at the end of the process, where Wine's server kills a program that takes more
+/// than a second. Ends the process when there are any. Does nothing in a build without AddressSanitizer.
+void lookForLeaks();
+
 } // namespace veltra::test

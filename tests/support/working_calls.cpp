@@ -9,6 +9,7 @@
 #include "token/device_state.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <sstream>
 
@@ -84,8 +85,10 @@ void addRealCertificate(World& w) {
     record.derLength = length;
 }
 
-const Bytes kNothing, kBlock(16, 'S'), kPin = {'1', '2', '3', '4', 0, 0, 0, 0};
+const Bytes kNothing, kBlock(16, 'S'), kPin = terminated(World::kPin);
 const Values kOneUse = {0};
+/// A structure without content, as long as any that a caller describes a padding or a list with.
+constexpr std::array<std::uintptr_t, 4> kEmptyRecord = {};
 constexpr const char* kKeyName = "11111111111111111111111111111111";
 constexpr const WCHAR* kWideKeyName = L"11111111111111111111111111111111";
 const Bytes kSignature = ScriptedDeviceLibrary::fakeSignature(kKeyTypeRsa2048);
@@ -127,7 +130,8 @@ std::uintptr_t Argument::placeIn(World& w) const {
     if (name == "length" || name == "inOut") return addressOf(&w.out.length);
     if (name == "count") return addressOf(&w.out.count);
     if (name == "handle") return addressOf(&w.out.handle);
-    return name == "second" ? addressOf(&w.out.second) : 0;
+    if (name == "second") return addressOf(&w.out.second);
+    return name == "record" ? addressOf(kEmptyRecord.data()) : 0;
 }
 
 std::uintptr_t Argument::in(World& w, std::uintptr_t choice, const WCHAR* text) const {
@@ -282,12 +286,12 @@ std::vector<WorkingCall> cngCalls() {
          kNothing, kOneUse, L"SmartCardKeyCertificate"},
         {"KSPSetProviderProperty", KSPSetProviderProperty, "provider choice input? size flags", kPin,
          texts(L"HWND Handle", L"SmartCardPin")},
-        {"KSPSetProviderProperty SmartCardPin", KSPSetProviderProperty, "provider text input =8 flags", kPin,
+        {"KSPSetProviderProperty SmartCardPin", KSPSetProviderProperty, "provider text input =20 flags", kPin,
          kOneUse, L"SmartCardPin", forgetStoredPin},
         Call{"KSPSetKeyProperty", KSPSetKeyProperty, "provider cngAesKey choice input? size flags", kPin,
              keyProperties}
             .but(Outcome::NeverServed),
-        {"KSPSetKeyProperty SmartCardPin", KSPSetKeyProperty, "provider cngRsaKey text input =8 flags", kPin,
+        {"KSPSetKeyProperty SmartCardPin", KSPSetKeyProperty, "provider cngRsaKey text input =20 flags", kPin,
          kOneUse, L"SmartCardPin", forgetStoredPin},
         {"KSPSetKeyProperty SmartCardKeyCertificate", KSPSetKeyProperty,
          "provider cngRsaKey text input size flags", kCertificate, kOneUse, L"SmartCardKeyCertificate",
@@ -297,13 +301,13 @@ std::vector<WorkingCall> cngCalls() {
         Call{"KSPFreeProvider", KSPFreeProvider, "provider"}.but(Outcome::Spends),
         Call{"KSPFreeKey", KSPFreeKey, "provider? cngRsaKey?"}.but(Outcome::Spends),
         Call{"KSPFreeBuffer", KSPFreeBuffer, "cngRsaKey?"}.but(Outcome::Spends),
-        {"KSPEncrypt RSA", KSPEncrypt, "provider cngRsaKey input size second? data? capacity length flags=2",
+        {"KSPEncrypt RSA", KSPEncrypt, "provider cngRsaKey input size record? data? capacity length flags=2",
          kBlock},
-        {"KSPEncrypt AES", KSPEncrypt, "provider cngAesKey input size second? data? capacity length flags",
+        {"KSPEncrypt AES", KSPEncrypt, "provider cngAesKey input size record? data? capacity length flags",
          kBlock},
-        {"KSPDecrypt RSA", KSPDecrypt, "provider cngRsaKey input size second? data? capacity length flags",
+        {"KSPDecrypt RSA", KSPDecrypt, "provider cngRsaKey input size record? data? capacity length flags",
          ciphertextOf(kBlock)},
-        {"KSPDecrypt AES", KSPDecrypt, "provider cngAesKey input size second? data? capacity length flags",
+        {"KSPDecrypt AES", KSPDecrypt, "provider cngAesKey input size record? data? capacity length flags",
          kBlock},
         {"KSPIsAlgSupported", KSPIsAlgSupported, "provider? text flags", kNothing, kOneUse, L"RSA"},
         {"KSPEnumAlgorithms", KSPEnumAlgorithms, "provider choice count handle flags", kNothing, numbers(0)},
@@ -335,7 +339,7 @@ std::vector<WorkingCall> cngCalls() {
          forgetStoredPin},
         Call{"KSPNotifyChangeKey", KSPNotifyChangeKey, "provider? handle? flags"}.but(Outcome::NeverServed),
         {"KSPSecretAgreement", KSPSecretAgreement, "provider cngEcKey cngEcKey handle flags"},
-        {"KSPDeriveKey", KSPDeriveKey, "provider? secret text? second? data? capacity length flags", kNothing,
+        {"KSPDeriveKey", KSPDeriveKey, "provider? secret text? record? data? capacity length flags", kNothing,
          kOneUse, L"HASH"},
         Call{"KSPFreeSecret", KSPFreeSecret, "provider? secret?"}.but(Outcome::Spends),
         {"GetKeyStorageInterface", GetKeyStorageInterface, "text? second flags"},

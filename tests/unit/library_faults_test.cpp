@@ -2,6 +2,7 @@
 // are calls that succeed; what they answer and hand out when nothing fails is what they are compared with.
 
 #include "support/allocation_fault.h"
+#include "support/blob_bytes.h"
 #include "support/provider_test.h"
 #include "support/working_calls.h"
 
@@ -9,6 +10,7 @@
 #include "token/device_state.h"
 
 #include <algorithm>
+#include <climits>
 
 namespace veltra::test {
 namespace {
@@ -242,6 +244,32 @@ TEST_F(LibraryFaultTest, EveryLibraryCallFailsOnceInEveryWay) {
                 judge(scenario, *world, undisturbed, reply, effect,
                       fault.script.length && isAbout("veltra_signHash veltra_encrypt", function));
             }
+        }
+    }
+}
+
+// At the most verbose level, in no form, whatever the library answers.
+TEST_F(LibraryFaultTest, NoPinIsEverLogged) {
+    const std::string pin = World::kPin;
+    const std::vector<WCHAR> wide = wideText(pin);
+    const std::string kForms[] = {pin,
+                                  toHex(Bytes(pin.begin(), pin.end())),
+                                  {reinterpret_cast<const char*>(wide.data()), pin.size() * sizeof(WCHAR)}};
+    for (const WorkingCall& scenario : scenarios()) {
+        int calls = 0;
+        for (int failing = 0; failing <= calls; ++failing) {
+            SCOPED_TRACE(concat(scenario.name, ": call ", failing));
+            setLogLevel(0);
+            const auto world = prepared(scenario);
+            library.scriptCall(failing == 0 ? INT_MAX : failing, {.result = kDeviceSessionExpired});
+            setLogLevel(3);
+            perform(scenario, *world);
+            if (failing == 0) calls = static_cast<int>(library.calls().size());
+            library.clearScripts();
+            const std::string log = readLog();
+            EXPECT_THAT(log, HasSubstr("DEBUG ::=>"));
+            for (const std::string& form : kForms)
+                EXPECT_THAT(log, Not(HasSubstr(form)));
         }
     }
 }

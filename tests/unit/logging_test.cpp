@@ -1,10 +1,15 @@
 #include "support/log_file.h"
 #include "support/provider_test.h"
 
+#include "csp/csp_entry_points.h"
 #include "foundation/utils.h"
+#include "foundation/win_handle.h"
+#include "ksp/ksp_entry_points.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <bit>
 
 namespace veltra::test {
 namespace {
@@ -45,6 +50,16 @@ TEST_F(LoggingTest, EachLevelWritesItsLines) {
     }
     removeLogLevel();
     EXPECT_THAT(writeOneOfEach(), ElementsAre(kErrorLine));
+}
+
+// The key is kept open between the lines.
+TEST_F(LoggingTest, LevelIsReadFromTheKeyThatIsThereNow) {
+    for (int round = 0; round < 2; ++round) {
+        RegDeleteKeyA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)");
+        EXPECT_THAT(writeOneOfEach(), ElementsAre(kErrorLine));
+        setLogLevel(3);
+        EXPECT_THAT(writeOneOfEach(), ElementsAre(kDebugLine, kErrorLine));
+    }
 }
 
 TEST_F(LoggingTest, LevelIsTheFirstWordOfAnyValueTypeUpTo32Bytes) {
@@ -119,16 +134,120 @@ TEST_F(LoggingTest, WritesWhileAnotherHoldsTheFile) {
     EXPECT_THAT(takeLogLines(), IsEmpty()) << "lost where nobody else may open it, and no more";
 }
 
-TEST_F(LoggingTest, LinesOfManyThreadsAreWhole) {
-    constexpr int kThreads = 8;
-    constexpr int kLines = 40;
-    const std::string text(50, 'x');
-    runOnThreads(kThreads, [&] {
-        for (int i = 0; i < kLines; ++i)
-            Utils::error(std::string(text));
+/// A link at `path` to a device that takes no byte: a full disk. Wine only, which runs programs of the host.
+void putFullDiskAt(const std::string& path) {
+    using UnixName = char*(CDECL*)(const WCHAR*);
+    const auto unixName =
+        std::bit_cast<UnixName>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "wine_get_unix_file_name"));
+    std::array<WCHAR, MAX_PATH> wide{};
+    MultiByteToWideChar(CP_ACP, 0, path.c_str(), -1, wide.data(), static_cast<int>(wide.size()));
+    std::string command = concat("Z:\\bin\\ln -s /dev/full ", unixName(wide.data()));
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    ASSERT_TRUE(CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                               &startup, &process));
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    // A program of the host cannot be waited for, nor is its link a file that has attributes.
+    UniqueHandle link;
+    for (int i = 0; i < 500 && !link; ++i) {
+        Sleep(10);
+        link = ownFile(CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                   OPEN_EXISTING, 0, nullptr));
+    }
+    EXPECT_TRUE(link);
+}
+
+/// Success and refusal in both front ends: results and last errors.
+std::vector<DWORD> answersOfBothFrontEnds() {
+    std::vector<DWORD> answers;
+    const auto note = [&](auto result) {
+        answers.insert(answers.end(), {static_cast<DWORD>(result), GetLastError()});
+    };
+    std::uintptr_t table = 0;
+    HCRYPTPROV context = 0;
+    NCRYPT_PROV_HANDLE provider = 0;
+    SetLastError(kUntouched);
+    note(
+        CPAcquireContext(&context, nullptr, CRYPT_VERIFYCONTEXT, reinterpret_cast<VTableProvStruc*>(&table)));
+    note(CPGetProvParam(context, 0xFFFF, nullptr, nullptr, 0));
+    note(CPReleaseContext(context, 0));
+    note(KSPOpenProvider(&provider, nullptr, 0));
+    note(KSPFreeProvider(provider));
+    note(KSPFreeProvider(provider));
+    return answers;
+}
+
+TEST_F(LoggingTest, NoFaultOfTheLogReachesTheCaller) {
+    struct Row {
+        const char* name;
+        std::function<void(const std::string& folder, const std::string& file)> arrange;
+    };
+    const Row kRows[] = {
+        {"full disk", [](const auto&, const auto& file) { putFullDiskAt(file); }},
+        {"read-only disk", [](const auto&, const auto&) { SetEnvironmentVariableA("TMP", "Z:\\proc"); }},
+        {"a file in the place of the folder",
+         [](const auto& folder, const auto&) {
+             RemoveDirectoryA(folder.c_str());
+             CloseHandle(CreateFileA(folder.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+         }},
+        {"a folder in the place of the file",
+         [](const auto&, const auto& file) { CreateDirectoryA(file.c_str(), nullptr); }},
+    };
+    const std::vector<DWORD> expected = answersOfBothFrontEnds();
+    const std::string file = logFiles().at(0).substr(temporaryFolder().size());
+    const std::string folder = file.substr(0, file.find_last_of('\\'));
+    const std::string home = temporaryFolder();
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const std::string place = home + freshName("faulty") + "\\";
+        Utils::createFolderPath(place + "/Quenmark/veltra_unit_tests");
+        testing::internal::CaptureStdout();
+        SetEnvironmentVariableA("TMP", place.c_str());
+        row.arrange(place + folder, place + file);
+        const ULONGLONG begin = GetTickCount64();
+        EXPECT_EQ(answersOfBothFrontEnds(), expected);
+        EXPECT_LT(GetTickCount64() - begin, 1000u);
+        EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\nUnable to write log"));
+        SetEnvironmentVariableA("TMP", home.c_str());
+        takeLogLines();
+        EXPECT_THAT(writeOneOfEach(), ElementsAre(kDebugLine, kErrorLine)) << "the next line is written";
+    }
+}
+
+// The log then goes to the root of the drive, where the test leaves nothing behind.
+TEST_F(LoggingTest, NorDoesAMissingTemporaryFolder) {
+    const std::vector<DWORD> expected = answersOfBothFrontEnds();
+    const std::string home = temporaryFolder();
+    const std::string file = logFiles().at(0).substr(home.size());
+    testing::internal::CaptureStdout();
+    SetEnvironmentVariableA("TMP", (home + "missing").c_str());
+    EXPECT_EQ(answersOfBothFrontEnds(), expected);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\nUnable to getLogBaseFolderPath"));
+    SetEnvironmentVariableA("TMP", home.c_str());
+    DeleteFileA(("/" + file).c_str());
+    RemoveDirectoryA("/Quenmark/veltra_unit_tests");
+    RemoveDirectoryA("/Quenmark");
+}
+
+TEST_F(LoggingTest, LevelMayChangeAtAnyTime) {
+    const std::vector<DWORD> expected = answersOfBothFrontEnds();
+    std::atomic<int> number = 0;
+    std::atomic<bool> changing = true;
+    runOnThreads(3, [&] {
+        const bool changes = number++ == 0;
+        for (DWORD round = 0; changes ? changing.load() : round < 50; ++round) {
+            if (!changes) {
+                EXPECT_EQ(answersOfBothFrontEnds(), expected);
+            } else if (round % 7 == 6) {
+                removeLogLevel();
+            } else {
+                setLogLevel(round % 7);
+            }
+        }
+        changing = false;
     });
-    // Under Wine an append is a seek and a write, so that lines of equal length may cover each other.
-    EXPECT_THAT(takeLogLines(), testing::AllOf(SizeIs(testing::Ge(kLines)), testing::Each("ERROR " + text)));
 }
 
 TEST_F(LoggingTest, FolderQuestionsTakeOnlyFoldersForFolders) {

@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <numeric>
 
 namespace veltra::test {
 namespace {
@@ -45,6 +46,7 @@ public:
         return ++asked_ % 5 == 0 ? Pin() : Pin(userOf->pin);
     }
     void tell(const char*) override { takeSharedStateLock(); }
+    int asked() const { return asked_; }
 
 private:
     std::atomic<int> asked_ = 0;
@@ -54,7 +56,7 @@ class ThreadsTest : public ProviderTest {
 protected:
     ThreadsTest() : tokens{&token, &library.addToken(freshName("Token"))} {
         setLogLevel(0);
-        setPinPrompt(&threadPrompt_);
+        setPinPrompt(&threadPrompt);
         for (std::size_t i = 0; i < tokens.size(); ++i) {
             tokens[i]->pin = i == 0 ? "1111" : "2222";
             tokens[i]->remaining = 1'000'000'000;
@@ -98,6 +100,9 @@ protected:
     std::array<std::atomic<int>, kWorkers> signatures = {};
     std::atomic<int> wrongSignatures = 0;
     std::atomic<int> strangers = 0; ///< calls with the PIN or the key of the other token
+    std::atomic<int> generated = 0;
+    std::atomic<int> deleted = 0;
+    ThreadPrompt threadPrompt;
 
 private:
     static constexpr std::array<unsigned char, 2> kIds = {0xA1, 0xB1};
@@ -105,6 +110,8 @@ private:
     // A PIN that the user types for a token is right or wrong; all others must be the token's own.
     void look(const std::string& call) {
         takeSharedStateLock();
+        generated += call.starts_with("veltra_generateKeyPair");
+        deleted += call.starts_with("veltra_deleteKeyPair");
         for (std::size_t i = 0; i < tokens.size(); ++i) {
             const ScriptedToken& other = *tokens[1 - i];
             if (call.find("serial=" + tokens[i]->serial + ",") == std::string::npos) continue;
@@ -179,7 +186,6 @@ private:
         return (seconds != nullptr ? std::strtoul(seconds, nullptr, 10) : 5) * 1000;
     }
 
-    ThreadPrompt threadPrompt_;
     std::array<std::string, 2> names_;
     std::array<std::vector<WCHAR>, 2> wideNames_;
     const ULONGLONG end_ = GetTickCount64() + duration();
@@ -197,6 +203,13 @@ TEST_F(ThreadsTest, TwoTokensBothFrontEnds) {
     EXPECT_EQ(strangers, 0) << "the PIN or key of one token was used on the other";
     for (const auto& count : signatures)
         EXPECT_GT(count, 10);
+    EXPECT_GT(generated, 0);
+    EXPECT_GT(deleted, 0);
+    EXPECT_GT(threadPrompt.asked(), 0);
+    RecordProperty("signatures", std::accumulate(signatures.begin(), signatures.end(), 0));
+    RecordProperty("keys generated", generated);
+    RecordProperty("keys deleted", deleted);
+    RecordProperty("dialogs", threadPrompt.asked());
 }
 
 } // namespace
