@@ -142,7 +142,7 @@ void measureKeyCounts(const Effort& effort, std::size_t mostKeys, Report& report
     for (const auto& [name, run] : paths) {
         std::vector<Operation> operations;
         for (std::size_t i = 0; i < counts.size(); ++i) {
-            operations.push_back([&tokens, &run = run, i] {
+            operations.emplace_back([&tokens, &run = run, i] {
                 tokens[i]->use();
                 run(i);
             });

@@ -60,11 +60,15 @@ needPackages() {
         fail "apt-get could not install: ${missing[*]}"
 }
 
-# Packages that a build of the Windows programs needs, and those to run them.
-buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev libgcrypt-mingw-w64-dev googletest)
+# Packages that a build of the Windows programs needs, that their 32-bit build adds, those to make the installer, and
+# those to run the programs.
+buildPackages=(cmake ninja-build g++-mingw-w64-x86-64-posix libcli11-dev nlohmann-json3-dev
+    libgcrypt-mingw-w64-dev googletest)
+buildX86Packages=(g++-mingw-w64-i686-posix)
+packagingPackages=(wixl msitools jq uuid-runtime git)
 runPackages=(wine64 openssl)
 displayPackages=(xvfb xauth xdotool imagemagick fonts-liberation fonts-wine)
-testPackages=(clang-format g++ wine64-tools libwine-dev curl ca-certificates)
+testPackages=(clang-format g++ wine64-tools libwine-dev curl ca-certificates python3)
 fuzzPackages=(clang-14 libclang-rt-14-dev)
 
 # buildPreset PRESET [TARGET...]: configures where needed and builds, all targets by default.
@@ -165,6 +169,17 @@ startServices() {
     startWineServer
     makeWinePrefix
     bootWine
+}
+
+# The prefixes that tests share out among themselves (tests/support/in-own-prefix): one for each processor.
+testPrefixes() { seq -f "$WINEPREFIX-%g" "$(nproc)"; }
+
+# Ends the Wine servers of those prefixes, which would wait a minute for another program.
+stopTestPrefixes() {
+    local prefix
+    while read -r prefix; do
+        [ ! -d "$prefix" ] || WINEPREFIX=$prefix "$(wineServer)" -k 2>/dev/null || true
+    done < <(testPrefixes)
 }
 
 # The path that a Windows program has to use for a file of this machine.

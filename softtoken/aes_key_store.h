@@ -1,26 +1,22 @@
 #pragma once
 
+#include "record_folder.h"
 #include "token_store.h"
 
 namespace veltra::softtoken {
 
 /// One AES key as it lies on a token.
-struct StoredAesKey {
-    Bytes keyId;                 ///< 16 bytes
+struct StoredAesKey : StoredKey {
     std::uint32_t keyLength = 0; ///< 16, 24 or 32
-    std::uint32_t usage = 0;
-    std::string label;
-    std::uint64_t sequence = 0; ///< grows with each key of the token: the order of import
-    Bytes sealedKey;            ///< canonical "(sealed ..)" expression
 };
 
 /// The AES keys of one token, sealed under its master key. Whoever modifies the store holds the token's lock.
 class AesKeyStore {
 public:
-    explicit AesKeyStore(const TokenFolder& token) : folder_(token.path() / "aes-keys") {}
+    explicit AesKeyStore(const TokenFolder& token);
 
     /// All keys that can be read, in the order of their import; damaged files are reported and left out.
-    [[nodiscard]] std::vector<StoredAesKey> list() const;
+    [[nodiscard]] std::vector<StoredAesKey> list() const { return records_.list(); }
 
     /// Nothing when no key that can be read has this identifier. The identifier may be key material that was
     /// mistaken for one, so it never becomes a file name or a message, and is compared in constant time.
@@ -32,7 +28,7 @@ public:
                                    BytesView masterKey) const;
 
 private:
-    std::filesystem::path folder_;
+    RecordFolder<StoredAesKey> records_;
 };
 
 /// The key itself. Failure::Damaged when it does not authenticate.

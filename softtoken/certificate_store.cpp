@@ -1,36 +1,25 @@
 #include "certificate_store.h"
 
-#include "record_folder.h"
 #include "x509.h"
 
 namespace veltra::softtoken {
 
-namespace fs = std::filesystem;
-
 namespace {
 
-constexpr const char* kExtension = ".certificate";
-
-Expression toExpression(const StoredCertificate& certificate) {
-    return Expression::build("(certificate %S %S %S %S)",
-                             Expression::field("key-id", certificate.keyId).get(),
-                             Expression::field("label", bytesOf(certificate.label)).get(),
-                             Expression::field("sequence", certificate.sequence).get(),
-                             Expression::field("der", certificate.der).get());
+Expression toFields(const StoredCertificate& certificate) {
+    return Expression::field("der", certificate.der);
 }
 
-StoredCertificate fromExpression(const Expression& record) {
+StoredCertificate fromFields(const Expression& record) {
     StoredCertificate certificate;
-    certificate.keyId = record.bytes("key-id");
-    certificate.label = record.text("label");
-    certificate.sequence = record.number("sequence");
     certificate.der = record.bytes("der");
-    if (certificate.keyId.size() != kKeyIdLength || certificate.der.size() > kCertificateCapacity ||
-        certificate.label.size() > kLabelMaxLength) {
-        throw TokenError(Failure::Damaged, "a certificate has impossible fields");
-    }
+    if (certificate.der.size() > kCertificateCapacity)
+        throw TokenError(Failure::Damaged, "a certificate is too long");
     return certificate;
 }
+
+constexpr RecordForm<StoredCertificate> kForm = {"certificate", ".certificate", "Certificate-", toFields,
+                                                 fromFields};
 
 void requireStorable(const std::string& label, BytesView der) {
     if (label.size() > kLabelMaxLength) {
@@ -44,39 +33,25 @@ void requireStorable(const std::string& label, BytesView der) {
 
 } // namespace
 
-std::vector<StoredCertificate> CertificateStore::list() const {
-    return readRecordFolder(folder_, kExtension, "certificate", fromExpression);
-}
-
-std::optional<StoredCertificate> CertificateStore::find(BytesView keyId) const {
-    const std::optional<Expression> record = readRecord(file(keyId), "certificate");
-    if (!record) return std::nullopt;
-    return fromExpression(*record);
-}
+CertificateStore::CertificateStore(const TokenFolder& token)
+    : records_(token.path() / "certificates", kForm) {}
 
 StoredCertificate CertificateStore::put(BytesView keyId, std::string label, BytesView der) const {
     requireStorable(label, der);
     const std::vector<StoredCertificate> all = list();
-    const auto same = std::ranges::find_if(
-        all, [&](const StoredCertificate& it) { return std::ranges::equal(it.der, der); });
+    const auto isSame = [&](const StoredCertificate& it) { return std::ranges::equal(it.der, der); };
     StoredCertificate certificate;
     certificate.der.assign(der.begin(), der.end());
-    if (!keyId.empty()) {
-        certificate.keyId.assign(keyId.begin(), keyId.end());
-    } else {
-        certificate.keyId = same != all.end() ? same->keyId : randomBytes(kKeyIdLength);
+    certificate.keyId.assign(keyId.begin(), keyId.end());
+    if (const auto same = std::ranges::find_if(all, isSame); keyId.empty() && same != all.end())
+        certificate.keyId = same->keyId;
+    records_.introduce(certificate, std::move(label), all);
+    if (const auto replaced = find(certificate.keyId)) certificate.sequence = replaced->sequence;
+    records_.write(certificate, Overwrite::Allowed);
+    for (const StoredCertificate& it : all) {
+        if (isSame(it) && it.keyId != certificate.keyId) records_.remove(it.keyId);
     }
-    certificate.label = label.empty() ? defaultLabel("Certificate-", certificate.keyId) : std::move(label);
-    const std::optional<StoredCertificate> replaced = find(certificate.keyId);
-    certificate.sequence = replaced ? replaced->sequence : nextSequence(all);
-    makeFolder(folder_);
-    writeRecord(file(certificate.keyId), toExpression(certificate), Overwrite::Allowed);
-    if (same != all.end() && same->keyId != certificate.keyId) removeFile(file(same->keyId));
     return certificate;
-}
-
-fs::path CertificateStore::file(BytesView keyId) const {
-    return folder_ / (toHex(keyId) + kExtension);
 }
 
 } // namespace veltra::softtoken

@@ -1,14 +1,12 @@
 #pragma once
 
+#include "record_folder.h"
 #include "token_store.h"
 
 namespace veltra::softtoken {
 
 /// One certificate as it lies on a token.
-struct StoredCertificate {
-    Bytes keyId; ///< 16 bytes: the key pair it belongs to, or random
-    std::string label;
-    std::uint64_t sequence = 0; ///< grows with each certificate of the token: the order of import
+struct StoredCertificate : StoredObject { ///< keyId: the key pair it belongs to, or random
     Bytes der;
 };
 
@@ -16,14 +14,16 @@ struct StoredCertificate {
 /// lock.
 class CertificateStore {
 public:
-    explicit CertificateStore(const TokenFolder& token) : folder_(token.path() / "certificates") {}
+    explicit CertificateStore(const TokenFolder& token);
 
     /// All certificates that can be read, in the order of their import; damaged files are reported and left
     /// out.
-    [[nodiscard]] std::vector<StoredCertificate> list() const;
+    [[nodiscard]] std::vector<StoredCertificate> list() const { return records_.list(); }
 
     /// Nothing when the key has no certificate. Failure::Damaged.
-    [[nodiscard]] std::optional<StoredCertificate> find(BytesView keyId) const;
+    [[nodiscard]] std::optional<StoredCertificate> find(BytesView keyId) const {
+        return records_.find(keyId);
+    }
 
     /// Stores a DER certificate for a key, in the place of the one that the key had. An empty `keyId` means
     /// no key: a random identifier, or the one under which the same certificate is here already. The same
@@ -34,9 +34,7 @@ public:
     [[nodiscard]] StoredCertificate put(BytesView keyId, std::string label, BytesView der) const;
 
 private:
-    [[nodiscard]] std::filesystem::path file(BytesView keyId) const;
-
-    std::filesystem::path folder_;
+    RecordFolder<StoredCertificate> records_;
 };
 
 } // namespace veltra::softtoken

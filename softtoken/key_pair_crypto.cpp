@@ -71,16 +71,6 @@ const KeyKind* findKeyKind(std::uint32_t type) {
     return found == kKeyKinds.end() ? nullptr : found;
 }
 
-Bytes fixedLength(const Bytes& number, std::size_t length) {
-    const auto first =
-        std::find_if(number.begin(), number.end(), [](unsigned char byte) { return byte != 0; });
-    const auto significant = static_cast<std::size_t>(number.end() - first);
-    if (significant > length) throw TokenError(Failure::Crypto, "a number is longer than its field");
-    Bytes result(length);
-    std::copy(first, number.end(), result.end() - static_cast<std::ptrdiff_t>(significant));
-    return result;
-}
-
 GeneratedKeyPair generateKeyPair(const KeyKind& kind) {
     const Expression parameters = kind.isRsa() ? Expression::build("(genkey (rsa (nbits %u)))", kind.bits)
                                                : Expression::build("(genkey (ecc (curve %s)))", kind.curve);

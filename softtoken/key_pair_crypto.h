@@ -3,6 +3,8 @@
 #include "expression.h"
 #include "x509.h"
 
+#include <algorithm>
+
 namespace veltra::softtoken {
 
 /// What a key type code of the contract stands for.
@@ -31,7 +33,15 @@ struct GeneratedKeyPair {
 
 /// `number`, as libgcrypt prints one, in exactly `length` bytes: it puts a zero byte before a set top bit,
 /// and leaves out leading zero bytes. Failure::Crypto when the number is longer.
-Bytes fixedLength(const Bytes& number, std::size_t length);
+template <class Container>
+Container fixedLength(const Container& number, std::size_t length) {
+    const auto first = std::ranges::find_if(number, [](unsigned char byte) { return byte != 0; });
+    const auto significant = static_cast<std::size_t>(number.end() - first);
+    if (significant > length) throw TokenError(Failure::Crypto, "a number is longer than its field");
+    Container result(length);
+    std::copy(first, number.end(), result.end() - static_cast<std::ptrdiff_t>(significant));
+    return result;
+}
 
 GeneratedKeyPair generateKeyPair(const KeyKind& kind);
 

@@ -1,29 +1,25 @@
 #pragma once
 
 #include "key_pair_crypto.h"
+#include "record_folder.h"
 #include "token_store.h"
 
 namespace veltra::softtoken {
 
 /// One key pair as it lies on a token.
-struct StoredKeyPair {
-    Bytes keyId;             ///< 16 bytes
-    std::uint32_t type = 0;  ///< KeyType
-    std::uint32_t usage = 0; ///< KeyUsage
-    std::string label;
-    std::uint64_t sequence = 0; ///< grows with each key of the token: the order of creation
+struct StoredKeyPair : StoredKey {
+    std::uint32_t type = 0; ///< KeyType
     Bytes publicKey;
-    Bytes sealedPrivateKey; ///< canonical "(sealed ..)" expression
 };
 
 /// The key pairs of one token. Private keys are sealed together with the public part they belong to, under
 /// the token's master key. Whoever modifies the store holds the token's lock.
 class KeyStore {
 public:
-    explicit KeyStore(const TokenFolder& token) : folder_(token.path() / "keys") {}
+    explicit KeyStore(const TokenFolder& token);
 
     /// All keys that can be read, in the order of their creation; damaged files are reported and left out.
-    [[nodiscard]] std::vector<StoredKeyPair> list() const;
+    [[nodiscard]] std::vector<StoredKeyPair> list() const { return records_.list(); }
 
     /// Failure::NoSuchKey, Failure::Damaged.
     [[nodiscard]] StoredKeyPair find(BytesView keyId) const;
@@ -37,9 +33,7 @@ public:
     void remove(BytesView keyId) const;
 
 private:
-    [[nodiscard]] std::filesystem::path file(BytesView keyId) const;
-
-    std::filesystem::path folder_;
+    RecordFolder<StoredKeyPair> records_;
 };
 
 /// The canonical "(private-key ..)" expression. Failure::Damaged when it does not authenticate.

@@ -20,6 +20,33 @@ void requirePossiblePin(std::string_view pin) {
     if (!isPossiblePin(pin)) throw TokenError(Failure::BadArgument, "a PIN has 4 to 63 characters");
 }
 
+/// The attempts there are after a right PIN, and the master key sealed under a key derived from the PIN.
+struct StoredPin {
+    std::uint32_t attempts;
+    Bytes salt;
+    std::uint64_t cost;
+    Expression sealed;
+};
+
+std::uint32_t toAttempts(std::uint64_t number) {
+    return static_cast<std::uint32_t>(std::min<std::uint64_t>(number, kMaxAttempts));
+}
+
+StoredPin pinFrom(const Expression& record) {
+    return {toAttempts(record.number("attempts")), record.bytes("salt"), record.number("cost"),
+            record.list("sealed")};
+}
+
+std::uint32_t attemptsFrom(const Expression& record) {
+    return toAttempts(record.number("left"));
+}
+
+StoredPin readPin(const std::filesystem::path& folder) {
+    std::vector<StoredPin> stored = readRecordTwice(folder / "pin", "pin", pinFrom, Copies::First);
+    if (stored.empty()) throw TokenError(Failure::Damaged, (folder / "pin").string() + " is missing");
+    return std::move(stored.front());
+}
+
 } // namespace
 
 void PinVault::create(BytesView tokenId, std::string_view pin, std::uint32_t attempts) const {
@@ -34,61 +61,58 @@ void PinVault::create(BytesView tokenId, std::string_view pin, std::uint32_t att
 }
 
 std::uint32_t PinVault::attemptsLeft() const {
-    const std::optional<Expression> retries = readRecord(folder_ / "retries", "retries");
-    if (!retries) throw TokenError(Failure::Damaged, "the file with the PIN attempts is missing");
-    return static_cast<std::uint32_t>(std::min<std::uint64_t>(retries->number("left"), kMaxAttempts));
+    const std::filesystem::path path = folder_ / "retries";
+    const std::vector<std::uint32_t> left = readRecordTwice(path, "retries", attemptsFrom, Copies::Both);
+    if (left.empty()) throw TokenError(Failure::Damaged, path.string() + " is missing");
+    // A copy that was restored from an older one gives no attempts back.
+    return *std::ranges::min_element(left);
 }
 
 SecureBytes PinVault::open(BytesView tokenId, std::string_view pin) const {
     const std::uint32_t left = attemptsLeft();
     if (left == 0) throw TokenError(Failure::PinLocked, "the PIN is locked");
     if (!isPossiblePin(pin)) throw TokenError(Failure::WrongPin, "a PIN has 4 to 63 characters");
-    const Expression stored = record();
+    const StoredPin stored = readPin(folder_);
     storeAttempts(left - 1);
-    const SecureBytes key = deriveKeyFromPin(pin, stored.bytes("salt"), stored.number("cost"));
+    const SecureBytes key = deriveKeyFromPin(pin, stored.salt, stored.cost);
     SecureBytes masterKey;
     try {
-        masterKey = unseal(key, tokenId, stored);
+        masterKey = unseal(key, tokenId, stored.sealed);
     } catch (const TokenError& error) {
         // The file's checksum holds, so what does not authenticate is the key that the PIN gave.
         if (error.failure() == Failure::Damaged) throw TokenError(Failure::WrongPin, "the PIN is wrong");
         throw;
     }
-    storeAttempts(static_cast<std::uint32_t>(stored.number("attempts")));
+    storeAttempts(stored.attempts);
     return masterKey;
 }
 
 void PinVault::change(BytesView tokenId, std::string_view oldPin, std::string_view newPin) const {
     requirePossiblePin(newPin);
     const SecureBytes masterKey = open(tokenId, oldPin);
-    storeMasterKey(tokenId, newPin, static_cast<std::uint32_t>(record().number("attempts")), masterKey);
+    storeMasterKey(tokenId, newPin, readPin(folder_).attempts, masterKey);
 }
 
 void PinVault::unblock() const {
-    storeAttempts(static_cast<std::uint32_t>(record().number("attempts")));
+    storeAttempts(readPin(folder_).attempts);
 }
 
 void PinVault::storeMasterKey(BytesView tokenId, std::string_view pin, std::uint32_t attempts,
                               BytesView masterKey) const {
     const Bytes salt = randomBytes(kSaltLength);
     const SecureBytes key = deriveKeyFromPin(pin, salt, kScryptCost);
-    writeRecord(folder_ / "pin",
-                Expression::build("(pin %S %S %S %S)", Expression::field("attempts", attempts).get(),
-                                  Expression::field("salt", salt).get(),
-                                  Expression::field("cost", kScryptCost).get(),
-                                  seal(key, tokenId, masterKey).get()),
-                Overwrite::Allowed);
+    writeRecordTwice(folder_ / "pin",
+                     Expression::build("(pin %S %S %S %S)", Expression::field("attempts", attempts).get(),
+                                       Expression::field("salt", salt).get(),
+                                       Expression::field("cost", kScryptCost).get(),
+                                       seal(key, tokenId, masterKey).get()),
+                     "pin", pinFrom);
 }
 
 void PinVault::storeAttempts(std::uint32_t left) const {
-    writeRecord(folder_ / "retries", Expression::build("(retries %S)", Expression::field("left", left).get()),
-                Overwrite::Allowed);
-}
-
-Expression PinVault::record() const {
-    std::optional<Expression> stored = readRecord(folder_ / "pin", "pin");
-    if (!stored) throw TokenError(Failure::Damaged, "the file with the sealed master key is missing");
-    return std::move(*stored);
+    writeRecordTwice(folder_ / "retries",
+                     Expression::build("(retries %S)", Expression::field("left", left).get()), "retries",
+                     attemptsFrom);
 }
 
 } // namespace veltra::softtoken

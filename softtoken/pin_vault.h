@@ -6,8 +6,8 @@
 
 namespace veltra::softtoken {
 
-/// The PIN of one token: the master key sealed under a key derived from it, and the attempts left. Whoever
-/// modifies it holds the token's lock.
+/// The PIN of one token: the master key sealed under a key derived from it, and the attempts left, both
+/// stored twice. Whoever modifies it holds the token's lock.
 class PinVault {
 public:
     /// `tokenFolder` is the folder of the token's files.
@@ -17,7 +17,7 @@ public:
     /// limits.
     void create(BytesView tokenId, std::string_view pin, std::uint32_t attempts) const;
 
-    /// Attempts left; 0: locked. Failure::Damaged.
+    /// Attempts left; 0: locked. The lower of the two numbers that are stored. Failure::Damaged.
     [[nodiscard]] std::uint32_t attemptsLeft() const;
 
     /// The master key. The attempt is counted on disk before the PIN is compared and given back when it is
@@ -35,7 +35,6 @@ private:
     void storeMasterKey(BytesView tokenId, std::string_view pin, std::uint32_t attempts,
                         BytesView masterKey) const;
     void storeAttempts(std::uint32_t left) const;
-    [[nodiscard]] Expression record() const;
 
     std::filesystem::path folder_;
 };

@@ -46,13 +46,22 @@ DWORD retryWhileShared(Operation operation) {
     }
 }
 
+bool isFolder(const fs::path& path) {
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
 /// An open file; a null result leaves the reason in `error`.
 FileHandle openFile(const fs::path& path, DWORD access, DWORD disposition, DWORD& error) {
     HANDLE file = INVALID_HANDLE_VALUE;
     error = retryWhileShared([&] {
         file = CreateFileW(path.c_str(), access, kShareAll, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
                            nullptr);
-        return file != INVALID_HANDLE_VALUE;
+        if (file != INVALID_HANDLE_VALUE) return true;
+        // The system denies access to a folder, as it does to a file in use: waiting does not help here.
+        const DWORD reason = GetLastError();
+        SetLastError(reason == ERROR_ACCESS_DENIED && isFolder(path) ? ERROR_DIRECTORY : reason);
+        return false;
     });
     return error == ERROR_SUCCESS ? FileHandle(file) : FileHandle();
 }
@@ -69,6 +78,7 @@ std::optional<Bytes> readFile(const fs::path& path) {
     const FileHandle file = openFile(path, GENERIC_READ, OPEN_EXISTING, error);
     if (!file) {
         if (isMissing(error)) return std::nullopt;
+        if (error == ERROR_DIRECTORY) throw TokenError(Failure::Damaged, "it is a folder");
         failStorage("cannot open", path, error);
     }
     Bytes content(kLargestRecord + 1);
@@ -105,13 +115,15 @@ Expression openEnvelope(BytesView content, const char* kind) {
 
 } // namespace
 
-std::optional<Expression> readRecord(const fs::path& path, const char* kind) {
-    const std::optional<Bytes> content = readFile(path);
-    if (!content) return std::nullopt;
+bool parseRecord(const fs::path& path, const char* kind,
+                 const std::function<void(const Expression&)>& parse) {
     try {
-        return openEnvelope(*content, kind);
+        const std::optional<Bytes> content = readFile(path);
+        if (content) parse(openEnvelope(*content, kind));
+        return content.has_value();
     } catch (const TokenError& error) {
-        throw TokenError(error.failure(), path.string() + " is damaged (" + error.what() + ")");
+        if (error.failure() != Failure::Damaged) throw;
+        throw TokenError(Failure::Damaged, path.string() + " is damaged (" + error.what() + ")");
     }
 }
 
@@ -123,7 +135,7 @@ void writeRecord(const fs::path& path, const Expression& record, Overwrite overw
     fs::path temporary = path;
     temporary += '.';
     temporary += toHex(randomBytes(8));
-    temporary += ".tmp";
+    temporary += kTemporaryExtension;
     try {
         writeFile(temporary, content);
         movePath(temporary, path, overwrite);
@@ -131,6 +143,29 @@ void writeRecord(const fs::path& path, const Expression& record, Overwrite overw
         DeleteFileW(temporary.c_str());
         throw;
     }
+}
+
+fs::path copyOf(const fs::path& path) {
+    fs::path copy = path;
+    return copy += ".copy";
+}
+
+void writeRecordTwice(const fs::path& path, const Expression& record, const char* kind,
+                      const std::function<void(const Expression&)>& parse) {
+    std::optional<TokenError> damage;
+    bool written = false;
+    for (const fs::path& file : {copyOf(path), path}) {
+        try {
+            parseRecord(file, kind, parse);
+        } catch (const TokenError& error) {
+            report(std::string("one of two copies is not replaced: ") + error.what());
+            damage = error;
+            continue;
+        }
+        writeRecord(file, record, Overwrite::Allowed);
+        written = true;
+    }
+    if (!written) throw TokenError(*damage);
 }
 
 void movePath(const fs::path& from, const fs::path& to, Overwrite overwrite) {
@@ -170,7 +205,7 @@ FileLock::FileLock(const fs::path& path) {
 }
 
 FileLock::~FileLock() {
-    CloseHandle(file_); // the lock goes with it
+    if (file_ != nullptr) CloseHandle(file_); // the lock goes with it
 }
 
 } // namespace veltra::softtoken

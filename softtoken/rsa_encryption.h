@@ -10,9 +10,8 @@ namespace veltra::softtoken {
 Bytes encryptRsa(const RsaPublicKey& key, PaddingMode padding, BytesView message);
 
 /// Decrypts with a canonical "(private-key ..)" expression, for the key with `modulus`. Nobody says which
-/// padding there is: OAEP with each hash is tried, and PKCS#1 v1.5 at the end, because random data passes for
-/// it most easily. Failure::Undecryptable for whatever is wrong, in the same words; a message of no bytes
-/// under PKCS#1 v1.5 counts as wrong, because libgcrypt refuses it.
+/// padding there is: removePadding() finds it. Failure::Undecryptable for whatever is wrong, in the same
+/// words and, as long as the ciphertext has the key's length, after the same work.
 SecureBytes decryptRsa(BytesView privateKey, BytesView modulus, BytesView ciphertext);
 
 } // namespace veltra::softtoken

@@ -84,12 +84,13 @@ struct SharedSession {
 /// The session file, when it is for this token as it is plugged in now; it may have ended.
 std::optional<SharedSession> readShared(const TokenFolder& token, const TokenDescription& description) {
     try {
-        const std::optional<Expression> record = readRecord(token.path() / kSingleSignOnFile, "session");
-        if (!record) return std::nullopt;
-        const std::uint64_t endsAt = record->number("ends-at");
-        SharedSession session{endsAt, sessionTerms(description, endsAt).canonical(),
-                              record->bytes("protected")};
-        if (record->list("terms").canonical() != session.terms) return std::nullopt;
+        std::optional<SharedSession> session =
+            readRecord(token.path() / kSingleSignOnFile, "session", [](const Expression& record) {
+                return SharedSession{record.number("ends-at"), record.list("terms").canonical(),
+                                     record.bytes("protected")};
+            });
+        if (session && session->terms != sessionTerms(description, session->endsAt).canonical())
+            session.reset();
         return session;
     } catch (const TokenError& error) {
         report(std::string("the single sign-on session is ignored: ") + error.what());

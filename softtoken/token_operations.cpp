@@ -30,11 +30,33 @@ OpenToken openToken(std::string_view serial) {
     }
 }
 
+/// A token that nobody else modifies, as it is since then.
+struct LockedToken {
+    FileLock lock;
+    OpenToken token;
+};
+
+LockedToken lockToken(std::string_view serial) {
+    const OpenToken found = openToken(serial); // no lock file for what is not there
+    return {found.folder.lock(), openToken(serial)};
+}
+
+/// Failure::SessionExpired when the token has meanwhile been pulled out or made anew: what a session was
+/// opened for is not written to another token.
+FileLock lockUnchanged(const OpenToken& token) {
+    LockedToken now = lockToken(token.folder.serial());
+    const TokenDescription& description = now.token.description;
+    if (description.tokenId != token.description.tokenId ||
+        description.plugCount != token.description.plugCount) {
+        throw TokenError(Failure::SessionExpired, "the token " + description.serial + " is another one now");
+    }
+    return std::move(now.lock);
+}
+
 UnlockedToken checkPin(const OpenToken& token, std::string_view pin, std::uint32_t& remaining) {
     if (token.description.clockMismatch) {
         throw TokenError(Failure::TimeMismatch, "the clocks of host and token disagree");
     }
-    const FileLock lock = token.folder.lock();
     const PinVault vault(token.folder.path());
     try {
         return {vault.open(token.description.tokenId, pin), pin};
@@ -101,14 +123,15 @@ TokenInfo tokenInfo(std::string_view serial) {
 }
 
 void validatePin(std::string_view serial, std::string_view pin, std::uint32_t& remaining) {
-    const OpenToken token = openToken(serial);
+    const LockedToken locked = lockToken(serial);
+    const OpenToken& token = locked.token;
     ProcessSessions::instance().open(token.folder, token.description, checkPin(token, pin, remaining));
 }
 
 void logIn(std::string_view serial, std::string_view pin, std::uint32_t seconds, std::uint32_t& remaining) {
-    const OpenToken token = openToken(serial);
+    const LockedToken locked = lockToken(serial);
+    const OpenToken& token = locked.token;
     const UnlockedToken unlocked = checkPin(token, pin, remaining);
-    const FileLock lock = token.folder.lock();
     startSingleSignOn(token.folder, token.description, unlocked, seconds);
 }
 
@@ -121,7 +144,7 @@ void generateKeyPair(std::string_view serial, std::string_view pin, VeltraKeyPai
     const OpenToken token = openToken(serial);
     const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
     const GeneratedKeyPair keys = generateKeyPair(kind); // slow, so before the lock
-    const FileLock lock = token.folder.lock();
+    const FileLock lock = lockUnchanged(token);
     record = toRecord(
         KeyStore(token.folder).add(keys, kind, record.usage, labelOf(record.label), unlocked.masterKey()));
 }
@@ -129,7 +152,7 @@ void generateKeyPair(std::string_view serial, std::string_view pin, VeltraKeyPai
 void deleteKeyPair(std::string_view serial, BytesView keyId, std::string_view pin) {
     const OpenToken token = openToken(serial);
     static_cast<void>(requireSession(token.folder, token.description, pin));
-    const FileLock lock = token.folder.lock();
+    const FileLock lock = lockUnchanged(token);
     KeyStore(token.folder).remove(keyId);
 }
 
@@ -138,7 +161,7 @@ void renameKeyPair(std::string_view serial, BytesView keyId, std::string_view pi
         throw TokenError(Failure::BadArgument, "the label is longer than 128 bytes");
     const OpenToken token = openToken(serial);
     static_cast<void>(requireSession(token.folder, token.description, pin));
-    const FileLock lock = token.folder.lock();
+    const FileLock lock = lockUnchanged(token);
     KeyStore(token.folder).rename(keyId, label);
 }
 
@@ -197,7 +220,7 @@ void importAesKey(std::string_view serial, std::string_view pin, VeltraSymmetric
     const BytesView key(record.key, record.keyLength);
     const OpenToken token = openToken(serial);
     const UnlockedToken unlocked = requireSession(token.folder, token.description, pin);
-    const FileLock lock = token.folder.lock();
+    const FileLock lock = lockUnchanged(token);
     VeltraSymmetricKey stored = toRecord(
         AesKeyStore(token.folder).add(key, record.usage, labelOf(record.label), unlocked.masterKey()));
     std::memcpy(stored.key, record.key, sizeof(record.key));
@@ -229,7 +252,7 @@ void importCertificate(std::string_view serial, std::string_view pin, VeltraCert
     }
     const OpenToken token = openToken(serial);
     static_cast<void>(requireSession(token.folder, token.description, pin));
-    const FileLock lock = token.folder.lock();
+    const FileLock lock = lockUnchanged(token);
     const BytesView keyId = isZero(record.keyId) ? BytesView() : BytesView(record.keyId);
     record = toRecord(
         CertificateStore(token.folder).put(keyId, labelOf(record.label), {record.der, record.derLength}));

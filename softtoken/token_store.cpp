@@ -80,15 +80,35 @@ void requireUsableTexts(const TokenDescription& description) {
     }
 }
 
-/// A new name that is never taken for a token's.
-fs::path scratchFolder(const char* prefix) {
-    return homeFolder() / (std::string(prefix) + toHex(randomBytes(8)));
-}
+// Names that are never taken for a token's: of one that is being made, and of those that are being deleted.
+constexpr std::string_view kNewPrefix = ".new-";
+constexpr std::string_view kDeletedPrefix = ".deleted-";
 
 /// Best effort: what is left behind is not taken for a token.
 void removeTree(const fs::path& path) noexcept {
     std::error_code ignored;
     fs::remove_all(path, ignored);
+}
+
+/// Also those that somebody who was killed did not finish with.
+void removeDeletedTokens() {
+    std::error_code ignored;
+    for (const fs::directory_entry& entry : fs::directory_iterator(homeFolder(), ignored)) {
+        if (entry.path().filename().string().starts_with(kDeletedPrefix)) removeTree(entry.path());
+    }
+}
+
+/// Takes away what a writer left behind when it was killed. The caller holds the token's lock, so nobody is
+/// writing.
+void removeTemporaryFiles(const fs::path& token) {
+    std::vector<fs::path> left;
+    std::error_code error;
+    for (fs::recursive_directory_iterator entry(token, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (entry->path().extension() == kTemporaryExtension) left.push_back(entry->path());
+    }
+    for (const fs::path& path : left)
+        fs::remove(path, error);
 }
 
 } // namespace
@@ -113,16 +133,18 @@ FileLock TokenFolder::lock() const {
     std::error_code ignored;
     fs::create_directories(homeFolder(), ignored);
     makeFolder(locks);
-    return FileLock(locks / serial_);
+    FileLock lock(locks / serial_);
+    removeTemporaryFiles(path_);
+    return lock;
 }
 
 TokenDescription TokenFolder::description() const {
-    const std::optional<Expression> record = readRecord(path_ / "token", "token");
-    if (!record) throw TokenError(Failure::NoSuchToken, "there is no token " + serial_);
-    TokenDescription description = fromExpression(*record);
+    std::vector<TokenDescription> found =
+        readRecordTwice(path_ / "token", "token", fromExpression, Copies::First);
     // File names ignore case, serials do not.
-    if (description.serial != serial_) throw TokenError(Failure::NoSuchToken, "there is no token " + serial_);
-    return description;
+    if (found.empty() || found.front().serial != serial_)
+        throw TokenError(Failure::NoSuchToken, "there is no token " + serial_);
+    return std::move(found.front());
 }
 
 TokenDescription TokenFolder::pluggedDescription() const {
@@ -134,7 +156,7 @@ TokenDescription TokenFolder::pluggedDescription() const {
 
 void TokenFolder::saveDescription(const TokenDescription& description) const {
     requireUsableTexts(description);
-    writeRecord(path_ / "token", toExpression(description), Overwrite::Allowed);
+    writeRecordTwice(path_ / "token", toExpression(description), "token", fromExpression);
 }
 
 fs::path homeFolder() {
@@ -173,11 +195,12 @@ void createToken(TokenDescription description, std::string_view pin, std::uint32
         throw TokenError(Failure::AlreadyExists, "there is a token " + token.serial() + " already");
 
     description.tokenId = randomBytes(kTokenIdLength);
-    const fs::path scratch = scratchFolder(".new-");
+    const fs::path scratch = homeFolder() / (std::string(kNewPrefix) + token.serial());
     try {
+        removeTree(scratch);
         makeFolder(scratch);
         makeFolder(scratch / "keys");
-        writeRecord(scratch / "token", toExpression(description), Overwrite::Refused);
+        writeRecordTwice(scratch / "token", toExpression(description), "token", fromExpression);
         PinVault(scratch).create(description.tokenId, pin, attempts);
         movePath(scratch, token.path(), Overwrite::Refused);
     } catch (...) {
@@ -189,9 +212,9 @@ void createToken(TokenDescription description, std::string_view pin, std::uint32
 void deleteToken(const TokenFolder& token) {
     const FileLock lock = token.lock();
     if (!token.exists()) throw TokenError(Failure::NoSuchToken, "there is no token " + token.serial());
-    const fs::path scratch = scratchFolder(".deleted-");
-    movePath(token.path(), scratch, Overwrite::Refused);
-    removeTree(scratch);
+    movePath(token.path(), homeFolder() / (std::string(kDeletedPrefix) + toHex(randomBytes(8))),
+             Overwrite::Refused);
+    removeDeletedTokens();
 }
 
 void setPlugged(const TokenFolder& token, bool plugged) {

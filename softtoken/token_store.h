@@ -36,6 +36,7 @@ struct TokenDescription {
 ///   token          TokenDescription
 ///   pin            the master key, sealed under a key derived from the PIN
 ///   retries        PIN attempts left
+///   *.copy         a second copy of each of these three, without which the token would be lost
 ///   session        the single sign-on session, while there is one
 ///   keys/          one file for each key pair, the private key sealed under the master key
 ///   aes-keys/      one file for each AES key, sealed under the master key
@@ -52,7 +53,8 @@ public:
     [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
     [[nodiscard]] bool exists() const;
 
-    /// Excludes other threads and processes that modify the token.
+    /// Excludes other threads and processes that modify the token. Removes the temporary files of those that
+    /// were killed.
     [[nodiscard]] FileLock lock() const;
 
     /// Failure::NoSuchToken when there is none, Failure::Damaged.
@@ -79,7 +81,8 @@ std::vector<TokenDescription> listTokens();
 /// Failure::AlreadyExists.
 void createToken(TokenDescription description, std::string_view pin, std::uint32_t attempts);
 
-/// Deletes a token with all its keys. Failure::NoSuchToken.
+/// Deletes a token with all its keys, and what is left of others whose deletion was interrupted.
+/// Failure::NoSuchToken.
 void deleteToken(const TokenFolder& token);
 
 /// Unplugging ends the sessions of the token.

@@ -5,14 +5,46 @@
 #include "public_keys.h"
 #include "wide_text.h"
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
+#include <cstdio>
 
 namespace veltra {
 namespace {
 
 constexpr std::size_t kCertificateFileLimit = std::size_t{1024} * 1024;
 
+std::string dayText(const FILETIME& time) {
+    SYSTEMTIME day{};
+    FileTimeToSystemTime(&time, &day);
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%04d-%02d-%02d", day.wYear, day.wMonth, day.wDay);
+    return text.data();
+}
+
+/// Whole days from now to a time, rounded down: below 0 for every time that has passed.
+int daysFromNow(const FILETIME& time) {
+    constexpr std::int64_t kTicksPerDay = 24ll * 60 * 60 * 10'000'000;
+    const auto ticksOf = [](const FILETIME& it) {
+        return static_cast<std::int64_t>(ULARGE_INTEGER{{it.dwLowDateTime, it.dwHighDateTime}}.QuadPart);
+    };
+    FILETIME now{};
+    GetSystemTimeAsFileTime(&now);
+    const std::int64_t difference = ticksOf(time) - ticksOf(now);
+    return static_cast<int>((difference - (difference < 0 ? kTicksPerDay - 1 : 0)) / kTicksPerDay);
+}
+
 } // namespace
+
+std::optional<CertificateFacts> certificateFacts(const std::vector<BYTE>& der) {
+    const UniqueCertificate certificate(
+        CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size())));
+    if (!certificate) return std::nullopt;
+    const CERT_INFO& info = *certificate->pCertInfo;
+    return CertificateFacts{nameText(info.Subject), nameText(info.Issuer),       dayText(info.NotBefore),
+                            dayText(info.NotAfter), daysFromNow(info.NotBefore), daysFromNow(info.NotAfter)};
+}
 
 UniqueCertificate loadCertificate(const std::filesystem::path& path) {
     const std::vector<unsigned char> file = readSmallFile(path, kCertificateFileLimit);
@@ -48,8 +80,8 @@ void requireSameKey(const TokenKey& key, const CERT_CONTEXT& certificate) {
     if (!CertComparePublicKeyInfo(X509_ASN_ENCODING, own.get(),
                                   &certificate.pCertInfo->SubjectPublicKeyInfo)) {
         throw CommandError(
-            "the certificate belongs to another key than the container's; 'veltra certificate' "
-            "makes one for it");
+            "the certificate belongs to another key than the container's; 'veltra create-certificate' makes "
+            "one for it");
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -44,5 +45,18 @@ std::vector<BYTE> encodeName(const std::wstring& name);
 
 /// A DER name in the same form.
 std::string nameText(const CERT_NAME_BLOB& name);
+
+/// What a certificate says that a list shows.
+struct CertificateFacts {
+    std::string subject;
+    std::string issuer;
+    std::string notBefore; ///< days as YYYY-MM-DD, in UTC
+    std::string notAfter;
+    int daysUntilValid = 0; ///< not above 0: valid already
+    int daysLeft = 0;       ///< whole days; below 0: expired
+};
+
+/// Nothing when the bytes are no certificate in DER.
+std::optional<CertificateFacts> certificateFacts(const std::vector<BYTE>& der);
 
 } // namespace veltra

@@ -1,4 +1,4 @@
-// veltra certificate: a self-signed certificate for a container's key.
+// veltra create-certificate: a self-signed certificate for a container's key.
 
 #include "commands.h"
 
@@ -7,8 +7,6 @@
 #include "signed_structures.h"
 #include "token_key.h"
 #include "wide_text.h"
-
-#include <iostream>
 
 namespace veltra {
 namespace {
@@ -49,7 +47,7 @@ UniqueCertificate makeByCng(const ProviderChoice& provider, const CertificateOpt
 
 } // namespace
 
-int createCertificate(const ProviderChoice& provider, const CertificateOptions& options) {
+int createCertificate(const ProviderChoice& provider, const CertificateOptions& options, Output& out) {
     Bytes subject = encodeName(options.subject);
     SYSTEMTIME start{};
     GetSystemTime(&start);
@@ -59,8 +57,10 @@ int createCertificate(const ProviderChoice& provider, const CertificateOptions& 
                                               : makeByCryptoApi(provider, options, subject, start, end);
     require(certificate != nullptr, "could not make the certificate");
     saveCertificate(options.out, *certificate);
-    std::cout << "Certificate of " << nameText(certificate->pCertInfo->Subject) << ", valid for "
-              << options.days << " days: " << toUtf8(options.out.native()) << '\n';
+    const std::string name = nameText(certificate->pCertInfo->Subject);
+    const std::string file = toUtf8(options.out.native());
+    out.result("Certificate of " + name + ", valid for " + std::to_string(options.days) + " days: " + file,
+               {{"subject", name}, {"days", options.days}, {"file", file}});
     return kExitOk;
 }
 

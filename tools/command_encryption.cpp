@@ -9,8 +9,6 @@
 #include "token_key.h"
 #include "wide_text.h"
 
-#include <iostream>
-
 namespace veltra {
 namespace {
 
@@ -30,34 +28,36 @@ Bytes decryptCms(const ProviderChoice& provider, const EncryptionOptions& option
 
 } // namespace
 
-int encryptFile(const ProviderChoice& provider, const EncryptionOptions& options) {
+int encryptFile(const ProviderChoice& provider, const EncryptionOptions& options, Output& out) {
     requireDifferentFiles(options.file, options.out);
     const auto tokens = TokenInterface::open(provider);
     const auto key = options.publicKey.empty() ? tokens->openKey(options.container)
                                                : tokens->publicKey(loadPublicKeyInfo(options.publicKey));
     replaceFile(options.out, key->encrypt(options.scheme, readSmallFile(options.file, kLongestRsaData)));
-    std::cout << "Encrypted to "
-              << (options.publicKey.empty() ? "container " + inQuotes(options.container)
-                                            : "the key in " + inQuotes(options.publicKey.native()))
-              << ": " << toUtf8(options.out.native()) << '\n';
+    const std::string file = toUtf8(options.out.native());
+    out.result("Encrypted to " +
+                   (options.publicKey.empty() ? "container " + inQuotes(options.container)
+                                              : "the key in " + inQuotes(options.publicKey.native())) +
+                   ": " + file,
+               {{"file", file}});
     return kExitOk;
 }
 
-int decryptFile(const ProviderChoice& provider, const EncryptionOptions& options) {
+int decryptFile(const ProviderChoice& provider, const EncryptionOptions& options, Output& out) {
     requireDifferentFiles(options.file, options.out);
     Bytes plaintext = options.cms ? decryptCms(provider, options) : decryptRsa(provider, options);
     replaceFile(options.out, plaintext);
     SecureZeroMemory(plaintext.data(), plaintext.size());
-    std::cout << "Decrypted with container " << inQuotes(options.container) << ": "
-              << toUtf8(options.out.native()) << '\n';
+    const std::string file = toUtf8(options.out.native());
+    out.result("Decrypted with container " + inQuotes(options.container) + ": " + file, {{"file", file}});
     return kExitOk;
 }
 
-int makeRandom(const ProviderChoice& provider, const RandomOptions& options) {
+int makeRandom(const ProviderChoice& provider, const RandomOptions& options, Output& out) {
     const CryptoProvider context = CryptoProvider::openToken(provider);
     std::vector<BYTE> bytes(options.length);
     require(CryptGenRandom(context.handle(), options.length, bytes.data()), "could not make random bytes");
-    writeOrPrint(options.out, bytes);
+    writeOrPrint(options.out, bytes, out);
     return kExitOk;
 }
 

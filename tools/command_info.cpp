@@ -1,4 +1,4 @@
-// veltra info: everything that the provider answers to CryptGetProvParam.
+// veltra show-provider: everything that the provider answers to CryptGetProvParam.
 
 #include "commands.h"
 
@@ -8,8 +8,6 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
-#include <iomanip>
-#include <iostream>
 
 namespace veltra {
 namespace {
@@ -42,9 +40,7 @@ constexpr std::array kParameters = {
     Parameter{PP_CERTCHAIN, "certificate chain", Form::Size},
 };
 
-constexpr int kNameWidth = 22;
-
-std::string valueText(const CryptoProvider& context, const Parameter& parameter) {
+Json valueOf(const CryptoProvider& context, const Parameter& parameter) {
     // The security descriptor is read by the system only for the parts that the flag names.
     const DWORD flags = parameter.code == PP_KEYSET_SEC_DESCR ? DACL_SECURITY_INFORMATION : 0;
     DWORD length = 0;
@@ -60,26 +56,26 @@ std::string valueText(const CryptoProvider& context, const Parameter& parameter)
     }
     if (parameter.form == Form::Text) {
         const auto* text = reinterpret_cast<const char*>(data.data());
-        return {text, strnlen(text, data.size())};
+        return std::string(text, strnlen(text, data.size()));
     }
     DWORD value = 0;
     std::memcpy(&value, data.data(), std::min(data.size(), sizeof value));
     if (parameter.form == Form::Number) {
-        return std::to_string(value);
+        return value;
     }
     std::array<char, 11> digits{};
     std::snprintf(digits.data(), digits.size(), "0x%08lX", value);
     return digits.data();
 }
 
-template <class Record, class Print>
-void printRecords(const CryptoProvider& context, DWORD parameter, std::string_view title, Print print) {
-    std::cout << title << '\n';
+/// The records of an enumeration, each as `rowOf` makes a row of it.
+template <class Record, class RowOf>
+void addRecords(Table& table, const CryptoProvider& context, DWORD parameter, RowOf rowOf) {
     Record record{};
     DWORD length = sizeof record;
     DWORD flag = CRYPT_FIRST;
     while (CryptGetProvParam(context.handle(), parameter, reinterpret_cast<BYTE*>(&record), &length, flag)) {
-        print(record);
+        table.add(rowOf(record));
         record = {};
         length = sizeof record;
         flag = CRYPT_NEXT;
@@ -87,31 +83,37 @@ void printRecords(const CryptoProvider& context, DWORD parameter, std::string_vi
     require(GetLastError() == ERROR_NO_MORE_ITEMS, "could not list the algorithms");
 }
 
-void printExtended(const PROV_ENUMALGS_EX& record) {
-    std::cout << "  " << std::left << std::setw(kNameWidth) << record.szName << ' ' << record.dwMinLen << ".."
-              << record.dwMaxLen << " bits, usually " << record.dwDefaultLen << ", protocols "
-              << record.dwProtocols << ", " << record.szLongName << '\n';
+void listExtended(const CryptoProvider& context, DWORD parameter, const std::string& key,
+                  std::string_view title, Output& out) {
+    Table table = {{"ALGORITHM", "algorithm"}, {"FROM", "minBits"},        {"TO", "maxBits"},
+                   {"USUAL", "defaultBits"},   {"PROTOCOLS", "protocols"}, {"NAME", "name"}};
+    addRecords<PROV_ENUMALGS_EX>(table, context, parameter,
+                                 [](const PROV_ENUMALGS_EX& record) -> std::vector<Json> {
+                                     return {record.szName,       record.dwMinLen,    record.dwMaxLen,
+                                             record.dwDefaultLen, record.dwProtocols, record.szLongName};
+                                 });
+    out.table(key, table, title);
 }
 
 } // namespace
 
-int showProvider(const ProviderChoice& provider) {
+int showProvider(const ProviderChoice& provider, Output& out) {
     const CryptoProvider context = CryptoProvider::openToken(provider);
+    Table properties = {{"PROPERTY", "property"}, {"VALUE", "value"}};
     for (const Parameter& parameter : kParameters) {
-        std::cout << std::left << std::setw(kNameWidth) << parameter.name << ' '
-                  << valueText(context, parameter) << '\n';
+        properties.add({parameter.name, valueOf(context, parameter)});
     }
-    printRecords<PROV_ENUMALGS>(context, PP_ENUMALGS, "algorithms", [](const PROV_ENUMALGS& record) {
-        std::cout << "  " << std::left << std::setw(kNameWidth) << record.szName << ' ' << record.dwBitLen
-                  << " bits\n";
-    });
-    printRecords<PROV_ENUMALGS_EX>(context, PP_ENUMALGS_EX, "algorithms with their limits", printExtended);
-    printRecords<PROV_ENUMALGS_EX>(context, PP_ENUMEX_SIGNING_PROT, "algorithms for signatures",
-                                   printExtended);
-    std::cout << "containers\n";
-    for (const std::string& name : context.containerNames()) {
-        std::cout << "  " << name << '\n';
-    }
+    out.table("properties", properties);
+
+    Table algorithms = {{"ALGORITHM", "algorithm"}, {"BITS", "bits"}};
+    addRecords<PROV_ENUMALGS>(algorithms, context, PP_ENUMALGS,
+                              [](const PROV_ENUMALGS& record) -> std::vector<Json> {
+                                  return {record.szName, record.dwBitLen};
+                              });
+    out.table("algorithms", algorithms, "algorithms");
+    listExtended(context, PP_ENUMALGS_EX, "algorithmLimits", "algorithms with their limits", out);
+    listExtended(context, PP_ENUMEX_SIGNING_PROT, "signatureAlgorithms", "algorithms for signatures", out);
+    out.names("containers", context.containerNames());
     return kExitOk;
 }
 

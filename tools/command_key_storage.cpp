@@ -1,4 +1,5 @@
-// What only CNG has: key pairs without containers, agree, import, export, register, unregister; and info.
+// What only CNG has: key pairs without containers, derive-key, import-key, export-key, register, unregister;
+// and show-provider.
 
 #include "commands.h"
 
@@ -6,25 +7,18 @@
 #include "files.h"
 #include "key_storage.h"
 #include "public_keys.h"
+#include "terminal.h"
 #include "wide_text.h"
 
 #include <array>
 #include <cstring>
-#include <iomanip>
-#include <iostream>
 
 namespace veltra {
 namespace {
 
 constexpr std::size_t kBlobLimit = 4096;
-constexpr int kNameWidth = 24;
 
-void printKey(std::string_view what, const KeyStorage& storage, const StorageHandle& key) {
-    const KeyDescription description = storage.describe(key);
-    std::cout << what << ' ' << description.algorithm << ' ' << description.bits << " key";
-}
-
-std::string providerProperty(const KeyStorage& storage, const wchar_t* name) {
+Json providerProperty(const KeyStorage& storage, const wchar_t* name) {
     constexpr std::size_t kNumberBytes = sizeof(DWORD);
     std::vector<BYTE> value(256);
     DWORD length = 0;
@@ -39,20 +33,20 @@ std::string providerProperty(const KeyStorage& storage, const wchar_t* name) {
     }
     DWORD number = 0;
     std::memcpy(&number, value.data(), sizeof number);
-    return std::to_string(number);
+    return number;
 }
 
-void printAlgorithms(const KeyStorage& storage) {
+void listAlgorithms(const KeyStorage& storage, Output& out) {
     NCryptAlgorithmName* names = nullptr;
     DWORD count = 0;
     requireStatus(storage.functions().EnumAlgorithms(storage.handle(), 0, &count, &names, 0),
                   "could not list the algorithms");
-    std::cout << "algorithms\n";
+    Table table = {{"ALGORITHM", "algorithm"}, {"CLASS", "class"}, {"OPERATIONS", "operations"}};
     for (const NCryptAlgorithmName& name : std::span(names, count)) {
-        std::cout << "  " << std::left << std::setw(kNameWidth) << toUtf8(name.pszName) << " class "
-                  << name.dwClass << ", operations " << name.dwAlgOperations << '\n';
+        table.add({toUtf8(name.pszName), name.dwClass, name.dwAlgOperations});
     }
     storage.functions().FreeBuffer(names);
+    out.table("algorithms", table, "algorithms");
 }
 
 /// The parameters of a key derivation; the buffers point into the options.
@@ -100,18 +94,19 @@ HRESULT callRegistration(const ProviderChoice& provider, const char* function) {
 
 } // namespace
 
-int generateStorageKey(const ProviderChoice& provider, const StorageKeygenOptions& options) {
+int generateStorageKey(const ProviderChoice& provider, const StorageKeygenOptions& options, Output& out) {
     const KeyStorage storage(provider);
     storage.givePin();
     const bool isRsa = options.algorithm == BCRYPT_RSA_ALGORITHM;
-    const StorageHandle key =
-        storage.generateKey({options.algorithm, isRsa ? options.bits : 0, options.keySpec});
-    printKey("Generated", storage, key);
-    std::cout << ' ' << storage.text(key, NCRYPT_NAME_PROPERTY) << ".\n";
+    const StorageHandle key = [&] {
+        const Progress progress("Generating the key on the token");
+        return storage.generateKey({options.algorithm, isRsa ? options.bits : 0, options.keySpec});
+    }();
+    reportGeneratedKey(storage.describe(key), storage.text(key, NCRYPT_NAME_PROPERTY), {}, out);
     return kExitOk;
 }
 
-int deleteStorageKey(const ProviderChoice& provider, const DeleteContainerOptions& options) {
+int deleteStorageKey(const ProviderChoice& provider, const DeleteKeyOptions& options, Output& out) {
     const KeyStorage storage(provider);
     const StorageHandle key = storage.openKey(options.container);
     const std::string name = storage.text(key, NCRYPT_NAME_PROPERTY);
@@ -122,29 +117,27 @@ int deleteStorageKey(const ProviderChoice& provider, const DeleteContainerOption
     }
     storage.givePin();
     storage.deleteKey(key);
-    std::cout << "Deleted the key " << name << ".\n";
+    out.result("Deleted the key " + name + ".", {{"key", name}});
     return kExitOk;
 }
 
-int showStorageProvider(const ProviderChoice& provider) {
+int showStorageProvider(const ProviderChoice& provider, Output& out) {
     constexpr std::array kProperties = {
         NCRYPT_NAME_PROPERTY,      NCRYPT_IMPL_TYPE_PROPERTY,       NCRYPT_VERSION_PROPERTY,
         NCRYPT_ALGORITHM_PROPERTY, NCRYPT_MAX_NAME_LENGTH_PROPERTY, NCRYPT_SECURITY_DESCR_SUPPORT_PROPERTY,
         NCRYPT_USE_COUNT_PROPERTY};
     const KeyStorage storage(provider);
+    Table table = {{"PROPERTY", "property"}, {"VALUE", "value"}};
     for (const wchar_t* property : kProperties) {
-        std::cout << std::left << std::setw(kNameWidth) << toUtf8(property) << ' '
-                  << providerProperty(storage, property) << '\n';
+        table.add({toUtf8(property), providerProperty(storage, property)});
     }
-    printAlgorithms(storage);
-    std::cout << "keys\n";
-    for (const std::string& name : storage.keyNames()) {
-        std::cout << "  " << name << '\n';
-    }
+    out.table("properties", table);
+    listAlgorithms(storage, out);
+    out.names("keys", storage.keyNames());
     return kExitOk;
 }
 
-int agreeOnKey(const ProviderChoice& provider, const AgreementOptions& options) {
+int deriveKey(const ProviderChoice& provider, const AgreementOptions& options, Output& out) {
     const KeyStorage storage(provider);
     const StorageHandle own = storage.openKey(options.container);
     PublicKeyBlob blob = publicKeyBlob(loadPublicKeyInfo(options.peer), KeyUse::Agree);
@@ -160,12 +153,12 @@ int agreeOnKey(const ProviderChoice& provider, const AgreementOptions& options) 
                                                 static_cast<DWORD>(derived.size()), &length, 0),
                   "could not derive a key");
     derived.resize(length);
-    writeOrPrint(options.out, derived);
+    writeOrPrint(options.out, derived, out);
     SecureZeroMemory(derived.data(), derived.size());
     return kExitOk;
 }
 
-int importKeyBlob(const ProviderChoice& provider, const BlobOptions& options) {
+int importKeyBlob(const ProviderChoice& provider, const BlobOptions& options, Output& out) {
     const KeyStorage storage(provider);
     std::optional<StorageHandle> importKey;
     if (!options.container.empty()) {
@@ -174,12 +167,14 @@ int importKeyBlob(const ProviderChoice& provider, const BlobOptions& options) {
     storage.givePin();
     const StorageHandle key = storage.importKey(options.type, readSmallFile(options.file, kBlobLimit),
                                                 importKey ? &*importKey : nullptr);
-    printKey("Imported", storage, key);
-    std::cout << ": " << toUtf8(options.file.native()) << '\n';
+    const KeyDescription description = storage.describe(key);
+    const std::string file = toUtf8(options.file.native());
+    out.result("Imported " + description.algorithm + " " + std::to_string(description.bits) + " key: " + file,
+               {{"algorithm", description.algorithm}, {"bits", description.bits}, {"file", file}});
     return kExitOk;
 }
 
-int exportKeyBlob(const ProviderChoice& provider, const BlobOptions& options) {
+int exportKeyBlob(const ProviderChoice& provider, const BlobOptions& options, Output& out) {
     const KeyStorage storage(provider);
     const StorageHandle key = storage.openKey(options.container);
     if (options.type == L"PEM") {
@@ -187,21 +182,21 @@ int exportKeyBlob(const ProviderChoice& provider, const BlobOptions& options) {
     } else {
         replaceFile(options.file, storage.exportKey(key, options.type));
     }
-    std::cout << "Public key of " << inQuotes(options.container) << ": " << toUtf8(options.file.native())
-              << '\n';
+    const std::string file = toUtf8(options.file.native());
+    out.result("Public key of " + inQuotes(options.container) + ": " + file, {{"file", file}});
     return kExitOk;
 }
 
-int registerKeyStorage(const ProviderChoice& provider) {
+int registerKeyStorage(const ProviderChoice& provider, Output& out) {
     requireStatus(callRegistration(provider, "DllRegisterServer"), "the provider could not register itself");
-    std::cout << "Registered the key storage provider.\n";
+    out.result("Registered the key storage provider.", {{"provider", toUtf8(provider.name)}});
     return kExitOk;
 }
 
-int unregisterKeyStorage(const ProviderChoice& provider) {
+int unregisterKeyStorage(const ProviderChoice& provider, Output& out) {
     requireStatus(callRegistration(provider, "DllUnregisterServer"),
                   "the provider could not unregister itself");
-    std::cout << "Unregistered the key storage provider.\n";
+    out.result("Unregistered the key storage provider.", {{"provider", toUtf8(provider.name)}});
     return kExitOk;
 }
 

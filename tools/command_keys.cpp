@@ -1,14 +1,13 @@
-// veltra keys, keygen, delete-container: containers and the keys behind them.
+// veltra list-keys, generate-key, delete-key: containers and the keys behind them.
 
 #include "commands.h"
 
 #include "container_map.h"
 #include "error_text.h"
+#include "terminal.h"
 #include "token_key.h"
 #include "wide_text.h"
 
-#include <iomanip>
-#include <iostream>
 #include <optional>
 
 namespace veltra {
@@ -19,15 +18,29 @@ std::optional<KeyDescription> describeKey(const TokenInterface& tokens, const st
     return key ? std::optional(key->describe()) : std::nullopt;
 }
 
-void printKeyRow(std::string_view container, std::string_view algorithm, std::string_view bits,
-                 std::string_view usage, std::string_view keyId) {
-    std::cout << std::left << std::setw(24) << container << ' ' << std::setw(9) << algorithm << ' '
-              << std::setw(5) << bits << ' ' << std::setw(8) << usage << ' ' << keyId << '\n';
+/// A row of the list; `key` is nothing when no connected token has it.
+void addKeyRow(Table& table, const Json& container, const std::optional<KeyDescription>& key,
+               const std::string& keyId) {
+    if (key) {
+        table.add({container, key->algorithm, key->bits, key->usage, keyId, nullptr});
+    } else {
+        table.add({container, nullptr, nullptr, nullptr, keyId, "not on a connected token"});
+    }
 }
 
 } // namespace
 
-int listKeys(const ProviderChoice& provider) {
+void reportGeneratedKey(const KeyDescription& key, const std::string& keyId, const std::string& container,
+                        Output& out) {
+    out.result("Generated " + key.algorithm + " " + std::to_string(key.bits) + " key " + keyId +
+                   (container.empty() ? "" : " in container '" + container + "'") + ".",
+               {{"key", keyId},
+                {"container", container.empty() ? Json() : Json(container)},
+                {"algorithm", key.algorithm},
+                {"bits", key.bits}});
+}
+
+int listKeys(const ProviderChoice& provider, Output& out) {
     const std::vector<Container> containers = readContainerMap();
     // The keys that no container of this user stands for are reached by their identifiers, which the provider
     // tells for the first token only.
@@ -38,53 +51,54 @@ int listKeys(const ProviderChoice& provider) {
             std::erase(others, toUtf8(keyId));
         }
     }
-    if (containers.empty() && others.empty()) {
-        std::cout << "No containers yet; 'veltra keygen' makes one.\n";
-        return kExitOk;
-    }
-    printKeyRow("CONTAINER", "ALGORITHM", "BITS", "USAGE", "KEY");
+    Table table = {{"CONTAINER", "container"},
+                   {"ALGORITHM", "algorithm"},
+                   {"BITS", "bits"},
+                   {"USAGE", "usage"},
+                   {"KEY", "key"},
+                   {"NOTE", "note"}};
     for (const Container& container : containers) {
         for (const std::wstring& keyId : container.keyIds) {
-            const std::optional<KeyDescription> key = describeKey(*tokens, keyId);
-            printKeyRow(toUtf8(container.name), key ? key->algorithm : "-",
-                        key ? std::to_string(key->bits) : "-", key ? key->usage : "-",
-                        toUtf8(keyId) + (key ? "" : " (not on a connected token)"));
+            addKeyRow(table, toUtf8(container.name), describeKey(*tokens, keyId), toUtf8(keyId));
         }
     }
     for (const std::string& keyId : others) {
         if (const std::optional<KeyDescription> key = describeKey(*tokens, toWide(keyId))) {
-            printKeyRow("-", key->algorithm, std::to_string(key->bits), key->usage, keyId);
+            addKeyRow(table, nullptr, key, keyId);
         }
     }
+    out.table("keys", table, {}, "No containers yet; 'veltra generate-key' makes one.");
     return kExitOk;
 }
 
-int generateKey(const ProviderChoice& provider, const KeygenOptions& options) {
+int generateKey(const ProviderChoice& provider, const KeygenOptions& options, Output& out) {
     // The provider would add the key to the container, where nothing could reach it: opening a container
     // always gives its first key.
     if (const Container existing = findContainer(options.container); !existing.keyIds.empty()) {
         throw CommandError("the container " + inQuotes(existing.name) + " already has the key " +
                            toUtf8(existing.keyIds.front()) +
-                           "; choose another name or delete it with 'veltra delete-container'");
+                           "; choose another name or delete it with 'veltra delete-key'");
     }
     const CryptoProvider context = CryptoProvider::openForUse(provider, options.container, CRYPT_NEWKEYSET);
-    const CryptoKey key = context.generateKey(options.keySpec, options.bits);
+    const CryptoKey key = [&] {
+        const Progress progress("Generating the key on the token");
+        return context.generateKey(options.keySpec, options.bits);
+    }();
     const KeyDescription description = CryptoProvider::describe(key);
     const Container container = findContainer(options.container);
     if (container.keyIds.empty()) {
         throw CommandError("the key was generated, but the container " + inQuotes(options.container) +
                            " could not be written to the registry");
     }
-    std::cout << "Generated " << description.algorithm << ' ' << description.bits << " key "
-              << toUtf8(container.keyIds.front()) << " in container " << inQuotes(options.container) << ".\n";
+    reportGeneratedKey(description, toUtf8(container.keyIds.front()), toUtf8(options.container), out);
     return kExitOk;
 }
 
-int deleteContainer(const ProviderChoice& provider, const DeleteContainerOptions& options) {
+int deleteContainer(const ProviderChoice& provider, const DeleteKeyOptions& options, Output& out) {
     const Container container = findContainer(options.container);
     if (container.keyIds.empty()) {
         throw CommandError("there is no container " + inQuotes(options.container) +
-                           "; 'veltra keys' lists them");
+                           "; 'veltra list-keys' lists them");
     }
     if (!options.confirmed) {
         throw CommandError("this deletes " + std::to_string(container.keyIds.size()) +
@@ -105,7 +119,8 @@ int deleteContainer(const ProviderChoice& provider, const DeleteContainerOptions
                                toUtf8(keyId) + " is still on the token");
         }
     }
-    std::cout << "Deleted container " << inQuotes(container.name) << " and its key(s).\n";
+    out.result("Deleted container " + inQuotes(container.name) + " and its key(s).",
+               {{"container", toUtf8(container.name)}});
     return kExitOk;
 }
 

@@ -1,21 +1,20 @@
-// veltra csp-register, csp-unregister: the registry entries by which CryptoAPI finds a provider.
+// veltra register, unregister: the registry entries by which CryptoAPI finds a provider.
 
 #include "commands.h"
 
 #include "error_text.h"
+#include "installation.h"
 #include "key_storage.h"
 #include "wide_text.h"
 
 #include "foundation/win_handle.h"
 
 #include <array>
-#include <iostream>
 #include <vector>
 
 namespace veltra {
 namespace {
 
-constexpr const wchar_t* kProvidersKey = L"SOFTWARE\\Microsoft\\Cryptography\\Defaults\\Provider\\";
 constexpr std::array kValueNames = {L"Image Path", L"Type", L"Signature"};
 constexpr std::size_t kSignatureBytes = 136;
 
@@ -109,9 +108,9 @@ void removeKeyIfEmpty(const std::wstring& path) {
 
 } // namespace
 
-int registerProvider(const ProviderChoice& provider) {
+int registerProvider(const ProviderChoice& provider, Output& out) {
     const std::filesystem::path dll = providerDll(provider);
-    const std::wstring path = kProvidersKey + provider.name;
+    const std::wstring path = kCryptoApiProviders + provider.name;
     HKEY opened = nullptr;
     requireRegistry(RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
                                     KEY_READ | KEY_WRITE, nullptr, &opened, nullptr),
@@ -127,16 +126,17 @@ int registerProvider(const ProviderChoice& provider) {
         removeKeyIfEmpty(path);
         throw;
     }
-    std::cout << "Registered " << inQuotes(provider.name) << ": " << toUtf8(dll.native()) << '\n';
+    out.result("Registered " + inQuotes(provider.name) + ": " + toUtf8(dll.native()),
+               {{"provider", toUtf8(provider.name)}, {"file", toUtf8(dll.native())}});
     return kExitOk;
 }
 
-int unregisterProvider(const ProviderChoice& provider) {
-    const std::wstring path = kProvidersKey + provider.name;
+int unregisterProvider(const ProviderChoice& provider, Output& out) {
+    const std::wstring path = kCryptoApiProviders + provider.name;
     HKEY opened = nullptr;
     const LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ | KEY_WRITE, &opened);
     if (status == ERROR_FILE_NOT_FOUND) {
-        std::cout << inQuotes(provider.name) << " is not registered.\n";
+        out.result(inQuotes(provider.name) + " is not registered.", {{"provider", toUtf8(provider.name)}});
         return kExitOk;
     }
     requireRegistry(status, "could not open the provider's registry key");
@@ -146,7 +146,7 @@ int unregisterProvider(const ProviderChoice& provider) {
                           {noValue(kValueNames[0]), noValue(kValueNames[1]), noValue(kValueNames[2])});
     }
     removeKeyIfEmpty(path);
-    std::cout << "Unregistered " << inQuotes(provider.name) << ".\n";
+    out.result("Unregistered " + inQuotes(provider.name) + ".", {{"provider", toUtf8(provider.name)}});
     return kExitOk;
 }
 

@@ -10,8 +10,6 @@
 #include "token_key.h"
 #include "wide_text.h"
 
-#include <iostream>
-
 namespace veltra {
 namespace {
 
@@ -83,12 +81,12 @@ Bytes rawSignature(const ProviderChoice& provider, const SignOptions& options) {
 
 } // namespace
 
-int signFile(const ProviderChoice& provider, const SignOptions& options) {
+int signFile(const ProviderChoice& provider, const SignOptions& options, Output& out) {
     requireDifferentFiles(options.file, options.out);
     const Bytes signature = options.raw ? rawSignature(provider, options) : cmsSignature(provider, options);
     replaceFile(options.out, signature);
-    std::cout << "Signed with container " << inQuotes(options.container) << ": "
-              << toUtf8(options.out.native()) << '\n';
+    const std::string file = toUtf8(options.out.native());
+    out.result("Signed with container " + inQuotes(options.container) + ": " + file, {{"file", file}});
     return kExitOk;
 }
 

@@ -1,4 +1,5 @@
-// veltra certs, import-cert, chain: the certificates that a token keeps beside its keys.
+// veltra list-certificates, import-certificate, export-chain: the certificates that a token keeps beside its
+// keys.
 
 #include "commands.h"
 
@@ -10,22 +11,9 @@
 #include "wide_text.h"
 
 #include <algorithm>
-#include <iomanip>
-#include <iostream>
 
 namespace veltra {
 namespace {
-
-void printCertificate(const std::string& container, const std::vector<BYTE>& der) {
-    const UniqueCertificate certificate(
-        CertCreateCertificateContext(X509_ASN_ENCODING, der.data(), static_cast<DWORD>(der.size())));
-    require(certificate != nullptr, "the token's certificate for " + container + " is damaged");
-    SYSTEMTIME end{};
-    FileTimeToSystemTime(&certificate->pCertInfo->NotAfter, &end);
-    std::cout << container << "\n  subject " << nameText(certificate->pCertInfo->Subject) << "\n  issuer  "
-              << nameText(certificate->pCertInfo->Issuer) << "\n  until   " << std::setfill('0') << end.wYear
-              << '-' << std::setw(2) << end.wMonth << '-' << std::setw(2) << end.wDay << '\n';
-}
 
 /// The keys of the first token and those, on whichever token, that a container of this user stands for.
 std::vector<std::string> knownKeys(const TokenInterface& tokens) {
@@ -42,7 +30,12 @@ std::vector<std::string> knownKeys(const TokenInterface& tokens) {
 
 } // namespace
 
-int listCertificates(const ProviderChoice& provider) {
+int listCertificates(const ProviderChoice& provider, Output& out) {
+    Table table = {{"KEY", "key"},
+                   {"SUBJECT", "subject"},
+                   {"ISSUER", "issuer"},
+                   {"UNTIL", "notAfter"},
+                   {"DAYS", "daysLeft"}};
     const auto tokens = TokenInterface::open(provider);
     for (const std::string& name : knownKeys(*tokens)) {
         const auto key = tokens->findKey(toWide(name));
@@ -50,35 +43,40 @@ int listCertificates(const ProviderChoice& provider) {
             continue; // of a token that is not connected
         }
         if (const auto der = key->certificate()) {
-            printCertificate(name, *der);
+            const std::optional<CertificateFacts> facts = certificateFacts(*der);
+            if (!facts) throw CommandError("the token's certificate for " + name + " is damaged");
+            table.add({name, facts->subject, facts->issuer, facts->notAfter, facts->daysLeft});
         } else {
-            std::cout << name << "\n  no certificate\n";
+            table.add({name, nullptr, nullptr, nullptr, nullptr});
         }
     }
+    out.table("certificates", table, {}, "The token has no keys.");
     return kExitOk;
 }
 
-int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options) {
+int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options, Output& out) {
     const UniqueCertificate certificate = loadCertificate(options.file);
     const auto tokens = TokenInterface::open(provider);
     const auto key = tokens->openKeyForUse(options.container);
     // The provider stores what it is given; a certificate of another key would serve nobody.
     requireSameKey(*key, *certificate);
     key->storeCertificate(*certificate);
-    std::cout << "Stored the certificate of " << nameText(certificate->pCertInfo->Subject)
-              << " for container " << inQuotes(options.container) << ".\n";
+    const std::string name = nameText(certificate->pCertInfo->Subject);
+    out.result("Stored the certificate of " + name + " for container " + inQuotes(options.container) + ".",
+               {{"subject", name}});
     return kExitOk;
 }
 
-int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options) {
+int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options, Output& out) {
     const CryptoProvider context = CryptoProvider::open(provider, options.container);
     const std::vector<BYTE> message = askTwice([&](BYTE* data, DWORD* length) {
         require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, data, length, 0),
                 "could not read the certificate chain");
     });
     replaceFile(options.file, message);
-    std::cout << "Certificate chain of container " << inQuotes(options.container) << ": "
-              << toUtf8(options.file.native()) << '\n';
+    const std::string file = toUtf8(options.file.native());
+    out.result("Certificate chain of container " + inQuotes(options.container) + ": " + file,
+               {{"file", file}});
     return kExitOk;
 }
 

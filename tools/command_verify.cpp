@@ -11,7 +11,6 @@
 #include "wide_text.h"
 
 #include <algorithm>
-#include <iostream>
 
 namespace veltra {
 namespace {
@@ -19,8 +18,8 @@ namespace {
 constexpr std::size_t kSignatureFileLimit = std::size_t{16} * 1024 * 1024;
 constexpr std::size_t kSignedFileLimit = std::size_t{1024} * 1024 * 1024;
 
-int reportBadSignature(std::string_view why) {
-    std::cout << "The signature does NOT verify: " << why << '\n';
+int reportBadSignature(const std::string& why, Output& out) {
+    out.result("The signature does NOT verify: " + why, {{"verified", false}, {"reason", why}});
     return kExitBadSignature;
 }
 
@@ -126,12 +125,12 @@ bool digestMatchesContent(HCRYPTMSG message, DWORD index) {
 }
 
 /// Every signer has to verify; with a given certificate, every signer that it belongs to, and at least one.
-int verifyCms(const VerifyOptions& options) {
+int verifyCms(const VerifyOptions& options, Output& out) {
     const UniqueMessage message = decodeMessage(options);
     const UniqueStore store = signerCertificates(message.get(), options.certificate);
     require(store != nullptr, "could not open the certificates of the message");
 
-    std::string signers;
+    std::vector<std::string> signers;
     const DWORD signerCount = messageNumber(message.get(), CMSG_SIGNER_COUNT_PARAM);
     for (DWORD index = 0; index < signerCount; ++index) {
         const UniqueCertificate certificate = signerCertificate(message.get(), index, store.get());
@@ -146,21 +145,26 @@ int verifyCms(const VerifyOptions& options) {
         if (!verdict(CryptMsgControl(message.get(), 0, CMSG_CTRL_VERIFY_SIGNATURE, &signer),
                      "could not check the signature") ||
             !digestMatchesContent(message.get(), index)) {
-            return reportBadSignature("the file or the message was changed, or another key signed.");
+            return reportBadSignature("the file or the message was changed, or another key signed.", out);
         }
-        signers += (signers.empty() ? "" : "; ") + nameText(certificate->pCertInfo->Subject);
+        signers.push_back(nameText(certificate->pCertInfo->Subject));
     }
     if (signers.empty()) {
-        return reportBadSignature("the message has no signer with this certificate.");
+        return reportBadSignature("the message has no signer with this certificate.", out);
     }
-    std::cout << "Good signature by " << signers << ".\n";
+    for (const std::string& signer : signers) {
+        out.say("Good signature by " + printable(signer) + ".");
+    }
     if (options.certificate.empty()) {
-        std::cout << "The certificate came with the message; whether to trust it was not checked.\n";
+        out.say("The certificate came with the message; whether to trust it was not checked.");
     }
+    out.set("verified", true);
+    out.set("signers", signers);
+    out.set("certificateGiven", !options.certificate.empty());
     return kExitOk;
 }
 
-int verifyRaw(const ProviderChoice& provider, const VerifyOptions& options) {
+int verifyRaw(const ProviderChoice& provider, const VerifyOptions& options, Output& out) {
     const auto tokens = TokenInterface::open(provider);
     const std::unique_ptr<TokenKey> key = options.certificate.empty()
                                               ? tokens->openKey(options.container)
@@ -170,16 +174,17 @@ int verifyRaw(const ProviderChoice& provider, const VerifyOptions& options) {
         signature = ecdsaSignatureFromDer(signature, key->describe().bits);
     }
     if (!key->verify(options.scheme, piecesOf(options.file), signature)) {
-        return reportBadSignature("the file or the signature was changed, or another key or hash was used.");
+        return reportBadSignature("the file or the signature was changed, or another key or hash was used.",
+                                  out);
     }
-    std::cout << "Good signature.\n";
+    out.result("Good signature.", {{"verified", true}});
     return kExitOk;
 }
 
 } // namespace
 
-int verifyFile(const ProviderChoice& provider, const VerifyOptions& options) {
-    return options.raw ? verifyRaw(provider, options) : verifyCms(options);
+int verifyFile(const ProviderChoice& provider, const VerifyOptions& options, Output& out) {
+    return options.raw ? verifyRaw(provider, options, out) : verifyCms(options, out);
 }
 
 } // namespace veltra

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "output.h"
 #include "token_key.h"
 
 #include <filesystem>
@@ -7,8 +8,8 @@
 
 namespace veltra {
 
-// One function per command of the program. Each prints its result to the standard output, returns the exit
-// code of the program and throws a CommandError for what it could not do.
+// One function per command of the program. Each tells its result to the output, returns the exit code of the
+// program and throws a CommandError for what it could not do.
 
 struct KeygenOptions {
     std::wstring container;
@@ -16,7 +17,7 @@ struct KeygenOptions {
     DWORD keySpec = AT_SIGNATURE;
 };
 
-struct DeleteContainerOptions {
+struct DeleteKeyOptions {
     std::wstring container;
     bool confirmed = false;
 };
@@ -68,21 +69,21 @@ struct TokenCertificateOptions {
     std::filesystem::path file; ///< the certificate to import, or where the chain goes
 };
 
-int registerProvider(const ProviderChoice& provider);
-int unregisterProvider(const ProviderChoice& provider);
-int listKeys(const ProviderChoice& provider);
-int generateKey(const ProviderChoice& provider, const KeygenOptions& options);
-int deleteContainer(const ProviderChoice& provider, const DeleteContainerOptions& options);
-int createCertificate(const ProviderChoice& provider, const CertificateOptions& options);
-int signFile(const ProviderChoice& provider, const SignOptions& options);
-int verifyFile(const ProviderChoice& provider, const VerifyOptions& options);
-int encryptFile(const ProviderChoice& provider, const EncryptionOptions& options);
-int decryptFile(const ProviderChoice& provider, const EncryptionOptions& options);
-int makeRandom(const ProviderChoice& provider, const RandomOptions& options);
-int listCertificates(const ProviderChoice& provider);
-int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options);
-int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options);
-int showProvider(const ProviderChoice& provider);
+int registerProvider(const ProviderChoice& provider, Output& out);
+int unregisterProvider(const ProviderChoice& provider, Output& out);
+int listKeys(const ProviderChoice& provider, Output& out);
+int generateKey(const ProviderChoice& provider, const KeygenOptions& options, Output& out);
+int deleteContainer(const ProviderChoice& provider, const DeleteKeyOptions& options, Output& out);
+int createCertificate(const ProviderChoice& provider, const CertificateOptions& options, Output& out);
+int signFile(const ProviderChoice& provider, const SignOptions& options, Output& out);
+int verifyFile(const ProviderChoice& provider, const VerifyOptions& options, Output& out);
+int encryptFile(const ProviderChoice& provider, const EncryptionOptions& options, Output& out);
+int decryptFile(const ProviderChoice& provider, const EncryptionOptions& options, Output& out);
+int makeRandom(const ProviderChoice& provider, const RandomOptions& options, Output& out);
+int listCertificates(const ProviderChoice& provider, Output& out);
+int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options, Output& out);
+int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options, Output& out);
+int showProvider(const ProviderChoice& provider, Output& out);
 
 // The commands that only CNG has.
 
@@ -109,13 +110,41 @@ struct BlobOptions {
     std::filesystem::path file;
 };
 
-int generateStorageKey(const ProviderChoice& provider, const StorageKeygenOptions& options);
-int deleteStorageKey(const ProviderChoice& provider, const DeleteContainerOptions& options);
-int showStorageProvider(const ProviderChoice& provider);
-int agreeOnKey(const ProviderChoice& provider, const AgreementOptions& options);
-int importKeyBlob(const ProviderChoice& provider, const BlobOptions& options);
-int exportKeyBlob(const ProviderChoice& provider, const BlobOptions& options);
-int registerKeyStorage(const ProviderChoice& provider);
-int unregisterKeyStorage(const ProviderChoice& provider);
+/// What both ways to generate a key tell; CNG's keys have no container.
+void reportGeneratedKey(const KeyDescription& key, const std::string& keyId, const std::string& container,
+                        Output& out);
+
+int generateStorageKey(const ProviderChoice& provider, const StorageKeygenOptions& options, Output& out);
+int deleteStorageKey(const ProviderChoice& provider, const DeleteKeyOptions& options, Output& out);
+int showStorageProvider(const ProviderChoice& provider, Output& out);
+int deriveKey(const ProviderChoice& provider, const AgreementOptions& options, Output& out);
+int importKeyBlob(const ProviderChoice& provider, const BlobOptions& options, Output& out);
+int exportKeyBlob(const ProviderChoice& provider, const BlobOptions& options, Output& out);
+int registerKeyStorage(const ProviderChoice& provider, Output& out);
+int unregisterKeyStorage(const ProviderChoice& provider, Output& out);
+
+// Finding out what is wrong.
+
+struct DoctorOptions {
+    bool sign = false;
+    std::wstring container; ///< to sign with; empty: the first key that signs
+    int timeoutSeconds = 0; ///< for each part that may hang
+};
+
+struct LogOptions {
+    std::wstring process;  ///< empty: the logs of all programs
+    std::size_t lines = 0; ///< 0: all
+    bool follow = false;
+};
+
+int diagnose(const ProviderChoice& provider, const DoctorOptions& options, Output& out);
+
+/// A part of the examination, in a process of its own; it reports to the one that started it.
+int runProbe(const ProviderChoice& provider, const DoctorOptions& options, const std::string& probe);
+
+int showLogLevel(Output& out);
+int setLogLevel(const std::string& level, Output& out);
+int showLog(const LogOptions& options, Output& out);
+int listLogFiles(const LogOptions& options, Output& out);
 
 } // namespace veltra

@@ -28,30 +28,48 @@ std::vector<std::wstring> splitKeyIds(std::wstring_view text) {
     return keyIds;
 }
 
-/// The `index`th value as a container; nothing past the last. A value that is not usable has no keys.
+bool isKeyId(const std::wstring& text) {
+    constexpr std::size_t kDigits = 32;
+    return text.size() == kDigits && text.find_first_not_of(L"0123456789ABCDEF") == std::wstring::npos;
+}
+
+/// The `index`th value as a container; nothing past the last.
 std::optional<Container> readEntry(HKEY key, DWORD index) {
     std::wstring name(kValueNameCapacity, L'\0');
     std::vector<wchar_t> data(kDataCapacity);
     auto nameLength = static_cast<DWORD>(name.size());
     auto dataBytes = static_cast<DWORD>(data.size() * sizeof(wchar_t));
     DWORD type = REG_NONE;
-    const LSTATUS status = RegEnumValueW(key, index, name.data(), &nameLength, nullptr, &type,
-                                         reinterpret_cast<BYTE*>(data.data()), &dataBytes);
-    if (status == ERROR_NO_MORE_ITEMS) {
+    LSTATUS status = RegEnumValueW(key, index, name.data(), &nameLength, nullptr, &type,
+                                   reinterpret_cast<BYTE*>(data.data()), &dataBytes);
+    const bool isReadable = status == ERROR_SUCCESS && type == REG_SZ;
+    if (status == ERROR_MORE_DATA) {
+        nameLength = static_cast<DWORD>(name.size());
+        status = RegEnumValueW(key, index, name.data(), &nameLength, nullptr, nullptr, nullptr, nullptr);
+    }
+    if (status != ERROR_SUCCESS) {
         return std::nullopt;
     }
-    if (status != ERROR_SUCCESS || type != REG_SZ) {
-        return Container{};
-    }
     name.resize(nameLength);
+    if (!isReadable) {
+        return Container{std::move(name), {}, true};
+    }
     // Registry text need not end in a NUL; what follows one does not belong to it.
     const std::wstring_view text(data.data(), dataBytes / sizeof(wchar_t));
-    return Container{std::move(name), splitKeyIds(text.substr(0, text.find(L'\0')))};
+    Container container{std::move(name), splitKeyIds(text.substr(0, text.find(L'\0')))};
+    container.isDamaged = container.keyIds.empty() || !std::ranges::all_of(container.keyIds, isKeyId);
+    return container;
 }
 
 } // namespace
 
 std::vector<Container> readContainerMap() {
+    std::vector<Container> containers = readWholeContainerMap();
+    std::erase_if(containers, [](const Container& container) { return container.keyIds.empty(); });
+    return containers;
+}
+
+std::vector<Container> readWholeContainerMap() {
     HKEY opened = nullptr;
     const LSTATUS status = RegOpenKeyExW(HKEY_CURRENT_USER, kContainerMapKey, 0, KEY_READ, &opened);
     if (status == ERROR_FILE_NOT_FOUND) {
@@ -62,14 +80,8 @@ std::vector<Container> readContainerMap() {
     }
     const UniqueRegistryKey key(opened);
     std::vector<Container> containers;
-    for (DWORD index = 0;; ++index) {
-        std::optional<Container> container = readEntry(key.get(), index);
-        if (!container) {
-            break;
-        }
-        if (!container->keyIds.empty()) {
-            containers.push_back(std::move(*container));
-        }
+    while (std::optional<Container> container = readEntry(key.get(), static_cast<DWORD>(containers.size()))) {
+        containers.push_back(std::move(*container));
     }
     std::ranges::sort(containers, {}, &Container::name);
     return containers;
@@ -82,7 +94,7 @@ Container findContainer(const std::wstring& name) {
             return std::move(container);
         }
     }
-    return {name, {}};
+    return {name, {}, false};
 }
 
 } // namespace veltra

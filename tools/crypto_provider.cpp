@@ -85,7 +85,7 @@ CryptoProvider CryptoProvider::openForUse(const ProviderChoice& choice, const st
         const auto* text = reinterpret_cast<const BYTE*>(choice.pin->c_str());
         if (!CryptSetProvParam(provider.handle(), PP_SIGNATURE_PIN, text, 0)) {
             const DWORD code = GetLastError();
-            throw CommandError("the token does not accept the PIN", kExitFailed, code);
+            failWithCode(code, "the token does not accept the PIN");
         }
     }
     return provider;

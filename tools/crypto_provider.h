@@ -1,5 +1,7 @@
 #pragma once
 
+#include "pin_source.h"
+
 #include "foundation/windows.h"
 
 #include <filesystem>
@@ -76,7 +78,7 @@ struct ProviderChoice {
     bool cng = false;          ///< through CNG's key storage functions instead of CryptoAPI
     std::filesystem::path dll; ///< the provider's file; empty: VeltraCSP.dll beside this program
     bool silent = false;
-    std::shared_ptr<const std::string> pin; ///< null: the provider asks for the PIN when it needs one
+    SharedPin pin; ///< null: the provider asks for the PIN when it needs one
 };
 
 struct HashAlgorithm {

@@ -2,10 +2,10 @@
 
 #include "wide_text.h"
 
+#include "foundation/text.h"
+
 #include <algorithm>
-#include <iomanip>
 #include <iterator>
-#include <sstream>
 
 namespace veltra {
 namespace {
@@ -29,7 +29,7 @@ constexpr KnownError kKnownErrors[] = {
     {NTE_BAD_UID, "NTE_BAD_UID", "the provider does not know the context"},
     {NTE_BAD_HASH, "NTE_BAD_HASH", "the hash is not valid"},
     {NTE_BAD_KEY, "NTE_BAD_KEY",
-     "no such key on the token, or a key that may not be used for this; 'veltra keys' lists the keys"},
+     "no such key on the token, or a key that may not be used for this; 'veltra list-keys' lists the keys"},
     {NTE_BAD_LEN, "NTE_BAD_LEN", "key or data length not allowed; RSA keys have 2048 bits or more"},
     {NTE_BAD_DATA, "NTE_BAD_DATA", "the data is damaged"},
     {NTE_BAD_SIGNATURE, "NTE_BAD_SIGNATURE", "the signature does not belong to this data and key"},
@@ -40,26 +40,25 @@ constexpr KnownError kKnownErrors[] = {
     {NTE_BAD_TYPE, "NTE_BAD_TYPE", "the provider does not know this kind of parameter"},
     {NTE_BAD_HASH_STATE, "NTE_BAD_HASH_STATE", "the hash is already finished"},
     {NTE_NO_KEY, "NTE_NO_KEY",
-     "the container has no key on the connected token; 'veltra keys' lists the containers and keys"},
+     "the container has no key on the connected token; 'veltra list-keys' lists the containers and keys"},
     {NTE_NO_MEMORY, "NTE_NO_MEMORY", "out of memory"},
     {NTE_EXISTS, "NTE_EXISTS", "it exists already"},
     {NTE_NOT_FOUND, "NTE_NOT_FOUND", "not found on the token"},
     {NTE_BAD_KEYSET, "NTE_BAD_KEYSET", "there is no such container"},
-    {NTE_PROV_TYPE_NOT_DEF, "NTE_PROV_TYPE_NOT_DEF",
-     "the provider is not registered; run 'veltra csp-register'"},
-    {NTE_KEYSET_NOT_DEF, "NTE_KEYSET_NOT_DEF", "the provider is not registered; run 'veltra csp-register'"},
+    {NTE_PROV_TYPE_NOT_DEF, "NTE_PROV_TYPE_NOT_DEF", "the provider is not registered; run 'veltra register'"},
+    {NTE_KEYSET_NOT_DEF, "NTE_KEYSET_NOT_DEF", "the provider is not registered; run 'veltra register'"},
     {NTE_KEYSET_ENTRY_BAD, "NTE_KEYSET_ENTRY_BAD",
-     "the provider's registration is damaged; run 'veltra csp-register' again"},
+     "the provider's registration is damaged; run 'veltra register' again"},
     {NTE_PROV_TYPE_NO_MATCH, "NTE_PROV_TYPE_NO_MATCH",
-     "the provider is registered for another type; run 'veltra csp-register' again"},
+     "the provider is registered for another type; run 'veltra register' again"},
     {NTE_SIGNATURE_FILE_BAD, "NTE_SIGNATURE_FILE_BAD", "the system refuses the provider's file"},
     {NTE_PROVIDER_DLL_FAIL, "NTE_PROVIDER_DLL_FAIL",
-     "the token did not sign, or the provider's file could not be loaded; the log says which"},
+     "the token did not sign, or the provider's file could not be loaded; 'veltra log' says which"},
     {NTE_PROV_DLL_NOT_FOUND, "NTE_PROV_DLL_NOT_FOUND",
-     "the provider's file is not where it was registered; run 'veltra csp-register' again"},
-    {NTE_FAIL, "NTE_FAIL", "the PIN was not verified, or the token failed; the log says which"},
+     "the provider's file is not where it was registered; run 'veltra register' again"},
+    {NTE_FAIL, "NTE_FAIL", "the PIN was not verified, or the token failed; 'veltra log' says which"},
     {NTE_SILENT_CONTEXT, "NTE_SILENT_CONTEXT",
-     "the PIN is needed and --silent forbids to ask for it; leave --silent out"},
+     "the PIN is needed and --silent forbids to ask for it; give it, or leave --silent out"},
     {NTE_TOKEN_KEYSET_STORAGE_FULL, "NTE_TOKEN_KEYSET_STORAGE_FULL",
      "no token is connected, or the token could not make the key; plug the token in"},
     {CRYPT_E_MSG_ERROR, "CRYPT_E_MSG_ERROR", "the platform cannot handle the message"},
@@ -69,9 +68,15 @@ constexpr KnownError kKnownErrors[] = {
     {NTE_INVALID_HANDLE, "NTE_INVALID_HANDLE", "the provider does not know the handle"},
     {NTE_INVALID_PARAMETER, "NTE_INVALID_PARAMETER", "the provider was called with a bad argument"},
     {NTE_BUFFER_TOO_SMALL, "NTE_BUFFER_TOO_SMALL", "the buffer is too small"},
-    {NTE_VALIDATION_FAILED, "NTE_VALIDATION_FAILED", "the token does not accept the PIN"},
-    {NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR", "the token failed; the log says why"},
+    {NTE_VALIDATION_FAILED, "NTE_VALIDATION_FAILED",
+     "the token does not accept the PIN; a few wrong ones lock it"},
+    {NTE_INTERNAL_ERROR, "NTE_INTERNAL_ERROR", "the token failed; 'veltra log' says why"},
 };
+
+const KnownError* findKnown(DWORD code) {
+    const auto* known = std::ranges::find(kKnownErrors, static_cast<LONG>(code), &KnownError::code);
+    return known != std::end(kKnownErrors) ? known : nullptr;
+}
 
 std::string systemText(DWORD code) {
     wchar_t text[512] = {};
@@ -85,16 +90,14 @@ std::string systemText(DWORD code) {
 
 } // namespace
 
+std::string errorCodeText(DWORD code) {
+    const KnownError* known = findKnown(code);
+    return concat("0x", toHex8(code), known != nullptr ? " " : "", known != nullptr ? known->name : "");
+}
+
 std::string describeError(DWORD code) {
-    const auto* known = std::ranges::find(kKnownErrors, static_cast<LONG>(code), &KnownError::code);
-    std::ostringstream text;
-    text << "0x" << std::uppercase << std::hex << std::setw(8) << std::setfill('0') << code;
-    if (known != std::end(kKnownErrors)) {
-        text << ' ' << known->name << ": " << known->advice;
-    } else {
-        text << ": " << systemText(code);
-    }
-    return text.str();
+    const KnownError* known = findKnown(code);
+    return errorCodeText(code) + ": " + (known != nullptr ? std::string(known->advice) : systemText(code));
 }
 
 void failWithCode(DWORD code, std::string_view what) {

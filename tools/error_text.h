@@ -34,6 +34,10 @@ private:
 /// "0x80090023 NTE_TOKEN_KEYSET_STORAGE_FULL: no token is connected; ...".
 std::string describeError(DWORD code);
 
+/// The first two of these: "0x80090023 NTE_TOKEN_KEYSET_STORAGE_FULL"; the number alone for a code without a
+/// name.
+std::string errorCodeText(DWORD code);
+
 /// Throws a CommandError that says what could not be done and why.
 [[noreturn]] void failWithCode(DWORD code, std::string_view what);
 

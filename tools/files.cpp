@@ -3,9 +3,11 @@
 #include "error_text.h"
 #include "wide_text.h"
 
+#include "foundation/text.h"
+
+#include <algorithm>
+#include <cctype>
 #include <fstream>
-#include <iomanip>
-#include <iostream>
 #include <string>
 
 namespace veltra {
@@ -65,16 +67,16 @@ void replaceFile(const std::filesystem::path& path, std::span<const unsigned cha
     }
 }
 
-void writeOrPrint(const std::filesystem::path& path, std::span<const unsigned char> content) {
-    if (!path.empty()) {
+void writeOrPrint(const std::filesystem::path& path, std::span<const unsigned char> content, Output& out) {
+    if (path.empty()) {
+        std::string digits = toHex(content);
+        std::ranges::transform(digits, digits.begin(), // as other programs print digests
+                               [](unsigned char digit) { return static_cast<char>(std::tolower(digit)); });
+        out.result(digits, {{"bytes", digits}});
+    } else {
         replaceFile(path, content);
-        return;
+        out.set("file", toUtf8(path.native()));
     }
-    std::cout << std::hex << std::setfill('0');
-    for (const unsigned char byte : content) {
-        std::cout << std::setw(2) << static_cast<unsigned>(byte);
-    }
-    std::cout << std::dec << '\n';
 }
 
 void requireDifferentFiles(const std::filesystem::path& input, const std::filesystem::path& output) {

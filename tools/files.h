@@ -1,5 +1,7 @@
 #pragma once
 
+#include "output.h"
+
 #include <cstddef>
 #include <filesystem>
 #include <functional>
@@ -18,8 +20,8 @@ void readInPieces(const std::filesystem::path& path,
 /// Writes a file, replacing an existing one only once the new content is complete on disk.
 void replaceFile(const std::filesystem::path& path, std::span<const unsigned char> content);
 
-/// The same, or hexadecimal digits to the standard output when `path` is empty.
-void writeOrPrint(const std::filesystem::path& path, std::span<const unsigned char> content);
+/// The same, or hexadecimal digits to the output when `path` is empty.
+void writeOrPrint(const std::filesystem::path& path, std::span<const unsigned char> content, Output& out);
 
 /// Throws a CommandError when writing `output` would overwrite `input`.
 void requireDifferentFiles(const std::filesystem::path& input, const std::filesystem::path& output);

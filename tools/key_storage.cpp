@@ -16,6 +16,29 @@ struct BufferFreer {
 };
 using ProviderBuffer = std::unique_ptr<void, BufferFreer>;
 
+std::filesystem::path folderOfThisProgram() {
+    std::wstring program(32768, L'\0');
+    program.resize(GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size())));
+    return std::filesystem::path(program).parent_path();
+}
+
+std::filesystem::path systemFolder() {
+    std::wstring folder(MAX_PATH, L'\0');
+    folder.resize(GetSystemDirectoryW(folder.data(), static_cast<UINT>(folder.size())));
+    return folder;
+}
+
+/// Beside this program, as after a build, or where the installation puts it.
+std::filesystem::path defaultDll() {
+    constexpr const wchar_t* kDllName = L"VeltraCSP.dll";
+    const std::filesystem::path beside = folderOfThisProgram() / kDllName;
+    std::error_code error;
+    const std::filesystem::path installed = systemFolder() / kDllName;
+    const bool onlyInstalled = !std::filesystem::is_regular_file(beside, error) &&
+                               std::filesystem::is_regular_file(installed, error);
+    return onlyInstalled ? installed : beside;
+}
+
 } // namespace
 
 void requireStatus(SECURITY_STATUS status, std::string_view what) {
@@ -25,12 +48,7 @@ void requireStatus(SECURITY_STATUS status, std::string_view what) {
 }
 
 std::filesystem::path providerDll(const ProviderChoice& choice) {
-    std::filesystem::path chosen = choice.dll;
-    if (chosen.empty()) {
-        std::wstring program(32768, L'\0');
-        program.resize(GetModuleFileNameW(nullptr, program.data(), static_cast<DWORD>(program.size())));
-        chosen = std::filesystem::path(program).parent_path() / L"VeltraCSP.dll";
-    }
+    const std::filesystem::path chosen = choice.dll.empty() ? defaultDll() : choice.dll;
     std::error_code error;
     std::filesystem::path dll = std::filesystem::absolute(chosen, error);
     if (error || !std::filesystem::is_regular_file(dll, error)) {
@@ -68,9 +86,7 @@ void KeyStorage::givePin() const {
     auto* text = reinterpret_cast<BYTE*>(const_cast<char*>(pin_->c_str()));
     const SECURITY_STATUS status = functions_->SetProviderProperty(handle_, L"SmartCardPin", text,
                                                                    static_cast<DWORD>(pin_->size() + 1), 0);
-    if (status != kSuccess) {
-        throw CommandError("the token does not accept the PIN", kExitFailed, static_cast<DWORD>(status));
-    }
+    requireStatus(status, "the token does not accept the PIN");
 }
 
 std::vector<std::string> KeyStorage::keyNames() const {

@@ -15,8 +15,8 @@ namespace veltra {
 /// Throws what failWithCode throws unless `status` is success.
 void requireStatus(SECURITY_STATUS status, std::string_view what);
 
-/// The provider's DLL: the chosen one, or VeltraCSP.dll beside this program. A file that is not there throws
-/// a CommandError.
+/// The provider's DLL: the chosen one, or VeltraCSP.dll beside this program, or else in the system's folder.
+/// A file that is not there throws a CommandError.
 std::filesystem::path providerDll(const ProviderChoice& choice);
 
 /// Loads it.
@@ -101,7 +101,7 @@ private:
         return {functions_->FreeKey, handle_, key};
     }
 
-    std::shared_ptr<const std::string> pin_;
+    SharedPin pin_;
     DWORD silentFlag_;
     UniqueModule module_;
     const NCRYPT_KEY_STORAGE_FUNCTION_TABLE* functions_ = nullptr;

@@ -1,4 +1,4 @@
-#include "foundation/device_library.h"
+#include "foundation/device_library_binding.h"
 
 #include "foundation/missing_device_library.h"
 #include "foundation/module.h"
@@ -16,14 +16,13 @@ namespace {
 /// The exports of a loaded device library.
 class LoadedDeviceLibrary final : public DeviceLibrary {
 public:
-    /// Binds every export of `module`, which stays loaded until the process ends. Returns the name of the
-    /// first export that is missing, or null when all are there.
-    const char* bind(HMODULE module) {
-        const char* missing = nullptr;
+    /// Binds every export of `module`, which stays loaded until the process ends. Returns the names of those
+    /// that are missing.
+    std::vector<const char*> bind(HMODULE module) {
+        std::vector<const char*> missing;
         const auto bindExport = [&](auto*& function, const char* name) {
-            if (missing != nullptr) return;
             const FARPROC address = GetProcAddress(module, name);
-            if (address == nullptr) missing = name;
+            if (address == nullptr) missing.push_back(name);
             function = std::bit_cast<std::remove_reference_t<decltype(function)>>(address);
         };
         bindExport(init_, "veltra_init");
@@ -205,10 +204,9 @@ private:
 
 constexpr const wchar_t* kLibraryName = L"VeltraDSCLibrary.dll";
 
-// First beside this module, then by the system's search. On failure `error` says why the file beside this
-// module was refused, if there is one, and otherwise why none was found.
-UniqueModule loadDeviceLibraryModule(DWORD& error) {
-    const std::wstring folder = thisModuleFolder();
+// First in the folder, then by the system's search. On failure `error` says why the file in the folder was
+// refused, if there is one, and otherwise why none was found.
+UniqueModule loadDeviceLibraryModule(const std::wstring& folder, DWORD& error) {
     const std::wstring beside = folder + kLibraryName;
     if (!folder.empty() && GetFileAttributesW(beside.c_str()) != INVALID_FILE_ATTRIBUTES) {
         UniqueModule module(LoadLibraryExW(beside.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
@@ -221,30 +219,39 @@ UniqueModule loadDeviceLibraryModule(DWORD& error) {
 }
 
 // The library stays loaded and its binding is never destroyed: the monitor thread may be in it at any time.
-DeviceLibrary* bindDeviceLibrary() {
+DeviceLibrary* bindForThisProcess() {
     const LastErrorKeeper keeper;
-    DWORD error = ERROR_SUCCESS;
-    UniqueModule module = loadDeviceLibraryModule(error);
-    if (!module) {
-        Utils::error(concat("VeltraDSCLibrary.dll cannot be loaded, error=", error));
-        return new MissingDeviceLibrary;
+    DeviceLibraryBinding binding = bindDeviceLibrary(thisModuleFolder());
+    if (binding.library) return binding.library.release();
+    if (!binding.missingExports.empty()) {
+        Utils::error(concat("VeltraDSCLibrary.dll lacks the export ", binding.missingExports.front()));
+    } else {
+        Utils::error(concat("VeltraDSCLibrary.dll cannot be loaded, error=", binding.error));
     }
-    auto library = std::make_unique<LoadedDeviceLibrary>();
-    if (const char* missing = library->bind(module.get())) {
-        Utils::error(concat("VeltraDSCLibrary.dll lacks the export ", missing));
-        return new MissingDeviceLibrary;
-    }
-    static_cast<void>(module.release());
-    return library.release();
+    return new MissingDeviceLibrary;
 }
 
 std::atomic<DeviceLibrary*> substitute{nullptr};
 
 } // namespace
 
+DeviceLibraryBinding bindDeviceLibrary(const std::wstring& folder) {
+    DeviceLibraryBinding binding;
+    UniqueModule module = loadDeviceLibraryModule(folder, binding.error);
+    if (!module) return binding;
+    binding.file = moduleFile(module.get());
+    auto library = std::make_unique<LoadedDeviceLibrary>();
+    binding.missingExports = library->bind(module.get());
+    if (binding.missingExports.empty()) {
+        binding.library = std::move(library);
+        static_cast<void>(module.release());
+    }
+    return binding;
+}
+
 DeviceLibrary& deviceLibrary() {
     if (DeviceLibrary* library = substitute) return *library;
-    static DeviceLibrary* const bound = bindDeviceLibrary();
+    static DeviceLibrary* const bound = bindForThisProcess();
     return *bound;
 }
 

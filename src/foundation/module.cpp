@@ -22,11 +22,15 @@ HMODULE thisModule() {
     return moduleOfThisCode(GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT);
 }
 
-std::wstring thisModuleFolder() {
+std::wstring moduleFile(HMODULE module) {
     std::wstring path(32768, L'\0');
-    const DWORD length = GetModuleFileNameW(thisModule(), path.data(), static_cast<DWORD>(path.size()));
-    if (length == 0 || length >= path.size()) return {};
-    const std::size_t separator = path.find_last_of(L"\\/", length - 1);
+    const DWORD length = GetModuleFileNameW(module, path.data(), static_cast<DWORD>(path.size()));
+    return length < path.size() ? path.substr(0, length) : std::wstring();
+}
+
+std::wstring thisModuleFolder() {
+    const std::wstring path = moduleFile(thisModule());
+    const std::size_t separator = path.find_last_of(L"\\/");
     return separator == std::wstring::npos ? std::wstring() : path.substr(0, separator + 1);
 }
 

@@ -9,6 +9,9 @@ namespace veltra {
 /// The module that this code is part of: VeltraCSP.dll, or the program that it is linked into.
 HMODULE thisModule();
 
+/// The file of a loaded module; empty when it cannot be read.
+std::wstring moduleFile(HMODULE module);
+
 /// The folder of thisModule(), ending in a backslash; empty when it cannot be read.
 std::wstring thisModuleFolder();
 

@@ -18,7 +18,6 @@ namespace veltra {
 namespace {
 
 constexpr std::size_t kPathCapacity = 1024;
-constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
 
 enum Level : std::uint32_t { kLevelError = 2, kLevelDebug = 3 };
 
@@ -37,7 +36,7 @@ public:
     HKEY get() {
         if (HKEY key = key_) return key;
         HKEY opened = nullptr;
-        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kSettingsKey, 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS) {
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kLogSettingsKey, 0, KEY_QUERY_VALUE, &opened) != ERROR_SUCCESS) {
             return nullptr;
         }
         HKEY openedByAnother = nullptr;
@@ -56,25 +55,9 @@ private:
 
 constinit SettingsKey settingsKey;
 
-std::optional<std::uint32_t> readLogLevel() {
-    std::array<unsigned char, 32> data{};
-    LSTATUS status = ERROR_KEY_DELETED;
-    while (status == ERROR_KEY_DELETED) {
-        HKEY key = settingsKey.get();
-        if (key == nullptr) return std::nullopt;
-        auto length = static_cast<DWORD>(data.size());
-        status = RegGetValueA(key, nullptr, "logLevel", RRF_RT_ANY, nullptr, data.data(), &length);
-        if (status == ERROR_KEY_DELETED) settingsKey.forget(key);
-    }
-    if (status != ERROR_SUCCESS) return std::nullopt;
-    std::uint32_t level = 0;
-    std::memcpy(&level, data.data(), sizeof(level));
-    return level;
-}
-
 // Not the same threshold as for debug lines: a level above 3 keeps errors and silences debug lines.
 bool isErrorWanted() {
-    return readLogLevel().value_or(kLevelError) >= kLevelError;
+    return Utils::getLogLevel().value_or(kLevelError) >= kLevelError;
 }
 
 const char* levelTag(std::uint32_t level) {
@@ -89,11 +72,7 @@ void printToStandardOutput(const char* text) {
 
 // The folder that the log file of this process lies in, ending in "/", cut to the path buffer.
 std::string logFolderPath() {
-    std::array<char, kPathCapacity> base{};
-    if (Utils::getLogBaseFolderPath(base.data(), base.size()) != 0) {
-        printToStandardOutput("\nUnable to getLogBaseFolderPath");
-    }
-    std::string path = concat(base.data(), "/Quenmark/", Utils::getProcessName(), "/");
+    std::string path = concat(Utils::getLogRootPath(), Utils::getProcessName(), "/");
     if (path.size() >= kPathCapacity) path.resize(kPathCapacity - 1);
     return path;
 }
@@ -146,7 +125,8 @@ void writeLine(std::uint32_t level, std::string_view message) {
     Utils::createFolderPath(folder);
     SYSTEMTIME now{};
     GetLocalTime(&now);
-    std::string path = concat(folder, formatted("%04u-%02u-%02u", now.wYear, now.wMonth, now.wDay), ".LOG");
+    std::string path =
+        concat(folder, formatted("%04u-%02u-%02u", now.wYear, now.wMonth, now.wDay), kLogFileExtension);
     if (path.size() >= kPathCapacity) path.resize(kPathCapacity - 1);
     const std::string line = concat(formatted("%02u/%02u::%02u:%02u:%02u:%03u-> ", now.wDay, now.wMonth,
                                               now.wHour, now.wMinute, now.wSecond, now.wMilliseconds),
@@ -174,7 +154,7 @@ void writeIf(bool wanted, std::uint32_t level, std::string_view message) noexcep
 
 bool Utils::isDebugWanted() noexcept {
     const LastErrorKeeper keeper;
-    return readLogLevel() == kLevelDebug;
+    return getLogLevel() == kLevelDebug;
 }
 
 void Utils::writeDebug(const std::string& message) noexcept {
@@ -212,6 +192,30 @@ void Utils::error(std::string&& message) noexcept {
 void Utils::error(const char* message) noexcept {
     const LastErrorKeeper keeper;
     writeIf(isErrorWanted(), kLevelError, message);
+}
+
+std::optional<std::uint32_t> Utils::getLogLevel() noexcept {
+    std::array<unsigned char, 32> data{};
+    LSTATUS status = ERROR_KEY_DELETED;
+    while (status == ERROR_KEY_DELETED) {
+        HKEY key = settingsKey.get();
+        if (key == nullptr) return std::nullopt;
+        auto length = static_cast<DWORD>(data.size());
+        status = RegGetValueA(key, nullptr, kLogLevelValue, RRF_RT_ANY, nullptr, data.data(), &length);
+        if (status == ERROR_KEY_DELETED) settingsKey.forget(key);
+    }
+    if (status != ERROR_SUCCESS) return std::nullopt;
+    std::uint32_t level = 0;
+    std::memcpy(&level, data.data(), sizeof(level));
+    return level;
+}
+
+std::string Utils::getLogRootPath() {
+    std::array<char, kPathCapacity> base{};
+    if (getLogBaseFolderPath(base.data(), base.size()) != 0) {
+        printToStandardOutput("\nUnable to getLogBaseFolderPath");
+    }
+    return concat(base.data(), "/Quenmark/");
 }
 
 int Utils::getLogBaseFolderPath(char* buffer, std::size_t size) noexcept {

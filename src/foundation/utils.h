@@ -3,10 +3,17 @@
 #include "foundation/text.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 
 namespace veltra {
+
+/// Where the log's setting is, under HKEY_LOCAL_MACHINE, and the file extension of the log's files.
+inline constexpr const char* kLogSettingsKey = R"(Software\Quenmark\Veltra)";
+inline constexpr const char* kLogLevelValue = "logLevel";
+inline constexpr const char* kLogFileExtension = ".LOG";
 
 /// The log: one text file per process name and day, "<temporary folder>/Quenmark/<process>/<date>.LOG".
 ///
@@ -58,6 +65,12 @@ public:
             return;
         }
     }
+
+    /// The setting as it is read for every line; nothing when it is missing.
+    static std::optional<std::uint32_t> getLogLevel() noexcept;
+
+    /// The folder that holds one folder per process name, ending in "/". May throw std::bad_alloc.
+    static std::string getLogRootPath();
 
     /// Fills `buffer` with the temporary folder of the current user, if that is a folder. 0 on success;
     /// -1 on failure, and the buffer is empty.

@@ -58,4 +58,4 @@ rm -f decrypted
 printf '%s\n' "$pin" | decrypt message.p7m --silent --pin-stdin
 cmp document decrypted || fail "the message decrypts to something else with the PIN by option"
 logIn E2E-CMSDEC
-for container in "$unique" "$unique-other"; do veltra delete-container "$container" --yes; done
+for container in "$unique" "$unique-other"; do veltra delete-key --container "$container" --yes; done

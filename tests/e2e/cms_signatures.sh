@@ -49,4 +49,4 @@ printf '\xff' | dd of=damaged.p7s bs=1 seek=$(($(stat -c %s damaged.p7s) - 20)) 
 ! veltra verify document --signature damaged.p7s >/dev/null 2>&1 || fail "a damaged message verifies"
 expectFailure 1 "not a CMS message" veltra verify document --signature document
 
-for bits in 2048 3072 4096; do veltra delete-container "$unique-$bits" --yes; done
+for bits in 2048 3072 4096; do veltra delete-key --container "$unique-$bits" --yes; done

@@ -47,13 +47,6 @@ CngHandle CngApplicationTest::importKey(const wchar_t* blobType, Bytes blob) con
     return CngHandle(key);
 }
 
-CngHandle CngApplicationTest::generateKey(const wchar_t* algorithm) const {
-    NCRYPT_KEY_HANDLE key = 0;
-    EXPECT_EQ(NCryptCreatePersistedKey(provider.get(), &key, algorithm, L"a name", 0, 0), kSuccess);
-    EXPECT_EQ(NCryptFinalizeKey(key, 0), kSuccess);
-    return CngHandle(key);
-}
-
 Bytes CngApplicationTest::exportKey(const CngHandle& key, const wchar_t* blobType) {
     DWORD length = 0;
     EXPECT_EQ(NCryptExportKey(key.get(), 0, blobType, nullptr, nullptr, 0, &length, 0), kSuccess);

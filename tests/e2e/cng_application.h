@@ -22,8 +22,6 @@ protected:
     static CngHandle openProvider();
     [[nodiscard]] CngHandle openKey(const std::wstring& name, DWORD keySpec = 0, DWORD flags = 0) const;
     [[nodiscard]] CngHandle importKey(const wchar_t* blobType, Bytes blob) const;
-    /// A generated key, which the caller deletes with NCryptDeleteKey.
-    [[nodiscard]] CngHandle generateKey(const wchar_t* algorithm) const;
     static Bytes exportKey(const CngHandle& key, const wchar_t* blobType);
     static Bytes property(const CngHandle& object, const wchar_t* name);
     static SECURITY_STATUS setProperty(const CngHandle& object, const wchar_t* name, Bytes value);

@@ -13,7 +13,7 @@ aes() { # aes ENC-OPTION FILE OUTPUT, for the bits and mode of the loop
 
 newToken E2E-CNG --fips 140-2
 newCertifiedKey "$unique-2048" --bits 2048 --usage exchange
-VELTRA_CLIENT_RSA_KEY=$(cng keys | sed -n "s/^$unique-2048 .* \([0-9A-F]\{32\}\)\r\{0,1\}$/\1/p")
+VELTRA_CLIENT_RSA_KEY=$(cng list-keys | sed -n "s/^$unique-2048 .* \([0-9A-F]\{32\}\)\r\{0,1\}$/\1/p")
 newCngKey --bits 2048
 VELTRA_CLIENT_SIGN_KEY=$key
 export VELTRA_CLIENT_RSA_KEY VELTRA_CLIENT_SIGN_KEY
@@ -44,4 +44,4 @@ done
 # OpenSSL signs a bare 36-byte hash in the same form.
 openssl pkeyutl -verify -pubin -inkey key.pub -pkeyopt rsa_padding_mode:pkcs1 -in md5-sha1.hash -sigfile md5-sha1.sig ||
     fail "OpenSSL refuses the signature over MD5 and SHA-1"
-veltra delete-container "$unique-2048" --yes
+veltra delete-key --container "$unique-2048" --yes

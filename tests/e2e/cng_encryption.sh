@@ -26,7 +26,7 @@ for bits in 2048 3072 4096; do
             fail "OpenSSL cannot decrypt our $hash padding of $bits bits"
         cmp secret plain || fail "OpenSSL decrypts our $hash padding of $bits bits to something else"
     done
-    cng export --container "$key" --blob CAPIPUBLICBLOB --out key.blob
+    cng export-key --container "$key" --blob CAPIPUBLICBLOB --out key.blob
     openssl rsa -pubin -inform MSBLOB -in key.blob -out blob.pub 2>/dev/null && cmp key.pub blob.pub ||
         fail "CAPIPUBLICBLOB of $bits bits is another key than the exported PEM"
     # The blob's header, the exponent and the modulus, put together from what OpenSSL tells of the key.
@@ -37,27 +37,27 @@ for bits in 2048 3072 4096; do
         openssl rsa -pubin -in key.pub -noout -modulus | sed 's/^Modulus=//' | perl -ne 'chomp; print pack "H*", $_'
     } >expected.blob
     for type in RSAPUBLICBLOB PUBLICBLOB; do
-        cng export --container "$key" --blob "$type" --out key.blob
+        cng export-key --container "$key" --blob "$type" --out key.blob
         cmp expected.blob key.blob || fail "$type of $bits bits is not the key"
-        cng import key.blob --blob "$type" | grep -q "^Imported RSA $bits key" || fail "$type is not taken back"
+        cng import-key key.blob --blob "$type" | grep -q "^Imported RSA $bits key" || fail "$type is not taken back"
     done
 done
 # The newer token generation decrypts OAEP only; the policy is asked before the token is.
 softtoken set E2E-CNGENC --fips 140-3
 expectFailure 1 NTE_NOT_SUPPORTED cng decrypt theirs.bin --container "$key" --out refused
 [ ! -e refused ] || fail "a refused decryption left a file"
-expectFailure 1 NTE_NOT_SUPPORTED cng export --container "$key" --blob PRIVATEBLOB --out refused
-expectFailure 1 NTE_NOT_SUPPORTED cng export --container "$key" --blob ECCPUBLICBLOB --out refused
+expectFailure 1 NTE_NOT_SUPPORTED cng export-key --container "$key" --blob PRIVATEBLOB --out refused
+expectFailure 1 NTE_NOT_SUPPORTED cng export-key --container "$key" --blob ECCPUBLICBLOB --out refused
 
 hexOf() { od -An -v -tx1 "$1" | tr -d ' \n'; }
 agree() { # agree OPTION...: the derived key in digits
-    cng agree --container "$key" --peer peer.pub "$@" | tr -d '\r\n'
+    cng derive-key --container "$key" --peer peer.pub "$@" | tr -d '\r\n'
 }
 digest() { openssl dgst "-$1" -r | cut -d' ' -f1; }
 for curve in P256:prime256v1:256 P384:secp384r1:384 P521:secp521r1:521; do
     IFS=: read -r name opensslName bits <<<"$curve"
     newCngKey --algorithm "ECDH_$name"
-    cng export --container "$key" --blob ECCPUBLICBLOB --out key.blob
+    cng export-key --container "$key" --blob ECCPUBLICBLOB --out key.blob
     field=$(((bits + 7) / 8))
     {
         printf 'ECK%d' "$(((bits / 128) * 2 - 3))"
@@ -65,7 +65,7 @@ for curve in P256:prime256v1:256 P384:secp384r1:384 P521:secp521r1:521; do
         openssl pkey -pubin -in key.pub -outform DER | tail -c $((2 * field))
     } >expected.blob
     cmp expected.blob key.blob || fail "ECCPUBLICBLOB on $name is not the key"
-    cng import key.blob --blob ECCPUBLICBLOB | grep -q "^Imported ECDH $bits key" || fail "the blob is not taken back"
+    cng import-key key.blob --blob ECCPUBLICBLOB | grep -q "^Imported ECDH $bits key" || fail "the blob is not taken back"
 
     openssl genpkey -quiet -algorithm EC -pkeyopt "ec_paramgen_curve:$opensslName" -out peer.pem
     openssl pkey -in peer.pem -pubout -out peer.pub
@@ -80,7 +80,7 @@ for curve in P256:prime256v1:256 P384:secp384r1:384 P521:secp521r1:521; do
     # The plain hash does not look at label and context; a short key is the front of the digest.
     [ "$(agree --label 'a label' --length 16)" = "$(digest sha256 <secret.bin | cut -c 1-32)" ] ||
         fail "a short key on $name is not the front of the digest"
-    cng agree --container "$key" --peer peer.pub --length 64 --out derived.bin
+    cng derive-key --container "$key" --peer peer.pub --length 64 --out derived.bin
     [ "$(hexOf derived.bin)" = "$(digest sha256 <secret.bin)" ] || fail "a key longer than the digest on $name"
 done
 softtoken set E2E-CNGENC --firmware 1.5.3

@@ -6,14 +6,14 @@ keysOnToken() { softtoken show E2E-BOX | grep -c '^Key ' || true; }
 
 echo "a document" >document
 newToken E2E-BOX
-veltra keygen --container "$unique" --bits 2048
-veltra keys >keys.txt
+veltra generate-key --container "$unique" --bits 2048
+veltra list-keys >keys.txt
 keyId=$(sed -n "s/^$unique  *RSA  *2048  *sign  *\([0-9A-F]\{32\}\)\r\{0,1\}$/\1/p" keys.txt)
 [ -n "$keyId" ] || fail "the key is not in the list: $(cat keys.txt)"
 softtoken show E2E-BOX | grep -q "$keyId" || fail "the token does not have the key $keyId"
 
 # One key per container: a second one could not be reached.
-expectFailure 1 "already has the key" veltra keygen --container "$unique"
+expectFailure 1 "already has the key" veltra generate-key --container "$unique"
 [ "$(keysOnToken)" -eq 1 ] || fail "the refused key is on the token"
 
 # A key's identifier is a container name too, but only in the case in which it is written.
@@ -34,8 +34,8 @@ sign --container "$unique"
 
 # A token that is not there, and what the log says about it. The log level 2 is what an installation has.
 softtoken unplug E2E-BOX
-for command in "sign --container $unique" "veltra keys" "veltra delete-container $unique --yes" \
-    "veltra keygen --container $unique-other"; do
+for command in "sign --container $unique" "veltra list-keys" "veltra delete-key --container $unique --yes" \
+    "veltra generate-key --container $unique-other"; do
     # shellcheck disable=SC2086 # a command and its arguments
     expectFailure 1 NTE_TOKEN_KEYSET_STORAGE_FULL $command
 done
@@ -46,13 +46,13 @@ softtoken plug E2E-BOX
 logIn E2E-BOX
 
 # Deleting asks first, then removes the key and the container.
-expectFailure 2 "--yes" veltra delete-container "$unique"
+expectFailure 2 "--yes" veltra delete-key --container "$unique"
 [ "$(keysOnToken)" -eq 1 ] || fail "the key is gone without --yes"
-veltra delete-container "$unique" --yes
+veltra delete-key --container "$unique" --yes
 [ "$(keysOnToken)" -eq 0 ] || fail "the key is still on the token"
-! veltra keys | grep -q "^$unique " || fail "the container is still in the list"
-expectFailure 1 "no container" veltra delete-container "$unique" --yes
+! veltra list-keys | grep -q "^$unique " || fail "the container is still in the list"
+expectFailure 1 "no container" veltra delete-key --container "$unique" --yes
 
 # Unregistering is clean, and the error says how to go on.
-veltra csp-unregister
-expectFailure 1 "csp-register" sign --container "$unique"
+veltra unregister
+expectFailure 1 "'veltra register'" sign --container "$unique"

@@ -9,8 +9,6 @@ hexOf() { od -An -v -tx1 "$1" | tr -d ' \n'; }
 
 newToken E2E-CLIENT --fips 140-2
 for bits in 2048 3072 4096; do newCertifiedKey "$unique-$bits" --bits "$bits" --usage exchange; done
-veltra import-cert --container "$unique-2048" "$unique-2048.pem"
-openssl x509 -in "$unique-2048.pem" -outform DER -out certificate.der
 
 # Keys that are derived from a passphrase: the leading bytes of its digest, zeros behind a short one.
 printf 'a passphrase' >passphrase
@@ -87,5 +85,5 @@ for bits in 2048 3072 4096; do
             -in "rsa-$bits-$padding.ours" -out plain || fail "OpenSSL cannot decrypt $padding of $bits bits"
         cmp secret plain || fail "OpenSSL decrypts $padding of $bits bits to something else"
     done
-    veltra delete-container "$unique-$bits" --yes
+    veltra delete-key --container "$unique-$bits" --yes
 done

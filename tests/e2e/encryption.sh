@@ -1,4 +1,4 @@
-# RSA encryption in both directions, random numbers and the PIN by option; OpenSSL on the other side.
+# RSA encryption in both directions, and random numbers; OpenSSL on the other side.
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 padding() { # the option of veltra and those of OpenSSL for a padding
@@ -30,15 +30,6 @@ expectFailure 1 NTE_BAD_FLAGS veltra decrypt pkcs1.theirs --container "$unique" 
 veltra decrypt oaep.theirs --container "$unique" --out oaep.again --oaep
 cmp secret oaep.again
 
-[ "$(veltra random 32 | tr -d '\r\n' | wc -c)" -eq 64 ] || fail "32 random bytes are not 64 digits"
-[ "$(veltra random 32)" != "$(veltra random 32)" ] || fail "random bytes repeat"
-
-# The provider takes the PIN from the command line's options when there is no session.
-logIn E2E-ENC 1
-sleep 2
-expectFailure 1 NTE_SILENT_CONTEXT veltra --silent decrypt oaep.theirs --container "$unique" --out refused --oaep
-PIN=000000 expectFailure 1 "does not accept the PIN" veltra --pin-env PIN decrypt oaep.theirs \
-    --container "$unique" --out refused --oaep
-printf '%s\n' "$pin" | veltra --silent --pin-stdin decrypt oaep.theirs --container "$unique" --out by-pin --oaep
-cmp secret by-pin
-PIN=$pin veltra --pin-env PIN delete-container "$unique" --yes
+[ "$(veltra generate-random 32 | tr -d '\r\n' | wc -c)" -eq 64 ] || fail "32 random bytes are not 64 digits"
+[ "$(veltra generate-random 32)" != "$(veltra generate-random 32)" ] || fail "random bytes repeat"
+veltra delete-key --container "$unique" --yes

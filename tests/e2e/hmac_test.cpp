@@ -121,22 +121,5 @@ TEST_F(HmacTest, Rfc4231KeysLongerThanABlockByTheirDigest) {
               fromHex("9b09ffa71b942fcb27635fbcd5b0e944bfdc63644f0713938a7f51535c3a35e2"));
 }
 
-// A plaintext key of RC2, as which applications bring HMAC keys, is not taken at all. One of AES is stored on
-// the token and its bytes stay there, so that there is nothing to make an HMAC with.
-TEST_F(HmacTest, PlaintextKeysAreOfNoUse) {
-    const Bytes material(16, 0x0b);
-    const Bytes rc2 = keyBlob(PLAINTEXTKEYBLOB, CALG_RC2, 16, material);
-    HCRYPTKEY none = 0;
-    EXPECT_EQ(errorOf([&] {
-                  return CryptImportKey(context.get(), rc2.data(), static_cast<DWORD>(rc2.size()), 0,
-                                        CRYPT_IPSEC_HMAC_KEY, &none);
-              }),
-              static_cast<DWORD>(NTE_BAD_ALGID));
-    const CryptoKey stored = importKey(context, keyBlob(PLAINTEXTKEYBLOB, CALG_AES_128, 16, material));
-    HCRYPTHASH hash = 0;
-    EXPECT_EQ(errorOf([&] { return CryptCreateHash(context.get(), CALG_HMAC, stored.get(), 0, &hash); }),
-              static_cast<DWORD>(NTE_BAD_KEY));
-}
-
 } // namespace
 } // namespace veltra::test

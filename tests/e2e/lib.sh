@@ -28,8 +28,8 @@ logIn() { printf '%s\n' "$pin" | softtoken login "$1" --pin-stdin --seconds "${2
 # newCertifiedKey CONTAINER KEYGEN-OPTION...: a key with its certificate in CONTAINER.pem, public key in
 # CONTAINER.pub.
 newCertifiedKey() {
-    veltra keygen --container "$@"
-    veltra certificate --container "$1" --subject "CN=$1" --out "$1.pem"
+    veltra generate-key --container "$@"
+    veltra create-certificate --container "$1" --subject "CN=$1" --out "$1.pem"
     openssl x509 -in "$1.pem" -noout -pubkey >"$1.pub"
 }
 
@@ -38,9 +38,9 @@ cng() { veltra --cng "$@"; }
 
 # newCngKey KEYGEN-OPTION...: a new key without container, its identifier in `key`, its public key in key.pub.
 newCngKey() {
-    key=$(cng keygen "$@" | sed -n 's/^Generated .* key \([0-9A-F]\{32\}\)\.\r\{0,1\}$/\1/p')
+    key=$(cng generate-key "$@" | sed -n 's/^Generated .* key \([0-9A-F]\{32\}\)\.\r\{0,1\}$/\1/p')
     [ -n "$key" ] || fail "the new key has no identifier"
-    cng export --container "$key" --out key.pub
+    cng export-key --container "$key" --out key.pub
     openssl pkey -pubin -in key.pub -noout || fail "OpenSSL cannot read the exported public key"
 }
 
@@ -78,4 +78,4 @@ makeDocument() {
     ! cmp -s document document.changed || fail "the changed document does not differ"
 }
 
-veltra csp-register --dll "$(windowsPath "$bin/VeltraCSP.dll")" >/dev/null
+veltra register --dll "$(windowsPath "$bin/VeltraCSP.dll")" >/dev/null

@@ -31,4 +31,4 @@ expectFailure 1 NTE_BAD_ALGID veltra sign document --container "$unique" --cms -
 [ ! -e refused.sig ] && [ ! -e refused.p7s ] || fail "a refused signature left a file"
 
 expectFailure 2 "overwritten" veltra sign document --container "$unique" --raw --out ./document
-veltra delete-container "$unique" --yes
+veltra delete-key --container "$unique" --yes

@@ -101,5 +101,5 @@ runner=(runWindowsTypingPin "$pin" dialog.png)
 handshake
 
 logIn E2E-TLS
-for name in server client; do veltra delete-container "$unique-$name" --yes; done
+for name in server client; do veltra delete-key --container "$unique-$name" --yes; done
 ! grep -rlI --exclude-dir=node 'PRIVATE KEY' . || fail "a private key lies in a file"

@@ -64,6 +64,11 @@ private:
     ExactBytes bytes_;
 };
 
+template <class... Names>
+constexpr std::array<const char*, sizeof...(Names)> names(Names... all) {
+    return {all...};
+}
+
 /// One of `known`, or now and then any text.
 template <std::size_t Count>
 std::string anyOf(FuzzedDataProvider& input, const std::array<const char*, Count>& known) {
@@ -71,33 +76,15 @@ std::string anyOf(FuzzedDataProvider& input, const std::array<const char*, Count
     return index < Count ? known[index] : input.ConsumeRandomLengthString(40);
 }
 
-inline constexpr std::array<const char*, 10> kBlobNames = {
-    "RSAPUBLICBLOB", "PUBLICBLOB",      "ECCPUBLICBLOB",    "CAPIPUBLICBLOB",  "KeyDataBlob",
-    "OpaqueKeyBlob", "OpaqueTransport", "PKCS8_PRIVATEKEY", "CAPIPRIVATEBLOB", "PRIVATEBLOB"};
+inline constexpr auto kBlobNames =
+    names("RSAPUBLICBLOB", "PUBLICBLOB", "ECCPUBLICBLOB", "CAPIPUBLICBLOB", "KeyDataBlob", "OpaqueKeyBlob",
+          "OpaqueTransport", "PKCS8_PRIVATEKEY", "CAPIPRIVATEBLOB", "PRIVATEBLOB");
 
-inline constexpr std::array<const char*, 23> kPropertyNames = {"SmartCardKeyCertificate",
-                                                               "SmartCardPin",
-                                                               "HWND Handle",
-                                                               "Length",
-                                                               "Key Usage",
-                                                               "ChainingMode",
-                                                               "IV",
-                                                               "Name",
-                                                               "Unique Name",
-                                                               "Algorithm Name",
-                                                               "Algorithm Group",
-                                                               "Lengths",
-                                                               "Export Policy",
-                                                               "Block Length",
-                                                               "Key Type",
-                                                               "Provider Handle",
-                                                               "Security Descr",
-                                                               "Impl Type",
-                                                               "Version",
-                                                               "Max Name Length",
-                                                               "Security Descr Support",
-                                                               "Use Count",
-                                                               ""};
+inline constexpr auto kPropertyNames =
+    names("SmartCardKeyCertificate", "SmartCardPin", "HWND Handle", "Length", "Key Usage", "ChainingMode",
+          "IV", "Name", "Unique Name", "Algorithm Name", "Algorithm Group", "Lengths", "Export Policy",
+          "Block Length", "Key Type", "Provider Handle", "Security Descr", "Impl Type", "Version",
+          "Max Name Length", "Security Descr Support", "Use Count", "");
 
 /// A new key object of the token's key pair of this type; the caller destroys it.
 HCRYPTKEY openCspKey(std::uint32_t keyType);

@@ -178,7 +178,8 @@ struct ParameterList {
     std::string hashName;
     Bytes labels;
     Bytes contexts;
-    bool isTooLong = false;
+    bool isNameTooLong = false;  ///< of the last buffer that names a hash
+    bool isInputTooLong = false; ///< a label or a context
 };
 
 Bytes anyValue(FuzzedDataProvider& input) {
@@ -201,9 +202,9 @@ void addBuffer(FuzzedDataProvider& input, ParameterList& list) {
     list.buffers.push_back({.cbBuffer = claimsTooMuch ? ULONG{INT_MAX} + 1 : exact.size(),
                             .BufferType = type,
                             .pvBuffer = isNull ? nullptr : exact.data()});
-    const bool counts = type == KDF_HASH_ALGORITHM || type == kKdfLabel || type == kKdfContext;
-    list.isTooLong = list.isTooLong || (counts && claimsTooMuch);
-    if (isNull || value.empty()) return;
+    if (isNull || (value.empty() && !claimsTooMuch)) return;
+    if (type == KDF_HASH_ALGORITHM) list.isNameTooLong = claimsTooMuch;
+    if (type == kKdfLabel || type == kKdfContext) list.isInputTooLong = list.isInputTooLong || claimsTooMuch;
     if (type == KDF_HASH_ALGORITHM) list.hashName = fromWideBytes(value);
     if (type == kKdfLabel) list.labels = join(list.labels, value);
     if (type == kKdfContext) list.contexts = join(list.contexts, value);
@@ -241,10 +242,11 @@ void deriveKey(FuzzedDataProvider& input) {
         return KSPDeriveKey(kspProvider(), handle, name.get(), &description, data, out.size(), &size, 0);
     });
     const bool hasRoom = data == nullptr || out.size() != 0;
-    require(done == (!secret.empty() && !list.isTooLong && hasRoom),
-            "a key is derived exactly when it can be");
+    const bool concatenates = function == kFunctions[0];
+    const bool isTooLong = list.isNameTooLong || (concatenates && list.isInputTooLong);
+    require(done == (!secret.empty() && !isTooLong && hasRoom), "a key is derived exactly when it can be");
     if (done) {
-        const Bytes digest = expectedDigest(list, function == kFunctions[0], secret);
+        const Bytes digest = expectedDigest(list, concatenates, secret);
         require(size == (out.size() != 0 ? std::min<std::size_t>(out.size(), digest.size()) : digest.size()),
                 "the length of the key");
         require(data == nullptr || std::equal(data, data + size, digest.begin()), "the key");

@@ -1,5 +1,6 @@
 // veltra_fuzz --list                    names of the targets
 // veltra_fuzz --seeds TARGET FOLDER     writes the inputs that the target's corpus begins with
+// veltra_fuzz --smoke TARGET FOLDER     writes 3000 inputs made of those, the same ones every time
 // veltra_fuzz TARGET [OPTION|CORPUS...] runs libFuzzer on the target
 
 #include "fuzz/fuzz_target.h"
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <random>
 
 extern "C" int LLVMFuzzerRunDriver(int* argc, char*** argv,
                                    int (*callback)(const std::uint8_t*, std::size_t));
@@ -61,9 +63,36 @@ int runInput(const std::uint8_t* data, std::size_t size) {
     return 0;
 }
 
-int writeSeeds(const Target& target, const std::string& folder) {
+void change(Bytes& input, std::mt19937& random) {
+    const std::size_t place = random() % (input.size() + 1);
+    const auto at = input.begin() + static_cast<std::ptrdiff_t>(place);
+    const auto value = static_cast<unsigned char>(random());
+    if (place == input.size() || random() % 4 == 0) {
+        input.insert(at, value);
+    } else if (random() % 4 == 0) {
+        input.erase(at);
+    } else {
+        *at = random() % 2 == 0 ? value : *at ^ static_cast<unsigned char>(1 << value % 8);
+    }
+}
+
+// The seeds and changed ones. What libFuzzer itself makes of them depends on addresses, and so on the run.
+std::vector<Bytes> smokeInputs(const Target& target) {
+    constexpr std::size_t kCount = 3000;
+    std::mt19937 random(1);
+    std::vector<Bytes> inputs = target.seeds();
+    for (std::size_t i = 0; inputs.size() < kCount; ++i) {
+        Bytes input = inputs[i];
+        for (auto changes = 1 + random() % 6; changes > 0; --changes)
+            change(input, random);
+        inputs.push_back(std::move(input));
+    }
+    return inputs;
+}
+
+int writeInputs(const std::vector<Bytes>& inputs, const std::string& folder) {
     int number = 0;
-    for (const Bytes& seed : target.seeds()) {
+    for (const Bytes& seed : inputs) {
         std::FILE* file = std::fopen((folder + "/seed-" + std::to_string(number++)).c_str(), "wb");
         if (file == nullptr) return EXIT_FAILURE;
         std::fwrite(seed.data(), 1, seed.size(), file);
@@ -131,7 +160,9 @@ int main(int argc, char** argv) {
         return EXIT_SUCCESS;
     }
     const bool seeds = argc == 4 && std::strcmp(argv[1], "--seeds") == 0;
-    const Target* target = argc > 1 ? findTarget(argv[seeds ? 2 : 1]) : nullptr;
+    const bool smoke = argc == 4 && std::strcmp(argv[1], "--smoke") == 0;
+    const Target* target = argc > 1 ? findTarget(argv[seeds || smoke ? 2 : 1]) : nullptr;
     if (target == nullptr) return EXIT_FAILURE;
-    return seeds ? writeSeeds(*target, argv[3]) : runFuzzer(*target, argc, argv);
+    if (seeds || smoke) return writeInputs(seeds ? target->seeds() : smokeInputs(*target), argv[3]);
+    return runFuzzer(*target, argc, argv);
 }

@@ -469,34 +469,12 @@ constexpr Step kKspSteps[] = {
 
 // The library, the token and the user
 
-constexpr const char* kLibrary[] = {"init",
-                                    "getConnectedDeviceList",
-                                    "initDevice",
-                                    "getTokenInfo",
-                                    "validatePassword",
-                                    "getKeyPairList",
-                                    "generateKeyPair",
-                                    "deleteKeyPair",
-                                    "getCertificateList",
-                                    "findCertificateForKey",
-                                    "importCertificate",
-                                    "getCertificateDetails",
-                                    "getFilesWithExtensionsAndConvertDER",
-                                    "getAesKeyList",
-                                    "importAesKey",
-                                    "signHash",
-                                    "verifySignatureHash",
-                                    "encrypt",
-                                    "decrypt",
-                                    "encrypt_aes",
-                                    "decrypt_aes",
-                                    "decryptSymetric",
-                                    "ecdhDerive",
-                                    "generateRamdomNumber",
-                                    "initHash",
-                                    "updateHash",
-                                    "finalHash",
-                                    "updateKeyPairDetails"};
+constexpr auto kLibrary = names(
+    "init", "getConnectedDeviceList", "initDevice", "getTokenInfo", "validatePassword", "getKeyPairList",
+    "generateKeyPair", "deleteKeyPair", "getCertificateList", "findCertificateForKey", "importCertificate",
+    "getCertificateDetails", "getFilesWithExtensionsAndConvertDER", "getAesKeyList", "importAesKey",
+    "signHash", "verifySignatureHash", "encrypt", "decrypt", "encrypt_aes", "decrypt_aes", "decryptSymetric",
+    "ecdhDerive", "generateRamdomNumber", "initHash", "updateHash", "finalHash", "updateKeyPairDetails");
 
 // One function, or all of them, so that it does not take luck to meet the one that is called next.
 void scriptLibrary(World& w) {

@@ -30,6 +30,7 @@ constexpr SecretMarker kKey("Key+Gm5tRz08Wc93jXa17oVqKs2_yNfE");
 constexpr std::size_t kLength = SecretMarker::kLength;
 const std::string kSerial = "T1";
 constexpr int kWrongPin = 1;
+constexpr DWORD kRoom = 2048; ///< bytes for a plaintext
 
 /// A token whose every secret is the key marker. Keeps no copy of anything.
 class StandInLibrary final : public MissingDeviceLibrary {
@@ -51,6 +52,8 @@ public:
     std::atomic<bool> connected = true;
     int pinAnswer = kDeviceOk;
     int signAnswer = kDeviceOk;
+    /// How often what it hands out has the key: many are not all covered by what is allocated afterwards.
+    std::size_t repeats = 1;
 
     int veltra_init(int, void*, int) override { return kDeviceOk; }
     std::vector<std::string> veltra_getConnectedDeviceList(bool, void*) override {
@@ -96,8 +99,10 @@ public:
     }
     int veltra_decryptSymetric(const char*, const unsigned char*, int, unsigned char* out, int* outLength,
                                const unsigned char*, int, const unsigned char*, int, void*) override {
-        kKey.copyTo(out);
-        *outLength = kLength;
+        int length = 0;
+        for (; length + static_cast<int>(kLength) <= *outLength; length += kLength)
+            kKey.copyTo(out + length);
+        *outLength = length;
         return kDeviceOk;
     }
     int veltra_ecdhDerive(const char*, const unsigned char*, const char*, const unsigned char*, int,
@@ -116,10 +121,11 @@ private:
     // So many that what is allocated afterwards does not cover a copy of them all.
     static constexpr std::size_t kAesKeys = 100;
 
-    static int handOut(unsigned char** out, int* outLength) {
-        *out = static_cast<unsigned char*>(std::malloc(kLength));
-        kKey.copyTo(*out);
-        *outLength = kLength;
+    int handOut(unsigned char** out, int* outLength) const {
+        *out = static_cast<unsigned char*>(std::malloc(kLength * repeats));
+        for (std::size_t i = 0; i < repeats; ++i)
+            kKey.copyTo(*out + i * kLength);
+        *outLength = static_cast<int>(kLength * repeats);
         return kDeviceOk;
     }
 
@@ -225,12 +231,13 @@ protected:
     }
 
     void decrypt(HCRYPTKEY key, DWORD capacity) {
-        SecretBytes<256> data;
+        SecretBytes<kRoom> data;
         CPDecrypt(context, key, 0, TRUE, CRYPT_OAEP, data.data(), &capacity);
     }
     void decryptWithCng(NCRYPT_KEY_HANDLE key, DWORD capacity) {
-        SecretBytes<256> data;
-        KSPDecrypt(provider, key, data.data(), 256, nullptr, data.data(), capacity, &capacity, kPadPkcs1Flag);
+        SecretBytes<kRoom> data;
+        KSPDecrypt(provider, key, data.data(), kRoom, nullptr, data.data(), capacity, &capacity,
+                   kPadPkcs1Flag);
     }
 
     StandInLibrary library;
@@ -377,16 +384,18 @@ TEST_F(SecretsTest, NoKeyAndNoPlaintextStaysInMemory) {
          [&] {
              const HCRYPTKEY key = importKey(SIMPLEBLOB, false);
              const NCRYPT_KEY_HANDLE cngKey = importCngKey(L"KeyDataBlob");
-             for (const DWORD room : {256, 16}) {
+             library.repeats = 50;
+             for (const DWORD room : {kRoom, DWORD{16}}) {
                  for (const HCRYPTKEY one : {rsaKey, key})
                      decrypt(one, room);
                  for (const NCRYPT_KEY_HANDLE one : {cngRsaKey, cngKey})
                      decryptWithCng(one, room);
-                 SecretBytes<256> data;
+                 SecretBytes<kRoom> data;
                  kKey.copyTo(data.data());
                  DWORD length = kLength;
                  CPEncrypt(context, key, 0, TRUE, 0, data.data(), &length, room);
              }
+             library.repeats = 1;
              destroyKey(key)();
              freeCngKey(cngKey)();
              return nullptr;

@@ -1,8 +1,8 @@
-// A small stand-in for the system's ncrypt.dll, for test programs that are written as applications are: the
-// NCrypt* functions by their documented contracts. It finds the provider's DLL beside the program instead of
-// in the system's configuration, gets its function table, and forwards each call with the handles that the
-// provider made. Like the system, it keeps a provider open until its last key and secret is freed, and
-// refuses handles that it did not give out.
+// A small stand-in for the system's ncrypt.dll, for test programs that are written as applications are: those
+// NCrypt* functions that they call, by their documented contracts. It finds the provider's DLL beside the
+// program instead of in the system's configuration, gets its function table, and forwards each call with the
+// handles that the provider made. Like the system, it keeps a provider open until its last key, secret and
+// buffer is freed, and refuses handles that it did not give out.
 
 #include "foundation/win_handle.h"
 #include "ksp/key_storage_interface.h"
@@ -20,7 +20,7 @@ using Functions = NCRYPT_KEY_STORAGE_FUNCTION_TABLE;
 
 constexpr std::wstring_view kProviderName = L"Veltra Cryptographic Provider CSP";
 
-/// An open provider, shared by its handle and everything that was made with it.
+/// An open provider, shared by its handle and the keys that were made with it.
 struct Provider {
     UniqueModule module;
     Functions* functions = nullptr;
@@ -34,13 +34,11 @@ struct Provider {
     }
 };
 
-enum class Kind { Provider, Key, Secret };
-
-/// What a handle of the router stands for; `inner` is the provider's own handle.
+/// What a handle of the router stands for: a provider, or the provider's own handle of a key or a secret.
 struct Object {
-    Kind kind;
     std::shared_ptr<Provider> provider;
-    ULONG_PTR inner;
+    NCRYPT_KEY_HANDLE key = 0;
+    NCRYPT_SECRET_HANDLE secret = 0;
 };
 
 std::mutex mutex;
@@ -55,17 +53,13 @@ NCRYPT_HANDLE addObject(Object object) {
     return lastHandle;
 }
 
-/// Null unless the handle is live and of this kind.
-std::shared_ptr<Object> find(NCRYPT_HANDLE handle, Kind kind) {
+/// Without a provider unless the handle is live and of this kind.
+Object find(NCRYPT_HANDLE handle, bool isKey, bool isSecret = false) {
     const std::lock_guard lock(mutex);
     const auto found = objects.find(handle);
-    if (found == objects.end() || found->second.kind != kind) return nullptr;
-    return std::make_shared<Object>(found->second);
-}
-
-void rememberBuffer(void* buffer, const std::shared_ptr<Provider>& provider) {
-    const std::lock_guard lock(mutex);
-    givenBuffers[buffer] = provider;
+    if (found == objects.end()) return {};
+    const Object& object = found->second;
+    return (object.key != 0) == isKey && (object.secret != 0) == isSecret ? object : Object();
 }
 
 SECURITY_STATUS loadProvider(Provider& provider, LPCWSTR name, DWORD flags) {
@@ -80,33 +74,30 @@ SECURITY_STATUS loadProvider(Provider& provider, LPCWSTR name, DWORD flags) {
     return provider.functions->OpenProvider(&provider.inner, name, flags);
 }
 
-/// Runs `make`, which is given the place for the provider's handle, and gives out a handle of the router for
-/// it.
+/// Forwards what takes a provider and a key.
+template <auto Function, class... Arguments>
+SECURITY_STATUS withKey(NCRYPT_KEY_HANDLE handle, Arguments... arguments) {
+    const Object key = find(handle, true);
+    if (key.provider == nullptr) return NTE_INVALID_HANDLE;
+    return (key.provider->functions->*Function)(key.provider->inner, key.key, arguments...);
+}
+
+/// Forwards what takes a provider, or a key and its provider.
+template <auto OfProvider, auto OfKey, class... Arguments>
+SECURITY_STATUS withObject(NCRYPT_HANDLE handle, Arguments... arguments) {
+    const Object provider = find(handle, false);
+    if (provider.provider == nullptr) return withKey<OfKey>(handle, arguments...);
+    return (provider.provider->functions->*OfProvider)(provider.provider->inner, arguments...);
+}
+
+/// Runs `make(provider, place for the provider's handle)` and gives out a handle of the router for it.
 template <class Make>
-SECURITY_STATUS makeObject(Kind kind, const std::shared_ptr<Provider>& provider, ULONG_PTR* handle,
-                           const Make& make) {
-    if (handle == nullptr) return make(static_cast<ULONG_PTR*>(nullptr));
-    ULONG_PTR inner = 0;
-    const SECURITY_STATUS status = make(&inner);
-    if (status == ERROR_SUCCESS) *handle = addObject({kind, provider, inner});
+SECURITY_STATUS makeKey(NCRYPT_PROV_HANDLE handle, NCRYPT_KEY_HANDLE* key, const Make& make) {
+    Object made = find(handle, false);
+    if (made.provider == nullptr) return NTE_INVALID_HANDLE;
+    const SECURITY_STATUS status = make(*made.provider, key != nullptr ? &made.key : nullptr);
+    if (status == ERROR_SUCCESS && key != nullptr) *key = addObject(std::move(made));
     return status;
-}
-
-/// Runs `call(functions, provider handle, inner handle)` for a live handle of this kind.
-template <class Call>
-SECURITY_STATUS forward(NCRYPT_HANDLE handle, Kind kind, const Call& call) {
-    const auto object = find(handle, kind);
-    if (object == nullptr) return NTE_INVALID_HANDLE;
-    return call(*object->provider->functions, object->provider->inner, object->inner);
-}
-
-/// The provider's handle of a key that may be absent.
-bool innerKey(NCRYPT_KEY_HANDLE handle, NCRYPT_KEY_HANDLE& inner) {
-    inner = 0;
-    if (handle == 0) return true;
-    const auto key = find(handle, Kind::Key);
-    if (key != nullptr) inner = key->inner;
-    return key != nullptr;
 }
 
 } // namespace
@@ -118,199 +109,144 @@ SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* phProvider,
     }
     auto provider = std::make_shared<Provider>();
     const SECURITY_STATUS status = loadProvider(*provider, pszProviderName, dwFlags);
-    if (status == ERROR_SUCCESS) *phProvider = addObject({Kind::Provider, provider, provider->inner});
+    if (status == ERROR_SUCCESS) *phProvider = addObject({.provider = std::move(provider)});
     return status;
 }
 
 SECURITY_STATUS WINAPI NCryptOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey,
                                      LPCWSTR pszKeyName, DWORD dwLegacyKeySpec, DWORD dwFlags) {
-    const auto object = find(hProvider, Kind::Provider);
-    if (object == nullptr) return NTE_INVALID_HANDLE;
-    return makeObject(Kind::Key, object->provider, phKey, [&](ULONG_PTR* key) {
-        return object->provider->functions->OpenKey(object->inner, key, pszKeyName, dwLegacyKeySpec, dwFlags);
+    return makeKey(hProvider, phKey, [&](const Provider& provider, NCRYPT_KEY_HANDLE* key) {
+        return provider.functions->OpenKey(provider.inner, key, pszKeyName, dwLegacyKeySpec, dwFlags);
     });
 }
 
 SECURITY_STATUS WINAPI NCryptCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey,
                                                 LPCWSTR pszAlgId, LPCWSTR pszKeyName, DWORD dwLegacyKeySpec,
                                                 DWORD dwFlags) {
-    const auto object = find(hProvider, Kind::Provider);
-    if (object == nullptr) return NTE_INVALID_HANDLE;
-    return makeObject(Kind::Key, object->provider, phKey, [&](ULONG_PTR* key) {
-        return object->provider->functions->CreatePersistedKey(object->inner, key, pszAlgId, pszKeyName,
-                                                               dwLegacyKeySpec, dwFlags);
-    });
-}
-
-SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
-    return forward(hKey, Kind::Key, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR key) {
-        return functions.FinalizeKey(provider, key, dwFlags);
-    });
-}
-
-SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbOutput,
-                                         DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    if (find(hObject, Kind::Provider) != nullptr) {
-        return forward(hObject, Kind::Provider,
-                       [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR) {
-                           return functions.GetProviderProperty(provider, pszProperty, pbOutput, cbOutput,
-                                                                pcbResult, dwFlags);
-                       });
-    }
-    return forward(hObject, Kind::Key, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR key) {
-        return functions.GetKeyProperty(provider, key, pszProperty, pbOutput, cbOutput, pcbResult, dwFlags);
-    });
-}
-
-SECURITY_STATUS WINAPI NCryptSetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbInput,
-                                         DWORD cbInput, DWORD dwFlags) {
-    if (find(hObject, Kind::Provider) != nullptr) {
-        return forward(
-            hObject, Kind::Provider, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR) {
-                return functions.SetProviderProperty(provider, pszProperty, pbInput, cbInput, dwFlags);
-            });
-    }
-    return forward(hObject, Kind::Key, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR key) {
-        return functions.SetKeyProperty(provider, key, pszProperty, pbInput, cbInput, dwFlags);
-    });
-}
-
-SECURITY_STATUS WINAPI NCryptSignHash(NCRYPT_KEY_HANDLE hKey, VOID* pPaddingInfo, PBYTE pbHashValue,
-                                      DWORD cbHashValue, PBYTE pbSignature, DWORD cbSignature,
-                                      DWORD* pcbResult, DWORD dwFlags) {
-    return forward(hKey, Kind::Key, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR key) {
-        return functions.SignHash(provider, key, pPaddingInfo, pbHashValue, cbHashValue, pbSignature,
-                                  cbSignature, pcbResult, dwFlags);
-    });
-}
-
-SECURITY_STATUS WINAPI NCryptVerifySignature(NCRYPT_KEY_HANDLE hKey, VOID* pPaddingInfo, PBYTE pbHashValue,
-                                             DWORD cbHashValue, PBYTE pbSignature, DWORD cbSignature,
-                                             DWORD dwFlags) {
-    return forward(hKey, Kind::Key, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR key) {
-        return functions.VerifySignature(provider, key, pPaddingInfo, pbHashValue, cbHashValue, pbSignature,
-                                         cbSignature, dwFlags);
-    });
-}
-
-SECURITY_STATUS WINAPI NCryptEncrypt(NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput, VOID* pPaddingInfo,
-                                     PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return forward(hKey, Kind::Key, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR key) {
-        return functions.Encrypt(provider, key, pbInput, cbInput, pPaddingInfo, pbOutput, cbOutput, pcbResult,
-                                 dwFlags);
-    });
-}
-
-SECURITY_STATUS WINAPI NCryptDecrypt(NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput, VOID* pPaddingInfo,
-                                     PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return forward(hKey, Kind::Key, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR key) {
-        return functions.Decrypt(provider, key, pbInput, cbInput, pPaddingInfo, pbOutput, cbOutput, pcbResult,
-                                 dwFlags);
+    return makeKey(hProvider, phKey, [&](const Provider& provider, NCRYPT_KEY_HANDLE* key) {
+        return provider.functions->CreatePersistedKey(provider.inner, key, pszAlgId, pszKeyName,
+                                                      dwLegacyKeySpec, dwFlags);
     });
 }
 
 SECURITY_STATUS WINAPI NCryptImportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hImportKey,
                                        LPCWSTR pszBlobType, NCryptBufferDesc* pParameterList,
                                        NCRYPT_KEY_HANDLE* phKey, PBYTE pbData, DWORD cbData, DWORD dwFlags) {
-    const auto object = find(hProvider, Kind::Provider);
-    NCRYPT_KEY_HANDLE importKey = 0;
-    if (object == nullptr || !innerKey(hImportKey, importKey)) return NTE_INVALID_HANDLE;
-    return makeObject(Kind::Key, object->provider, phKey, [&](ULONG_PTR* key) {
-        return object->provider->functions->ImportKey(object->inner, importKey, pszBlobType, pParameterList,
-                                                      key, pbData, cbData, dwFlags);
+    const Object importKey = find(hImportKey, true);
+    if (hImportKey != 0 && importKey.provider == nullptr) return NTE_INVALID_HANDLE;
+    return makeKey(hProvider, phKey, [&](const Provider& provider, NCRYPT_KEY_HANDLE* key) {
+        return provider.functions->ImportKey(provider.inner, importKey.key, pszBlobType, pParameterList, key,
+                                             pbData, cbData, dwFlags);
     });
+}
+
+SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
+    return withKey<&Functions::FinalizeKey>(hKey, dwFlags);
+}
+
+SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbOutput,
+                                         DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
+    return withObject<&Functions::GetProviderProperty, &Functions::GetKeyProperty>(
+        hObject, pszProperty, pbOutput, cbOutput, pcbResult, dwFlags);
+}
+
+SECURITY_STATUS WINAPI NCryptSetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbInput,
+                                         DWORD cbInput, DWORD dwFlags) {
+    return withObject<&Functions::SetProviderProperty, &Functions::SetKeyProperty>(hObject, pszProperty,
+                                                                                   pbInput, cbInput, dwFlags);
+}
+
+SECURITY_STATUS WINAPI NCryptSignHash(NCRYPT_KEY_HANDLE hKey, VOID* pPaddingInfo, PBYTE pbHashValue,
+                                      DWORD cbHashValue, PBYTE pbSignature, DWORD cbSignature,
+                                      DWORD* pcbResult, DWORD dwFlags) {
+    return withKey<&Functions::SignHash>(hKey, pPaddingInfo, pbHashValue, cbHashValue, pbSignature,
+                                         cbSignature, pcbResult, dwFlags);
+}
+
+SECURITY_STATUS WINAPI NCryptVerifySignature(NCRYPT_KEY_HANDLE hKey, VOID* pPaddingInfo, PBYTE pbHashValue,
+                                             DWORD cbHashValue, PBYTE pbSignature, DWORD cbSignature,
+                                             DWORD dwFlags) {
+    return withKey<&Functions::VerifySignature>(hKey, pPaddingInfo, pbHashValue, cbHashValue, pbSignature,
+                                                cbSignature, dwFlags);
+}
+
+SECURITY_STATUS WINAPI NCryptEncrypt(NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput, VOID* pPaddingInfo,
+                                     PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
+    return withKey<&Functions::Encrypt>(hKey, pbInput, cbInput, pPaddingInfo, pbOutput, cbOutput, pcbResult,
+                                        dwFlags);
+}
+
+SECURITY_STATUS WINAPI NCryptDecrypt(NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput, VOID* pPaddingInfo,
+                                     PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
+    return withKey<&Functions::Decrypt>(hKey, pbInput, cbInput, pPaddingInfo, pbOutput, cbOutput, pcbResult,
+                                        dwFlags);
 }
 
 SECURITY_STATUS WINAPI NCryptExportKey(NCRYPT_KEY_HANDLE hKey, NCRYPT_KEY_HANDLE hExportKey,
                                        LPCWSTR pszBlobType, NCryptBufferDesc* pParameterList, PBYTE pbOutput,
                                        DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    NCRYPT_KEY_HANDLE exportKey = 0;
-    if (!innerKey(hExportKey, exportKey)) return NTE_INVALID_HANDLE;
-    return forward(hKey, Kind::Key, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR key) {
-        return functions.ExportKey(provider, key, exportKey, pszBlobType, pParameterList, pbOutput, cbOutput,
-                                   pcbResult, dwFlags);
-    });
+    const Object exportKey = find(hExportKey, true);
+    if (hExportKey != 0 && exportKey.provider == nullptr) return NTE_INVALID_HANDLE;
+    return withKey<&Functions::ExportKey>(hKey, exportKey.key, pszBlobType, pParameterList, pbOutput,
+                                          cbOutput, pcbResult, dwFlags);
 }
 
 SECURITY_STATUS WINAPI NCryptEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszScope,
                                       NCryptKeyName** ppKeyName, PVOID* ppEnumState, DWORD dwFlags) {
-    const auto object = find(hProvider, Kind::Provider);
-    if (object == nullptr) return NTE_INVALID_HANDLE;
-    const SECURITY_STATUS status =
-        object->provider->functions->EnumKeys(object->inner, pszScope, ppKeyName, ppEnumState, dwFlags);
-    if (ppEnumState != nullptr && *ppEnumState != nullptr) rememberBuffer(*ppEnumState, object->provider);
-    if (status == ERROR_SUCCESS) rememberBuffer(*ppKeyName, object->provider);
+    const Object object = find(hProvider, false);
+    if (object.provider == nullptr) return NTE_INVALID_HANDLE;
+    const SECURITY_STATUS status = object.provider->functions->EnumKeys(object.provider->inner, pszScope,
+                                                                        ppKeyName, ppEnumState, dwFlags);
+    const std::lock_guard lock(mutex);
+    if (*ppEnumState != nullptr) givenBuffers[*ppEnumState] = object.provider;
+    if (status == ERROR_SUCCESS) givenBuffers[*ppKeyName] = object.provider;
     return status;
 }
 
-SECURITY_STATUS WINAPI NCryptEnumAlgorithms(NCRYPT_PROV_HANDLE hProvider, DWORD dwAlgOperations,
-                                            DWORD* pdwAlgCount, NCryptAlgorithmName** ppAlgList,
-                                            DWORD dwFlags) {
-    const auto object = find(hProvider, Kind::Provider);
-    if (object == nullptr) return NTE_INVALID_HANDLE;
-    const SECURITY_STATUS status = object->provider->functions->EnumAlgorithms(
-        object->inner, dwAlgOperations, pdwAlgCount, ppAlgList, dwFlags);
-    if (status == ERROR_SUCCESS) rememberBuffer(*ppAlgList, object->provider);
-    return status;
-}
-
-SECURITY_STATUS WINAPI NCryptIsAlgSupported(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszAlgId, DWORD dwFlags) {
-    return forward(hProvider, Kind::Provider, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR) {
-        return functions.IsAlgSupported(provider, pszAlgId, dwFlags);
-    });
+SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID pvInput) {
+    std::unique_lock lock(mutex);
+    const auto node = givenBuffers.extract(pvInput);
+    lock.unlock();
+    return node.empty() ? NTE_INVALID_PARAMETER : node.mapped()->functions->FreeBuffer(pvInput);
 }
 
 SECURITY_STATUS WINAPI NCryptSecretAgreement(NCRYPT_KEY_HANDLE hPrivKey, NCRYPT_KEY_HANDLE hPubKey,
                                              NCRYPT_SECRET_HANDLE* phAgreedSecret, DWORD dwFlags) {
-    const auto own = find(hPrivKey, Kind::Key);
-    const auto peer = find(hPubKey, Kind::Key);
-    if (own == nullptr || peer == nullptr) return NTE_INVALID_HANDLE;
-    // The documentation asks for keys of the same provider.
-    if (own->provider != peer->provider) return NTE_INVALID_PARAMETER;
-    return makeObject(Kind::Secret, own->provider, phAgreedSecret, [&](ULONG_PTR* secret) {
-        return own->provider->functions->SecretAgreement(own->provider->inner, own->inner, peer->inner,
-                                                         secret, dwFlags);
-    });
+    const Object own = find(hPrivKey, true);
+    const Object peer = find(hPubKey, true);
+    if (own.provider == nullptr || peer.provider == nullptr) return NTE_INVALID_HANDLE;
+    Object made{.provider = own.provider};
+    const SECURITY_STATUS status = own.provider->functions->SecretAgreement(own.provider->inner, own.key,
+                                                                            peer.key, &made.secret, dwFlags);
+    if (status == ERROR_SUCCESS) *phAgreedSecret = addObject(std::move(made));
+    return status;
 }
 
 SECURITY_STATUS WINAPI NCryptDeriveKey(NCRYPT_SECRET_HANDLE hSharedSecret, LPCWSTR pwszKDF,
                                        NCryptBufferDesc* pParameterList, PBYTE pbDerivedKey,
                                        DWORD cbDerivedKey, DWORD* pcbResult, ULONG dwFlags) {
-    return forward(hSharedSecret, Kind::Secret,
-                   [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR secret) {
-                       return functions.DeriveKey(provider, secret, pwszKDF, pParameterList, pbDerivedKey,
-                                                  cbDerivedKey, pcbResult, dwFlags);
-                   });
+    const Object object = find(hSharedSecret, false, true);
+    if (object.provider == nullptr) return NTE_INVALID_HANDLE;
+    return object.provider->functions->DeriveKey(object.provider->inner, object.secret, pwszKDF,
+                                                 pParameterList, pbDerivedKey, cbDerivedKey, pcbResult,
+                                                 dwFlags);
 }
 
 // Frees the handle too when it succeeds.
 SECURITY_STATUS WINAPI NCryptDeleteKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
-    const SECURITY_STATUS status =
-        forward(hKey, Kind::Key, [&](const Functions& functions, ULONG_PTR provider, ULONG_PTR key) {
-            return functions.DeleteKey(provider, key, dwFlags);
-        });
+    const SECURITY_STATUS status = withKey<&Functions::DeleteKey>(hKey, dwFlags);
     return status == ERROR_SUCCESS ? NCryptFreeObject(hKey) : status;
 }
 
 SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE hObject) {
     std::unique_lock lock(mutex);
-    const auto found = objects.find(hObject);
-    if (found == objects.end()) return NTE_INVALID_HANDLE;
-    const Object object = std::move(found->second);
-    objects.erase(found);
+    const auto node = objects.extract(hObject);
     lock.unlock();
-    const Functions& functions = *object.provider->functions;
-    if (object.kind == Kind::Key) return functions.FreeKey(object.provider->inner, object.inner);
-    if (object.kind == Kind::Secret) return functions.FreeSecret(object.provider->inner, object.inner);
-    return ERROR_SUCCESS; // the provider goes with the last object that was made with it
-}
-
-SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID pvInput) {
-    std::unique_lock lock(mutex);
-    const auto found = givenBuffers.find(pvInput);
-    if (found == givenBuffers.end()) return NTE_INVALID_PARAMETER;
-    const std::shared_ptr<Provider> provider = found->second;
-    givenBuffers.erase(found);
-    lock.unlock();
-    return provider->functions->FreeBuffer(pvInput);
+    if (node.empty()) return NTE_INVALID_HANDLE;
+    const Object& object = node.mapped();
+    if (object.secret != 0)
+        return object.provider->functions->FreeSecret(object.provider->inner, object.secret);
+    // A provider goes with the last object that was made with it.
+    if (object.key == 0) return ERROR_SUCCESS;
+    return object.provider->functions->FreeKey(object.provider->inner, object.key);
 }

@@ -3,7 +3,6 @@
 #include "support/googletest.h"
 
 #include "foundation/device_library_contract.h"
-#include "gcrypt_support.h"
 #include "token_store.h"
 
 #include <string>
@@ -12,51 +11,58 @@
 
 namespace veltra::softtoken::test {
 
-/// One loaded instance of VeltraDSCLibrary.dll, with its exports. Every instance has state of its own, as if
-/// it were in another process.
+/// VeltraDSCLibrary.dll beside the program, with its exports. Its sessions are not those of the core library
+/// that a test program is linked with: the two are to each other as two processes.
 class LoadedLibrary {
 public:
-    /// The DLL beside the test program, or a copy of it, which the system loads a second time.
-    enum class Instance { First, Second };
-    explicit LoadedLibrary(Instance instance);
+    LoadedLibrary();
     LoadedLibrary(const LoadedLibrary&) = delete;
     LoadedLibrary& operator=(const LoadedLibrary&) = delete;
     ~LoadedLibrary();
 
-    decltype(&veltra_init) init = nullptr;
-    decltype(&veltra_getConnectedDeviceList) getConnectedDeviceList = nullptr;
-    decltype(&veltra_initDevice) initDevice = nullptr;
-    decltype(&veltra_getTokenInfo) getTokenInfo = nullptr;
-    decltype(&veltra_validatePassword) validatePassword = nullptr;
-    decltype(&veltra_getKeyPairList) getKeyPairList = nullptr;
-    decltype(&veltra_generateKeyPair) generateKeyPair = nullptr;
-    decltype(&veltra_deleteKeyPair) deleteKeyPair = nullptr;
-    decltype(&veltra_updateKeyPairDetails) updateKeyPairDetails = nullptr;
-    decltype(&veltra_signHash) signHash = nullptr;
-    decltype(&veltra_verifySignatureHash) verifySignatureHash = nullptr;
-    decltype(&veltra_generateRamdomNumber) generateRamdomNumber = nullptr;
-    decltype(&veltra_initHash) initHash = nullptr;
-    decltype(&veltra_updateHash) updateHash = nullptr;
-    decltype(&veltra_finalHash) finalHash = nullptr;
-    decltype(&veltra_getCertificateList) getCertificateList = nullptr;
-    decltype(&veltra_findCertificateForKey) findCertificateForKey = nullptr;
-    decltype(&veltra_importCertificate) importCertificate = nullptr;
-    decltype(&veltra_getCertificateDetails) getCertificateDetails = nullptr;
-    decltype(&veltra_getFilesWithExtensionsAndConvertDER) getFilesWithExtensionsAndConvertDER = nullptr;
-    decltype(&veltra_getAesKeyList) getAesKeyList = nullptr;
-    decltype(&veltra_importAesKey) importAesKey = nullptr;
-    decltype(&veltra_encrypt) encrypt = nullptr;
-    decltype(&veltra_decrypt) decrypt = nullptr;
-    decltype(&veltra_encrypt_aes) encryptAes = nullptr;
-    decltype(&veltra_decrypt_aes) decryptAes = nullptr;
-    decltype(&veltra_decryptSymetric) decryptSymetric = nullptr;
-    decltype(&veltra_ecdhDerive) ecdhDerive = nullptr;
-
 private:
-    template <class Function>
-    void bind(Function& function, const char* name);
+    /// The address of an export, as a pointer to whatever function it is assigned to.
+    struct Symbol {
+        void (*address)();
+        template <class Function>
+        operator Function*() const {
+            return reinterpret_cast<Function*>(address);
+        }
+    };
+    [[nodiscard]] Symbol find(const char* name) const;
 
     void* module_;
+
+public:
+    decltype(&veltra_init) init = find("veltra_init");
+    decltype(&veltra_getConnectedDeviceList) getConnectedDeviceList = find("veltra_getConnectedDeviceList");
+    decltype(&veltra_initDevice) initDevice = find("veltra_initDevice");
+    decltype(&veltra_getTokenInfo) getTokenInfo = find("veltra_getTokenInfo");
+    decltype(&veltra_validatePassword) validatePassword = find("veltra_validatePassword");
+    decltype(&veltra_getKeyPairList) getKeyPairList = find("veltra_getKeyPairList");
+    decltype(&veltra_generateKeyPair) generateKeyPair = find("veltra_generateKeyPair");
+    decltype(&veltra_deleteKeyPair) deleteKeyPair = find("veltra_deleteKeyPair");
+    decltype(&veltra_updateKeyPairDetails) updateKeyPairDetails = find("veltra_updateKeyPairDetails");
+    decltype(&veltra_signHash) signHash = find("veltra_signHash");
+    decltype(&veltra_verifySignatureHash) verifySignatureHash = find("veltra_verifySignatureHash");
+    decltype(&veltra_generateRamdomNumber) generateRamdomNumber = find("veltra_generateRamdomNumber");
+    decltype(&veltra_initHash) initHash = find("veltra_initHash");
+    decltype(&veltra_updateHash) updateHash = find("veltra_updateHash");
+    decltype(&veltra_finalHash) finalHash = find("veltra_finalHash");
+    decltype(&veltra_getCertificateList) getCertificateList = find("veltra_getCertificateList");
+    decltype(&veltra_findCertificateForKey) findCertificateForKey = find("veltra_findCertificateForKey");
+    decltype(&veltra_importCertificate) importCertificate = find("veltra_importCertificate");
+    decltype(&veltra_getCertificateDetails) getCertificateDetails = find("veltra_getCertificateDetails");
+    decltype(&veltra_getFilesWithExtensionsAndConvertDER) getFiles =
+        find("veltra_getFilesWithExtensionsAndConvertDER");
+    decltype(&veltra_getAesKeyList) getAesKeyList = find("veltra_getAesKeyList");
+    decltype(&veltra_importAesKey) importAesKey = find("veltra_importAesKey");
+    decltype(&veltra_encrypt) encrypt = find("veltra_encrypt");
+    decltype(&veltra_decrypt) decrypt = find("veltra_decrypt");
+    decltype(&veltra_encrypt_aes) encryptAes = find("veltra_encrypt_aes");
+    decltype(&veltra_decrypt_aes) decryptAes = find("veltra_decrypt_aes");
+    decltype(&veltra_decryptSymetric) decryptSymetric = find("veltra_decryptSymetric");
+    decltype(&veltra_ecdhDerive) ecdhDerive = find("veltra_ecdhDerive");
 };
 
 /// The places for a buffer that a function hands out; releases it. Not empty before, to show who clears it.
@@ -71,49 +77,6 @@ struct LibraryOutput {
 
     [[nodiscard]] Bytes bytes() const { return {data, data + length}; }
     [[nodiscard]] bool isEmpty() const { return data == nullptr && length == 0; }
-};
-
-/// Of an even number of hexadecimal digits.
-Bytes fromHex(std::string_view text);
-
-/// A fresh home folder with one plugged-in token "T1" and the DLL.
-class SoftTokenTest : public testing::Test {
-protected:
-    static constexpr const char* kSerial = "T1";
-    static constexpr const char* kPin = "123456";
-
-    SoftTokenTest();
-    ~SoftTokenTest() override;
-
-    /// Makes another token.
-    static void create(const char* serial, FipsGeneration fips = FipsGeneration::Fips1402,
-                       std::uint32_t attempts = kDefaultAttempts);
-    template <class Change>
-    static void change(Change change) {
-        const TokenFolder token(kSerial);
-        TokenDescription description = token.description();
-        change(description);
-        token.saveDescription(description);
-    }
-
-    /// veltra_validatePassword of kSerial.
-    int logIn(const char* pin = kPin, int* remaining = nullptr) const;
-    /// A generated key of kSerial; fails the test when there is none.
-    [[nodiscard]] VeltraKeyPair generate(std::uint32_t keyType, std::uint32_t usage = kUsageSign) const;
-    /// veltra_signHash of kSerial over `hashLength` bytes; fills `signature` when it succeeds.
-    int sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes& signature, bool pss = false,
-             const char* pin = kPin) const;
-    int sign(const VeltraKeyPair& key, const char* pin = kPin) const;
-    /// veltra_verifySignatureHash over the same hash as sign().
-    [[nodiscard]] int verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature,
-                             bool pss = false) const;
-
-    /// SubjectPublicKeyInfo of an RSA key with exponent 65537, encoded by the platform.
-    static Bytes rsaKeyDer(const VeltraKeyPair& key);
-    static Bytes hashOf(std::size_t length);
-
-    std::filesystem::path home_;
-    LoadedLibrary library_{LoadedLibrary::Instance::First};
 };
 
 } // namespace veltra::softtoken::test

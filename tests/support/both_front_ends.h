@@ -16,8 +16,8 @@ struct Output {
     Bytes bytes = Bytes(kCapacity, 0xEE);
     DWORD length = kCapacity;
     DWORD count = 0;
-    std::uintptr_t handle = 0;
-    std::uintptr_t second = 0;
+    ULONG_PTR handle = 0;
+    ULONG_PTR second = 0;
 
     bool operator==(const Output&) const = default;
 };

@@ -19,7 +19,7 @@ namespace {
 
 using World = BothFrontEnds;
 
-const std::map<std::string, std::uintptr_t World::*> kObjects = {
+const std::map<std::string, ULONG_PTR World::*> kObjects = {
     {"context", &World::context},     {"rsaKey", &World::rsaKey},     {"aesKey", &World::aesKey},
     {"hash", &World::hash},           {"hmac", &World::hmac},         {"provider", &World::provider},
     {"cngRsaKey", &World::cngRsaKey}, {"cngEcKey", &World::cngEcKey}, {"cngAesKey", &World::cngAesKey},
@@ -118,7 +118,7 @@ Argument::Argument(std::string word) : isOptional(word.back() == '?') {
     name = word.substr(0, sign);
 }
 
-std::uintptr_t World::*Argument::object() const {
+ULONG_PTR World::*Argument::object() const {
     const auto found = kObjects.find(name);
     return found == kObjects.end() ? nullptr : found->second;
 }

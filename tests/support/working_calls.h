@@ -23,7 +23,7 @@ struct Argument {
     /// What it is in the world, with this choice and this text.
     std::uintptr_t in(BothFrontEnds& world, std::uintptr_t choice, const WCHAR* text) const;
     /// The object that it names; null when it is none.
-    std::uintptr_t BothFrontEnds::*object() const;
+    ULONG_PTR BothFrontEnds::*object() const;
     /// The address of the place that it names; 0 when it is none.
     std::uintptr_t placeIn(BothFrontEnds& world) const;
 

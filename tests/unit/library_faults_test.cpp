@@ -180,7 +180,7 @@ protected:
             return reply.code == 0;
         });
         reply.errors = std::move(answer.errors);
-        for (std::uintptr_t* handle : {&world.out.handle, &world.out.second})
+        for (ULONG_PTR* handle : {&world.out.handle, &world.out.second})
             if (*handle != 0) *handle = releaseAny(*handle) ? 1 : 2;
         reply.out = world.out;
         return reply;

@@ -1,0 +1,15 @@
+# veltra_version_resource(TARGET DESCRIPTION): the version information that Windows shows of a file. The version is the
+# project's, which is the only place that says it.
+function(veltra_version_resource target description)
+    get_target_property(type ${target} TYPE)
+    if(type STREQUAL "EXECUTABLE")
+        set(file_name ${target}.exe)
+        set(file_type VFT_APP)
+    else()
+        set(file_name ${target}.dll)
+        set(file_type VFT_DLL)
+    endif()
+    set(file_description "${description}")
+    configure_file(${PROJECT_SOURCE_DIR}/res/version.rc.in ${target}-version.rc @ONLY)
+    target_sources(${target} PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/${target}-version.rc)
+endfunction()

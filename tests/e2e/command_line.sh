@@ -1,0 +1,91 @@
+# veltra as a command-line tool: help, exit codes, JSON, where the PIN comes from, and the log.
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+# json COMMAND... [-- MEMBER...]: the output is one JSON object with these members.
+json() {
+    local command=()
+    while [ $# -gt 0 ] && [ "$1" != -- ]; do command+=("$1") && shift; done
+    "${command[@]}" --json >out.json 2>out.err || true
+    python3 -c 'import json, sys
+document = json.load(open("out.json"))
+missing = [name for name in sys.argv[1:] if name not in document]
+sys.exit(f"{missing} not in {document}" if missing else 0)' "${@:2}" || fail "--json of ${command[*]}: $(cat out.json)"
+    cat out.json out.err >>everything.txt
+}
+
+makeDocument
+newToken E2E-LINE --fips 140-2
+newCertifiedKey "$unique" --bits 2048 --usage exchange >keygen.txt 2>&1
+! grep -q 'Generating' keygen.txt || fail "a progress line where there is no terminal"
+
+# Every command has examples.
+veltra --help | tr -d '\r' >help.txt
+mapfile -t commands < <(sed -n 's/^  \([a-z][a-z-]*\) .*/\1/p' help.txt | grep -v '^veltra$')
+[ ${#commands[@]} -ge 20 ] || fail "the help lacks commands: $(cat help.txt)"
+for command in "${commands[@]}"; do
+    expectFailure 0 "  veltra $command" veltra "$command" --help
+done
+
+veltra sign document --container "$unique" --raw --out document.sig >/dev/null
+json veltra list-keys -- keys
+json veltra list-certificates -- certificates
+json veltra show-provider -- properties algorithms containers
+json veltra show-provider --cng -- properties algorithms keys
+json veltra log-level -- levels
+json veltra log -- files
+json veltra log --files -- files
+json veltra generate-random 4 -- bytes
+json veltra verify document --raw --signature document.sig --container "$unique" -- verified
+json veltra verify document.changed --raw --signature document.sig --container "$unique" -- verified reason
+json veltra sign document --container none --raw --out refused -- error
+grep -q '"code": "0x8009000D NTE_NO_KEY"' out.json || fail "the error has no code: $(cat out.json)"
+
+for usage in "" "no-such-command" "sign document" "log --follow --files" "--pin 1 --pin-stdin list-keys"; do
+    # shellcheck disable=SC2086 # arguments
+    expectExit 2 veltra $usage
+done
+
+# The PIN, where the token has no session.
+logIn E2E-LINE 1
+sleep 2
+sign() { veltra "$@" --silent sign document --container "$unique" --raw --out document.sig; }
+expectFailure 1 NTE_SILENT_CONTEXT sign
+VELTRA_PIN=000000 expectFailure 1 "does not accept the PIN: 0x" sign
+VELTRA_PIN=$pin expectExit 0 sign
+PIN=$pin expectExit 0 sign --pin-env PIN
+expectFailure 0 warning sign --pin "$pin"
+for option in --pin-stdin "--pin-fd 0"; do
+    # shellcheck disable=SC2086 # an option and its value
+    expectExit 0 sign $option <<<"$pin"
+done
+for option in --pin-prompt "--pin-fd 77" "--pin-env NOT_SET" --pin-stdin; do
+    # shellcheck disable=SC2086
+    expectExit 2 sign $option </dev/null
+done
+# On a terminal, which shows the question but not the answer.
+{ sleep 4 && printf '%s\r' "$pin" && sleep 4; } | script -qec "'$veltraRoot/scripts/wine-run' '$bin/veltra.exe' \
+    --pin-prompt --silent sign document --container '$unique' --raw --out document.sig" typescript >/dev/null
+grep -q 'PIN:' typescript && grep -q 'EXIT_CODE="0"' typescript || fail "nobody was asked on the terminal: $(cat typescript)"
+
+# The log: how much, which files, and what comes.
+for level in 2 3 default; do
+    veltra log-level "$level" >level.txt
+    case $level in default) word='errors (not set)' ;; 2) word=errors ;; 3) word='errors and every step' ;; esac
+    [ "$(grep -c "$word" level.txt)" -ge 2 ] || fail "log-level $level: $(cat level.txt)"
+done
+expectExit 1 sign --provider none
+expectFailure 0 'ERROR ::=>' veltra log --process veltra --lines 5
+timeout 60 "$veltraRoot/scripts/wine-run" "$bin/veltra.exe" log --process veltra --lines 1 --follow >follow.txt &
+follower=$!
+sleep 3
+for _ in $(seq 20); do
+    expectFailure 1 NTE_SILENT_CONTEXT sign
+    sleep 1
+    [ "$(grep -c 'ERROR ::=>' follow.txt)" -lt 2 ] || break
+done
+kill "$follower" && wait "$follower" 2>/dev/null || true
+[ "$(grep -c 'ERROR ::=>' follow.txt)" -ge 2 ] || fail "the log was not followed: $(cat follow.txt)"
+
+logIn E2E-LINE
+veltra delete-key --container "$unique" --yes
+! grep -q "$pin" everything.txt keygen.txt typescript follow.txt || fail "the PIN is in the output"

@@ -1,0 +1,106 @@
+# veltra doctor: what it says of an installation that is whole, and of each way in which one can be broken.
+. "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+containers='HKCU\SOFTWARE\Veltra\CSP\Containers'
+providers='HKLM\SOFTWARE\Microsoft\Cryptography\Defaults\Provider'
+name='Veltra Cryptographic Provider CSP'
+reg() { "$(wineLoader)" reg "$@" >/dev/null; }
+seconds=60
+
+# An installation of its own, so that its files can be broken.
+mkdir box
+restore() {
+    cp "$bin/veltra.exe" "$bin/VeltraCSP.dll" "$bin/VeltraDSCLibrary.dll" box
+    box register >/dev/null
+}
+box() { runWindows box/veltra.exe "$@"; }
+
+# doctor EXIT FINDING... [-- ARGUMENT...]: the exit code, and each finding as "SECTION ID STATUS".
+doctor() {
+    local expected=$1 actual=0 findings=()
+    shift
+    while [ $# -gt 0 ] && [ "$1" != -- ]; do findings+=("$1") && shift; done
+    box doctor --json --timeout "$seconds" "${@:2}" >doctor.json 2>doctor.err || actual=$?
+    cat doctor.json doctor.err >>everything.txt
+    python3 -c 'import json, sys
+report = json.load(sys.stdin)
+assert report["schema"] == 1 and report["healthy"] == (report["problems"] == 0)
+for section in report["sections"]:
+    for finding in section["findings"]:
+        assert finding["status"] != "problem" or finding["advice"], finding
+        print(section["section"], finding["id"], finding["status"])' <doctor.json >found.txt ||
+        fail "no report: $(cat doctor.json doctor.err)"
+    [ "$actual" -eq "$expected" ] || fail "exit code $actual instead of $expected: $(cat doctor.json)"
+    for finding in "${findings[@]}"; do
+        grep -qx "$finding" found.txt || fail "'$finding' is missing: $(cat doctor.json)"
+    done
+}
+
+# broken COMMAND FINDING...: what COMMAND does to the installation is found, and is gone with the next one.
+broken() {
+    eval "$1"
+    doctor 1 "${@:2}"
+    restore
+}
+
+# Nothing is installed, no token has ever been there, and nothing beside the program either.
+cp "$bin/veltra.exe" box
+veltra unregister >/dev/null
+doctor 1 'cryptoapi registered64 problem' 'cng loads problem' 'library loads problem' 'tokens none note'
+
+restore
+doctor 1 'cryptoapi loads ok' 'library complete ok' 'tokens none problem'
+
+newToken E2E-DOC --fips 140-2
+newCertifiedKey "$unique" --bits 2048
+veltra import-certificate --container "$unique" "$unique.pem" >/dev/null
+doctor 0 'cryptoapi registered64 ok' 'cryptoapi keys ok' 'cng keys ok' 'tokens token ok' 'keys certificate ok' \
+    'containers entry ok' 'log folder ok' 'signature skipped ok'
+box doctor >healthy.txt || fail "not healthy: $(cat healthy.txt)"
+grep -q 'FIPS 140-2, firmware .*session open' healthy.txt || fail "the token is not described: $(cat healthy.txt)"
+
+broken "veltra unregister >/dev/null" 'cryptoapi registered64 problem' 'cng loads ok'
+broken "reg add '$providers\\$name' /v Type /t REG_DWORD /d 24 /f" 'cryptoapi registered64 problem'
+broken "reg add '$providers\\$name' /v 'Image Path' /d 'C:\\none.dll' /f" 'cryptoapi registered64 problem'
+broken 'echo text >box/VeltraCSP.dll' 'cryptoapi registered64 problem' 'cng loads problem'
+broken "cp '$bin/hostile_library.dll' box/VeltraCSP.dll; export VELTRA_HOSTILE=crash" 'cryptoapi loads problem' \
+    'cng loads problem' 'library loads ok'
+broken 'rm box/VeltraDSCLibrary.dll' 'library loads problem' 'tokens none note'
+broken 'cp box/VeltraCSP.dll box/VeltraDSCLibrary.dll' 'library loads ok' 'library complete problem'
+for way in crash exit hang; do
+    [ $way != hang ] || seconds=3
+    broken "cp '$bin/hostile_library.dll' box/VeltraDSCLibrary.dll; export VELTRA_HOSTILE=$way" \
+        'library loads problem' 'tokens none note' 'containers entry note'
+done
+seconds=60
+
+# A damaged map, and one that names a key which is gone.
+for entry in "0:note:/d 00112233445566778899AABBCCDDEEFF" "1:problem:/t REG_BINARY /d 0102" "1:problem:/d ,,," \
+    "1:problem:/d $(head -c 5000 /dev/zero | tr '\0' A)"; do
+    IFS=: read -r exit status options <<<"$entry"
+    # shellcheck disable=SC2086 # options
+    reg add "$containers" /v "$unique-gone" $options /f
+    doctor "$exit" "containers entry $status" 'containers entry ok'
+    reg delete "$containers" /v "$unique-gone" /f
+done
+
+# A signature needs a PIN, which no output shows; a wrong one is tried once.
+expectFailure 2 "no terminal" box doctor --sign </dev/null
+VELTRA_PIN=$pin doctor 0 'signature cryptoapi ok' 'signature cng ok' -- --sign
+VELTRA_PIN=000000 doctor 1 'signature cryptoapi problem' -- --sign --container "$unique"
+! grep -q '^signature cng' found.txt || fail "a refused PIN was tried twice"
+! grep -q "$pin" everything.txt || fail "the PIN is in the output"
+
+veltra log-level 3 >/dev/null
+doctor 0 'log level note'
+veltra log-level default >/dev/null
+# Certificates near their end, and past it.
+openssl genpkey -quiet -algorithm RSA -out issuer.key
+for days in 10:0:note -1:1:problem; do
+    IFS=: read -r last exit status <<<"$days"
+    openssl x509 -new -force_pubkey "$unique.pub" -subj "/CN=$unique" -key issuer.key -days "$last" -out late.pem
+    veltra import-certificate --container "$unique" late.pem >/dev/null
+    doctor "$exit" "keys certificate $status"
+done
+
+veltra delete-key --container "$unique" --yes

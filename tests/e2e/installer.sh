@@ -1,0 +1,142 @@
+# The installer in a fresh Wine prefix: refused and failed installations leave nothing, the installed provider signs, an
+# upgrade keeps what was chosen, and the removal leaves what belongs to the user alone.
+work=${VELTRA_WORK:-$(dirname "${BASH_SOURCE[0]}")/../../build/e2e/installer}
+rm -rf "$work"
+mkdir -p "$work"
+export VELTRA_WINEPREFIX=$work/wine
+. "$(dirname "${BASH_SOURCE[0]}")/../../scripts/lib.sh"
+set -euo pipefail
+cd "$work"
+startServices
+# Wine says that it is Windows 7 unless told otherwise.
+runWindows reg add 'HKCU\Software\Wine' /v Version /d win10 /f >/dev/null
+"$(wineServer)" -k
+startServices
+
+drive=$WINEPREFIX/drive_c
+installed="$drive/Program Files/Quenmark/Veltra"
+builds=$veltraRoot/build
+
+package() { "$veltraRoot/scripts/package" --no-build --output "$work" "$@" >/dev/null; }
+install() { runWindows msiexec /i "$@" /qn; }
+remove() { runWindows msiexec /x "$1" /qn; }
+veltra() { runWindows "$installed/veltra.exe" "$@"; }
+softtoken() { runWindows "$installed/softtoken.exe" "$@"; }
+
+# snapshot NAME: every registry value with its key and every file of the drive. Left out is what Wine itself keeps
+# changing, Windows Installer's own files, and folders, of which Wine leaves an empty one behind after a failure.
+snapshot() {
+    local root
+    for root in HKLM HKCU; do
+        runWindows reg export "$root\\Software" "$(windowsPath "$work/$1.$root")" /y >/dev/null
+        iconv -f utf-16 -t utf-8 "$1.$root" | tr -d '\r' | sed -e ':join /\\$/{N; s/\\\n *//; b join}' |
+            awk '/^\[/ {key = $0} /^["@]/ {print key $0}'
+    done | grep -v -e 'Software\\Wine\\' -e 'CurrentVersion\\Telephony' | LC_ALL=C sort >"$1.values"
+    rm "$1.HKLM" "$1.HKCU"
+    (cd "$drive" && find . -path ./windows/Installer -prune -o ! -type d -print) | LC_ALL=C sort >"$1.files"
+}
+
+# Nothing differs between the two snapshots.
+expectEqual() {
+    local part
+    for part in values files; do
+        diff "$1.$part" "$2.$part" || fail "$3"
+    done
+}
+
+# expectProvider VIEW FOLDER BUILD: in this registry view, the DLL of this build in this folder is the provider.
+expectProvider() {
+    local key="HKLM\\Software\\$1Microsoft\\Cryptography\\Defaults\\Provider\\Veltra Cryptographic Provider CSP" values
+    values=$(runWindows reg query "$key" | tr -d '\r')
+    grep -qi "Image Path *REG_SZ *C:.windows.$2.VeltraCSP.dll$" <<<"$values" &&
+        grep -q 'Type *REG_DWORD *0x1$' <<<"$values" &&
+        grep -qE 'Signature *REG_BINARY *0{272}$' <<<"$values" || fail "the registration in $key is not right: $values"
+    cmp "$drive/windows/$2/VeltraCSP.dll" "$builds/$3/bin/VeltraCSP.dll"
+}
+
+# Exactly one product is listed as installed, in this version.
+expectVersion() {
+    local versions
+    versions=$(runWindows reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall' /s /v DisplayVersion |
+        sed -n 's/.*REG_SZ *\([0-9.]*\).*/\1/p')
+    [ "$versions" = "$1" ] || fail "installed is version '$versions', not $1"
+}
+
+# The key in the container signs a document through the registered provider, and OpenSSL accepts the signature.
+expectSignature() {
+    head -c 10000 /dev/urandom >document
+    veltra "$@" sign "$(windowsPath document)" --container installed --raw --out "$(windowsPath signature)" >/dev/null
+    openssl dgst -sha256 -verify key.pub -signature signature document >/dev/null || fail "OpenSSL refuses the signature"
+}
+
+package
+version=$(basename VeltraCSP-*.msi -x64.msi)
+version=${version#VeltraCSP-}
+newer=$((${version%%.*} + 1)).0.0
+package --version "$newer"
+msi=$(windowsPath "VeltraCSP-$version-x64.msi")
+newerMsi=$(windowsPath "VeltraCSP-$newer-x64.msi")
+snapshot before
+
+say "== The software token does not replace a device library of somebody else's"
+echo foreign >"$drive/windows/system32/VeltraDSCLibrary.dll"
+snapshot foreign
+! install "$msi" ADDLOCAL=ALL || fail "a foreign device library does not hinder the software token"
+snapshot refused
+expectEqual foreign refused "a refused installation left something"
+rm "$drive/windows/system32/VeltraDSCLibrary.dll"
+
+say "== A registration that fails ends the installation, which leaves nothing"
+regsvr32Settings='HKCU\Software\Wine\AppDefaults\regsvr32.exe'
+runWindows reg add "$regsvr32Settings\\DllOverrides" /v bcrypt /d '' /f >/dev/null
+! install "$msi" || fail "a failed registration does not end it"
+snapshot failed
+expectEqual before failed "a failed installation left something"
+install "$msi" VELTRACNG=optional || fail "the failure of an optional registration ends it"
+runWindows reg delete "$regsvr32Settings" /f >/dev/null
+remove "$msi"
+snapshot removed
+expectEqual before removed "the removal left something, or took something with it"
+[ ! -e "$drive/Program Files/Quenmark" ] || fail "the removal left its folders"
+
+say "== Installed, with the software token added later"
+install "$msi"
+expectVersion "$version"
+expectProvider '' system32 release
+expectProvider 'Wow6432Node\' syswow64 release-x86
+[ -d "$installed/VeltraDSC/Certificates" ] || fail "there is no folder for CA certificates"
+[ ! -e "$drive/windows/system32/VeltraDSCLibrary.dll" ] || fail "the software token is installed unasked"
+install "$msi" ADDLOCAL=SoftwareToken
+cmp "$drive/windows/system32/VeltraDSCLibrary.dll" "$builds/release/bin/VeltraDSCLibrary.dll"
+cmp "$drive/windows/syswow64/VeltraDSCLibrary.dll" "$builds/release-x86/bin/VeltraDSCLibrary.dll"
+printf '135791\n' | softtoken create --serial INST-1 --pin-stdin >/dev/null
+printf '135791\n' | softtoken login INST-1 --pin-stdin --seconds 3600 >/dev/null
+veltra keygen --container installed --bits 2048 >/dev/null
+veltra certificate --container installed --subject CN=installed --out "$(windowsPath key.pem)" >/dev/null
+openssl x509 -in key.pem -noout -pubkey >key.pub
+expectSignature
+expectSignature --cng
+cp key.pem "$installed/VeltraDSC/Certificates/ca.pem"
+
+say "== Upgrade in place; the way back is refused"
+install "$newerMsi"
+expectVersion "$newer"
+expectProvider '' system32 release
+expectSignature
+snapshot upgraded
+! install "$msi" || fail "an older version replaces a newer one"
+snapshot downgraded
+expectEqual upgraded downgraded "the refused older version changed something"
+
+say "== Removed, except for what is the user's"
+remove "$newerMsi"
+snapshot after
+users='/VeltraDSC/Certificates/ca.pem$\|/users/[^/]*/\(Temp/Quenmark\|AppData/Local/Veltra\)/'
+users+='\|Software\\Veltra\\CSP\\Containers\]'
+for part in values files; do
+    [ -z "$(LC_ALL=C comm -23 "before.$part" "after.$part")" ] || fail "the removal took away more than was installed"
+    ! LC_ALL=C comm -13 "before.$part" "after.$part" | grep -v "$users" || fail "the removal left the above"
+    # What the user had before is there still.
+    diff <(grep "$users" "upgraded.$part") <(grep "$users" "after.$part") || fail "the removal took the user's"
+done
+cmp key.pem "$installed/VeltraDSC/Certificates/ca.pem"

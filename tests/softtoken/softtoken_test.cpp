@@ -1,0 +1,167 @@
+#include "softtoken_test.h"
+
+#include "foundation/windows.h"
+#include "pin_vault.h"
+#include "sealed_data.h"
+#include "unit/test_certificates.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+
+namespace veltra::softtoken::test {
+
+namespace fs = std::filesystem;
+
+Bytes fromHex(std::string_view text) {
+    Bytes bytes;
+    for (std::size_t i = 0; i < text.size(); i += 2)
+        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
+    return bytes;
+}
+
+Bytes fromBase64(const char* text) {
+    Bytes bytes(4096);
+    auto length = static_cast<DWORD>(bytes.size());
+    EXPECT_TRUE(CryptStringToBinaryA(text, 0, CRYPT_STRING_BASE64, bytes.data(), &length, nullptr, nullptr));
+    bytes.resize(length);
+    return bytes;
+}
+
+Bytes contentOf(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void store(const fs::path& path, BytesView content) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
+}
+
+std::uint32_t attemptsOnDisk(const char* serial) {
+    return PinVault(TokenFolder(serial).path()).attemptsLeft();
+}
+
+void expectRefusals(std::initializer_list<int> results) {
+    int index = 0;
+    for (const int result : results) {
+        EXPECT_NE(result, kDeviceOk) << "call " << index;
+        EXPECT_FALSE(result == kDeviceTimeMismatch || result == kDeviceSessionExpired ||
+                     result == kDeviceWeakHashRefused)
+            << "call " << index << ": " << result;
+        ++index;
+    }
+}
+
+SoftTokenTest::SoftTokenTest()
+    : home_(fs::temp_directory_path() / ("softtoken-" + toHex(randomBytes(8)))),
+      root_(fromBase64(veltra::test::kRootCertificate)), leaf_(fromBase64(veltra::test::kLeafCertificate)) {
+    SetEnvironmentVariableW(L"VELTRA_SOFTTOKEN_HOME", home_.c_str());
+    create(kSerial);
+}
+
+SoftTokenTest::~SoftTokenTest() {
+    std::error_code ignored;
+    fs::remove_all(home_, ignored);
+}
+
+void SoftTokenTest::create(const char* serial, std::uint32_t attempts) {
+    TokenDescription description;
+    description.serial = serial;
+    description.label = "Token of a test";
+    createToken(description, kPin, attempts);
+
+    // No key is sealed yet, so the token can have another master key, under a PIN that is derived faster.
+    const TokenFolder token(serial);
+    const Bytes salt = randomBytes(16);
+    const std::uint64_t cost = 1024;
+    const Expression sealed =
+        seal(deriveKeyFromPin(kPin, salt, cost), token.description().tokenId, randomBytes(kSealingKeyLength));
+    for (const char* file : {"pin", "pin.copy"}) {
+        writeRecord(token.path() / file,
+                    Expression::build("(pin %S %S %S %S)", Expression::field("attempts", attempts).get(),
+                                      Expression::field("salt", salt).get(),
+                                      Expression::field("cost", cost).get(), sealed.get()),
+                    Overwrite::Allowed);
+    }
+}
+
+int SoftTokenTest::logIn(const char* pin, int* remaining) const {
+    return library_.validatePassword(kSerial, pin, 1, remaining, nullptr);
+}
+
+VeltraKeyPair SoftTokenTest::generate(std::uint32_t keyType, std::uint32_t usage) const {
+    VeltraKeyPair record{};
+    record.keyType = keyType;
+    record.usage = usage;
+    EXPECT_EQ(library_.generateKeyPair(kSerial, kPin, &record, nullptr), 0) << "key type " << keyType;
+    return record;
+}
+
+int SoftTokenTest::sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes& signature, bool pss,
+                        const char* pin) const {
+    signature.assign(512, 0);
+    int length = lengthOf(signature);
+    const int result =
+        library_.signHash(kSerial, key.keyId, pin, hashOf(hashLength).data(), static_cast<int>(hashLength),
+                          signature.data(), &length, false, nullptr, pss);
+    signature.resize(static_cast<std::size_t>(length));
+    return result;
+}
+
+int SoftTokenTest::sign(const VeltraKeyPair& key, const char* pin) const {
+    Bytes signature;
+    return sign(key, 32, signature, false, pin);
+}
+
+int SoftTokenTest::verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature,
+                          bool pss) const {
+    const Bytes publicKey = key.keyType <= kKeyTypeRsa4096
+                                ? rsaKeyDer(key)
+                                : Bytes(key.publicKey, key.publicKey + key.publicKeyLength);
+    return library_.verifySignatureHash(key.keyType, "", hashOf(hashLength).data(),
+                                        static_cast<int>(hashLength), publicKey.data(), lengthOf(publicKey),
+                                        signature.data(), lengthOf(signature), nullptr, pss);
+}
+
+VeltraSymmetricKey SoftTokenTest::aesRecord(const Bytes& material) {
+    VeltraSymmetricKey record{};
+    std::ranges::copy(material, record.key);
+    record.keyLength = static_cast<std::uint32_t>(material.size());
+    return record;
+}
+
+VeltraCertificate SoftTokenTest::certificateRecord(const Bytes& der, unsigned char keyIdByte) {
+    VeltraCertificate record{};
+    std::ranges::copy(der, record.der);
+    record.derLength = static_cast<std::uint32_t>(der.size());
+    std::ranges::fill(record.keyId, keyIdByte);
+    return record;
+}
+
+Bytes SoftTokenTest::rsaKeyDer(const VeltraKeyPair& key) {
+    Bytes der;
+    const auto header = [&](const char* tag, std::size_t length) {
+        const auto high = static_cast<unsigned char>(length >> 8);
+        std::ranges::copy(fromHex(tag), std::back_inserter(der));
+        der.insert(der.end(), {0x82, high, static_cast<unsigned char>(length)});
+    };
+    const std::size_t modulusLength = key.publicKeyLength;
+    header("30", modulusLength + 34);
+    header("300D06092A864886F70D010101050003", modulusLength + 15);
+    header("0030", modulusLength + 10);
+    header("02", modulusLength + 1);
+    der.push_back(0);
+    der.insert(der.end(), key.publicKey, key.publicKey + modulusLength);
+    der.insert(der.end(), {0x02, 0x03, 0x01, 0x00, 0x01});
+    return der;
+}
+
+Bytes SoftTokenTest::hashOf(std::size_t length) {
+    Bytes hash(length);
+    for (std::size_t i = 0; i < length; ++i)
+        hash[i] = static_cast<unsigned char>(0xF1 + 7 * i);
+    return hash;
+}
+
+} // namespace veltra::softtoken::test

@@ -1,0 +1,99 @@
+#include "installation.h"
+
+#include "wide_text.h"
+
+#include "foundation/text.h"
+#include "foundation/win_handle.h"
+
+#include <bit>
+#include <cstddef>
+#include <cstring>
+#include <fstream>
+#include <vector>
+
+namespace veltra {
+namespace {
+
+constexpr std::size_t kPathCapacity = 32768;
+
+DWORD highWord(DWORD value) {
+    return value >> 16;
+}
+DWORD lowWord(DWORD value) {
+    return value & 0xFFFF;
+}
+
+} // namespace
+
+std::optional<CryptoApiEntry> readCryptoApiEntry(const std::wstring& provider, const RegistryView& view) {
+    HKEY opened = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, (kCryptoApiProviders + provider).c_str(), 0, KEY_READ | view.flag,
+                      &opened) != ERROR_SUCCESS) {
+        return std::nullopt;
+    }
+    const UniqueRegistryKey key(opened);
+    CryptoApiEntry entry;
+    std::wstring image(kPathCapacity, L'\0');
+    auto bytes = static_cast<DWORD>(image.size() * sizeof(wchar_t));
+    if (RegGetValueW(key.get(), nullptr, L"Image Path", RRF_RT_REG_SZ, nullptr, image.data(), &bytes) ==
+        ERROR_SUCCESS) {
+        entry.image = image.substr(0, image.find(L'\0'));
+    }
+    bytes = sizeof entry.type;
+    RegGetValueW(key.get(), nullptr, L"Type", RRF_RT_REG_DWORD, nullptr, &entry.type, &bytes);
+    return entry;
+}
+
+std::filesystem::path findImage(const std::filesystem::path& image) {
+    std::wstring found(kPathCapacity, L'\0');
+    const DWORD length =
+        SearchPathW(nullptr, image.c_str(), nullptr, static_cast<DWORD>(found.size()), found.data(), nullptr);
+    return length < found.size() ? found.substr(0, length) : std::wstring();
+}
+
+std::string fileVersion(const std::filesystem::path& file) {
+    DWORD ignored = 0;
+    std::vector<std::byte> resource(GetFileVersionInfoSizeW(file.c_str(), &ignored));
+    void* value = nullptr;
+    UINT length = 0;
+    if (resource.empty() ||
+        !GetFileVersionInfoW(file.c_str(), 0, static_cast<DWORD>(resource.size()), resource.data()) ||
+        !VerQueryValueW(resource.data(), L"\\", &value, &length) || length < sizeof(VS_FIXEDFILEINFO)) {
+        return {};
+    }
+    VS_FIXEDFILEINFO info{};
+    std::memcpy(&info, value, sizeof info);
+    return concat(highWord(info.dwFileVersionMS), ".", lowWord(info.dwFileVersionMS), ".",
+                  highWord(info.dwFileVersionLS), ".", lowWord(info.dwFileVersionLS));
+}
+
+unsigned fileBits(const std::filesystem::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    const auto read = [&](auto& record, std::streamoff offset) {
+        stream.seekg(offset);
+        stream.read(reinterpret_cast<char*>(&record), sizeof record);
+        return stream.good();
+    };
+    IMAGE_DOS_HEADER start{};
+    IMAGE_NT_HEADERS32 headers{};
+    const bool isProgram = read(start, 0) && start.e_magic == IMAGE_DOS_SIGNATURE &&
+                           read(headers, start.e_lfanew) && headers.Signature == IMAGE_NT_SIGNATURE;
+    if (!isProgram) return 0;
+    return headers.FileHeader.Machine == IMAGE_FILE_MACHINE_I386 ? 32 : 64;
+}
+
+std::string platformName() {
+    const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    if (const FARPROC wineVersion = GetProcAddress(ntdll, "wine_get_version")) {
+        return concat("Wine ", std::bit_cast<const char*(__cdecl*)()>(wineVersion)());
+    }
+    RTL_OSVERSIONINFOW version{};
+    version.dwOSVersionInfoSize = sizeof version;
+    if (const FARPROC getVersion = GetProcAddress(ntdll, "RtlGetVersion")) {
+        std::bit_cast<LONG(WINAPI*)(RTL_OSVERSIONINFOW*)>(getVersion)(&version);
+    }
+    return concat("Windows ", version.dwMajorVersion, ".", version.dwMinorVersion, ".",
+                  version.dwBuildNumber);
+}
+
+} // namespace veltra
