@@ -15,14 +15,14 @@ expected=(
 systemLibraries=$(printf '%s\n' advapi32.dll crypt32.dll kernel32.dll msvcrt.dll shell32.dll user32.dll version.dll \
     ws2_32.dll | LC_ALL=C sort)
 
-# checkPrograms FOLDER FORMAT PROPERTY...: of the programs in FOLDER, whose header is of this FORMAT and has each
+# checkPrograms FOLDER FORMAT PROPERTY...: of the files $programs in FOLDER, whose header is of this FORMAT and has each
 # PROPERTY.
 checkPrograms() {
     local folder=$1 format=$2 file property header imports others text
     shift 2
     diff <(printf '%s\n' "${expected[@]}") <(exportsOf "$folder/VeltraCSP.dll") ||
         fail "$folder/VeltraCSP.dll exports other names"
-    for file in VeltraCSP.dll VeltraDSCLibrary.dll veltra.exe softtoken.exe; do
+    for file in "${programs[@]}"; do
         imports=$(importsOf "$folder/$file")
         grep -qx kernel32.dll <<<"$imports" || fail "the imports of $folder/$file could not be read"
         others=$(LC_ALL=C comm -23 <(printf '%s\n' "$imports") <(printf '%s\n' "$systemLibraries"))
@@ -39,5 +39,7 @@ checkPrograms() {
     done
 }
 
+programs=(VeltraCSP.dll VeltraDSCLibrary.dll veltra.exe softtoken.exe)
 checkPrograms "$bin" pei-x86-64 HIGH_ENTROPY_VA DYNAMIC_BASE NX_COMPAT
+programs=(VeltraCSP.dll VeltraDSCLibrary.dll)
 checkPrograms "$veltraRoot/build/release-x86/bin" pei-i386 DYNAMIC_BASE NX_COMPAT
