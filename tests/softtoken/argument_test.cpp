@@ -2,6 +2,9 @@
 
 #include "softtoken_test.h"
 
+#include <tuple>
+#include <type_traits>
+
 namespace veltra::softtoken::test {
 
 TEST_F(SoftTokenTest, OnlyNamesOfTokensAreSerials) {
@@ -25,98 +28,103 @@ TEST_F(SoftTokenTest, OnlyNamesOfTokensAreSerials) {
     }
 }
 
+namespace {
+
+/// Calls `function` with each argument in turn that has an x in `spoilt` null or -1, and the others valid.
+template <class... Parameters>
+void refusesEach(const char* name, const char* spoilt, int (*function)(Parameters...),
+                 std::type_identity_t<Parameters>... valid) {
+    ASSERT_EQ(std::strlen(spoilt), sizeof...(Parameters)) << name;
+    for (std::size_t which = 0; which < sizeof...(Parameters); ++which) {
+        if (spoilt[which] != 'x') continue;
+        SCOPED_TRACE(testing::Message() << name << ", argument " << which);
+        std::size_t index = 0;
+        const auto pick = [&](auto argument) {
+            using Argument = decltype(argument);
+            if (index++ != which) return argument;
+            if constexpr (std::is_pointer_v<Argument>)
+                return Argument{nullptr};
+            else
+                return static_cast<Argument>(~0u);
+        };
+        const std::tuple<Parameters...> arguments{pick(valid)...}; // braces: from left to right
+        expectRefusals({std::apply(function, arguments)});
+    }
+}
+
+} // namespace
+
 TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
     ASSERT_EQ(logIn(), 0);
-    VeltraKeyPair key = generate(kKeyTypeEcP256);
+    const VeltraKeyPair key = generate(kKeyTypeEcP256);
+    const VeltraKeyPair rsa = generate(kKeyTypeRsa2048, kUsageEncrypt);
+    const Bytes der = rsaKeyDer(rsa);
+    const Bytes hash = hashOf(32);
+    Bytes signature;
+    ASSERT_EQ(sign(key, 32, signature), 0);
+    VeltraKeyPair newKey{};
+    VeltraSymmetricKey aes = aesRecord(Bytes(16));
     VeltraCertificate certificate = certificateRecord(leaf_, 1);
-    unsigned char bytes[64] = {};
+    unsigned char bytes[256] = {};
     LibraryOutput out;
-    int length = 64;
+    int length = 256;
     int negative = -1;
-    void* hash = nullptr;
-    expectRefusals({veltra_initDevice(nullptr, false, nullptr),
-                    veltra_validatePassword(nullptr, kPin, 1, &length, nullptr),
-                    veltra_validatePassword(kSerial, nullptr, 1, nullptr, nullptr),
-                    veltra_generateKeyPair(kSerial, kPin, nullptr, nullptr),
-                    veltra_deleteKeyPair(kSerial, nullptr, kPin, false, nullptr),
-                    veltra_updateKeyPairDetails(kSerial, key.keyId, kPin, nullptr, nullptr, 0, nullptr),
-                    veltra_updateKeyPairDetails(kSerial, key.keyId, kPin, "x", bytes, -1, nullptr),
-                    veltra_importAesKey(kSerial, kPin, nullptr, nullptr),
-                    veltra_importCertificate(kSerial, kPin, nullptr, nullptr),
-                    veltra_importCertificate("T9", kPin, &certificate, nullptr),
-                    veltra_generateRamdomNumber("", -1, bytes, true, nullptr),
-                    veltra_generateRamdomNumber("", 1, nullptr, true, nullptr),
-                    veltra_generateRamdomNumber("", 1, bytes, false, nullptr)});
-    const auto sign = [&](const unsigned char* id, const unsigned char* data, int dataLength,
-                          unsigned char* signature, int* signatureLength) {
-        return veltra_signHash(kSerial, id, kPin, data, dataLength, signature, signatureLength, false,
-                               nullptr, false);
-    };
-    expectRefusals({sign(nullptr, bytes, 32, bytes, &length), sign(key.keyId, nullptr, 32, bytes, &length),
-                    sign(key.keyId, bytes, -32, bytes, &length), sign(key.keyId, bytes, 0, bytes, &length),
-                    sign(key.keyId, bytes, 33, bytes, &length), sign(key.keyId, bytes, 32, nullptr, &length),
-                    sign(key.keyId, bytes, 32, bytes, nullptr),
-                    sign(key.keyId, bytes, 32, bytes, &negative)});
-    for (const std::uint32_t type : {0u, 1u, 2u, 5u, 8u, ~0u}) {
-        const auto verify = [&](const unsigned char* data, int keyLength, int signatureLength) {
-            return veltra_verifySignatureHash(type, nullptr, data, 32, data, keyLength, data, signatureLength,
-                                              nullptr, false);
-        };
-        expectRefusals({verify(nullptr, 65, 64), verify(bytes, 64, 64), verify(bytes, 0, 0)});
-    }
-    const auto derive = [&](const char* serial, const unsigned char* id, const unsigned char* point, int size,
-                            unsigned char** data, int* dataLength) {
-        return veltra_ecdhDerive(serial, id, kPin, point, size, data, dataLength, nullptr);
-    };
-    const unsigned char* point = key.publicKey;
-    expectRefusals({derive("T9", key.keyId, point, 65, &out.data, &out.length),
-                    derive(nullptr, key.keyId, point, 65, &out.data, &out.length),
-                    derive(kSerial, nullptr, point, 65, &out.data, &out.length),
-                    derive(kSerial, key.keyId, nullptr, 65, &out.data, &out.length),
-                    derive(kSerial, key.keyId, point, -65, &out.data, &out.length),
-                    derive(kSerial, key.keyId, point, 65, nullptr, &out.length),
-                    derive(kSerial, key.keyId, point, 65, &out.data, nullptr)});
-    const auto decrypt = [&](const unsigned char* id, const unsigned char* in, int size,
-                             unsigned char** data) {
-        return veltra_decrypt(kSerial, id, kPin, in, size, data, &out.length, false, nullptr);
-    };
-    const auto decryptAes = [&](const unsigned char* keyBytes, int size) {
-        return veltra_decrypt_aes(kSerial, keyBytes, 16, bytes, size, &out.data, &out.length, false, nullptr,
-                                  0, nullptr);
-    };
-    const auto encryptAes = [&](const char* serial, int extraLength) {
-        return veltra_encrypt_aes(serial, EncryptionType::Aes128Ecb, bytes, 16, bytes, 16, &out.data,
-                                  &out.length, false, nullptr, 0, bytes, extraLength, nullptr);
-    };
-    const auto decryptInto = [&](const char* serial, const unsigned char* in, unsigned char* data,
-                                 int* dataLength, const unsigned char* keyBytes) {
-        return veltra_decryptSymetric(serial, in, 32, data, dataLength, bytes, 16, keyBytes, 16, nullptr);
-    };
-    expectRefusals(
-        {decrypt(nullptr, bytes, 64, &out.data), decrypt(key.keyId, bytes, -64, &out.data),
-         decrypt(key.keyId, bytes, 64, nullptr), decryptAes(nullptr, 16), decryptAes(bytes, -16),
-         encryptAes("T9", 0), encryptAes("", 1), decryptInto("T9", bytes, bytes, &length, bytes),
-         decryptInto("", nullptr, bytes, &length, bytes), decryptInto("", bytes, nullptr, &length, bytes),
-         decryptInto("", bytes, bytes, nullptr, bytes), decryptInto("", bytes, bytes, &negative, bytes),
-         decryptInto("", bytes, bytes, &length, nullptr)});
-    EXPECT_TRUE(out.isEmpty());
-    EXPECT_TRUE(veltra_getKeyPairList(nullptr, nullptr).empty() &&
-                veltra_getAesKeyList(nullptr, nullptr).empty());
-    EXPECT_TRUE(veltra_getCertificateList(nullptr, nullptr).empty());
-    EXPECT_TRUE(veltra_getTokenInfo(nullptr, nullptr).model.empty());
-    EXPECT_EQ(veltra_findCertificateForKey(kSerial, nullptr, nullptr), nullptr);
-    EXPECT_EQ(veltra_findCertificateForKey(nullptr, key.keyId, nullptr), nullptr);
+    void* state = nullptr;
+    ASSERT_EQ(veltra_initHash("", kMechanismSha256, &state, nullptr), 0);
+    void* other = nullptr;
+    const auto* id = key.keyId;
+    constexpr auto kEcb = EncryptionType::Aes128Ecb;
+    refusesEach("initDevice", "x..", veltra_initDevice, kSerial, false, nullptr);
+    refusesEach("validatePassword", "xx...", veltra_validatePassword, kSerial, kPin, 1, &length, nullptr);
+    refusesEach("generateKeyPair", "x.x.", veltra_generateKeyPair, kSerial, kPin, &newKey, nullptr);
+    refusesEach("deleteKeyPair", "xx...", veltra_deleteKeyPair, kSerial, id, kPin, false, nullptr);
+    refusesEach("updateKeyPairDetails", "xx.x.x.", veltra_updateKeyPairDetails, kSerial, id, kPin, "x", bytes,
+                0, nullptr);
+    refusesEach("importAesKey", "x.x.", veltra_importAesKey, kSerial, kPin, &aes, nullptr);
+    refusesEach("importCertificate", "x.x.", veltra_importCertificate, kSerial, kPin, &certificate, nullptr);
+    refusesEach("random", ".xx..", veltra_generateRamdomNumber, "", 1, bytes, true, nullptr);
+    refusesEach("signHash", "xx.xxxx...", veltra_signHash, kSerial, id, kPin, hash.data(), 32, bytes, &length,
+                false, nullptr, false);
+    refusesEach("verify", "x.xxxxxx..", veltra_verifySignatureHash, 5, "", hash.data(), 32, key.publicKey, 65,
+                signature.data(), 64, nullptr, false);
+    refusesEach("ecdhDerive", "xx.xxxx.", veltra_ecdhDerive, kSerial, id, kPin, key.publicKey, 65, &out.data,
+                &out.length, nullptr);
+    refusesEach("encrypt", "xxxxxxxx.", veltra_encrypt, EncryptionType::Rsa2048, PaddingMode::Pkcs1, bytes,
+                16, bytes, &length, der.data(), lengthOf(der), nullptr);
+    refusesEach("decrypt", "xx.xxxx..", veltra_decrypt, kSerial, rsa.keyId, kPin, bytes, 256, &out.data,
+                &out.length, false, nullptr);
+    refusesEach("encrypt_aes", ".xxxxxxx..x.x.", veltra_encrypt_aes, "", kEcb, bytes, 16, bytes, 16,
+                &out.data, &out.length, false, nullptr, 0, nullptr, 0, nullptr);
+    refusesEach("decrypt_aes", ".xxxxxx..x.", veltra_decrypt_aes, "", bytes, 16, bytes, 32, &out.data,
+                &out.length, false, bytes, 16, nullptr);
+    refusesEach("decryptSymetric", ".xxxxxxxx.", veltra_decryptSymetric, "", bytes, 32, bytes, &length, bytes,
+                16, bytes, 16, nullptr);
+    refusesEach("initHash", ".xx.", veltra_initHash, "", kMechanismSha256, &other, nullptr);
+    refusesEach("updateHash", "xxx.", veltra_updateHash, state, bytes, 1, nullptr);
+    refusesEach("finalHash", "xxx.", veltra_finalHash, state, bytes, &length, nullptr);
 
+    const auto signSome = [&](int hashLength, int* capacity) {
+        return veltra_signHash(kSerial, id, kPin, bytes, hashLength, bytes, capacity, false, nullptr, false);
+    };
     expectRefusals(
-        {veltra_initHash("", 1, &hash, nullptr), veltra_initHash("", kMechanismSha256, nullptr, nullptr),
-         veltra_updateHash(nullptr, bytes, 1, nullptr), veltra_updateHash(&hash, bytes, 1, nullptr),
-         veltra_finalHash(&hash, bytes, &length, nullptr)});
-    ASSERT_EQ(veltra_initHash("", kMechanismSha256, &hash, nullptr), 0);
-    expectRefusals({veltra_updateHash(hash, nullptr, 1, nullptr), veltra_updateHash(hash, bytes, -1, nullptr),
-                    veltra_finalHash(hash, nullptr, &length, nullptr),
-                    veltra_finalHash(hash, bytes, nullptr, nullptr),
-                    veltra_finalHash(hash, bytes, &negative, nullptr)});
-    EXPECT_EQ(veltra_finalHash(hash, bytes, &length, nullptr), 0);
+        {signSome(0, &length), signSome(33, &length), signSome(32, &negative),
+         veltra_finalHash(state, bytes, &negative, nullptr), veltra_updateHash(&state, bytes, 1, nullptr),
+         veltra_finalHash(&state, bytes, &length, nullptr), veltra_initHash("", 1, &other, nullptr),
+         veltra_importCertificate("T9", kPin, &certificate, nullptr),
+         veltra_generateRamdomNumber("", 1, bytes, false, nullptr),
+         veltra_ecdhDerive("T9", id, kPin, key.publicKey, 65, &out.data, &out.length, nullptr),
+         veltra_encrypt_aes("T9", kEcb, bytes, 16, bytes, 16, &out.data, &out.length, false, nullptr, 0,
+                            nullptr, 0, nullptr),
+         veltra_decryptSymetric("T9", bytes, 32, bytes, &length, bytes, 16, bytes, 16, nullptr),
+         veltra_decryptSymetric("", bytes, 32, bytes, &negative, bytes, 16, bytes, 16, nullptr)});
+    EXPECT_TRUE(out.isEmpty());
+    EXPECT_EQ(veltra_finalHash(state, bytes, &length, nullptr), 0);
+    EXPECT_TRUE(veltra_getKeyPairList(nullptr, nullptr).empty() &&
+                veltra_getAesKeyList(nullptr, nullptr).empty() &&
+                veltra_getCertificateList(nullptr, nullptr).empty() &&
+                veltra_getTokenInfo(nullptr, nullptr).model.empty());
+    EXPECT_TRUE(veltra_findCertificateForKey(kSerial, nullptr, nullptr) == nullptr &&
+                veltra_findCertificateForKey(nullptr, id, nullptr) == nullptr);
 }
 
 TEST_F(SoftTokenTest, RandomNumbersFillExactlyTheBuffer) {

@@ -35,7 +35,7 @@ protected:
     fs::path folder_ = home_ / "certificate files";
 };
 
-TEST_F(CertificateTest, DetailsNameSubjectAndIssuer) {
+TEST_F(CertificateTest, DetailsNameSubjectAndIssuerAndNothingElseIsStored) {
     CertificateDetails details;
     const auto read = [&](std::size_t length) {
         return veltra_getCertificateDetails(leaf_.data(), static_cast<int>(length), details, nullptr);
@@ -47,6 +47,12 @@ TEST_F(CertificateTest, DetailsNameSubjectAndIssuer) {
     EXPECT_EQ(details.commonName, "Test Leaf");
     EXPECT_EQ(details.subject, "CN=Test Leaf");
     EXPECT_EQ(details.issuer, "CN=Test Inte");
+    VeltraCertificate record = certificateRecord(leaf_, 0x11);
+    for (const std::uint32_t length : {0u, 1u, static_cast<std::uint32_t>(leaf_.size()) - 1, 3073u, ~0u}) {
+        record.derLength = length;
+        expectRefusals({veltra_importCertificate(kSerial, kPin, &record, nullptr)});
+    }
+    EXPECT_TRUE(listed().empty());
 }
 
 TEST_F(CertificateTest, FilesAreReadWhateverTheirFormAndInTheOrderOfTheirNames) {
@@ -110,15 +116,6 @@ TEST_F(CertificateTest, ACertificateBelongsToOneKeyAndAKeyToOneCertificate) {
     const Bytes intermediate = fromBase64(veltra::test::kIntermediateCertificate);
     import(certificateRecord(intermediate, 0x11));
     EXPECT_EQ(listed(), (std::vector<Bytes>{intermediate, leaf_})) << "in the place of the one before";
-}
-
-TEST_F(CertificateTest, OnlyCertificatesAreStored) {
-    VeltraCertificate record = certificateRecord(leaf_, 0x11);
-    for (const std::uint32_t length : {0u, 1u, static_cast<std::uint32_t>(leaf_.size()) - 1, 3073u, ~0u}) {
-        record.derLength = length;
-        expectRefusals({veltra_importCertificate(kSerial, kPin, &record, nullptr)});
-    }
-    EXPECT_TRUE(listed().empty());
 }
 
 } // namespace veltra::softtoken::test

@@ -122,11 +122,11 @@ TEST_F(SoftTokenTest, ASessionEndsWithItsTimeWithUnpluggingAndWithItsToken) {
     EXPECT_EQ(veltra_generateKeyPair(kSerial, kPin, &record, nullptr), kDeviceSessionExpired)
         << "a key sealed under the old token's master key could never be used";
 
-    change([](TokenDescription& description) { description.sessionSeconds = 1; });
     ASSERT_EQ(logIn(), 0);
     const VeltraKeyPair key = generate(kKeyTypeEcP256);
-    EXPECT_EQ(sign(key), 0);
-    Sleep(1100);
+    change([](TokenDescription& description) { description.sessionSeconds = 1; });
+    ASSERT_EQ(logIn(), 0);
+    Sleep(1100); // nothing has to happen within the second
     EXPECT_EQ(sign(key), kDeviceSessionExpired);
     change([](TokenDescription& description) { description.sessionSeconds = 0; });
     ASSERT_EQ(logIn(), 0);
@@ -152,12 +152,13 @@ TEST_F(SoftTokenTest, SingleSignOnWorksInEveryProcessUntilItsTimeIsUp) {
     };
     EXPECT_FALSE(isSignedOn());
     std::uint32_t left = 0;
-    softtoken::logIn(kSerial, kPin, 2, left);
+    softtoken::logIn(kSerial, kPin, 600, left);
     EXPECT_TRUE(isSignedOn());
     EXPECT_EQ(signElsewhere(key, ""), 0);
     EXPECT_EQ(signElsewhere(key, kPin), 0);
     EXPECT_EQ(signElsewhere(key, kWrongPin), static_cast<int>(Failure::WrongPin));
-    Sleep(2100);
+    softtoken::logIn(kSerial, kPin, 1, left);
+    Sleep(1100);
     EXPECT_FALSE(isSignedOn());
     EXPECT_EQ(signElsewhere(key, ""), kDeviceSessionExpired);
     const fs::path file = TokenFolder(kSerial).path() / kSingleSignOnFile;

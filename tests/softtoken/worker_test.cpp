@@ -207,7 +207,7 @@ protected:
 
 // VELTRA_KILLS and VELTRA_KILL_SEED repeat it with other numbers.
 TEST_F(WorkerTest, KillingAProcessLosesNothingThatItReportedAndWinsNoPinAttempt) {
-    const int kills = numberFromEnvironment("VELTRA_KILLS", 30);
+    const int kills = numberFromEnvironment("VELTRA_KILLS", 20);
     const auto seed = static_cast<unsigned>(numberFromEnvironment("VELTRA_KILL_SEED", 20261));
     std::mt19937 random(seed);
     std::map<std::string, int> cut;
