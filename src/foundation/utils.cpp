@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t kPathCapacity = 1024;
 
-enum Level : std::uint32_t { kLevelException = 1, kLevelError = 2, kLevelDebug = 3 };
+enum Level : std::uint32_t { kLevelError = 2, kLevelDebug = 3 };
 
 /// The key of the settings, kept open from the first read that finds it: to open it takes two of three calls
 /// of the system that a read would make, and every line begins with a read. Nothing read is kept.
@@ -61,18 +61,8 @@ bool isErrorWanted() {
     return Utils::getLogLevel().value_or(kLevelError) >= kLevelError;
 }
 
-// All tags are ten characters wide.
 const char* levelTag(std::uint32_t level) {
-    switch (level) {
-    case kLevelException:
-        return "EXCEP ::=>";
-    case kLevelError:
-        return "ERROR ::=>";
-    case kLevelDebug:
-        return "DEBUG ::=>";
-    default:
-        return "INFO  ::=>";
-    }
+    return level == kLevelError ? "ERROR ::=>" : "DEBUG ::=>";
 }
 
 // Console hosts see these messages; in every other process they go nowhere.

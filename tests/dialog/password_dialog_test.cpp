@@ -150,25 +150,6 @@ TEST_F(LoginWindowsTest, WrongPinThenTheRightOne) {
     EXPECT_EQ(storedPin(), "1234");
 }
 
-TEST_F(LoginWindowsTest, WrongPinUntilLocked) {
-    token.remaining = 2;
-    std::future<bool> login = logIn();
-    enter("0000");
-    acknowledge("Invalid user pin. Remaining attempts(1)");
-    enter("0001");
-    acknowledge("User pin locked, re-initialise device");
-    EXPECT_FALSE(login.get());
-    EXPECT_EQ(storedPin(), "");
-}
-
-TEST_F(LoginWindowsTest, ClockMismatchEndsWithItsMisspeltMessage) {
-    library.script("veltra_validatePassword", {.result = 48});
-    std::future<bool> login = logIn();
-    enter("1234");
-    acknowledge("System time mismatch, Kidly login to Token Manager");
-    EXPECT_FALSE(login.get());
-}
-
 TEST_F(LoginWindowsTest, CancelShowsNoMessage) {
     std::future<bool> login = logIn();
     pressAndWait(waitForWindow(kCaption), IDCANCEL);

@@ -12,7 +12,7 @@ expected=(
 )
 
 # Not bcrypt.dll: the provider loads it for its registration only.
-systemLibraries=$(printf '%s\n' advapi32.dll crypt32.dll kernel32.dll msvcrt.dll shell32.dll user32.dll \
+systemLibraries=$(printf '%s\n' advapi32.dll crypt32.dll kernel32.dll msvcrt.dll shell32.dll user32.dll version.dll \
     ws2_32.dll | LC_ALL=C sort)
 
 # checkPrograms FOLDER FORMAT PROPERTY...: of the programs in FOLDER, whose header is of this FORMAT and has each

@@ -79,3 +79,5 @@ makeDocument() {
 }
 
 veltra register --dll "$(windowsPath "$bin/VeltraCSP.dll")" >/dev/null
+# As an installation has it: an earlier test in this Wine prefix may have left another level.
+veltra log-level default >/dev/null

@@ -2,13 +2,15 @@
 
 namespace veltra::test {
 
-/// Makes one allocation of the calling thread fail. It stands between operator new and whoever calls it from
+/// Makes allocations of the calling thread fail. It stands between operator new and whoever calls it from
 /// this program, by the linker's --wrap, so that the sanitizers keep their own; allocations inside of a
 /// shared C++ library are not seen.
 class AllocationFault {
 public:
     /// The n-th operator new of this thread from now on throws std::bad_alloc, or answers null.
     static void arm(int n);
+    /// Every operator new of this thread fails from now on.
+    static void armForGood();
     static void disarm();
 
     /// Whether the allocation that was armed last was reached.

@@ -46,6 +46,7 @@ ScriptedToken& freshToken(const std::string& serial) {
     ScriptedDeviceLibrary& library = ScriptedDeviceLibrary::instance();
     library.reset();
     ScriptedToken& token = library.addToken(serial);
+    token.pin = BothFrontEnds::kPin;
     token.addKeyPair(BothFrontEnds::kRsa, kKeyTypeRsa2048, kUsageBoth);
     token.addKeyPair(BothFrontEnds::kEc, kKeyTypeEcP256, kUsageBoth);
     token.addAesKey(BothFrontEnds::kAes, kKeyTypeAes128);

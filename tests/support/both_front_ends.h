@@ -29,6 +29,7 @@ struct BothFrontEnds {
     static constexpr unsigned char kRsa = 0x11;
     static constexpr unsigned char kEc = 0x22;
     static constexpr unsigned char kAes = 0x33;
+    static constexpr const char* kPin = "PIN-that#no.log@has";
 
     /// Resets the library: there is one of these at a time.
     explicit BothFrontEnds(const std::string& serial);

@@ -118,6 +118,11 @@ Answer ProviderTest::run(const std::function<BOOL()>& call) {
     return answer;
 }
 
+void ProviderTest::expectRefused(const std::vector<Refusal>& rows) {
+    for (const Refusal& row : rows)
+        EXPECT_EQ(run(row.call), refused(static_cast<DWORD>(row.lastError), {row.error}));
+}
+
 std::vector<std::string> ProviderTest::takeLogLines() {
     std::vector<std::string> lines;
     for (const std::string& raw : takeRawLogLines()) {

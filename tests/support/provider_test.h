@@ -27,6 +27,14 @@ std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 /// FALSE, with this last error and exactly these error lines.
 Answer refused(DWORD lastError, std::vector<std::string> errors);
 
+/// A call that is refused with this last error, given as a Win32 code or as an HRESULT, and this one error
+/// line.
+struct Refusal {
+    std::function<BOOL()> call;
+    std::int64_t lastError = 0;
+    std::string error;
+};
+
 /// The last error that run() sets in front of the call.
 constexpr DWORD kUntouched = 0xCAFE;
 
@@ -55,6 +63,7 @@ protected:
 
     /// Runs one call of an entry point and collects its answer. The debug lines it wrote are in debugLines.
     Answer run(const std::function<BOOL()>& call);
+    void expectRefused(const std::vector<Refusal>& rows);
 
     /// The lines written since the last look, without time stamps ("ERROR CPHashData: ..."). Lines of the
     /// device monitor's thread are left out: they come at any time.

@@ -47,25 +47,42 @@ std::string show(const unsigned char* bytes, int length) {
     return hex(bytes, 2) + ".." + hex(bytes + length - 2, 2) + "(" + std::to_string(length) + ")";
 }
 
+struct Block {
+    const unsigned char* bytes;
+    int length;
+};
+
+struct KeyId {
+    const unsigned char* bytes;
+};
+
+// The arguments of a recorded call.
+std::string show(const Block& block) {
+    return show(block.bytes, block.length);
+}
+std::string show(const KeyId& id) {
+    return id.bytes ? hex(id.bytes, 2) + ".." + hex(id.bytes + kKeyIdLength - 2, 2) : "null";
+}
+std::string show(const std::string& text) {
+    return text;
+}
 std::string show(const char* text) {
     return text ? text : "null";
 }
-
 std::string show(const int* value) {
     return value ? std::to_string(*value) : "null";
 }
-
-std::string showKeyId(const unsigned char* keyId) {
-    return keyId ? hex(keyId, 2) + ".." + hex(keyId + kKeyIdLength - 2, 2) : "null";
+template <class Number>
+requires(std::is_arithmetic_v<Number> || std::is_enum_v<Number>) std::string show(Number value) {
+    return std::to_string(static_cast<std::int64_t>(value));
 }
 
-std::string show(bool value) {
-    return value ? "1" : "0";
-}
-
-template <class Enum>
-requires std::is_enum_v<Enum> std::string show(Enum value) {
-    return std::to_string(static_cast<std::uint32_t>(value));
+/// "name=value, name=value".
+template <class Value, class... Rest>
+std::string showAll(const char* name, const Value& value, const Rest&... rest) {
+    std::string text = name + ("=" + show(value));
+    if constexpr (sizeof...(rest) > 0) text += ", " + showAll(rest...);
+    return text;
 }
 
 /// Hands out what the library allocates; at least as many bytes as a script says that there are.
@@ -76,6 +93,14 @@ int handOut(const Bytes& bytes, const Script& script, unsigned char** out, int* 
     const auto reported = static_cast<std::size_t>(std::max(*outLength, 1));
     *out = static_cast<unsigned char*>(std::calloc(std::max(bytes.size(), reported), 1));
     std::copy(bytes.begin(), bytes.end(), *out);
+    return kDeviceOk;
+}
+
+/// Fills the caller's buffer.
+int copyOut(const Bytes& bytes, const Script& script, unsigned char* out, int* outLength) {
+    if (*outLength < static_cast<int>(bytes.size())) return kBufferTooSmall;
+    std::copy(bytes.begin(), bytes.end(), out);
+    *outLength = script.length.value_or(static_cast<int>(bytes.size()));
     return kDeviceOk;
 }
 
@@ -106,9 +131,13 @@ bool hasId(const Record& record, const unsigned char* keyId) {
     return std::equal(std::begin(record.keyId), std::end(record.keyId), keyId);
 }
 
-/// Adds the library context, which the provider always leaves null, only where it is not.
-std::string showContext(const void* ctx) {
-    return ctx ? ", ctx" : "";
+/// A record of zeros but for its identifier, `id` 16 times.
+template <class Record>
+Record& append(std::vector<Record>& records, unsigned char id) {
+    Record& record = records.emplace_back();
+    std::memset(&record, 0, sizeof record);
+    std::fill(std::begin(record.keyId), std::end(record.keyId), id);
+    return record;
 }
 
 } // namespace
@@ -128,9 +157,7 @@ bool ScriptedToken::loggedIn() const {
 
 VeltraKeyPair& ScriptedToken::addKeyPair(unsigned char id, std::uint32_t keyType, std::uint32_t usage) {
     const Bytes publicKey = ScriptedDeviceLibrary::publicKeyOf(keyType);
-    VeltraKeyPair& pair = keyPairs.emplace_back();
-    std::memset(&pair, 0, sizeof pair);
-    std::fill(std::begin(pair.keyId), std::end(pair.keyId), id);
+    VeltraKeyPair& pair = append(keyPairs, id);
     std::copy(publicKey.begin(), publicKey.end(), pair.publicKey);
     pair.publicKeyLength = static_cast<std::uint32_t>(publicKey.size());
     pair.credentialId[0] = id;
@@ -142,25 +169,16 @@ VeltraKeyPair& ScriptedToken::addKeyPair(unsigned char id, std::uint32_t keyType
 }
 
 VeltraSymmetricKey& ScriptedToken::addAesKey(unsigned char id, std::uint32_t keyType) {
-    VeltraSymmetricKey& key = aesKeys.emplace_back();
-    std::memset(&key, 0, sizeof key);
-    std::fill(std::begin(key.keyId), std::end(key.keyId), id);
+    VeltraSymmetricKey& key = append(aesKeys, id);
     key.keyType = keyType;
     return key;
 }
 
 VeltraCertificate& ScriptedToken::addCertificate(unsigned char id, const Bytes& der) {
-    VeltraCertificate& certificate = certificates.emplace_back();
-    std::memset(&certificate, 0, sizeof certificate);
-    std::fill(std::begin(certificate.keyId), std::end(certificate.keyId), id);
+    VeltraCertificate& certificate = append(certificates, id);
     std::copy(der.begin(), der.end(), certificate.der);
     certificate.derLength = static_cast<std::uint32_t>(der.size());
     return certificate;
-}
-
-ScriptedDeviceLibrary& ScriptedDeviceLibrary::instance() {
-    static auto* library = new ScriptedDeviceLibrary;
-    return *library;
 }
 
 void ScriptedDeviceLibrary::reset() {
@@ -214,7 +232,7 @@ void ScriptedDeviceLibrary::lookAtEveryCall(std::function<void(const std::string
 std::vector<std::string> ScriptedDeviceLibrary::calls(std::string_view function) const {
     const std::scoped_lock lock(mutex_);
     std::vector<std::string> texts;
-    for (const Call& call : calls_)
+    for (const RecordedCall& call : calls_)
         if (call.thread == std::this_thread::get_id() && (function.empty() || call.function == function))
             texts.push_back(call.text);
     return texts;
@@ -222,8 +240,8 @@ std::vector<std::string> ScriptedDeviceLibrary::calls(std::string_view function)
 
 int ScriptedDeviceLibrary::countOnAllThreads(std::string_view function) const {
     const std::scoped_lock lock(mutex_);
-    return static_cast<int>(std::count_if(calls_.begin(), calls_.end(),
-                                          [&](const Call& call) { return call.function == function; }));
+    return static_cast<int>(std::count_if(
+        calls_.begin(), calls_.end(), [&](const RecordedCall& call) { return call.function == function; }));
 }
 
 void ScriptedDeviceLibrary::clearCalls() {
@@ -309,410 +327,332 @@ ScriptedToken* ScriptedDeviceLibrary::find(const char* serial) {
     return nullptr;
 }
 
-bool ScriptedDeviceLibrary::acceptsPin(const ScriptedToken& token, const char* pin) const {
-    return token.loggedIn() || (pin && token.pin == pin);
-}
-
 ScriptedDeviceLibrary::Hash* ScriptedDeviceLibrary::findHash(void* handle) {
     const auto number = reinterpret_cast<std::uintptr_t>(handle);
     return number >= 1 && number <= hashes_.size() ? &hashes_[number - 1] : nullptr;
 }
 
-int ScriptedDeviceLibrary::veltra_init(int mode, void* ctx, int kind) {
-    const std::scoped_lock lock(mutex_);
-    return begin("veltra_init",
-                 "mode=" + std::to_string(mode) + ", kind=" + std::to_string(kind) + showContext(ctx))
-        .result;
-}
+namespace {
 
-std::vector<std::string> ScriptedDeviceLibrary::veltra_getConnectedDeviceList(bool refresh, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_getConnectedDeviceList", "refresh=" + std::to_string(refresh) + showContext(ctx));
-    std::vector<std::string> serials;
-    if (script.result) return serials;
-    for (const auto& token : tokens_)
-        if (token->connected) serials.push_back(token->serial);
-    return serials;
-}
-
-int ScriptedDeviceLibrary::veltra_initDevice(const char* serial, bool reread, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_initDevice",
-              "serial=" + show(serial) + ", reread=" + std::to_string(reread) + showContext(ctx));
-    if (script.result) return script.result;
-    return find(serial) ? kDeviceOk : kNoSuchToken;
-}
-
-TokenInfo ScriptedDeviceLibrary::veltra_getTokenInfo(const char* serial, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_getTokenInfo", "serial=" + show(serial) + showContext(ctx));
-    const ScriptedToken* token = find(serial);
-    return token && !script.result ? token->info : TokenInfo{};
-}
-
-int ScriptedDeviceLibrary::veltra_validatePassword(const char* serial, const char* pin, int mode,
-                                                   int* remaining, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_validatePassword", "serial=" + show(serial) + ", pin=" + show(pin) +
-                                             ", mode=" + std::to_string(mode) +
-                                             ", remaining=" + show(remaining) + showContext(ctx));
-    if (script.result) return script.result;
-    ScriptedToken* token = find(serial);
-    if (!token) return kNoSuchToken;
-    if (token->remaining > 0 && token->pin == pin) return kDeviceOk;
-    *remaining = token->remaining = std::max(token->remaining - 1, 0);
-    return kWrongPin;
-}
-
-std::vector<VeltraKeyPair>& ScriptedDeviceLibrary::veltra_getKeyPairList(const char* serial, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_getKeyPairList", "serial=" + show(serial) + showContext(ctx));
-    const ScriptedToken* token = find(serial);
-    return listFor(keyPairLists_, token ? &token->keyPairs : nullptr, script,
-                   &VeltraKeyPair::publicKeyLength);
-}
-
-int ScriptedDeviceLibrary::veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout,
-                                                  void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script = begin(
-        "veltra_generateKeyPair",
-        "serial=" + show(serial) + ", pin=" + show(pin) + ", type=" + std::to_string(inout->keyType) +
-            ", usage=" + std::to_string(inout->usage) + ", label='" + inout->label + "'" + showContext(ctx));
-    if (script.result) return script.result;
-    ScriptedToken* token = find(serial);
-    if (!token) return kNoSuchToken;
-    if (!acceptsPin(*token, pin)) return kWrongPin;
-    if (inout->keyType < kKeyTypeRsa1024 || inout->keyType > kKeyTypeEcP521) return kNoSuchKey;
-    *inout = token->addKeyPair(static_cast<unsigned char>(0xE0 + ++generatedKeys_ % 32), inout->keyType,
-                               inout->usage);
-    if (script.length) inout->publicKeyLength = static_cast<std::uint32_t>(*script.length);
-    inout->flag = 1;
-    return kDeviceOk;
-}
-
-int ScriptedDeviceLibrary::veltra_deleteKeyPair(const char* serial, const unsigned char* keyId,
-                                                const char* pin, bool flag, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_deleteKeyPair", "serial=" + show(serial) + ", key=" + showKeyId(keyId) + ", pin=" +
-                                          show(pin) + ", flag=" + std::to_string(flag) + showContext(ctx));
-    if (script.result) return script.result;
-    ScriptedToken* token = find(serial);
-    if (!token) return kNoSuchToken;
-    if (!acceptsPin(*token, pin)) return kWrongPin;
-    const auto deleted = std::erase_if(token->keyPairs, [&](const VeltraKeyPair& pair) {
-        return std::equal(std::begin(pair.keyId), std::end(pair.keyId), keyId);
-    });
-    return deleted ? kDeviceOk : kNoSuchKey;
-}
-
-int ScriptedDeviceLibrary::veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId,
-                                                       const char* pin, const char* label,
-                                                       const unsigned char* data, int length, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    return begin("veltra_updateKeyPairDetails", "serial=" + show(serial) + ", key=" + showKeyId(keyId) +
-                                                    ", pin=" + show(pin) + ", label=" + show(label) +
-                                                    ", data=" + show(data, length) + showContext(ctx))
-        .result;
-}
-
-std::vector<VeltraCertificate>& ScriptedDeviceLibrary::veltra_getCertificateList(const char* serial,
-                                                                                 void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_getCertificateList", "serial=" + show(serial) + showContext(ctx));
-    const ScriptedToken* token = find(serial);
-    return listFor(certificateLists_, token ? &token->certificates : nullptr, script,
-                   &VeltraCertificate::derLength);
-}
-
-VeltraCertificate* ScriptedDeviceLibrary::veltra_findCertificateForKey(const char* serial,
-                                                                       const unsigned char* keyId,
-                                                                       void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_findCertificateForKey",
-                                "serial=" + show(serial) + ", key=" + showKeyId(keyId) + showContext(ctx));
-    const ScriptedToken* token = find(serial);
-    for (VeltraCertificate& certificate : listFor(certificateLists_, token ? &token->certificates : nullptr,
-                                                  script, &VeltraCertificate::derLength)) {
-        if (hasId(certificate, keyId)) return &certificate;
+/// What the library's functions do.
+class ScriptedFunctions final : public ScriptedDeviceLibrary {
+public:
+    int veltra_init(int mode, void* ctx, int kind) override {
+        return Call(*this, "veltra_init", ctx, "mode", mode, "kind", kind).script.result;
     }
-    return nullptr;
-}
 
-int ScriptedDeviceLibrary::veltra_importCertificate(const char* serial, const char* pin,
-                                                    VeltraCertificate* inout, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_importCertificate",
-              "serial=" + show(serial) + ", pin=" + show(pin) + ", key=" + showKeyId(inout->keyId) +
-                  ", der=" + show(inout->der, static_cast<int>(inout->derLength)) + ", label='" +
-                  inout->label + "'" + showContext(ctx));
-    if (script.result) return script.result;
-    ScriptedToken* token = find(serial);
-    if (!token) return kNoSuchToken;
-    if (!acceptsPin(*token, pin)) return kWrongPin;
-    token->certificates.push_back(*inout);
-    return kDeviceOk;
-}
-
-int ScriptedDeviceLibrary::veltra_getCertificateDetails(const unsigned char* der, int length,
-                                                        CertificateDetails& out, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_getCertificateDetails", "der=" + show(der, length) + showContext(ctx));
-    if (script.result) return script.result;
-    std::istringstream text(std::string(der + 4, der + std::max(length, 4)));
-    if (!std::getline(text, out.commonName, '|') || !std::getline(text, out.issuer, '|')) {
-        return kNotACertificate;
+    std::vector<std::string> veltra_getConnectedDeviceList(bool refresh, void* ctx) override {
+        const Call call(*this, "veltra_getConnectedDeviceList", ctx, "refresh", refresh);
+        std::vector<std::string> serials;
+        if (call.script.result) return serials;
+        for (const auto& token : tokens_)
+            if (token->connected) serials.push_back(token->serial);
+        return serials;
     }
-    std::getline(text, out.subject, '|');
-    return kDeviceOk;
-}
 
-std::vector<NamedDer> ScriptedDeviceLibrary::veltra_getFilesWithExtensionsAndConvertDER(
-    const std::string& folder, const std::vector<std::string>& extensions, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    std::string list;
-    for (const std::string& extension : extensions)
-        list += " " + extension;
-    begin("veltra_getFilesWithExtensionsAndConvertDER",
-          "folder=" + folder + ", extensions=" + list + showContext(ctx));
-    return caFiles;
-}
+    int veltra_initDevice(const char* serial, bool reread, void* ctx) override {
+        const Call call(*this, "veltra_initDevice", ctx, "serial", serial, "reread", reread);
+        if (call.script.result) return call.script.result;
+        return find(serial) ? kDeviceOk : kNoSuchToken;
+    }
 
-std::vector<VeltraSymmetricKey>& ScriptedDeviceLibrary::veltra_getAesKeyList(const char* serial, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_getAesKeyList", "serial=" + show(serial) + showContext(ctx));
-    const ScriptedToken* token = find(serial);
-    return listFor(aesKeyLists_, token ? &token->aesKeys : nullptr, script, &VeltraSymmetricKey::keyLength);
-}
+    TokenInfo veltra_getTokenInfo(const char* serial, void* ctx) override {
+        const Call call(*this, "veltra_getTokenInfo", ctx, "serial", serial);
+        const ScriptedToken* token = find(serial);
+        return token && !call.script.result ? token->info : TokenInfo{};
+    }
 
-int ScriptedDeviceLibrary::veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
-                                               void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_importAesKey", "serial=" + show(serial) + ", pin=" + show(pin) +
-                                         ", key=" + show(inout->key, static_cast<int>(inout->keyLength)) +
-                                         ", type=" + std::to_string(inout->keyType) + showContext(ctx));
-    if (script.result) return script.result;
-    ScriptedToken* token = find(serial);
-    if (!token) return kNoSuchToken;
-    if (!acceptsPin(*token, pin)) return kWrongPin;
-    std::fill(std::begin(inout->keyId), std::end(inout->keyId), 0xAE);
-    inout->credentialId[0] = 0xAE;
-    inout->credentialIdLength = 1;
-    std::strcpy(inout->label, "stored");
-    inout->usage = kUsageBoth;
-    inout->flag = 1;
-    token->aesKeys.push_back(*inout);
-    if (script.length)
-        inout->credentialIdLength = inout->keyLength = static_cast<std::uint32_t>(*script.length);
-    return kDeviceOk;
-}
+    int veltra_validatePassword(const char* serial, const char* pin, int mode, int* remaining,
+                                void* ctx) override {
+        const Call call(*this, "veltra_validatePassword", ctx, "serial", serial, "pin", pin, "mode", mode,
+                        "remaining", remaining);
+        if (call.script.result) return call.script.result;
+        ScriptedToken* token = find(serial);
+        if (!token) return kNoSuchToken;
+        if (token->remaining > 0 && token->pin == pin) return kDeviceOk;
+        *remaining = token->remaining = std::max(token->remaining - 1, 0);
+        return kWrongPin;
+    }
 
-int ScriptedDeviceLibrary::veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in,
-                                          int inLength, unsigned char* out, int* outLength,
-                                          const unsigned char* key, int keyLength, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_encrypt", "type=" + show(type) + ", padding=" + show(padding) +
-                                    ", in=" + show(in, inLength) + ", out=" + show(outLength) +
-                                    ", key=" + show(key, keyLength) + showContext(ctx));
-    if (script.result) return script.result;
-    if (inLength >= *outLength) return kBufferTooSmall;
-    *outLength = std::min(*outLength, kLongestRsaCiphertext);
-    const Bytes masked = maskOf(Bytes(in, in + inLength));
-    std::fill(out, out + *outLength - inLength, 0);
-    std::copy(masked.begin(), masked.end(), out + *outLength - inLength);
-    *outLength = script.length.value_or(*outLength);
-    return kDeviceOk;
-}
+    std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char* serial, void* ctx) override {
+        const Call call(*this, "veltra_getKeyPairList", ctx, "serial", serial);
+        const ScriptedToken* token = find(serial);
+        return listFor(keyPairLists_, token ? &token->keyPairs : nullptr, call.script,
+                       &VeltraKeyPair::publicKeyLength);
+    }
 
-int ScriptedDeviceLibrary::veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
-                                          const unsigned char* in, int inLength, unsigned char** out,
-                                          int* outLength, bool flag, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script = begin("veltra_decrypt", "serial=" + show(serial) + ", key=" + showKeyId(keyId) +
-                                                      ", pin=" + show(pin) + ", in=" + show(in, inLength) +
-                                                      ", flag=" + show(flag) + showContext(ctx));
-    if (script.result) return script.result;
-    const ScriptedToken* token = find(serial);
-    if (!token) return kNoSuchToken;
-    if (!acceptsPin(*token, pin)) return kWrongPin;
-    if (*in != 0) return kNotACiphertext;
-    const unsigned char* end = in + inLength;
-    const unsigned char* start = std::find_if(in, end, [](unsigned char byte) { return byte != 0; });
-    return handOut(maskOf(Bytes(start, end)), script, out, outLength);
-}
+    int veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout,
+                               void* ctx) override {
+        Call call(*this, "veltra_generateKeyPair", ctx, "serial", serial, "pin", pin, "type", inout->keyType,
+                  "usage", inout->usage, "label", quoted(inout->label));
+        if (const int code = call.logIn(serial, pin)) return code;
+        if (inout->keyType < kKeyTypeRsa1024 || inout->keyType > kKeyTypeEcP521) return kNoSuchKey;
+        const auto id = static_cast<unsigned char>(0xE0 + ++generatedKeys_ % 32);
+        *inout = call.token->addKeyPair(id, inout->keyType, inout->usage);
+        if (call.script.length) inout->publicKeyLength = static_cast<std::uint32_t>(*call.script.length);
+        inout->flag = 1;
+        return kDeviceOk;
+    }
 
-int ScriptedDeviceLibrary::veltra_encrypt_aes(const char* serial, EncryptionType type,
-                                              const unsigned char* key, int keyLength,
-                                              const unsigned char* in, int inLength, unsigned char** out,
-                                              int* outLength, bool final, const unsigned char* iv,
-                                              int ivLength, const unsigned char* extra, int extraLength,
-                                              void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_encrypt_aes", "serial=" + show(serial) + ", type=" + show(type) +
-                                        ", key=" + show(key, keyLength) + ", in=" + show(in, inLength) +
-                                        ", final=" + show(final) + ", iv=" + show(iv, ivLength) +
-                                        ", extra=" + show(extra, extraLength) + showContext(ctx));
-    if (script.result) return script.result;
-    Bytes plain(in, in + inLength);
-    const std::size_t padding = kAesBlock - plain.size() % kAesBlock;
-    if (final) plain.insert(plain.end(), padding, static_cast<unsigned char>(padding));
-    return handOut(maskOf(plain), script, out, outLength);
-}
+    int veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin, bool flag,
+                             void* ctx) override {
+        Call call(*this, "veltra_deleteKeyPair", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin,
+                  "flag", flag);
+        if (const int code = call.logIn(serial, pin)) return code;
+        const auto deleted = std::erase_if(call.token->keyPairs,
+                                           [&](const VeltraKeyPair& pair) { return hasId(pair, keyId); });
+        return deleted ? kDeviceOk : kNoSuchKey;
+    }
 
-int ScriptedDeviceLibrary::veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId,
-                                              int keyLength, const unsigned char* in, int inLength,
-                                              unsigned char** out, int* outLength, bool flag,
-                                              const unsigned char* iv, int ivLength, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_decrypt_aes", "serial=" + show(serial) + ", key=" + show(keyOrKeyId, keyLength) +
-                                        ", in=" + show(in, inLength) + ", flag=" + show(flag) +
-                                        ", iv=" + show(iv, ivLength) + showContext(ctx));
-    if (script.result) return script.result;
-    const ScriptedToken* token = find(serial);
-    const bool isWrapped = token && keyLength == static_cast<int>(kKeyIdLength) &&
-                           std::ranges::any_of(token->aesKeys, [&](const VeltraSymmetricKey& candidate) {
-                               return hasId(candidate, keyOrKeyId);
-                           });
-    if (!isWrapped) return handOut(aesPlaintext(in, inLength), script, out, outLength);
-    Bytes plain = maskOf(Bytes(in, in + inLength));
-    if (plain.empty() || plain[0] != keyOrKeyId[0]) return kNotACiphertext;
-    plain.erase(plain.begin());
-    return handOut(plain, script, out, outLength);
-}
+    int veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId, const char* pin,
+                                    const char* label, const unsigned char* data, int length,
+                                    void* ctx) override {
+        return Call(*this, "veltra_updateKeyPairDetails", ctx, "serial", serial, "key", KeyId{keyId}, "pin",
+                    pin, "label", label, "data", Block{data, length})
+            .script.result;
+    }
 
-int ScriptedDeviceLibrary::veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength,
-                                                  unsigned char* out, int* outLength, const unsigned char* iv,
-                                                  int ivLength, const unsigned char* key, int keyLength,
-                                                  void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_decryptSymetric", "serial=" + show(serial) + ", in=" + show(in, inLength) +
-                                            ", out=" + show(outLength) + ", iv=" + show(iv, ivLength) +
-                                            ", key=" + show(key, keyLength) + showContext(ctx));
-    if (script.result) return script.result;
-    const Bytes plain = aesPlaintext(in, inLength);
-    if (plain.size() > static_cast<std::size_t>(*outLength)) return kBufferTooSmall;
-    std::copy(plain.begin(), plain.end(), out);
-    *outLength = script.length.value_or(static_cast<int>(plain.size()));
-    return kDeviceOk;
-}
+    std::vector<VeltraCertificate>& veltra_getCertificateList(const char* serial, void* ctx) override {
+        const Call call(*this, "veltra_getCertificateList", ctx, "serial", serial);
+        return certificatesOf(serial, call.script);
+    }
 
-int ScriptedDeviceLibrary::veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
-                                             const unsigned char* peer, int peerLength, unsigned char** out,
-                                             int* outLength, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script = begin(
-        "veltra_ecdhDerive", "serial=" + show(serial) + ", key=" + showKeyId(keyId) + ", pin=" + show(pin) +
-                                 ", peer=" + show(peer, peerLength) + showContext(ctx));
-    if (script.result) return script.result;
-    const ScriptedToken* token = find(serial);
-    if (!token) return kNoSuchToken;
-    if (!acceptsPin(*token, pin)) return kWrongPin;
-    Bytes secret(static_cast<std::size_t>(std::max(script.length.value_or(32), 0)));
-    std::iota(secret.begin(), secret.end(), static_cast<unsigned char>(1));
-    return handOut(secret, script, out, outLength);
-}
+    VeltraCertificate* veltra_findCertificateForKey(const char* serial, const unsigned char* keyId,
+                                                    void* ctx) override {
+        const Call call(*this, "veltra_findCertificateForKey", ctx, "serial", serial, "key", KeyId{keyId});
+        for (VeltraCertificate& certificate : certificatesOf(serial, call.script))
+            if (hasId(certificate, keyId)) return &certificate;
+        return nullptr;
+    }
 
-int ScriptedDeviceLibrary::veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out,
-                                                       bool software, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_generateRamdomNumber", "serial=" + show(serial) + ", count=" + std::to_string(count) +
-                                                 ", software=" + show(software) + showContext(ctx));
-    if (script.result) return script.result;
-    std::fill(out, out + count, 0x77);
-    return kDeviceOk;
-}
+    int veltra_importCertificate(const char* serial, const char* pin, VeltraCertificate* inout,
+                                 void* ctx) override {
+        Call call(*this, "veltra_importCertificate", ctx, "serial", serial, "pin", pin, "key",
+                  KeyId{inout->keyId}, "der", Block{inout->der, static_cast<int>(inout->derLength)}, "label",
+                  quoted(inout->label));
+        if (const int code = call.logIn(serial, pin)) return code;
+        call.token->certificates.push_back(*inout);
+        return kDeviceOk;
+    }
 
-int ScriptedDeviceLibrary::veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
-                                           const unsigned char* hash, int hashLength, unsigned char* out,
-                                           int* outLength, bool reserved, void* ctx, bool pss) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_signHash", "serial=" + show(serial) + ", key=" + showKeyId(keyId) +
-                                     ", pin=" + show(pin) + ", hash=" + show(hash, hashLength) +
-                                     ", out=" + show(outLength) + (reserved ? ", reserved" : "") +
-                                     ", pss=" + std::to_string(pss) + showContext(ctx));
-    if (script.result) return script.result;
-    const ScriptedToken* token = find(serial);
-    if (!token) return kNoSuchToken;
-    if (!acceptsPin(*token, pin)) return kWrongPin;
-    const auto pair =
-        std::find_if(token->keyPairs.begin(), token->keyPairs.end(), [&](const auto& candidate) {
-            return std::equal(std::begin(candidate.keyId), std::end(candidate.keyId), keyId);
-        });
-    if (pair == token->keyPairs.end()) return kNoSuchKey;
-    const Bytes signature = fakeSignature(pair->keyType);
-    if (*outLength < static_cast<int>(signature.size())) return kBufferTooSmall;
-    std::copy(signature.begin(), signature.end(), out);
-    *outLength = script.length.value_or(static_cast<int>(signature.size()));
-    return kDeviceOk;
-}
+    int veltra_getCertificateDetails(const unsigned char* der, int length, CertificateDetails& out,
+                                     void* ctx) override {
+        const Call call(*this, "veltra_getCertificateDetails", ctx, "der", Block{der, length});
+        if (call.script.result) return call.script.result;
+        std::istringstream text(std::string(der + 4, der + std::max(length, 4)));
+        const bool isOurs = std::getline(text, out.commonName, '|') && std::getline(text, out.issuer, '|');
+        std::getline(text, out.subject, '|');
+        return isOurs ? kDeviceOk : kNotACertificate;
+    }
 
-int ScriptedDeviceLibrary::veltra_verifySignatureHash(unsigned int keyType, const char* serial,
-                                                      const unsigned char* hash, int hashLength,
-                                                      const unsigned char* publicKey, int publicKeyLength,
-                                                      const unsigned char* signature, int signatureLength,
-                                                      void* ctx, bool pss) {
-    const std::scoped_lock lock(mutex_);
-    const Script script = begin(
-        "veltra_verifySignatureHash",
-        "type=" + std::to_string(keyType) + ", serial=" + show(serial) + ", hash=" + show(hash, hashLength) +
-            ", key=" + show(publicKey, publicKeyLength) + ", signature=" + show(signature, signatureLength) +
-            ", pss=" + std::to_string(pss) + showContext(ctx));
-    if (script.result) return script.result;
-    const Bytes expected = fakeSignature(keyType);
-    const bool same = signatureLength == static_cast<int>(expected.size()) &&
-                      std::equal(expected.begin(), expected.end(), signature);
-    return same ? kDeviceOk : kBadSignature;
-}
+    std::vector<NamedDer> veltra_getFilesWithExtensionsAndConvertDER(
+        const std::string& folder, const std::vector<std::string>& extensions, void* ctx) override {
+        std::string list;
+        for (const std::string& extension : extensions)
+            list += " " + extension;
+        const Call call(*this, "veltra_getFilesWithExtensionsAndConvertDER", ctx, "folder", folder,
+                        "extensions", list);
+        return caFiles;
+    }
 
-int ScriptedDeviceLibrary::veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_initHash",
-              "serial=" + show(serial) + ", algorithm=" + std::to_string(algorithm) + showContext(ctx));
-    if (script.result) return script.result;
-    hashes_.push_back({algorithm, {}});
-    *hash = reinterpret_cast<void*>(hashes_.size());
-    return kDeviceOk;
-}
+    std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char* serial, void* ctx) override {
+        const Call call(*this, "veltra_getAesKeyList", ctx, "serial", serial);
+        const ScriptedToken* token = find(serial);
+        return listFor(aesKeyLists_, token ? &token->aesKeys : nullptr, call.script,
+                       &VeltraSymmetricKey::keyLength);
+    }
 
-int ScriptedDeviceLibrary::veltra_updateHash(void* hash, const unsigned char* data, int length, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_updateHash", "hash=" + std::to_string(reinterpret_cast<std::uintptr_t>(hash)) +
-                                       ", data=" + show(data, length) + showContext(ctx));
-    if (script.result) return script.result;
-    Hash* running = findHash(hash);
-    if (!running) return kNoSuchHash;
-    running->data.insert(running->data.end(), data, data + length);
-    return kDeviceOk;
-}
+    int veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
+                            void* ctx) override {
+        Call call(*this, "veltra_importAesKey", ctx, "serial", serial, "pin", pin, "key",
+                  Block{inout->key, static_cast<int>(inout->keyLength)}, "type", inout->keyType);
+        if (const int code = call.logIn(serial, pin)) return code;
+        std::fill(std::begin(inout->keyId), std::end(inout->keyId), 0xAE);
+        inout->credentialId[0] = 0xAE;
+        inout->credentialIdLength = 1;
+        std::strcpy(inout->label, "stored");
+        inout->usage = kUsageBoth;
+        inout->flag = 1;
+        call.token->aesKeys.push_back(*inout);
+        if (call.script.length)
+            inout->credentialIdLength = inout->keyLength = static_cast<std::uint32_t>(*call.script.length);
+        return kDeviceOk;
+    }
 
-int ScriptedDeviceLibrary::veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) {
-    const std::scoped_lock lock(mutex_);
-    const Script script =
-        begin("veltra_finalHash", "hash=" + std::to_string(reinterpret_cast<std::uintptr_t>(hash)) +
-                                      ", capacity=" + show(inoutLength) + showContext(ctx));
-    if (script.result) return script.result;
-    const Hash* running = findHash(hash);
-    if (!running) return kNoSuchHash;
-    const Bytes value = fakeDigest(running->mechanism, running->data);
-    if (*inoutLength < static_cast<int>(value.size())) return kBufferTooSmall;
-    std::copy(value.begin(), value.end(), digest);
-    *inoutLength = script.length.value_or(static_cast<int>(value.size()));
-    return kDeviceOk;
+    int veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in, int inLength,
+                       unsigned char* out, int* outLength, const unsigned char* key, int keyLength,
+                       void* ctx) override {
+        const Call call(*this, "veltra_encrypt", ctx, "type", type, "padding", padding, "in",
+                        Block{in, inLength}, "out", outLength, "key", Block{key, keyLength});
+        if (call.script.result) return call.script.result;
+        if (inLength >= *outLength) return kBufferTooSmall;
+        Bytes ciphertext = maskOf(Bytes(in, in + inLength));
+        const int length = std::min(*outLength, kLongestRsaCiphertext);
+        ciphertext.insert(ciphertext.begin(), static_cast<std::size_t>(length - inLength), 0);
+        return copyOut(ciphertext, call.script, out, outLength);
+    }
+
+    int veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
+                       const unsigned char* in, int inLength, unsigned char** out, int* outLength, bool flag,
+                       void* ctx) override {
+        Call call(*this, "veltra_decrypt", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "in",
+                  Block{in, inLength}, "flag", flag);
+        if (const int code = call.logIn(serial, pin)) return code;
+        if (*in != 0) return kNotACiphertext;
+        const unsigned char* end = in + inLength;
+        const unsigned char* start = std::find_if(in, end, [](unsigned char byte) { return byte != 0; });
+        return handOut(maskOf(Bytes(start, end)), call.script, out, outLength);
+    }
+
+    int veltra_encrypt_aes(const char* serial, EncryptionType type, const unsigned char* key, int keyLength,
+                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
+                           bool final, const unsigned char* iv, int ivLength, const unsigned char* extra,
+                           int extraLength, void* ctx) override {
+        const Call call(*this, "veltra_encrypt_aes", ctx, "serial", serial, "type", type, "key",
+                        Block{key, keyLength}, "in", Block{in, inLength}, "final", final, "iv",
+                        Block{iv, ivLength}, "extra", Block{extra, extraLength});
+        if (call.script.result) return call.script.result;
+        Bytes plain(in, in + inLength);
+        const std::size_t padding = kAesBlock - plain.size() % kAesBlock;
+        if (final) plain.insert(plain.end(), padding, static_cast<unsigned char>(padding));
+        return handOut(maskOf(plain), call.script, out, outLength);
+    }
+
+    int veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
+                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
+                           bool flag, const unsigned char* iv, int ivLength, void* ctx) override {
+        const Call call(*this, "veltra_decrypt_aes", ctx, "serial", serial, "key",
+                        Block{keyOrKeyId, keyLength}, "in", Block{in, inLength}, "flag", flag, "iv",
+                        Block{iv, ivLength});
+        if (call.script.result) return call.script.result;
+        const ScriptedToken* token = find(serial);
+        const bool isWrapped = token && keyLength == static_cast<int>(kKeyIdLength) &&
+                               std::ranges::any_of(token->aesKeys, [&](const VeltraSymmetricKey& candidate) {
+                                   return hasId(candidate, keyOrKeyId);
+                               });
+        if (!isWrapped) return handOut(aesPlaintext(in, inLength), call.script, out, outLength);
+        Bytes plain = maskOf(Bytes(in, in + inLength));
+        if (plain.empty() || plain[0] != keyOrKeyId[0]) return kNotACiphertext;
+        plain.erase(plain.begin());
+        return handOut(plain, call.script, out, outLength);
+    }
+
+    int veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength, unsigned char* out,
+                               int* outLength, const unsigned char* iv, int ivLength,
+                               const unsigned char* key, int keyLength, void* ctx) override {
+        const Call call(*this, "veltra_decryptSymetric", ctx, "serial", serial, "in", Block{in, inLength},
+                        "out", outLength, "iv", Block{iv, ivLength}, "key", Block{key, keyLength});
+        if (call.script.result) return call.script.result;
+        return copyOut(aesPlaintext(in, inLength), call.script, out, outLength);
+    }
+
+    int veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
+                          const unsigned char* peer, int peerLength, unsigned char** out, int* outLength,
+                          void* ctx) override {
+        Call call(*this, "veltra_ecdhDerive", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "peer",
+                  Block{peer, peerLength});
+        if (const int code = call.logIn(serial, pin)) return code;
+        Bytes secret(static_cast<std::size_t>(std::max(call.script.length.value_or(32), 0)));
+        std::iota(secret.begin(), secret.end(), static_cast<unsigned char>(1));
+        return handOut(secret, call.script, out, outLength);
+    }
+
+    int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
+                                    void* ctx) override {
+        const Call call(*this, "veltra_generateRamdomNumber", ctx, "serial", serial, "count", count,
+                        "software", software);
+        if (!call.script.result) std::fill(out, out + count, 0x77);
+        return call.script.result;
+    }
+
+    int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
+                        const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
+                        bool reserved, void* ctx, bool pss) override {
+        Call call(*this, "veltra_signHash", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "hash",
+                  Block{hash, hashLength}, "out", reserved ? "reserved" : show(outLength), "pss", pss);
+        if (const int code = call.logIn(serial, pin)) return code;
+        const auto pair = std::ranges::find_if(
+            call.token->keyPairs, [&](const VeltraKeyPair& candidate) { return hasId(candidate, keyId); });
+        if (pair == call.token->keyPairs.end()) return kNoSuchKey;
+        return copyOut(fakeSignature(pair->keyType), call.script, out, outLength);
+    }
+
+    int veltra_verifySignatureHash(unsigned int keyType, const char* serial, const unsigned char* hash,
+                                   int hashLength, const unsigned char* publicKey, int publicKeyLength,
+                                   const unsigned char* signature, int signatureLength, void* ctx,
+                                   bool pss) override {
+        const Call call(*this, "veltra_verifySignatureHash", ctx, "type", keyType, "serial", serial, "hash",
+                        Block{hash, hashLength}, "key", Block{publicKey, publicKeyLength}, "signature",
+                        Block{signature, signatureLength}, "pss", pss);
+        if (call.script.result) return call.script.result;
+        const bool isGood = fakeSignature(keyType) == Bytes(signature, signature + signatureLength);
+        return isGood ? kDeviceOk : kBadSignature;
+    }
+
+    int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) override {
+        const Call call(*this, "veltra_initHash", ctx, "serial", serial, "algorithm", algorithm);
+        if (call.script.result) return call.script.result;
+        hashes_.push_back({algorithm, {}});
+        *hash = reinterpret_cast<void*>(hashes_.size());
+        return kDeviceOk;
+    }
+
+    int veltra_updateHash(void* hash, const unsigned char* data, int length, void* ctx) override {
+        const Call call(*this, "veltra_updateHash", ctx, "hash", reinterpret_cast<std::uintptr_t>(hash),
+                        "data", Block{data, length});
+        if (call.script.result) return call.script.result;
+        Hash* running = findHash(hash);
+        if (!running) return kNoSuchHash;
+        running->data.insert(running->data.end(), data, data + length);
+        return kDeviceOk;
+    }
+
+    int veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) override {
+        const Call call(*this, "veltra_finalHash", ctx, "hash", reinterpret_cast<std::uintptr_t>(hash),
+                        "capacity", inoutLength);
+        if (call.script.result) return call.script.result;
+        const Hash* running = findHash(hash);
+        if (!running) return kNoSuchHash;
+        return copyOut(fakeDigest(running->mechanism, running->data), call.script, digest, inoutLength);
+    }
+
+private:
+    /// One call, which is recorded and follows its script; nobody else calls while it lasts.
+    struct Call {
+        template <class... Arguments>
+        Call(ScriptedFunctions& called, const char* function, const void* ctx, const Arguments&... arguments)
+            : library(called), lock(called.mutex_),
+              // The context, which the provider always leaves null, is shown only where it is not.
+              script(called.begin(function, showAll(arguments...) + (ctx ? ", ctx" : ""))) {}
+
+        /// Why the call fails, if it does; else `token` is the one that it is for.
+        int logIn(const char* serial, const char* pin) {
+            if (script.result) return script.result;
+            token = library.find(serial);
+            if (!token) return kNoSuchToken;
+            return token->loggedIn() || (pin && token->pin == pin) ? kDeviceOk : kWrongPin;
+        }
+
+        ScriptedFunctions& library;
+        const std::scoped_lock<std::mutex> lock;
+        const Script script;
+        ScriptedToken* token = nullptr;
+    };
+
+    static std::string quoted(const char* label) { return "'" + std::string(label) + "'"; }
+
+    std::vector<VeltraCertificate>& certificatesOf(const char* serial, const Script& script) {
+        const ScriptedToken* token = find(serial);
+        return listFor(certificateLists_, token ? &token->certificates : nullptr, script,
+                       &VeltraCertificate::derLength);
+    }
+};
+
+} // namespace
+
+ScriptedDeviceLibrary& ScriptedDeviceLibrary::instance() {
+    static auto* library = new ScriptedFunctions;
+    return *library;
 }
 
 } // namespace veltra::test

@@ -62,7 +62,7 @@ struct Script {
 /// blocks; a wrapped key begins with a byte of the wrapping key's identifier. A certificate is what
 /// fakeCertificate makes. There is one instance, because the device monitor's thread may call it at any time:
 /// tests reset it.
-class ScriptedDeviceLibrary final : public DeviceLibrary {
+class ScriptedDeviceLibrary : public DeviceLibrary {
 public:
     static ScriptedDeviceLibrary& instance();
 
@@ -100,65 +100,8 @@ public:
     /// The files of the CA folder, whatever folder is asked for.
     std::vector<NamedDer> caFiles;
 
-    int veltra_init(int mode, void* ctx, int kind) override;
-    std::vector<std::string> veltra_getConnectedDeviceList(bool refresh, void* ctx) override;
-    int veltra_initDevice(const char* serial, bool reread, void* ctx) override;
-    TokenInfo veltra_getTokenInfo(const char* serial, void* ctx) override;
-    int veltra_validatePassword(const char* serial, const char* pin, int mode, int* remaining,
-                                void* ctx) override;
-    std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char* serial, void* ctx) override;
-    int veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout, void* ctx) override;
-    int veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin, bool flag,
-                             void* ctx) override;
-    int veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId, const char* pin,
-                                    const char* label, const unsigned char* data, int length,
-                                    void* ctx) override;
-    std::vector<VeltraCertificate>& veltra_getCertificateList(const char* serial, void* ctx) override;
-    VeltraCertificate* veltra_findCertificateForKey(const char* serial, const unsigned char* keyId,
-                                                    void* ctx) override;
-    int veltra_importCertificate(const char* serial, const char* pin, VeltraCertificate* inout,
-                                 void* ctx) override;
-    int veltra_getCertificateDetails(const unsigned char* der, int length, CertificateDetails& out,
-                                     void* ctx) override;
-    std::vector<NamedDer> veltra_getFilesWithExtensionsAndConvertDER(
-        const std::string& folder, const std::vector<std::string>& extensions, void* ctx) override;
-    std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char* serial, void* ctx) override;
-    int veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
-                            void* ctx) override;
-    int veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in, int inLength,
-                       unsigned char* out, int* outLength, const unsigned char* key, int keyLength,
-                       void* ctx) override;
-    int veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
-                       const unsigned char* in, int inLength, unsigned char** out, int* outLength, bool flag,
-                       void* ctx) override;
-    int veltra_encrypt_aes(const char* serial, EncryptionType type, const unsigned char* key, int keyLength,
-                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
-                           bool final, const unsigned char* iv, int ivLength, const unsigned char* extra,
-                           int extraLength, void* ctx) override;
-    int veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
-                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
-                           bool flag, const unsigned char* iv, int ivLength, void* ctx) override;
-    int veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength, unsigned char* out,
-                               int* outLength, const unsigned char* iv, int ivLength,
-                               const unsigned char* key, int keyLength, void* ctx) override;
-    int veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
-                          const unsigned char* peer, int peerLength, unsigned char** out, int* outLength,
-                          void* ctx) override;
-    int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
-                                    void* ctx) override;
-    int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
-                        const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
-                        bool reserved, void* ctx, bool pss) override;
-    int veltra_verifySignatureHash(unsigned int keyType, const char* serial, const unsigned char* hash,
-                                   int hashLength, const unsigned char* publicKey, int publicKeyLength,
-                                   const unsigned char* signature, int signatureLength, void* ctx,
-                                   bool pss) override;
-    int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) override;
-    int veltra_updateHash(void* hash, const unsigned char* data, int length, void* ctx) override;
-    int veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) override;
-
-private:
-    struct Call {
+protected:
+    struct RecordedCall {
         std::thread::id thread;
         std::string function;
         std::string text;
@@ -172,7 +115,7 @@ private:
     template <class Record>
     using Lists = std::map<std::thread::id, std::vector<Record>>;
     struct Hash {
-        int mechanism;
+        int mechanism = 0;
         Bytes data;
     };
 
@@ -181,12 +124,11 @@ private:
     // All of these expect mutex_ to be held.
     Script begin(const char* function, const std::string& arguments);
     ScriptedToken* find(const char* serial);
-    bool acceptsPin(const ScriptedToken& token, const char* pin) const;
     Hash* findHash(void* handle);
 
     mutable std::mutex mutex_;
     std::vector<std::unique_ptr<ScriptedToken>> tokens_;
-    std::vector<Call> calls_;
+    std::vector<RecordedCall> calls_;
     std::multimap<std::string, ScriptState> scripts_;
     ScriptState scriptedCall_;
     std::function<void(const std::string&)> look_;

@@ -67,12 +67,11 @@ protected:
 TEST_F(KeyImportTest, ArgumentsLengthsAndTypes) {
     HCRYPTKEY key = 0;
     const BYTE byte = 0;
-    EXPECT_EQ(run([&] { return CPImportKey(0, nullptr, 0, 0, 0, &key); }),
-              refused(ERROR_INVALID_PARAMETER, {"CPImportKey - Input data is null"}));
-    EXPECT_EQ(run([&] { return CPImportKey(0, &byte, 12, 0, 0, &key); }),
-              refused(NTE_BAD_UID, {"CPImportKey - Contest null or not initialised"}));
-    EXPECT_EQ(run([&] { return CPImportKey(provider, &byte, 12, 0, 0, nullptr); }).result, FALSE);
-    EXPECT_EQ(run([&] { return CPImportKey(provider, &byte, INT_MAX + 1u, 0, 0, &key); }).result, FALSE);
+    expectRefused({{[&] { return CPImportKey(0, nullptr, 0, 0, 0, &key); }, ERROR_INVALID_PARAMETER,
+                    "CPImportKey - Input data is null"},
+                   {[&] { return CPImportKey(0, &byte, 12, 0, 0, &key); }, NTE_BAD_UID,
+                    "CPImportKey - Contest null or not initialised"}});
+    EXPECT_FALSE(run([&] { return CPImportKey(provider, &byte, INT_MAX + 1u, 0, 0, &key); }).result);
     const Answer empty = refused(0x80090027, {"CPImportKey - Input data to import is empty"});
     for (std::size_t length = 1; length < 12; ++length)
         EXPECT_EQ(import(Bytes(length)), empty);

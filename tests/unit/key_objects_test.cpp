@@ -1,6 +1,8 @@
 #include "support/csp_test.h"
 
 #include "csp/provider_context.h"
+#include "foundation/text.h"
+#include "token/device_state.h"
 #include "token/process_iv.h"
 
 #include <cstring>
@@ -100,44 +102,35 @@ TEST_F(GenKeyTest, KindsAndLengths) {
 }
 
 TEST_F(GenKeyTest, Refusals) {
-    EXPECT_EQ(run([&] { return CPGenKey(0, CALG_AES_256, 0, nullptr); }),
-              refused(ERROR_INVALID_PARAMETER, {"CPGenKey: phKey is NULL"}));
-    EXPECT_EQ(run([&] { return CPGenKey(0, CALG_AES_256, 0, &key); }),
-              refused(NTE_BAD_UID, {"Invalid CSP context"}));
-    EXPECT_EQ(generate(CALG_AES_256, 256), refused(NTE_BAD_ALGID, {"Unsupported algorithm26128"}));
-    EXPECT_EQ(generate(3, 0), refused(NTE_BAD_ALGID, {"Unsupported algorithm3"}));
+    const auto generates = [&](ALG_ID algorithm, DWORD bits, DWORD lowFlags = 0) {
+        return [=, this] { return CPGenKey(provider, algorithm, bits << 16 | lowFlags, &key); };
+    };
     // Only an algorithm has a default length; a key specification has none: deliberate.
-    EXPECT_EQ(generate(AT_SIGNATURE, 0), refused(kBadLen, {"Unsupported Length2"}));
-    EXPECT_EQ(generate(AT_KEYEXCHANGE, 0, 0xFFFF), refused(kBadLen, {"Unsupported Length1"}));
+    expectRefused({{[&] { return CPGenKey(0, CALG_AES_256, 0, nullptr); }, ERROR_INVALID_PARAMETER,
+                    "CPGenKey: phKey is NULL"},
+                   {[&] { return CPGenKey(0, CALG_AES_256, 0, &key); }, NTE_BAD_UID, "Invalid CSP context"},
+                   {generates(CALG_AES_256, 256), NTE_BAD_ALGID, "Unsupported algorithm26128"},
+                   {generates(3, 0), NTE_BAD_ALGID, "Unsupported algorithm3"},
+                   {generates(AT_SIGNATURE, 0), NTE_BAD_LEN, "Unsupported Length2"},
+                   {generates(AT_KEYEXCHANGE, 0, 0xFFFF), NTE_BAD_LEN, "Unsupported Length1"}});
     EXPECT_THAT(library.calls(), IsEmpty());
-    for (const DWORD bits : {1u, 512u, 1024u}) {
-        library.clearCalls();
-        EXPECT_EQ(generate(CALG_RSA_SIGN, bits), refused(kBadLen, {kWeakKey}));
-        EXPECT_THAT(library.calls(), ElementsAre("veltra_getTokenInfo(serial=" + serial + ")"));
-    }
+    for (const DWORD bits : {1u, 512u, 1024u})
+        expectRefused({{generates(CALG_RSA_SIGN, bits), NTE_BAD_LEN, kWeakKey}});
+    EXPECT_EQ(library.calls(), std::vector(3, "veltra_getTokenInfo(serial=" + serial + ")"));
     library.script("veltra_generateKeyPair", {.result = 23});
-    EXPECT_EQ(generate(CALG_RSA_SIGN, 0), refused(kTokenFull, {"RSA Keypair Generation Failed, code=23"}));
-    EXPECT_EQ(key, 0u);
-    const auto context = liveContext(provider);
-    EXPECT_EQ(context->keyName, container);
-    EXPECT_FALSE(context->signatureKey.filled());
+    expectRefused({{generates(CALG_RSA_SIGN, 0), kTokenFull, "RSA Keypair Generation Failed, code=23"}});
+    EXPECT_EQ(liveContext(provider)->keyName, container);
+    EXPECT_FALSE(liveContext(provider)->signatureKey.filled());
     EXPECT_EQ(readContainerValue(container), "");
-}
 
-TEST_F(GenKeyTest, UserIsVerifiedBeforeTheLengthIsLookedAt) {
-    storePinOfToken();
+    forgetPin(serial);
     const HCRYPTPROV silent = acquire(nullptr, CRYPT_SILENT);
-    token.info.session.clear();
-    const std::string fresh = freshName("Token");
-    library.setConnected(serial, false);
-    library.addToken(fresh);
-    const HCRYPTPROV other = acquire(nullptr, CRYPT_SILENT);
-    EXPECT_EQ(run([&] { return CPGenKey(other, AT_SIGNATURE, 1024u << 16, &key); }),
+    EXPECT_EQ(run([&] { return CPGenKey(silent, AT_SIGNATURE, 1024u << 16, &key); }),
               refused(NTE_SILENT_CONTEXT,
                       {"ensurePasswordValidated: CRYPT_SILENT set, cannot prompt for PIN, return false",
-                       "CPGenKey: ensurePasswordValidated failed"}));
-    EXPECT_EQ(run([&] { return CPGenKey(silent, AT_SIGNATURE, 1024u << 16, &key); }),
-              refused(kBadLen, {kWeakKey}));
+                       "CPGenKey: ensurePasswordValidated failed"}))
+        << "the user is verified before the length is looked at";
+    EXPECT_EQ(key, 0u);
 }
 
 TEST_F(GenKeyTest, KeysOfAContainerAreRememberedInOrderAndBecomeTheContextsKey) {
@@ -176,34 +169,32 @@ TEST_F(GenKeyTest, WhatTheRegistryHoldsOfAContainerIsNeverLost) {
     EXPECT_EQ(answer.errors.size(), 1u);
     EXPECT_EQ(readContainerValue(container), full);
     EXPECT_TRUE(CPDestroyKey(provider, key));
-}
 
-TEST_F(GenKeyTest, KeyWithoutAContainerNameIsNotRemembered) {
     const HCRYPTPROV unnamed = acquire();
     EXPECT_EQ(run([&] { return CPGenKey(unnamed, CALG_RSA_SIGN, 0, &key); }), accepted());
-    EXPECT_EQ(liveContext(unnamed)->keyName, keyNameOf(token.keyPairs.at(0).keyId));
-    EXPECT_EQ(readContainerValue(""), "");
+    EXPECT_EQ(liveContext(unnamed)->keyName, keyNameOf(token.keyPairs.back().keyId));
+    EXPECT_EQ(readContainerValue(""), "") << "nothing is remembered without a name";
     EXPECT_TRUE(CPDestroyKey(unnamed, key));
 }
 
 TEST_F(UserKeyTest, Refusals) {
     const HCRYPTPROV provider = acquire("0");
+    const auto opens = [&](HCRYPTPROV context, DWORD keySpec, HCRYPTKEY* out) {
+        return [=] { return CPGetUserKey(context, keySpec, out); };
+    };
     const std::string null = "CPGetUserKey: phUserKey or hProv is null";
-    EXPECT_EQ(run([&] { return CPGetUserKey(provider, AT_SIGNATURE, nullptr); }), refused(kBadKey, {null}));
-    EXPECT_EQ(open(0, AT_SIGNATURE), refused(kBadKey, {null}));
-    EXPECT_EQ(open(provider, AT_SIGNATURE), refused(kNoKeys, {"CPGetUserKey: key list is empty"}));
-    EXPECT_THAT(debugLines, Contains("CPGetUserKey -> dwKeySpec : 2"));
+    const std::string noKey = "CPDestroyKey: pKeyHandle is NULL";
+    expectRefused(
+        {{opens(provider, AT_SIGNATURE, nullptr), NTE_BAD_KEY, null},
+         {opens(0, AT_SIGNATURE, &key), NTE_BAD_KEY, null},
+         {opens(provider, AT_SIGNATURE, &key), kNoKeys, "CPGetUserKey: key list is empty"},
+         {[&] { return CPDestroyKey(0, 0); }, NTE_BAD_UID, "CPDestroyKey: invalid or uninitialized context"},
+         {[&] { return CPDestroyKey(provider, 0); }, NTE_BAD_KEY, noKey},
+         {[&] { return CPDestroyKey(provider, provider); }, NTE_BAD_KEY, noKey}});
     token.addKeyPair(0x11);
-    EXPECT_EQ(open(provider, AT_SIGNATURE), refused(kBadKey, {notFound(2, "0")}));
-    EXPECT_EQ(open(provider, AT_KEYEXCHANGE), refused(kBadKey, {notFound(1, "0")}))
-        << "no fallback with a container";
-    EXPECT_EQ(key, 0u);
-
-    EXPECT_EQ(run([&] { return CPDestroyKey(0, 0); }),
-              refused(NTE_BAD_UID, {"CPDestroyKey: invalid or uninitialized context"}));
-    for (const HCRYPTKEY bad : {HCRYPTKEY{0}, HCRYPTKEY{provider}})
-        EXPECT_EQ(run([&] { return CPDestroyKey(provider, bad); }),
-                  refused(kBadKey, {"CPDestroyKey: pKeyHandle is NULL"}));
+    for (const DWORD keySpec : {AT_SIGNATURE, AT_KEYEXCHANGE}) // no fallback with a container
+        expectRefused({{opens(provider, keySpec, &key), NTE_BAD_KEY, notFound(keySpec, "0")}});
+    EXPECT_THAT(debugLines, Contains("CPGetUserKey -> dwKeySpec : 1"));
 }
 
 TEST_F(UserKeyTest, TypeDecidesWhatTheKeyReports) {
@@ -237,41 +228,35 @@ TEST_F(UserKeyTest, TypeDecidesWhatTheKeyReports) {
     }
 }
 
-TEST_F(UserKeyTest, RecordIsFilledFromTheTokensPair) {
+TEST_F(UserKeyTest, RecordIsFilledFromTheTokensPairAsFarAsItsLengthsArePossible) {
     VeltraKeyPair& pair = token.addKeyPair(0x11, kKeyTypeRsa4096, kUsageBoth);
     std::memset(pair.publicKey, 0x30, 550); // DER of a 4096-bit key
     pair.publicKeyLength = 550;
-    std::memset(pair.credentialId, 7, 128);
     pair.credentialIdLength = 128;
     std::memset(pair.label, 'L', sizeof pair.label); // nothing in it ends it
     pair.flag = 0x100;
+    const Bytes publicKey(pair.publicKey, pair.publicKey + 550);
+    token.addKeyPair(0x22).publicKeyLength = 1025;
+    token.addKeyPair(0x33).credentialIdLength = 0xFFFFFFFF;
     const HCRYPTPROV provider = acquire(std::string(32, '1').c_str());
     const auto record = liveKey(userKey(provider, AT_SIGNATURE));
-    ASSERT_NE(record, nullptr);
-    EXPECT_EQ(record->publicKeyLength, 550u);
-    EXPECT_EQ(0, std::memcmp(record->publicKey, pair.publicKey, 550));
+    const auto noPublicKey = liveKey(userKey(acquire(std::string(32, '2').c_str()), AT_SIGNATURE));
+    const auto noCredential = liveKey(userKey(acquire(std::string(32, '3').c_str()), AT_SIGNATURE));
+    ASSERT_TRUE(record && noPublicKey && noCredential);
+    EXPECT_EQ(Bytes(record->publicKey, record->publicKey + record->publicKeyLength), publicKey);
     EXPECT_EQ(record->credentialIdLength, 128u);
     EXPECT_EQ(record->keyIdLength, 16u);
     EXPECT_EQ(std::string(record->label), std::string(128, 'L'));
     EXPECT_EQ(record->tokenFlag, 1);
     EXPECT_EQ(record->keyUsage, 3u);
-    const auto context = liveContext(provider);
-    EXPECT_TRUE(context->signatureKey.filled());
-    EXPECT_FALSE(context->exchangeKey.filled());
-}
-
-TEST_F(UserKeyTest, ImpossibleLengthsInATokensPairCountAsNothing) {
-    token.addKeyPair(0x11).publicKeyLength = 1025;
-    token.addKeyPair(0x22).credentialIdLength = 0xFFFFFFFF;
-    const auto withoutPublicKey = liveKey(userKey(acquire(std::string(32, '1').c_str()), AT_SIGNATURE));
-    const auto withoutCredential = liveKey(userKey(acquire(std::string(32, '2').c_str()), AT_SIGNATURE));
-    ASSERT_TRUE(withoutPublicKey && withoutCredential);
-    EXPECT_EQ(withoutPublicKey->publicKeyLength, 0u);
-    EXPECT_EQ(withoutPublicKey->credentialIdLength, 1u);
-    EXPECT_EQ(withoutCredential->publicKeyLength, 256u);
-    EXPECT_EQ(withoutCredential->credentialIdLength, 0u);
+    EXPECT_TRUE(liveContext(provider)->signatureKey.filled());
+    EXPECT_FALSE(liveContext(provider)->exchangeKey.filled());
+    EXPECT_EQ(noPublicKey->publicKeyLength, 0u);
+    EXPECT_EQ(noPublicKey->credentialIdLength, 1u);
+    EXPECT_EQ(noCredential->publicKeyLength, 256u);
+    EXPECT_EQ(noCredential->credentialIdLength, 0u);
     EXPECT_THAT(takeLogLines(),
-                Contains("ERROR Key pair " + std::string(32, '1') + " has an impossible public key length"));
+                Contains("ERROR Key pair " + std::string(32, '2') + " has an impossible public key length"));
 }
 
 TEST_F(UserKeyTest, WithoutAContainerOnlyTheExchangeKeyIsGivenOutUntilContainersWereEnumerated) {
@@ -314,19 +299,23 @@ TEST_F(UserKeyTest, ContainerIsComparedAsTheNameItIsMappedToWithItsCase) {
     EXPECT_NE(userKey(acquire(mapped.c_str()), AT_SIGNATURE), 0u);
 }
 
-TEST_F(KeyParameterTest, HandlesAreChecked) {
-    DWORD length = 4;
+TEST_F(KeyParameterTest, HandlesAndParametersAreChecked) {
     BYTE data[4] = {};
-    EXPECT_EQ(run([&] { return CPGetKeyParam(0, 0, KP_MODE, data, &length, 0); }),
-              refused(NTE_BAD_UID, {"CPGetKeyParam: context is null or not initialized"}));
-    EXPECT_EQ(get(0, KP_MODE, data, length), refused(kBadKey, {"CPGetKeyParam: key handle is null"}));
-    EXPECT_EQ(run([&] { return CPSetKeyParam(0, 0, KP_MODE, data, 0); }),
-              refused(NTE_BAD_UID, {"CPSetKeyParam: context is null or not initialized"}));
-    EXPECT_EQ(set(0, KP_MODE, data), refused(kBadKey, {"CPSetKeyParam: key handle is null"}));
+    DWORD length = sizeof data;
+    const auto gets = [&](HCRYPTPROV context, HCRYPTKEY key, DWORD parameter = KP_MODE) {
+        return [=, &data, &length] { return CPGetKeyParam(context, key, parameter, data, &length, 0); };
+    };
+    const auto sets = [&](HCRYPTPROV context) {
+        return [=, &data] { return CPSetKeyParam(context, 0, KP_MODE, data, 0); };
+    };
+    expectRefused({{gets(0, 0), NTE_BAD_UID, "CPGetKeyParam: context is null or not initialized"},
+                   {gets(provider, 0), NTE_BAD_KEY, "CPGetKeyParam: key handle is null"},
+                   {sets(0), NTE_BAD_UID, "CPSetKeyParam: context is null or not initialized"},
+                   {sets(provider), NTE_BAD_KEY, "CPSetKeyParam: key handle is null"}});
     const HCRYPTKEY key = addKeyOf(CALG_RSA_SIGN);
-    const Answer answer = run([&] { return CPGetKeyParam(provider, key, KP_MODE, data, nullptr, 0); });
-    EXPECT_EQ(answer.lastError, static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(answer.errors.size(), 1u);
+    for (const DWORD parameter : {KP_IV, KP_SALT, KP_PADDING, 99})
+        expectRefused({{gets(provider, key, parameter), NTE_BAD_TYPE,
+                        concat("CPGetKeyParam: unsupported dwParam=", parameter, ", return FALSE")}});
 }
 
 TEST_F(KeyParameterTest, SizeProtocolInWhichOnlyTheModeTakesAZeroLengthForTooSmall) {
@@ -371,12 +360,6 @@ TEST_F(KeyParameterTest, SizeProtocolInWhichOnlyTheModeTakesAZeroLengthForTooSma
         EXPECT_EQ(debugLines.back(), "CPGetKeyParam: return TRUE");
         EXPECT_EQ(keyParameter(provider, key, row.parameter), row.value);
     }
-    DWORD length = 4;
-    BYTE data[4] = {};
-    for (const DWORD parameter : {KP_IV, KP_SALT, KP_PADDING, 99})
-        EXPECT_EQ(get(key, parameter, data, length),
-                  refused(NTE_BAD_TYPE, {"CPGetKeyParam: unsupported dwParam=" + std::to_string(parameter) +
-                                         ", return FALSE"}));
 }
 
 TEST_F(KeyParameterTest, TraceOfTheKeyIdentifierHasItsLength) {
@@ -393,11 +376,6 @@ TEST_F(KeyParameterTest, TraceOfTheKeyIdentifierHasItsLength) {
                 ElementsAre("CPGetKeyParam", "CPGetKeyParam - dwparam : 7",
                             "CPGetKeyParam - key id : ABABABABABABABABABABABABABABABAB",
                             "CPGetKeyParam - copying alg id : 41984", "CPGetKeyParam: return TRUE"));
-}
-
-TEST_F(KeyParameterTest, PermissionsFollowTheUsage) {
-    for (const auto& [usage, permissions] : {std::pair{0u, 12u}, {1u, 13u}, {2u, 14u}, {3u, 15u}, {4u, 12u}})
-        EXPECT_EQ(keyParameter(provider, addKeyOf(CALG_RSA_SIGN, usage), KP_PERMISSIONS), permissions);
 }
 
 TEST_F(KeyParameterTest, OnlyTheModeIsStoredAndEverythingElseSucceedsAllTheSame) {
@@ -442,6 +420,9 @@ TEST_F(KeyParameterTest, IvIsOneForTheProcessAndOnlyTwoTokenCodesSetIt) {
     for (const ALG_ID other : {ALG_ID{8}, ALG_ID{CALG_AES_128}, ALG_ID{CALG_AES_256}, ALG_ID{CALG_RSA_SIGN}})
         EXPECT_THAT(setWith(other), IsEmpty()) << other;
     EXPECT_EQ(set(addKeyOf(10), KP_IV, nullptr), accepted());
+
+    for (const auto& [usage, permissions] : {std::pair{0u, 12u}, {1u, 13u}, {2u, 14u}, {3u, 15u}, {4u, 12u}})
+        EXPECT_EQ(keyParameter(provider, addKeyOf(CALG_RSA_SIGN, usage), KP_PERMISSIONS), permissions);
 }
 
 } // namespace

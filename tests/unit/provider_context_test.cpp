@@ -1,6 +1,7 @@
 #include "support/csp_test.h"
 
 #include "csp/provider_context.h"
+#include "foundation/text.h"
 #include "token/device_state.h"
 
 #include <algorithm>
@@ -47,31 +48,25 @@ protected:
 const std::string kDeleting = "CPAcquireContext: CRYPT_DELETEKEYSET ";
 
 TEST_F(ProviderContextTest, AcquireAndReleaseRefuseWhatIsMissing) {
-    HCRYPTPROV context = 0;
-    const auto decimal = [](const void* pointer) {
-        return std::to_string(reinterpret_cast<ULONG_PTR>(pointer));
+    HCRYPTPROV none = 0;
+    const HCRYPTPROV context = acquire(nullptr, CRYPT_VERIFYCONTEXT);
+    HCRYPTPROV released = 0;
+    ASSERT_TRUE(tryAcquire(&released, nullptr, CRYPT_VERIFYCONTEXT));
+    EXPECT_EQ(run([&] { return CPReleaseContext(released, 0); }), accepted());
+    const auto releases = [](HCRYPTPROV handle, DWORD flags) {
+        return [=] { return CPReleaseContext(handle, flags); };
     };
-    EXPECT_EQ(run([&] { return CPAcquireContext(nullptr, "x", CRYPT_DELETEKEYSET, table); }),
-              refused(ERROR_INVALID_PARAMETER,
-                      {"CPAcquireContext: invalid parameter - phProv=0 pVTable=" + decimal(table)}));
-    EXPECT_EQ(run([&] { return CPAcquireContext(&context, "x", 0, nullptr); }),
-              refused(ERROR_INVALID_PARAMETER,
-                      {"CPAcquireContext: invalid parameter - phProv=" + decimal(&context) + " pVTable=0"}));
+    const std::string acquires = "CPAcquireContext: invalid parameter - phProv=";
+    const std::string releasing = "CPReleaseContext: invalid ";
+    expectRefused({{[&] { return CPAcquireContext(nullptr, "x", CRYPT_DELETEKEYSET, table); },
+                    ERROR_INVALID_PARAMETER, concat(acquires, "0 pVTable=", table)},
+                   {[&] { return CPAcquireContext(&none, "x", 0, nullptr); }, ERROR_INVALID_PARAMETER,
+                    concat(acquires, &none, " pVTable=0")},
+                   {releases(0, 0), NTE_BAD_UID, releasing + "or uninitialized context"},
+                   {releases(released, 0), NTE_BAD_UID, releasing + "or uninitialized context"},
+                   {releases(context, 0xABCDEF), NTE_BAD_FLAGS, releasing + "dwFlags=0x00ABCDEF"}});
     EXPECT_THAT(library.calls(), IsEmpty());
-
-    const std::string bad = "CPReleaseContext: invalid or uninitialized context";
-    EXPECT_EQ(run([&] { return CPReleaseContext(0, 0); }), refused(NTE_BAD_UID, {bad}));
-    EXPECT_EQ(run([&] { return CPReleaseContext(0xDEADBEE0, 0); }), refused(NTE_BAD_UID, {bad}));
-    context = acquire(nullptr, CRYPT_VERIFYCONTEXT);
-    for (const DWORD flags : {1u, 0xABCDEFu})
-        EXPECT_EQ(run([&] { return CPReleaseContext(context, flags); }),
-                  refused(NTE_BAD_FLAGS, {flags == 1 ? "CPReleaseContext: invalid dwFlags=0x00000001"
-                                                     : "CPReleaseContext: invalid dwFlags=0x00ABCDEF"}));
     EXPECT_NE(createHash(context, CALG_SHA_256), 0u) << "the context stays usable";
-    HCRYPTPROV second = 0;
-    ASSERT_TRUE(tryAcquire(&second, nullptr, CRYPT_VERIFYCONTEXT));
-    EXPECT_EQ(run([&] { return CPReleaseContext(second, 0); }), accepted());
-    EXPECT_EQ(run([&] { return CPReleaseContext(second, 0); }), refused(NTE_BAD_UID, {bad})) << "twice";
 }
 
 TEST_F(ProviderContextTest, AnyOfTheTopFourBitsMakesAVerifyContextThatTouchesNoToken) {
@@ -170,27 +165,24 @@ TEST_F(ProviderContextTest, NoTokenIsReportedAsAFullKeyset) {
                 ElementsAre("veltra_init(mode=0, kind=2)", "veltra_getConnectedDeviceList(refresh=0)"));
 }
 
-TEST_F(ProviderContextTest, TokenThatRefusesInitialisationDoesNotFailTheCall) {
-    library.script("veltra_initDevice", {.result = 5, .onCall = 1});
-    HCRYPTPROV handle = 0;
-    EXPECT_EQ(run([&] { return tryAcquire(&handle, nullptr, 0); }),
-              (Answer{TRUE, kUntouched, {"Init device failed for " + serial + " : 5"}}));
-    EXPECT_FALSE(isInitialised(serial));
-    EXPECT_NE(acquire(), 0u);
-    EXPECT_TRUE(isInitialised(serial)) << "tried again";
-    EXPECT_TRUE(CPReleaseContext(handle, 0));
-}
-
-TEST_F(ProviderContextTest, TokenWhoseInitialisationThrowsFailsAlone) {
+TEST_F(ProviderContextTest, TokenThatCannotBeInitialisedFailsAloneAndIsTriedAgain) {
     const std::string second = freshName("Token");
     library.addToken(second);
     library.script("veltra_initDevice", {.throws = true, .onCall = 1});
+    library.script("veltra_initDevice", {.result = 5, .onCall = 3});
     HCRYPTPROV handle = 0;
-    const Answer answer = run([&] { return tryAcquire(&handle, nullptr, 0); });
-    EXPECT_EQ(answer.result, TRUE);
+    Answer answer = run([&] { return tryAcquire(&handle, nullptr, 0); });
     EXPECT_THAT(answer.errors, ElementsAre(testing::StartsWith("Init device failed for " + serial + " : ")));
+    answer.errors.clear();
+    EXPECT_EQ(answer, accepted());
+    EXPECT_FALSE(isInitialised(serial));
     EXPECT_TRUE(isInitialised(second));
     EXPECT_TRUE(CPReleaseContext(handle, 0));
+    EXPECT_EQ(run([&] { return tryAcquire(&handle, nullptr, 0); }),
+              (Answer{TRUE, kUntouched, {"Init device failed for " + serial + " : 5"}}));
+    EXPECT_TRUE(CPReleaseContext(handle, 0));
+    EXPECT_NE(acquire(), 0u);
+    EXPECT_TRUE(isInitialised(serial));
 }
 
 TEST_F(ProviderContextTest, ContainerMapGivesTheFirstKeyNameAndIsCached) {
@@ -315,34 +307,6 @@ TEST_F(DeleteKeysetTest, RefusalsLeaveTheMapAlone) {
     EXPECT_THAT(prompt.seen(), ElementsAre("ask"));
     EXPECT_THAT(deletions(), IsEmpty());
     EXPECT_EQ(readContainerValue(name), kId1);
-}
-
-TEST_F(ProviderContextTest, WhatTheLibraryThrowsBecomesARefusal) {
-    for (const char* function : {"veltra_init", "veltra_getConnectedDeviceList", "veltra_getKeyPairList"}) {
-        SCOPED_TRACE(function);
-        library.clearScripts();
-        library.script(function, {.throws = true});
-        HCRYPTPROV handle = 0;
-        const Answer answer = run([&] { return tryAcquire(&handle, "x", 0); });
-        EXPECT_EQ(answer.result, FALSE);
-        EXPECT_EQ(answer.lastError, static_cast<DWORD>(NTE_FAIL));
-        EXPECT_EQ(answer.errors.size(), 1u);
-        EXPECT_EQ(handle, 0u);
-    }
-}
-
-TEST_F(ProviderContextTest, ManyThreadsAcquireAndReleaseAtOnce) {
-    token.addKeyPair(0x11);
-    const std::string name = mappedContainer(kId1);
-    std::atomic<int> good{0};
-    runOnThreads(4, [&] {
-        for (int i = 0; i < 10; ++i) {
-            HCRYPTPROV handle = 0;
-            if (!tryAcquire(&handle, name.c_str(), CRYPT_SILENT)) continue;
-            if (liveContext(handle)->keyName == kId1 && CPReleaseContext(handle, 0)) ++good;
-        }
-    });
-    EXPECT_EQ(good, 40);
 }
 
 } // namespace

@@ -253,6 +253,8 @@ TEST_F(ProviderParametersTest, AcceptedPinIsStoredSoThatNothingPrompts) {
     for (const DWORD parameter : {PP_KEYEXCHANGE_PIN, PP_SIGNATURE_PIN}) {
         EXPECT_EQ(set(parameter, nullptr),
                   refused(ERROR_INVALID_PARAMETER, {"CPSetProvParam: NULL PIN data"}));
+        EXPECT_EQ(set(parameter, std::string(256, '1').c_str()),
+                  refused(0x8009001A, {"CPSetProvParam: PIN is longer than 255 characters"}));
         EXPECT_EQ(set(parameter, "12"),
                   refused(0x8009001A, {"CPSetProvParam - Token password validation failed : 73"}));
     }

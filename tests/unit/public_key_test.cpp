@@ -50,10 +50,7 @@ TEST(PublicKeyToDerTest, KnownEncodings) {
         EXPECT_EQ(der.size(), size);
         EXPECT_EQ(toHex(der).substr(0, std::strlen(start)), start);
     }
-}
-
-TEST(PublicKeyToDerTest, EmptyKeyIsPassedOnAsIfItWereDer) {
-    EXPECT_THAT(rsaPublicKeyAsDer({}, {"der", "raw"}), IsEmpty());
+    EXPECT_THAT(rsaPublicKeyAsDer({}, {"der", "raw"}), IsEmpty()) << "passed on as if it were DER";
 }
 
 class ExportTest : public CspTest {
@@ -106,30 +103,28 @@ TEST_F(ExportTest, BlobHasTheTokensModulusReversed) {
 
 TEST_F(ExportTest, Refusals) {
     DWORD length = 0;
-    EXPECT_EQ(exportKey(0, nullptr, length),
-              refused(ERROR_INVALID_PARAMETER, {"CPExportKey: hKey or pcbData is null"}));
     token.addKeyPair(0x55, kKeyTypeEcP256);
     const HCRYPTKEY ec = open('5');
-    EXPECT_EQ(run([&] { return CPExportKey(0, ec, 0, PUBLICKEYBLOB, 0, nullptr, nullptr); }),
-              refused(ERROR_INVALID_PARAMETER, {"CPExportKey: hKey or pcbData is null"}));
-    EXPECT_EQ(run([&] { return CPExportKey(0, ec, 0, PUBLICKEYBLOB, 0, nullptr, &length); }),
-              refused(NTE_BAD_UID, {"CPExportKey: context is null or not initialized"}));
-    EXPECT_EQ(
-        exportKey(ec, nullptr, length),
-        refused(NTE_BAD_TYPE,
-                {"ExportPublicKeyComponents: key algorithm is not RSA, cannot export as PUBLICKEYBLOB"}));
+    const auto exports = [&](HCRYPTPROV context, HCRYPTKEY key, DWORD* size, DWORD type = PUBLICKEYBLOB) {
+        return [=] { return CPExportKey(context, key, 0, type, 0, nullptr, size); };
+    };
+    const std::string components = "ExportPublicKeyComponents: ";
+    expectRefused({
+        {exports(provider, 0, &length), ERROR_INVALID_PARAMETER, "CPExportKey: hKey or pcbData is null"},
+        {exports(0, ec, nullptr), ERROR_INVALID_PARAMETER, "CPExportKey: hKey or pcbData is null"},
+        {exports(0, ec, &length), NTE_BAD_UID, "CPExportKey: context is null or not initialized"},
+        {exports(provider, ec, &length, PRIVATEKEYBLOB), ERROR_ACCESS_DENIED,
+         "CPExportKey: PRIVATEKEYBLOB export denied"},
+        {exports(provider, ec, &length, SIMPLEBLOB), NTE_BAD_TYPE, "CPExportKey: unsupported dwBlobType=1"},
+        {exports(provider, ec, &length), NTE_BAD_TYPE,
+         components + "key algorithm is not RSA, cannot export as PUBLICKEYBLOB"},
+    });
     EXPECT_THAT(debugLines, Contains("Exportkey return status : 0"));
-    EXPECT_EQ(exportKey(ec, nullptr, length, PRIVATEKEYBLOB),
-              refused(ERROR_ACCESS_DENIED, {"CPExportKey: PRIVATEKEYBLOB export denied"}));
-    EXPECT_EQ(exportKey(ec, nullptr, length, SIMPLEBLOB),
-              refused(NTE_BAD_TYPE, {"CPExportKey: unsupported dwBlobType=1"}));
     token.keyPairs[0].keyId[15] ^= 1;
-    EXPECT_EQ(exportKey(ec, nullptr, length),
-              refused(NTE_BAD_KEY, {"ExportPublicKeyComponents: matching key not found in key list"}));
+    expectRefused(
+        {{exports(provider, ec, &length), NTE_BAD_KEY, components + "matching key not found in key list"}});
     token.keyPairs.clear();
-    EXPECT_EQ(exportKey(ec, nullptr, length),
-              refused(NTE_BAD_KEY, {"ExportPublicKeyComponents: key list is empty"}));
-    EXPECT_EQ(length, 0u);
+    expectRefused({{exports(provider, ec, &length), NTE_BAD_KEY, components + "key list is empty"}});
 }
 
 } // namespace
