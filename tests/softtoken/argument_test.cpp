@@ -2,13 +2,16 @@
 
 #include "softtoken_test.h"
 
+#include <tuple>
+#include <type_traits>
+
 namespace veltra::softtoken::test {
 
 TEST_F(SoftTokenTest, OnlyNamesOfTokensAreSerials) {
     create("A-token_1.x");
     fs::create_directories(home_ / "not a token");
     fs::create_directories(home_ / "empty");
-    EXPECT_EQ(library_.getConnectedDeviceList(true, nullptr),
+    EXPECT_EQ(veltra_getConnectedDeviceList(true, nullptr),
               (std::vector<std::string>{"A-token_1.x", kSerial}));
     const std::string outside = "..\\" + home_.filename().string() + "\\" + kSerial;
     for (const std::string& serial :
@@ -16,113 +19,119 @@ TEST_F(SoftTokenTest, OnlyNamesOfTokensAreSerials) {
           std::string("T1."), std::string("T1:x"), std::string("NUL"), std::string("com1.txt"),
           std::string("empty"), std::string(100'000, 'T'), std::string("T1\xFF")}) {
         SCOPED_TRACE(serial.substr(0, 80));
-        expectRefusals({library_.initDevice(serial.c_str(), false, nullptr)});
-        EXPECT_TRUE(library_.getTokenInfo(serial.c_str(), nullptr).model.empty());
-        EXPECT_TRUE(library_.getKeyPairList(serial.c_str(), nullptr).empty());
+        expectRefusals({veltra_initDevice(serial.c_str(), false, nullptr)});
+        EXPECT_TRUE(veltra_getTokenInfo(serial.c_str(), nullptr).model.empty());
+        EXPECT_TRUE(veltra_getKeyPairList(serial.c_str(), nullptr).empty());
         if (serial != "t1" && serial != "empty") {
             EXPECT_EQ(codeOf([&] { create(serial.c_str()); }), static_cast<int>(Failure::BadArgument));
         }
     }
 }
 
+namespace {
+
+/// Calls `function` with each argument in turn that has an x in `spoilt` null or -1, and the others valid.
+template <class... Parameters>
+void refusesEach(const char* name, const char* spoilt, int (*function)(Parameters...),
+                 std::type_identity_t<Parameters>... valid) {
+    ASSERT_EQ(std::strlen(spoilt), sizeof...(Parameters)) << name;
+    for (std::size_t which = 0; which < sizeof...(Parameters); ++which) {
+        if (spoilt[which] != 'x') continue;
+        SCOPED_TRACE(testing::Message() << name << ", argument " << which);
+        std::size_t index = 0;
+        const auto pick = [&](auto argument) {
+            using Argument = decltype(argument);
+            if (index++ != which) return argument;
+            if constexpr (std::is_pointer_v<Argument>)
+                return Argument{nullptr};
+            else
+                return static_cast<Argument>(~0u);
+        };
+        const std::tuple<Parameters...> arguments{pick(valid)...}; // braces: from left to right
+        expectRefusals({std::apply(function, arguments)});
+    }
+}
+
+} // namespace
+
 TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
     ASSERT_EQ(logIn(), 0);
-    const auto& dll = library_;
-    VeltraKeyPair key = generate(kKeyTypeEcP256);
+    const VeltraKeyPair key = generate(kKeyTypeEcP256);
+    const VeltraKeyPair rsa = generate(kKeyTypeRsa2048, kUsageEncrypt);
+    const Bytes der = rsaKeyDer(rsa);
+    const Bytes hash = hashOf(32);
+    Bytes signature;
+    ASSERT_EQ(sign(key, 32, signature), 0);
+    VeltraKeyPair newKey{};
+    VeltraSymmetricKey aes = aesRecord(Bytes(16));
     VeltraCertificate certificate = certificateRecord(leaf_, 1);
-    unsigned char bytes[64] = {};
+    unsigned char bytes[256] = {};
     LibraryOutput out;
-    int length = 64;
+    int length = 256;
     int negative = -1;
-    void* hash = nullptr;
-    expectRefusals({dll.initDevice(nullptr, false, nullptr),
-                    dll.validatePassword(nullptr, kPin, 1, &length, nullptr),
-                    dll.validatePassword(kSerial, nullptr, 1, nullptr, nullptr),
-                    dll.generateKeyPair(kSerial, kPin, nullptr, nullptr),
-                    dll.deleteKeyPair(kSerial, nullptr, kPin, false, nullptr),
-                    dll.updateKeyPairDetails(kSerial, key.keyId, kPin, nullptr, nullptr, 0, nullptr),
-                    dll.updateKeyPairDetails(kSerial, key.keyId, kPin, "x", bytes, -1, nullptr),
-                    dll.importAesKey(kSerial, kPin, nullptr, nullptr),
-                    dll.importCertificate(kSerial, kPin, nullptr, nullptr),
-                    dll.importCertificate("T9", kPin, &certificate, nullptr),
-                    dll.generateRamdomNumber("", -1, bytes, true, nullptr),
-                    dll.generateRamdomNumber("", 1, nullptr, true, nullptr),
-                    dll.generateRamdomNumber("", 1, bytes, false, nullptr)});
-    const auto sign = [&](const unsigned char* id, const unsigned char* data, int dataLength,
-                          unsigned char* signature, int* signatureLength) {
-        return dll.signHash(kSerial, id, kPin, data, dataLength, signature, signatureLength, false, nullptr,
-                            false);
-    };
-    expectRefusals({sign(nullptr, bytes, 32, bytes, &length), sign(key.keyId, nullptr, 32, bytes, &length),
-                    sign(key.keyId, bytes, -32, bytes, &length), sign(key.keyId, bytes, 0, bytes, &length),
-                    sign(key.keyId, bytes, 33, bytes, &length), sign(key.keyId, bytes, 32, nullptr, &length),
-                    sign(key.keyId, bytes, 32, bytes, nullptr),
-                    sign(key.keyId, bytes, 32, bytes, &negative)});
-    for (const std::uint32_t type : {0u, 1u, 2u, 5u, 8u, ~0u}) {
-        const auto verify = [&](const unsigned char* data, int keyLength, int signatureLength) {
-            return dll.verifySignatureHash(type, nullptr, data, 32, data, keyLength, data, signatureLength,
-                                           nullptr, false);
-        };
-        expectRefusals({verify(nullptr, 65, 64), verify(bytes, 64, 64), verify(bytes, 0, 0)});
-    }
-    const auto derive = [&](const char* serial, const unsigned char* id, const unsigned char* point, int size,
-                            unsigned char** data, int* dataLength) {
-        return dll.ecdhDerive(serial, id, kPin, point, size, data, dataLength, nullptr);
-    };
-    const unsigned char* point = key.publicKey;
-    expectRefusals({derive("T9", key.keyId, point, 65, &out.data, &out.length),
-                    derive(nullptr, key.keyId, point, 65, &out.data, &out.length),
-                    derive(kSerial, nullptr, point, 65, &out.data, &out.length),
-                    derive(kSerial, key.keyId, nullptr, 65, &out.data, &out.length),
-                    derive(kSerial, key.keyId, point, -65, &out.data, &out.length),
-                    derive(kSerial, key.keyId, point, 65, nullptr, &out.length),
-                    derive(kSerial, key.keyId, point, 65, &out.data, nullptr)});
-    const auto decrypt = [&](const unsigned char* id, const unsigned char* in, int size,
-                             unsigned char** data) {
-        return dll.decrypt(kSerial, id, kPin, in, size, data, &out.length, false, nullptr);
-    };
-    const auto decryptAes = [&](const unsigned char* keyBytes, int size) {
-        return dll.decryptAes(kSerial, keyBytes, 16, bytes, size, &out.data, &out.length, false, nullptr, 0,
-                              nullptr);
-    };
-    const auto encryptAes = [&](const char* serial, int extraLength) {
-        return dll.encryptAes(serial, EncryptionType::Aes128Ecb, bytes, 16, bytes, 16, &out.data, &out.length,
-                              false, nullptr, 0, bytes, extraLength, nullptr);
-    };
-    const auto decryptInto = [&](const char* serial, const unsigned char* in, unsigned char* data,
-                                 int* dataLength, const unsigned char* keyBytes) {
-        return dll.decryptSymetric(serial, in, 32, data, dataLength, bytes, 16, keyBytes, 16, nullptr);
+    void* state = nullptr;
+    ASSERT_EQ(veltra_initHash("", kMechanismSha256, &state, nullptr), 0);
+    void* other = nullptr;
+    const auto* id = key.keyId;
+    constexpr auto kEcb = EncryptionType::Aes128Ecb;
+    refusesEach("initDevice", "x..", veltra_initDevice, kSerial, false, nullptr);
+    refusesEach("validatePassword", "xx...", veltra_validatePassword, kSerial, kPin, 1, &length, nullptr);
+    refusesEach("generateKeyPair", "x.x.", veltra_generateKeyPair, kSerial, kPin, &newKey, nullptr);
+    refusesEach("deleteKeyPair", "xx...", veltra_deleteKeyPair, kSerial, id, kPin, false, nullptr);
+    refusesEach("updateKeyPairDetails", "xx.x.x.", veltra_updateKeyPairDetails, kSerial, id, kPin, "x", bytes,
+                0, nullptr);
+    refusesEach("importAesKey", "x.x.", veltra_importAesKey, kSerial, kPin, &aes, nullptr);
+    refusesEach("importCertificate", "x.x.", veltra_importCertificate, kSerial, kPin, &certificate, nullptr);
+    refusesEach("random", ".xx..", veltra_generateRamdomNumber, "", 1, bytes, true, nullptr);
+    refusesEach("signHash", "xx.xxxx...", veltra_signHash, kSerial, id, kPin, hash.data(), 32, bytes, &length,
+                false, nullptr, false);
+    refusesEach("verify", "x.xxxxxx..", veltra_verifySignatureHash, 5, "", hash.data(), 32, key.publicKey, 65,
+                signature.data(), 64, nullptr, false);
+    refusesEach("ecdhDerive", "xx.xxxx.", veltra_ecdhDerive, kSerial, id, kPin, key.publicKey, 65, &out.data,
+                &out.length, nullptr);
+    refusesEach("encrypt", "xxxxxxxx.", veltra_encrypt, EncryptionType::Rsa2048, PaddingMode::Pkcs1, bytes,
+                16, bytes, &length, der.data(), lengthOf(der), nullptr);
+    refusesEach("decrypt", "xx.xxxx..", veltra_decrypt, kSerial, rsa.keyId, kPin, bytes, 256, &out.data,
+                &out.length, false, nullptr);
+    refusesEach("encrypt_aes", ".xxxxxxx..x.x.", veltra_encrypt_aes, "", kEcb, bytes, 16, bytes, 16,
+                &out.data, &out.length, false, nullptr, 0, nullptr, 0, nullptr);
+    refusesEach("decrypt_aes", ".xxxxxx..x.", veltra_decrypt_aes, "", bytes, 16, bytes, 32, &out.data,
+                &out.length, false, bytes, 16, nullptr);
+    refusesEach("decryptSymetric", ".xxxxxxxx.", veltra_decryptSymetric, "", bytes, 32, bytes, &length, bytes,
+                16, bytes, 16, nullptr);
+    refusesEach("initHash", ".xx.", veltra_initHash, "", kMechanismSha256, &other, nullptr);
+    refusesEach("updateHash", "xxx.", veltra_updateHash, state, bytes, 1, nullptr);
+    refusesEach("finalHash", "xxx.", veltra_finalHash, state, bytes, &length, nullptr);
+
+    const auto signSome = [&](int hashLength, int* capacity) {
+        return veltra_signHash(kSerial, id, kPin, bytes, hashLength, bytes, capacity, false, nullptr, false);
     };
     expectRefusals(
-        {decrypt(nullptr, bytes, 64, &out.data), decrypt(key.keyId, bytes, -64, &out.data),
-         decrypt(key.keyId, bytes, 64, nullptr), decryptAes(nullptr, 16), decryptAes(bytes, -16),
-         encryptAes("T9", 0), encryptAes("", 1), decryptInto("T9", bytes, bytes, &length, bytes),
-         decryptInto("", nullptr, bytes, &length, bytes), decryptInto("", bytes, nullptr, &length, bytes),
-         decryptInto("", bytes, bytes, nullptr, bytes), decryptInto("", bytes, bytes, &negative, bytes),
-         decryptInto("", bytes, bytes, &length, nullptr)});
+        {signSome(0, &length), signSome(33, &length), signSome(32, &negative),
+         veltra_finalHash(state, bytes, &negative, nullptr), veltra_updateHash(&state, bytes, 1, nullptr),
+         veltra_finalHash(&state, bytes, &length, nullptr), veltra_initHash("", 1, &other, nullptr),
+         veltra_importCertificate("T9", kPin, &certificate, nullptr),
+         veltra_generateRamdomNumber("", 1, bytes, false, nullptr),
+         veltra_ecdhDerive("T9", id, kPin, key.publicKey, 65, &out.data, &out.length, nullptr),
+         veltra_encrypt_aes("T9", kEcb, bytes, 16, bytes, 16, &out.data, &out.length, false, nullptr, 0,
+                            nullptr, 0, nullptr),
+         veltra_decryptSymetric("T9", bytes, 32, bytes, &length, bytes, 16, bytes, 16, nullptr),
+         veltra_decryptSymetric("", bytes, 32, bytes, &negative, bytes, 16, bytes, 16, nullptr)});
     EXPECT_TRUE(out.isEmpty());
-    EXPECT_TRUE(dll.getKeyPairList(nullptr, nullptr).empty() && dll.getAesKeyList(nullptr, nullptr).empty());
-    EXPECT_TRUE(dll.getCertificateList(nullptr, nullptr).empty());
-    EXPECT_TRUE(dll.getTokenInfo(nullptr, nullptr).model.empty());
-    EXPECT_EQ(dll.findCertificateForKey(kSerial, nullptr, nullptr), nullptr);
-    EXPECT_EQ(dll.findCertificateForKey(nullptr, key.keyId, nullptr), nullptr);
-
-    expectRefusals({dll.initHash("", 1, &hash, nullptr), dll.initHash("", kMechanismSha256, nullptr, nullptr),
-                    dll.updateHash(nullptr, bytes, 1, nullptr), dll.updateHash(&hash, bytes, 1, nullptr),
-                    dll.finalHash(&hash, bytes, &length, nullptr)});
-    ASSERT_EQ(dll.initHash("", kMechanismSha256, &hash, nullptr), 0);
-    expectRefusals({dll.updateHash(hash, nullptr, 1, nullptr), dll.updateHash(hash, bytes, -1, nullptr),
-                    dll.finalHash(hash, nullptr, &length, nullptr),
-                    dll.finalHash(hash, bytes, nullptr, nullptr),
-                    dll.finalHash(hash, bytes, &negative, nullptr)});
-    EXPECT_EQ(dll.finalHash(hash, bytes, &length, nullptr), 0);
+    EXPECT_EQ(veltra_finalHash(state, bytes, &length, nullptr), 0);
+    EXPECT_TRUE(veltra_getKeyPairList(nullptr, nullptr).empty() &&
+                veltra_getAesKeyList(nullptr, nullptr).empty() &&
+                veltra_getCertificateList(nullptr, nullptr).empty() &&
+                veltra_getTokenInfo(nullptr, nullptr).model.empty());
+    EXPECT_TRUE(veltra_findCertificateForKey(kSerial, nullptr, nullptr) == nullptr &&
+                veltra_findCertificateForKey(nullptr, id, nullptr) == nullptr);
 }
 
 TEST_F(SoftTokenTest, RandomNumbersFillExactlyTheBuffer) {
     for (const bool software : {false, true}) {
         Bytes buffers[2] = {Bytes(34, 0xAA), Bytes(34, 0xAA)};
         for (Bytes& buffer : buffers) {
-            ASSERT_EQ(library_.generateRamdomNumber(kSerial, 32, buffer.data() + 1, software, nullptr), 0);
+            ASSERT_EQ(veltra_generateRamdomNumber(kSerial, 32, buffer.data() + 1, software, nullptr), 0);
             EXPECT_TRUE(buffer.front() == 0xAA && buffer.back() == 0xAA);
         }
         EXPECT_NE(buffers[0], buffers[1]);

@@ -17,17 +17,17 @@ protected:
     }
 
     [[nodiscard]] Files read(const std::vector<std::string>& extensions) const {
-        return library_.getFiles(folder_.string(), extensions, nullptr);
+        return veltra_getFilesWithExtensionsAndConvertDER(folder_.string(), extensions, nullptr);
     }
 
     VeltraCertificate import(VeltraCertificate record) const {
-        EXPECT_EQ(library_.importCertificate(kSerial, kPin, &record, nullptr), 0);
+        EXPECT_EQ(veltra_importCertificate(kSerial, kPin, &record, nullptr), 0);
         return record;
     }
 
     [[nodiscard]] std::vector<Bytes> listed() const {
         std::vector<Bytes> ders;
-        for (const VeltraCertificate& it : library_.getCertificateList(kSerial, nullptr))
+        for (const VeltraCertificate& it : veltra_getCertificateList(kSerial, nullptr))
             ders.emplace_back(it.der, it.der + it.derLength);
         return ders;
     }
@@ -35,18 +35,24 @@ protected:
     fs::path folder_ = home_ / "certificate files";
 };
 
-TEST_F(CertificateTest, DetailsNameSubjectAndIssuer) {
+TEST_F(CertificateTest, DetailsNameSubjectAndIssuerAndNothingElseIsStored) {
     CertificateDetails details;
     const auto read = [&](std::size_t length) {
-        return library_.getCertificateDetails(leaf_.data(), static_cast<int>(length), details, nullptr);
+        return veltra_getCertificateDetails(leaf_.data(), static_cast<int>(length), details, nullptr);
     };
     ASSERT_EQ(read(leaf_.size()), 0);
     for (std::size_t length = 0; length < leaf_.size(); length += 11)
         expectRefusals({read(length)});
-    expectRefusals({library_.getCertificateDetails(nullptr, 5, details, nullptr), read(~std::size_t{0})});
+    expectRefusals({veltra_getCertificateDetails(nullptr, 5, details, nullptr), read(~std::size_t{0})});
     EXPECT_EQ(details.commonName, "Test Leaf");
     EXPECT_EQ(details.subject, "CN=Test Leaf");
     EXPECT_EQ(details.issuer, "CN=Test Inte");
+    VeltraCertificate record = certificateRecord(leaf_, 0x11);
+    for (const std::uint32_t length : {0u, 1u, static_cast<std::uint32_t>(leaf_.size()) - 1, 3073u, ~0u}) {
+        record.derLength = length;
+        expectRefusals({veltra_importCertificate(kSerial, kPin, &record, nullptr)});
+    }
+    EXPECT_TRUE(listed().empty());
 }
 
 TEST_F(CertificateTest, FilesAreReadWhateverTheirFormAndInTheOrderOfTheirNames) {
@@ -81,7 +87,7 @@ TEST_F(CertificateTest, FilesAreReadWhateverTheirFormAndInTheOrderOfTheirNames) 
     EXPECT_TRUE(read({}).empty());
     folder_ = home_ / "not there";
     EXPECT_TRUE(read({".cer"}).empty());
-    EXPECT_TRUE(library_.getFiles("", {".cer"}, nullptr).empty());
+    EXPECT_TRUE(veltra_getFilesWithExtensionsAndConvertDER("", {".cer"}, nullptr).empty());
 }
 
 TEST_F(CertificateTest, ACertificateBelongsToOneKeyAndAKeyToOneCertificate) {
@@ -100,25 +106,16 @@ TEST_F(CertificateTest, ACertificateBelongsToOneKeyAndAKeyToOneCertificate) {
     record = import(record);
     EXPECT_EQ(listed(), (std::vector<Bytes>{root_, leaf_}));
 
-    const VeltraCertificate* found = library_.findCertificateForKey(kSerial, record.keyId, nullptr);
+    const VeltraCertificate* found = veltra_findCertificateForKey(kSerial, record.keyId, nullptr);
     ASSERT_NE(found, nullptr);
-    static_cast<void>(library_.getCertificateList(kSerial, nullptr));
+    static_cast<void>(veltra_getCertificateList(kSerial, nullptr));
     EXPECT_EQ(std::memcmp(found, &record, sizeof(record)), 0) << "it stays where it is";
     EXPECT_EQ(std::string(found->label), "mine");
     EXPECT_EQ(found->credentialIdLength, kKeyIdLength);
-    EXPECT_EQ(library_.findCertificateForKey(kSerial, root.keyId, nullptr), nullptr);
+    EXPECT_EQ(veltra_findCertificateForKey(kSerial, root.keyId, nullptr), nullptr);
     const Bytes intermediate = fromBase64(veltra::test::kIntermediateCertificate);
     import(certificateRecord(intermediate, 0x11));
     EXPECT_EQ(listed(), (std::vector<Bytes>{intermediate, leaf_})) << "in the place of the one before";
-}
-
-TEST_F(CertificateTest, OnlyCertificatesAreStored) {
-    VeltraCertificate record = certificateRecord(leaf_, 0x11);
-    for (const std::uint32_t length : {0u, 1u, static_cast<std::uint32_t>(leaf_.size()) - 1, 3073u, ~0u}) {
-        record.derLength = length;
-        expectRefusals({library_.importCertificate(kSerial, kPin, &record, nullptr)});
-    }
-    EXPECT_TRUE(listed().empty());
 }
 
 } // namespace veltra::softtoken::test

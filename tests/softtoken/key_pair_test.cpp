@@ -9,20 +9,15 @@ namespace veltra::softtoken::test {
 TEST_F(SoftTokenTest, EveryKeyTypeSignsAndVerifiesEveryHash) {
     struct {
         std::uint32_t requested, type, publicKeyLength;
-        std::size_t signatureLength;
-    } const cases[] = {
-        {0, kKeyTypeRsa2048, 256, 256},
-        {kKeyTypeRsa3072, kKeyTypeRsa3072, 384, 384},
-        {kKeyTypeEcP256, kKeyTypeEcP256, 65, 64},
-        {kKeyTypeEcP384, kKeyTypeEcP384, 97, 96},
-        {kKeyTypeEcP521, kKeyTypeEcP521, 133, 132},
-    };
+        int signatureLength;
+    } const cases[] = {{0, 2, 256, 256}, {5, 5, 65, 64}, {6, 6, 97, 96}, {7, 7, 133, 132}};
     ASSERT_EQ(logIn(), 0);
+    const auto setFips = [](FipsGeneration fips) { change([=](TokenDescription& it) { it.fips = fips; }); };
     for (const auto& it : cases) {
         const VeltraKeyPair key = generate(it.requested, kUsageEncrypt);
         EXPECT_EQ(key.keyType, it.type);
         ASSERT_EQ(key.publicKeyLength, it.publicKeyLength);
-        const bool isRsa = it.type <= kKeyTypeRsa4096;
+        const bool isRsa = it.type == kKeyTypeRsa2048;
         EXPECT_EQ(key.publicKey[0] == 0x04, !isRsa);
         for (const std::size_t hashLength : {16, 20, 28, 32, 36, 48, 64}) {
             for (const bool pss : {false, true}) {
@@ -33,7 +28,7 @@ TEST_F(SoftTokenTest, EveryKeyTypeSignsAndVerifiesEveryHash) {
                 // MD5 and SHA-1 together: PKCS#1 v1.5 only
                 ASSERT_EQ(result == 0, hashLength != 36 || (isRsa && !pss));
                 if (result != 0) continue;
-                ASSERT_EQ(signature.size(), it.signatureLength);
+                ASSERT_EQ(lengthOf(signature), it.signatureLength);
                 EXPECT_EQ(verify(key, hashLength, signature, pss), 0);
                 // ECDSA takes no more of a hash than the curve's length, and knows one scheme.
                 if (isRsa)
@@ -41,14 +36,17 @@ TEST_F(SoftTokenTest, EveryKeyTypeSignsAndVerifiesEveryHash) {
                                     verify(key, hashLength == 32 ? 48 : 32, signature, pss)});
                 signature.back() ^= 1;
                 expectRefusals({verify(key, hashLength, signature, pss)});
+                setFips(FipsGeneration::Fips1403); // signs neither MD5 nor SHA-1
+                EXPECT_EQ(sign(key, hashLength, signature, pss),
+                          hashLength <= 20 || hashLength == 36 ? kDeviceWeakHashRefused : 0);
+                setFips(FipsGeneration::Fips1402);
             }
         }
-        const int needed = static_cast<int>(it.signatureLength);
         Bytes out(512, 0xAA);
-        int length = needed - 1;
-        expectRefusals({library_.signHash(kSerial, key.keyId, kPin, hashOf(32).data(), 32, out.data(),
-                                          &length, false, nullptr, false)});
-        EXPECT_EQ(length, needed - 1);
+        int length = it.signatureLength - 1;
+        expectRefusals({veltra_signHash(kSerial, key.keyId, kPin, hashOf(32).data(), 32, out.data(), &length,
+                                        false, nullptr, false)});
+        EXPECT_EQ(length, it.signatureLength - 1);
         EXPECT_EQ(out, Bytes(512, 0xAA)) << "a buffer that is too small is left alone";
     }
 }
@@ -57,7 +55,7 @@ TEST_F(SoftTokenTest, KeysAreListedInOrderRenamedAndDeletedOneByOne) {
     ASSERT_EQ(logIn(), 0);
     VeltraKeyPair refused{};
     refused.keyType = kKeyTypeRsa1024;
-    expectRefusals({library_.generateKeyPair(kSerial, kPin, &refused, nullptr)});
+    expectRefusals({veltra_generateKeyPair(kSerial, kPin, &refused, nullptr)});
     std::vector<VeltraKeyPair> made;
     for (const std::uint32_t type : {kKeyTypeEcP521, kKeyTypeEcP256, kKeyTypeEcP384})
         made.push_back(generate(type, kUsageBoth));
@@ -68,46 +66,34 @@ TEST_F(SoftTokenTest, KeysAreListedInOrderRenamedAndDeletedOneByOne) {
 
     const std::string longest(kLabelMaxLength, 'x');
     const auto rename = [&](const VeltraKeyPair& key, const std::string& label) {
-        return library_.updateKeyPairDetails(kSerial, key.keyId, kPin, label.c_str(), nullptr, 0, nullptr);
+        return veltra_updateKeyPairDetails(kSerial, key.keyId, kPin, label.c_str(), nullptr, 0, nullptr);
     };
     EXPECT_EQ(rename(made[1], longest), 0);
     std::ranges::copy(longest, made[1].label);
     const auto remove = [&](const VeltraKeyPair& key) {
-        return library_.deleteKeyPair(kSerial, key.keyId, kPin, false, nullptr);
+        return veltra_deleteKeyPair(kSerial, key.keyId, kPin, false, nullptr);
     };
     EXPECT_EQ(remove(made[0]), 0);
     expectRefusals({rename(made[1], longest + "x"), remove(made[0]), sign(made[0])});
     made.erase(made.begin());
-    const std::vector<VeltraKeyPair> listed = library_.getKeyPairList(kSerial, nullptr);
-    ASSERT_EQ(listed.size(), made.size());
-    for (std::size_t i = 0; i < made.size(); ++i) {
-        EXPECT_EQ(std::memcmp(&listed[i], &made[i], sizeof(VeltraKeyPair)), 0) << "key " << i;
-        EXPECT_EQ(sign(made[i]), 0);
-    }
+    expectSameRecords(veltra_getKeyPairList(kSerial, nullptr), made);
+    for (const VeltraKeyPair& key : made)
+        EXPECT_EQ(sign(key), 0);
 }
 
 TEST_F(SoftTokenTest, AListStaysAsItIsWhileOtherThreadsAskForTheirs) {
     ASSERT_EQ(logIn(), 0);
     static_cast<void>(generate(kKeyTypeEcP256));
-    const std::vector<VeltraKeyPair>& mine = library_.getKeyPairList(kSerial, nullptr);
+    const std::vector<VeltraKeyPair>& mine = veltra_getKeyPairList(kSerial, nullptr);
     const VeltraKeyPair* data = mine.data();
     for (int round = 0; round < 100; ++round) { // enough ended threads for their lists to be dropped
         std::thread([&] {
             if (round == 0) static_cast<void>(generate(kKeyTypeEcP256));
-            EXPECT_EQ(library_.getKeyPairList(kSerial, nullptr).size(), 2u);
+            EXPECT_EQ(veltra_getKeyPairList(kSerial, nullptr).size(), 2u);
         }).join();
     }
     EXPECT_EQ(mine.data(), data);
     EXPECT_EQ(mine.size(), 1u);
-}
-
-TEST_F(SoftTokenTest, Fips1403TokensRefuseToSignWeakHashes) {
-    change([](TokenDescription& token) { token.fips = FipsGeneration::Fips1403; });
-    ASSERT_EQ(logIn(), 0);
-    const VeltraKeyPair key = generate(kKeyTypeRsa2048);
-    Bytes signature;
-    for (const std::size_t length : {16, 20, 36, 28, 32, 48, 64})
-        EXPECT_EQ(sign(key, length, signature), length <= 20 || length == 36 ? kDeviceWeakHashRefused : 0);
 }
 
 TEST_F(SoftTokenTest, HashesAreThoseOfTheStandard) {
@@ -124,21 +110,21 @@ TEST_F(SoftTokenTest, HashesAreThoseOfTheStandard) {
     for (const auto& it : cases) {
         for (const char* serial : {"", kSerial}) {
             void* hash = nullptr;
-            ASSERT_EQ(library_.initHash(serial, it.mechanism, &hash, nullptr), 0);
-            EXPECT_EQ(library_.updateHash(hash, message.data(), 1, nullptr), 0);
-            EXPECT_EQ(library_.updateHash(hash, message.data() + 1, 2, nullptr), 0);
+            ASSERT_EQ(veltra_initHash(serial, it.mechanism, &hash, nullptr), 0);
+            EXPECT_EQ(veltra_updateHash(hash, message.data(), 1, nullptr), 0);
+            EXPECT_EQ(veltra_updateHash(hash, message.data() + 1, 2, nullptr), 0);
             Bytes digest(64);
             int length = 19;
-            expectRefusals({library_.finalHash(hash, digest.data(), &length, nullptr)});
+            expectRefusals({veltra_finalHash(hash, digest.data(), &length, nullptr)});
             length = 64;
-            ASSERT_EQ(library_.finalHash(hash, digest.data(), &length, nullptr), 0);
+            ASSERT_EQ(veltra_finalHash(hash, digest.data(), &length, nullptr), 0);
             EXPECT_EQ(length, static_cast<int>(it.length));
             EXPECT_EQ(toHex(BytesView(digest).first(16)), it.digest);
             void* another = nullptr;
-            ASSERT_EQ(library_.initHash(serial, it.mechanism, &another, nullptr), 0);
-            expectRefusals({library_.updateHash(hash, message.data(), 1, nullptr),
-                            library_.finalHash(hash, digest.data(), &length, nullptr)});
-            EXPECT_EQ(library_.finalHash(another, digest.data(), &length, nullptr), 0);
+            ASSERT_EQ(veltra_initHash(serial, it.mechanism, &another, nullptr), 0);
+            expectRefusals({veltra_updateHash(hash, message.data(), 1, nullptr),
+                            veltra_finalHash(hash, digest.data(), &length, nullptr)});
+            EXPECT_EQ(veltra_finalHash(another, digest.data(), &length, nullptr), 0);
         }
     }
 }

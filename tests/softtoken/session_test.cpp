@@ -22,7 +22,7 @@ TEST_F(SoftTokenTest, WrongPinsCountDownToALockThatTheRightPinDoesNotOpen) {
     create("T3", 3);
     int remaining = -1;
     const auto tryPin = [&](const char* pin) {
-        return library_.validatePassword("T3", pin, 1, &remaining, nullptr);
+        return veltra_validatePassword("T3", pin, 1, &remaining, nullptr);
     };
     expectRefusals({tryPin(kWrongPin)});
     EXPECT_EQ(remaining, 2);
@@ -33,7 +33,7 @@ TEST_F(SoftTokenTest, WrongPinsCountDownToALockThatTheRightPinDoesNotOpen) {
         EXPECT_EQ(remaining, left);
     }
     remaining = -1;
-    expectRefusals({tryPin(kPin), library_.validatePassword("T3", kPin, 1, nullptr, nullptr)});
+    expectRefusals({tryPin(kPin), veltra_validatePassword("T3", kPin, 1, nullptr, nullptr)});
     EXPECT_EQ(remaining, 0);
     std::uint32_t left = 77;
     EXPECT_EQ(codeOf([&] { validatePin("T3", kPin, left); }), static_cast<int>(Failure::PinLocked))
@@ -88,29 +88,29 @@ TEST_F(SoftTokenTest, PinUsingOperationsNeedASessionAndItsPin) {
         LibraryOutput out;
         const int results[] = {
             sign(ec, pin),
-            library_.generateKeyPair(kSerial, pin, &key, nullptr),
-            library_.updateKeyPairDetails(kSerial, ec.keyId, pin, "x", nullptr, 0, nullptr),
-            library_.deleteKeyPair(kSerial, ec.keyId, pin, false, nullptr),
-            library_.importAesKey(kSerial, pin, &aesKey, nullptr),
-            library_.importCertificate(kSerial, pin, &certificate, nullptr),
-            library_.ecdhDerive(kSerial, ec.keyId, pin, ec.publicKey, 65, &out.data, &out.length, nullptr),
-            library_.decrypt(kSerial, rsa.keyId, pin, rsa.publicKey, 256, &out.data, &out.length, false,
-                             nullptr)};
+            veltra_generateKeyPair(kSerial, pin, &key, nullptr),
+            veltra_updateKeyPairDetails(kSerial, ec.keyId, pin, "x", nullptr, 0, nullptr),
+            veltra_deleteKeyPair(kSerial, ec.keyId, pin, false, nullptr),
+            veltra_importAesKey(kSerial, pin, &aesKey, nullptr),
+            veltra_importCertificate(kSerial, pin, &certificate, nullptr),
+            veltra_ecdhDerive(kSerial, ec.keyId, pin, ec.publicKey, 65, &out.data, &out.length, nullptr),
+            veltra_decrypt(kSerial, rsa.keyId, pin, rsa.publicKey, 256, &out.data, &out.length, false,
+                           nullptr)};
         for (std::size_t i = 0; i < std::size(results); ++i)
             EXPECT_EQ(results[i], expected) << "call " << i;
         EXPECT_TRUE(out.isEmpty());
     };
     expectAll(kDeviceSessionExpired, kPin);
     LibraryOutput out;
-    EXPECT_EQ(library_.decryptAes(kSerial, aes.keyId, 16, data, 32, &out.data, &out.length, false, nullptr, 0,
-                                  nullptr),
+    EXPECT_EQ(veltra_decrypt_aes(kSerial, aes.keyId, 16, data, 32, &out.data, &out.length, false, nullptr, 0,
+                                 nullptr),
               kDeviceSessionExpired)
         << "unwrapping uses a key of the token";
     ASSERT_EQ(logIn(), 0);
     expectAll(static_cast<int>(Failure::WrongPin), kWrongPin);
     EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts);
     EXPECT_EQ(sign(ec, ""), 0);
-    EXPECT_EQ(library_.getKeyPairList(kSerial, nullptr).size(), 2u);
+    EXPECT_EQ(veltra_getKeyPairList(kSerial, nullptr).size(), 2u);
 }
 
 TEST_F(SoftTokenTest, ASessionEndsWithItsTimeWithUnpluggingAndWithItsToken) {
@@ -119,14 +119,14 @@ TEST_F(SoftTokenTest, ASessionEndsWithItsTimeWithUnpluggingAndWithItsToken) {
     deleteToken(token);
     create(kSerial);
     VeltraKeyPair record{};
-    EXPECT_EQ(library_.generateKeyPair(kSerial, kPin, &record, nullptr), kDeviceSessionExpired)
+    EXPECT_EQ(veltra_generateKeyPair(kSerial, kPin, &record, nullptr), kDeviceSessionExpired)
         << "a key sealed under the old token's master key could never be used";
 
-    change([](TokenDescription& description) { description.sessionSeconds = 1; });
     ASSERT_EQ(logIn(), 0);
     const VeltraKeyPair key = generate(kKeyTypeEcP256);
-    EXPECT_EQ(sign(key), 0);
-    Sleep(1100);
+    change([](TokenDescription& description) { description.sessionSeconds = 1; });
+    ASSERT_EQ(logIn(), 0);
+    Sleep(1100); // nothing has to happen within the second
     EXPECT_EQ(sign(key), kDeviceSessionExpired);
     change([](TokenDescription& description) { description.sessionSeconds = 0; });
     ASSERT_EQ(logIn(), 0);
@@ -137,27 +137,28 @@ TEST_F(SoftTokenTest, ASessionEndsWithItsTimeWithUnpluggingAndWithItsToken) {
     EXPECT_EQ(sign(key), kDeviceSessionExpired);
     ASSERT_EQ(logIn(), 0);
     setPlugged(token, false);
-    EXPECT_TRUE(library_.getConnectedDeviceList(false, nullptr).empty());
-    EXPECT_TRUE(library_.getTokenInfo(kSerial, nullptr).model.empty());
-    EXPECT_TRUE(library_.getKeyPairList(kSerial, nullptr).empty());
-    expectRefusals({library_.initDevice(kSerial, false, nullptr), sign(key)});
+    EXPECT_TRUE(veltra_getConnectedDeviceList(false, nullptr).empty());
+    EXPECT_TRUE(veltra_getTokenInfo(kSerial, nullptr).model.empty());
+    EXPECT_TRUE(veltra_getKeyPairList(kSerial, nullptr).empty());
+    expectRefusals({veltra_initDevice(kSerial, false, nullptr), sign(key)});
 }
 
 TEST_F(SoftTokenTest, SingleSignOnWorksInEveryProcessUntilItsTimeIsUp) {
     ASSERT_EQ(logIn(), 0);
     const VeltraKeyPair key = generate(kKeyTypeEcP256);
     const auto isSignedOn = [&] {
-        const TokenInfo info = library_.getTokenInfo(kSerial, nullptr);
+        const TokenInfo info = veltra_getTokenInfo(kSerial, nullptr);
         return info.session == "single sign-on" && info.words[3] == 1 && info.words[4] == 1;
     };
     EXPECT_FALSE(isSignedOn());
     std::uint32_t left = 0;
-    softtoken::logIn(kSerial, kPin, 2, left);
+    softtoken::logIn(kSerial, kPin, 600, left);
     EXPECT_TRUE(isSignedOn());
     EXPECT_EQ(signElsewhere(key, ""), 0);
     EXPECT_EQ(signElsewhere(key, kPin), 0);
     EXPECT_EQ(signElsewhere(key, kWrongPin), static_cast<int>(Failure::WrongPin));
-    Sleep(2100);
+    softtoken::logIn(kSerial, kPin, 1, left);
+    Sleep(1100);
     EXPECT_FALSE(isSignedOn());
     EXPECT_EQ(signElsewhere(key, ""), kDeviceSessionExpired);
     const fs::path file = TokenFolder(kSerial).path() / kSingleSignOnFile;

@@ -6,12 +6,11 @@
 #include "unit/test_certificates.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
 namespace veltra::softtoken::test {
-
-namespace fs = std::filesystem;
 
 Bytes fromHex(std::string_view text) {
     Bytes bytes;
@@ -53,6 +52,10 @@ void expectRefusals(std::initializer_list<int> results) {
     }
 }
 
+LibraryOutput::~LibraryOutput() {
+    std::free(data);
+}
+
 SoftTokenTest::SoftTokenTest()
     : home_(fs::temp_directory_path() / ("softtoken-" + toHex(randomBytes(8)))),
       root_(fromBase64(veltra::test::kRootCertificate)), leaf_(fromBase64(veltra::test::kLeafCertificate)) {
@@ -87,14 +90,14 @@ void SoftTokenTest::create(const char* serial, std::uint32_t attempts) {
 }
 
 int SoftTokenTest::logIn(const char* pin, int* remaining) const {
-    return library_.validatePassword(kSerial, pin, 1, remaining, nullptr);
+    return veltra_validatePassword(kSerial, pin, 1, remaining, nullptr);
 }
 
 VeltraKeyPair SoftTokenTest::generate(std::uint32_t keyType, std::uint32_t usage) const {
     VeltraKeyPair record{};
     record.keyType = keyType;
     record.usage = usage;
-    EXPECT_EQ(library_.generateKeyPair(kSerial, kPin, &record, nullptr), 0) << "key type " << keyType;
+    EXPECT_EQ(veltra_generateKeyPair(kSerial, kPin, &record, nullptr), 0) << "key type " << keyType;
     return record;
 }
 
@@ -103,8 +106,8 @@ int SoftTokenTest::sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes&
     signature.assign(512, 0);
     int length = lengthOf(signature);
     const int result =
-        library_.signHash(kSerial, key.keyId, pin, hashOf(hashLength).data(), static_cast<int>(hashLength),
-                          signature.data(), &length, false, nullptr, pss);
+        veltra_signHash(kSerial, key.keyId, pin, hashOf(hashLength).data(), static_cast<int>(hashLength),
+                        signature.data(), &length, false, nullptr, pss);
     signature.resize(static_cast<std::size_t>(length));
     return result;
 }
@@ -116,12 +119,10 @@ int SoftTokenTest::sign(const VeltraKeyPair& key, const char* pin) const {
 
 int SoftTokenTest::verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature,
                           bool pss) const {
-    const Bytes publicKey = key.keyType <= kKeyTypeRsa4096
-                                ? rsaKeyDer(key)
-                                : Bytes(key.publicKey, key.publicKey + key.publicKeyLength);
-    return library_.verifySignatureHash(key.keyType, "", hashOf(hashLength).data(),
-                                        static_cast<int>(hashLength), publicKey.data(), lengthOf(publicKey),
-                                        signature.data(), lengthOf(signature), nullptr, pss);
+    const Bytes publicKey = key.keyType == kKeyTypeRsa2048 ? rsaKeyDer(key) : publicKeyOf(key);
+    return veltra_verifySignatureHash(key.keyType, "", hashOf(hashLength).data(),
+                                      static_cast<int>(hashLength), publicKey.data(), lengthOf(publicKey),
+                                      signature.data(), lengthOf(signature), nullptr, pss);
 }
 
 VeltraSymmetricKey SoftTokenTest::aesRecord(const Bytes& material) {
@@ -139,22 +140,13 @@ VeltraCertificate SoftTokenTest::certificateRecord(const Bytes& der, unsigned ch
     return record;
 }
 
+Bytes SoftTokenTest::publicKeyOf(const VeltraKeyPair& key) {
+    return {key.publicKey, key.publicKey + key.publicKeyLength};
+}
+
 Bytes SoftTokenTest::rsaKeyDer(const VeltraKeyPair& key) {
-    Bytes der;
-    const auto header = [&](const char* tag, std::size_t length) {
-        const auto high = static_cast<unsigned char>(length >> 8);
-        std::ranges::copy(fromHex(tag), std::back_inserter(der));
-        der.insert(der.end(), {0x82, high, static_cast<unsigned char>(length)});
-    };
-    const std::size_t modulusLength = key.publicKeyLength;
-    header("30", modulusLength + 34);
-    header("300D06092A864886F70D010101050003", modulusLength + 15);
-    header("0030", modulusLength + 10);
-    header("02", modulusLength + 1);
-    der.push_back(0);
-    der.insert(der.end(), key.publicKey, key.publicKey + modulusLength);
-    der.insert(der.end(), {0x02, 0x03, 0x01, 0x00, 0x01});
-    return der;
+    return fromHex("30820122300D06092A864886F70D01010105000382010F003082010A0282010100" +
+                   toHex(publicKeyOf(key)) + "0203010001");
 }
 
 Bytes SoftTokenTest::hashOf(std::size_t length) {

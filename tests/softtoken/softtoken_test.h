@@ -1,8 +1,14 @@
 #pragma once
 
-#include "loaded_library.h"
+#include "support/googletest.h"
 
+#include "foundation/device_library_contract.h"
+#include "token_store.h"
+
+#include <cstring>
 #include <filesystem>
+#include <string_view>
+#include <vector>
 
 namespace veltra::softtoken::test {
 
@@ -37,7 +43,30 @@ int codeOf(Call call) {
 /// Fails the test for every result that is success, or one of the three codes that callers act upon.
 void expectRefusals(std::initializer_list<int> results);
 
-/// A fresh home folder with one plugged-in token kSerial, and the DLL.
+/// Compares what a list of the DLL holds with the records that calls have filled in, byte by byte.
+template <class Record>
+void expectSameRecords(const std::vector<Record>& listed, const std::vector<Record>& made) {
+    ASSERT_EQ(listed.size(), made.size());
+    for (std::size_t i = 0; i < made.size(); ++i)
+        EXPECT_EQ(std::memcmp(&listed[i], &made[i], sizeof(Record)), 0) << "record " << i;
+}
+
+/// The places for a buffer that a function of the DLL hands out; releases it. Not empty before, to show who
+/// clears it.
+struct LibraryOutput {
+    unsigned char* data = nullptr;
+    int length = 77;
+
+    LibraryOutput() = default;
+    LibraryOutput(const LibraryOutput&) = delete;
+    LibraryOutput& operator=(const LibraryOutput&) = delete;
+    ~LibraryOutput();
+
+    [[nodiscard]] Bytes bytes() const { return {data, data + length}; }
+    [[nodiscard]] bool isEmpty() const { return data == nullptr && length == 0; }
+};
+
+/// A fresh home folder with one plugged-in token kSerial.
 class SoftTokenTest : public testing::Test {
 protected:
     SoftTokenTest();
@@ -69,12 +98,12 @@ protected:
     /// A record for veltra_importCertificate, whose key identifier is `keyIdByte` repeated.
     static VeltraCertificate certificateRecord(const Bytes& der, unsigned char keyIdByte);
 
-    /// SubjectPublicKeyInfo of an RSA key with exponent 65537.
+    static Bytes publicKeyOf(const VeltraKeyPair& key);
+    /// SubjectPublicKeyInfo of an RSA-2048 key with exponent 65537.
     static Bytes rsaKeyDer(const VeltraKeyPair& key);
     static Bytes hashOf(std::size_t length);
 
     std::filesystem::path home_;
-    LoadedLibrary library_;
     Bytes root_, leaf_; ///< DER of two certificates
 };
 

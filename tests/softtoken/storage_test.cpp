@@ -88,6 +88,8 @@ std::optional<std::uint64_t> readNumber(const fs::path& path) {
 }
 
 constexpr const char* kFolder = "replaced by a folder";
+const std::string kDamages[] = {
+    "empty", "cut", "continued", "oversized", "bit flipped", "of another kind", "without fields", kFolder};
 
 std::string reported;
 
@@ -191,8 +193,11 @@ protected:
 
     void open() { validatePin(kSerial, kPin, attempts_); }
 
+    /// The paths of files and the kinds of their records.
+    using Files = std::map<fs::path, const char*>;
+
     /// Everything that can be done with what is there, and the attempts to change what is damaged.
-    void useToken(const fs::path& damaged) {
+    void useToken(const Files& damaged) {
         EXPECT_EQ(connectedSerials(), std::vector<std::string>{kSerial});
         static_cast<void>(tokenInfo(kSerial));
         EXPECT_EQ(codeOf([&] { validatePin(kSerial, kWrongPin, attempts_); }),
@@ -200,26 +205,31 @@ protected:
         EXPECT_EQ(attempts_, kDefaultAttempts - 1);
         open();
         EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts);
-        const std::string kind = damaged.parent_path().filename().string();
+        std::map<std::string, std::size_t> left{{"keys", 2}, {"aes-keys", 2}, {"certificates", 2}};
+        for (const auto& [file, kind] : damaged)
+            --left[file.parent_path().filename().string()];
         const auto keys = keyPairs(kSerial);
-        EXPECT_EQ(keys.size(), kind == "keys" ? 1u : 2u);
+        EXPECT_EQ(keys.size(), left["keys"]);
         for (const VeltraKeyPair& key : keys) {
             EXPECT_EQ(softtoken::sign(kSerial, key.keyId, kPin, Bytes(32), 64, SignatureScheme::Pkcs1).size(),
                       64u);
             renameKeyPair(kSerial, key.keyId, kPin, "renamed");
         }
         const auto aesKeyList = aesKeys(kSerial);
-        EXPECT_EQ(aesKeyList.size(), kind == "aes-keys" ? 1u : 2u);
+        EXPECT_EQ(aesKeyList.size(), left["aes-keys"]);
         for (const VeltraSymmetricKey& key : aesKeyList)
             EXPECT_EQ(unwrapWithTokenKey(kSerial, key.keyId, kWrapped)->size(), 16u);
-        EXPECT_EQ(certificates(kSerial).size(), kind == "certificates" ? 1u : 2u);
-        if (kind == "keys" || kind == "certificates") changeDamaged(damaged.stem().string(), kind == "keys");
-        if (damaged.filename().string().starts_with("pin")) // slow
-            PinVault(TokenFolder(kSerial).path())
-                .change(TokenFolder(kSerial).description().tokenId, kPin, kPin);
-        if (damaged.filename() == kSingleSignOnFile) return; // ends with unplugging
-        setPlugged(TokenFolder(kSerial), false);
-        setPlugged(TokenFolder(kSerial), true);
+        EXPECT_EQ(certificates(kSerial).size(), left["certificates"]);
+        for (const auto& [file, kind] : damaged) {
+            const std::string folder = file.parent_path().filename().string();
+            if (folder == "keys" || folder == "certificates")
+                changeDamaged(file.stem().string(), folder == "keys");
+        }
+        if (damaged.begin()->first.filename() == kSingleSignOnFile) return; // ends with unplugging
+        const TokenFolder token(kSerial);
+        PinVault(token.path()).change(token.description().tokenId, kPin, kPin);
+        setPlugged(token, false);
+        setPlugged(token, true);
         open();
     }
 
@@ -247,30 +257,40 @@ protected:
 
 TEST_F(DamageTest, ADamagedFileCostsItsObjectAndAMessageNeverTheTokenAndIsNotTouched) {
     const fs::path token = TokenFolder(kSerial).path();
-    std::map<fs::path, const char*> kinds = {
-        {token / "token", "token"},    {token / "token.copy", "token"}, {token / "pin", "pin"},
-        {token / "pin.copy", "pin"},   {token / "retries", "retries"},  {token / "retries.copy", "retries"},
-        {token / "session", "session"}};
+    // Damaged at the same time; of what there are two, the other one is a witness.
+    Files groups[] = {
+        {{token / "token", "token"}, {token / "pin", "pin"}, {token / "retries", "retries"}},
+        {{token / "token.copy", "token"}, {token / "pin.copy", "pin"}, {token / "retries.copy", "retries"}},
+        {{token / kSingleSignOnFile, "session"}}};
     for (const auto& [folder, kind] : {std::pair("keys", "key-pair"), std::pair("aes-keys", "aes-key"),
                                        std::pair("certificates", "certificate")})
-        kinds.emplace(*fs::directory_iterator(token / folder), kind); // the other one is a witness
-    const Bytes retries = contentOf(token / "retries");
+        groups[0].emplace(*fs::directory_iterator(token / folder), kind);
     const fs::path saved = home_ / ".saved";
     fs::copy(token, saved, fs::copy_options::recursive);
-    for (const auto& [file, kind] : kinds) {
-        const bool isCounter = std::strcmp(kind, "retries") == 0;
-        for (const auto& [name, content] :
-             damagesOf(contentOf(file), kind, isCounter ? contentOf(token / "pin") : retries)) {
-            SCOPED_TRACE(file.filename().string() + ": " + name);
-            fs::remove(file);
-            if (name == kFolder)
-                fs::create_directory(file);
-            else
-                store(file, content);
+    for (const Files& files : groups) {
+        for (const std::string& damage : kDamages) {
+            SCOPED_TRACE(files.begin()->first.filename().string() + " and others: " + damage);
+            std::map<fs::path, Bytes> damaged;
+            for (const auto& [file, kind] : files) {
+                const bool isCounter = std::strcmp(kind, "retries") == 0;
+                const Bytes ofAnotherKind = contentOf(saved / (isCounter ? "pin" : "retries"));
+                const Bytes content = damaged[file] =
+                    damagesOf(contentOf(file), kind, ofAnotherKind).at(damage);
+                fs::remove(file);
+                if (damage == kFolder)
+                    fs::create_directory(file);
+                else
+                    store(file, content);
+            }
             reported.clear();
-            useToken(file);
-            EXPECT_NE(reported.find(file.filename().string() + " is damaged"), std::string::npos) << reported;
-            EXPECT_TRUE(contentOf(file) == content && fs::is_directory(file) == (name == kFolder));
+            useToken(files);
+            for (const auto& [file, content] : damaged) {
+                EXPECT_NE(reported.find(file.filename().string() + " is damaged"), std::string::npos)
+                    << file.filename() << '\n'
+                    << reported;
+                EXPECT_TRUE(contentOf(file) == content && fs::is_directory(file) == (damage == kFolder))
+                    << file.filename();
+            }
             fs::remove_all(token);
             fs::copy(saved, token, fs::copy_options::recursive);
             open();

@@ -35,8 +35,8 @@ void say(const std::string& what, const std::string& operation, const std::strin
 
 class Worker {
 public:
-    Worker(const LoadedLibrary& library, const char* serial, unsigned seed, bool endless)
-        : library_(library), serial_(serial), random_(seed), endless_(endless) {}
+    Worker(const char* serial, unsigned seed, bool endless)
+        : serial_(serial), random_(seed), endless_(endless) {}
 
     void work(int operations) {
         for (int i = 0; endless_ || i < operations; ++i)
@@ -46,7 +46,7 @@ public:
 private:
     void step() {
         if (endless_) {
-            mine_ = library_.getKeyPairList(serial_, nullptr);
+            mine_ = veltra_getKeyPairList(serial_, nullptr);
         } else if (!std::ranges::all_of(mine_, [&](const VeltraKeyPair& key) { return isListed(key); })) {
             say("failed", "list", "-");
         }
@@ -65,7 +65,7 @@ private:
         if (choice < 15 || !endless_)
             return attempt("wrong-pin", "-", [&](auto& left) { return tryWrongPin(left); });
         attempt("right-pin", "-",
-                [&](auto&) { return library_.validatePassword(serial_, kPin, 1, nullptr, nullptr); });
+                [&](auto&) { return veltra_validatePassword(serial_, kPin, 1, nullptr, nullptr); });
     }
 
     /// `call` returns a result code and may change what is written down about it.
@@ -79,14 +79,14 @@ private:
     int generate(std::string& id) {
         VeltraKeyPair key{};
         key.keyType = kKeyTypeEcP256;
-        const int code = library_.generateKeyPair(serial_, kNoPin, &key, nullptr);
+        const int code = veltra_generateKeyPair(serial_, kNoPin, &key, nullptr);
         if (code == 0) mine_.push_back(key);
         id = toHex(key.keyId);
         return code;
     }
 
     int remove(std::size_t index) {
-        const int code = library_.deleteKeyPair(serial_, mine_[index].keyId, kNoPin, false, nullptr);
+        const int code = veltra_deleteKeyPair(serial_, mine_[index].keyId, kNoPin, false, nullptr);
         mine_.erase(mine_.begin() + static_cast<std::ptrdiff_t>(index));
         return code;
     }
@@ -94,18 +94,17 @@ private:
     int sign(const VeltraKeyPair& key) {
         unsigned char bytes[64] = {};
         int length = 64;
-        return library_.signHash(serial_, key.keyId, kNoPin, bytes, 32, bytes, &length, false, nullptr,
-                                 false);
+        return veltra_signHash(serial_, key.keyId, kNoPin, bytes, 32, bytes, &length, false, nullptr, false);
     }
 
     int rename(const VeltraKeyPair& key) {
-        return library_.updateKeyPairDetails(serial_, key.keyId, kNoPin, "renamed", nullptr, 0, nullptr);
+        return veltra_updateKeyPairDetails(serial_, key.keyId, kNoPin, "renamed", nullptr, 0, nullptr);
     }
 
     int importAes(std::string& id) {
         VeltraSymmetricKey key{};
         key.keyLength = 32;
-        const int code = library_.importAesKey(serial_, kNoPin, &key, nullptr);
+        const int code = veltra_importAesKey(serial_, kNoPin, &key, nullptr);
         id = toHex(key.keyId);
         return code;
     }
@@ -116,23 +115,22 @@ private:
         const Bytes der = fromBase64(veltra::test::kLeafCertificate);
         std::ranges::copy(der, record.der);
         record.derLength = static_cast<std::uint32_t>(der.size());
-        return library_.importCertificate(serial_, kNoPin, &record, nullptr);
+        return veltra_importCertificate(serial_, kNoPin, &record, nullptr);
     }
 
     int tryWrongPin(std::string& attemptsLeft) {
         int left = -1;
-        const int code = library_.validatePassword(serial_, kWrongPin, 1, &left, nullptr);
+        const int code = veltra_validatePassword(serial_, kWrongPin, 1, &left, nullptr);
         attemptsLeft = std::to_string(left);
         return code == 0 ? -1 : 0;
     }
 
     bool isListed(const VeltraKeyPair& key) {
-        return std::ranges::any_of(library_.getKeyPairList(serial_, nullptr), [&](const VeltraKeyPair& it) {
+        return std::ranges::any_of(veltra_getKeyPairList(serial_, nullptr), [&](const VeltraKeyPair& it) {
             return std::memcmp(it.keyId, key.keyId, kKeyIdLength) == 0;
         });
     }
 
-    const LoadedLibrary& library_;
     const char* serial_;
     std::mt19937 random_;
     bool endless_;
@@ -146,13 +144,12 @@ int main(int count, char** arguments) {
     const char* serial = arguments[1];
     const auto seed = static_cast<unsigned>(std::atoi(arguments[2]));
     const int operations = std::atoi(arguments[4]);
-    const LoadedLibrary library;
     unsigned char byte = 0;
-    library.generateRamdomNumber("", 1, &byte, true, nullptr); // the first one takes long
+    veltra_generateRamdomNumber("", 1, &byte, true, nullptr); // the first one takes long
     say("begin", "work", "-");
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < static_cast<unsigned>(std::atoi(arguments[3])); ++i)
-        threads.emplace_back([&, i] { Worker(library, serial, seed + i, operations == 0).work(operations); });
+        threads.emplace_back([&, i] { Worker(serial, seed + i, operations == 0).work(operations); });
     for (std::thread& thread : threads)
         thread.join();
     return 0;
