@@ -108,7 +108,7 @@ int copyOut(const Bytes& bytes, const Script& script, unsigned char* out, int* o
 Bytes aesPlaintext(const unsigned char* in, int inLength) {
     Bytes plain = ScriptedDeviceLibrary::maskOf(Bytes(in, in + inLength));
     if (!plain.empty() && plain.back() <= kAesBlock && plain.back() <= plain.size()) {
-        plain.resize(plain.size() - plain.back());
+        plain.erase(plain.end() - plain.back(), plain.end());
     }
     return plain;
 }
