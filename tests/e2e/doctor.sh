@@ -13,7 +13,7 @@ restore() {
     cp "$bin/veltra.exe" "$bin/VeltraCSP.dll" "$bin/VeltraDSCLibrary.dll" box
     box register >/dev/null
 }
-box() { runWindows box/veltra.exe "$@"; }
+box() { runProgram box/veltra.exe "$@"; }
 
 # doctor EXIT FINDING... [-- ARGUMENT...]: the exit code, and each finding as "SECTION ID STATUS".
 doctor() {

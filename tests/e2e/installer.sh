@@ -20,8 +20,8 @@ builds=$veltraRoot/build
 package() { "$veltraRoot/scripts/package" --no-build --output "$work" "$@" >/dev/null; }
 install() { runWindows msiexec /i "$@" /qn; }
 remove() { runWindows msiexec /x "$1" /qn; }
-veltra() { runWindows "$installed/veltra.exe" "$@"; }
-softtoken() { runWindows "$installed/softtoken.exe" "$@"; }
+veltra() { runProgram "$installed/veltra.exe" "$@"; }
+softtoken() { runProgram "$installed/softtoken.exe" "$@"; }
 
 # snapshot NAME: every registry value with its key and every file of the drive. Left out is what Wine itself keeps
 # changing, Windows Installer's own files, and folders, of which Wine leaves an empty one behind after a failure.
