@@ -20,8 +20,8 @@ builds=$veltraRoot/build
 package() { "$veltraRoot/scripts/package" --no-build --output "$work" "$@" >/dev/null; }
 install() { runWindows msiexec /i "$@" /qn; }
 remove() { runWindows msiexec /x "$1" /qn; }
-veltra() { runProgram "$installed/veltra.exe" "$@"; }
-softtoken() { runProgram "$installed/softtoken.exe" "$@"; }
+veltra() { runWindows "$installed/veltra.exe" "$@"; }
+softtoken() { runWindows "$installed/softtoken.exe" "$@"; }
 
 # snapshot NAME: every registry value with its key and every file of the drive. Left out is what Wine itself keeps
 # changing, Windows Installer's own files, and folders, of which Wine leaves an empty one behind after a failure.
@@ -111,8 +111,8 @@ cmp "$drive/windows/system32/VeltraDSCLibrary.dll" "$builds/release/bin/VeltraDS
 cmp "$drive/windows/syswow64/VeltraDSCLibrary.dll" "$builds/release-x86/bin/VeltraDSCLibrary.dll"
 printf '135791\n' | softtoken create --serial INST-1 --pin-stdin >/dev/null
 printf '135791\n' | softtoken login INST-1 --pin-stdin --seconds 3600 >/dev/null
-veltra keygen --container installed --bits 2048 >/dev/null
-veltra certificate --container installed --subject CN=installed --out "$(windowsPath key.pem)" >/dev/null
+veltra generate-key --container installed --bits 2048 >/dev/null
+veltra create-certificate --container installed --subject CN=installed --out "$(windowsPath key.pem)" >/dev/null
 openssl x509 -in key.pem -noout -pubkey >key.pub
 expectSignature
 expectSignature --cng
