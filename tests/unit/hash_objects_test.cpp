@@ -148,7 +148,7 @@ TEST_F(HashTest, RefusalsInTheirOrder) {
     };
     const auto kNull = ERROR_INVALID_PARAMETER;
     length = sizeof data;
-    const Bytes value(32);
+    const Bytes value(64); // as long as the longest parameter
     const BYTE* const bytes = value.data();
     expectRefused({
         {[&] { return CPCreateHash(provider, CALG_SHA_256, 0, 1, nullptr); }, kNull,
