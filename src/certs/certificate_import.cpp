@@ -25,11 +25,6 @@ using IssuerIndex = std::map<std::string, Issuer>; ///< by the CN of the subject
 
 constexpr const char* kCertificateFolder = "\\VeltraDSC\\Certificates";
 
-void setLabel(VeltraCertificate& certificate, const std::string& label) {
-    std::ranges::fill(certificate.label, '\0');
-    std::copy_n(label.begin(), std::min(label.size(), kLabelMaxLength), certificate.label);
-}
-
 std::string environmentVariable(const char* name) {
     std::array<char, 32768> value{};
     const DWORD length = GetEnvironmentVariableA(name, value.data(), static_cast<DWORD>(value.size()));
@@ -144,7 +139,7 @@ int importBehindIssuers(const std::string& serial, const Pin& pin, const std::ve
 // The outcome is not looked at: the certificate is stored, and a label is a convenience.
 void nameUnlabelledKeyPair(const std::string& serial, const Pin& pin, const VeltraCertificate& certificate,
                            void* libraryContext) {
-    const std::string label = boundedText(certificate.label, kLabelMaxLength);
+    const std::string label(boundedText(certificate.label, kLabelMaxLength));
     if (label.empty()) return;
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(serial, libraryContext);
     const VeltraKeyPair* pair = findKeyPair(pairs, certificate.keyId);
@@ -178,7 +173,7 @@ int importCertificateWithChain(const std::string& serial, const Pin& pin, Veltra
         return parsed;
     }
     if (certificate.label[0] == '\0') {
-        setLabel(certificate, details.commonName + "_" + details.issuer);
+        copyLabel(details.commonName + "_" + details.issuer, certificate.label);
         Utils::debug("importCertificateWithChain: label not provided, using: ",
                      boundedText(certificate.label, kLabelMaxLength));
     }

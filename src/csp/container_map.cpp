@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <string_view>
 
 namespace veltra {
 
@@ -29,11 +30,11 @@ std::vector<std::string> cachedKeyNames(const std::string& containerName) {
     return found == cache().end() ? std::vector<std::string>() : found->second;
 }
 
-std::vector<std::string> splitNames(const std::string& text) {
+std::vector<std::string> splitNames(std::string_view text) {
     std::vector<std::string> names;
     for (std::size_t start = 0; start <= text.size();) {
         const std::size_t comma = std::min(text.find(',', start), text.size());
-        if (comma > start) names.push_back(text.substr(start, comma - start));
+        if (comma > start) names.emplace_back(text.substr(start, comma - start));
         start = comma + 1;
     }
     return names;

@@ -7,7 +7,6 @@
 #include "token/key_pairs.h"
 #include "token/token_session.h"
 
-#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -39,13 +38,6 @@ const KeyKind* findKeyKind(ALG_ID requested) {
         if (kind.requested == requested) return &kind;
     }
     return nullptr;
-}
-
-// The name of the pair's key, in a text that has its length.
-void writeName(const VeltraKeyPair& pair, std::string& name) {
-    char* end = name.data();
-    for (const unsigned char byte : pair.keyId)
-        end += std::snprintf(end, 3, "%02X", byte);
 }
 
 // That the key is not recorded is only reported: it is safe on the token.
@@ -84,7 +76,7 @@ Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYP
     if (code != kDeviceOk) {
         return refuse(NTE_TOKEN_KEYSET_STORAGE_FULL, concat("RSA Keypair Generation Failed, code=", code));
     }
-    writeName(pair, name);
+    writeHex(pair.keyId, name.data());
     key->fillFrom(pair);
     if (context.persistedContainer) recordInContainer(context, name);
     context.keyName.swap(name);

@@ -1,6 +1,7 @@
 #include "csp/key_handle.h"
 
 #include "foundation/text.h"
+#include "token/key_pairs.h"
 
 #include <algorithm>
 
@@ -15,21 +16,20 @@ void fillCommonFields(KEY_HANDLE& key, const Record& record) {
     key.keyIdLength = kKeyIdLength;
     std::ranges::copy(record.credentialId, key.credentialId);
     key.credentialIdLength = record.credentialIdLength;
-    std::ranges::fill(key.label, '\0');
-    std::ranges::copy(boundedText(record.label, kLabelMaxLength), key.label);
+    copyLabel(boundedText(record.label, kLabelMaxLength), key.label);
     key.keyUsage = record.usage;
     key.tokenFlag = record.flag != 0;
 }
 
 } // namespace
 
-void KEY_HANDLE::fillFrom(const VeltraKeyPair& pair) {
+void KEY_HANDLE::fillFrom(const VeltraKeyPair& pair) noexcept {
     fillCommonFields(*this, pair);
     std::ranges::copy(pair.publicKey, publicKey);
     publicKeyLength = pair.publicKeyLength;
 }
 
-void KEY_HANDLE::fillFrom(const VeltraSymmetricKey& symmetric) {
+void KEY_HANDLE::fillFrom(const VeltraSymmetricKey& symmetric) noexcept {
     fillCommonFields(*this, symmetric);
 }
 

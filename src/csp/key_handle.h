@@ -33,11 +33,12 @@ struct KEY_HANDLE {
     SecretBytes<kSymmetricKeyCapacity> symmetricKey;
     std::uint32_t symmetricKeyLength = 0;
 
-    /// Takes everything but algId, keyBits and mode from a token record whose lengths were checked.
-    void fillFrom(const VeltraKeyPair& pair);
+    /// Takes everything but algId, keyBits and mode from a token record whose lengths were checked. Nothing
+    /// fails here: the token may just have made the key.
+    void fillFrom(const VeltraKeyPair& pair) noexcept;
 
     /// The same from the record of an AES key, whose material is not taken.
-    void fillFrom(const VeltraSymmetricKey& symmetric);
+    void fillFrom(const VeltraSymmetricKey& symmetric) noexcept;
 
     [[nodiscard]] std::span<const unsigned char> publicKeyBytes() const {
         return {publicKey, publicKeyLength};

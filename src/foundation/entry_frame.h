@@ -1,23 +1,11 @@
 #pragma once
 
-#include "foundation/text.h"
 #include "foundation/utils.h"
 
 #include <new>
-#include <string>
 #include <utility>
 
 namespace veltra {
-
-/// Logs why an entry point was ended by an exception; nothing thrown while doing so gets out.
-inline void reportException(const char* entryPoint, const char* reason) noexcept {
-    try {
-        Utils::error(concat(entryPoint, ": ", reason));
-    } catch (...) {
-        // No memory is left for the line: the caller's answer says so all the same.
-        return;
-    }
-}
 
 /// What an entry point answers when an exception ended it.
 template <class Answer>
@@ -32,10 +20,10 @@ Answer runGuarded(const char* name, const ExceptionAnswers<Answer>& answers, Bod
     try {
         return std::forward<Body>(body)();
     } catch (const std::bad_alloc&) {
-        reportException(name, "out of memory");
+        Utils::error(name, ": out of memory");
         return answers.outOfMemory;
     } catch (...) {
-        reportException(name, "unexpected exception");
+        Utils::error(name, ": unexpected exception");
         return answers.unexpected;
     }
 }

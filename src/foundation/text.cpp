@@ -77,7 +77,7 @@ bool equalsIgnoringCase(std::string_view left, std::string_view right) {
     return std::ranges::equal(left, right, {}, lowerCase, lowerCase);
 }
 
-std::string boundedText(const char* text, std::size_t capacity) {
+std::string_view boundedText(const char* text, std::size_t capacity) {
     const void* end = std::memchr(text, '\0', capacity);
     return {text, end ? static_cast<std::size_t>(static_cast<const char*>(end) - text) : capacity};
 }

@@ -33,9 +33,9 @@ std::vector<unsigned char> fromHex(std::string_view text);
 /// Compares two texts, ignoring the case of the letters A to Z.
 bool equalsIgnoringCase(std::string_view left, std::string_view right);
 
-/// Bytes as text, for library interfaces that take narrow characters: at most `capacity` characters, cut at
+/// The text at `text`, for records whose texts need not be terminated: at most `capacity` characters, cut at
 /// the first NUL.
-std::string boundedText(const char* text, std::size_t capacity);
+std::string_view boundedText(const char* text, std::size_t capacity);
 
 namespace detail {
 

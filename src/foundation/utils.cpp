@@ -61,8 +61,12 @@ bool isErrorWanted() {
     return Utils::getLogLevel().value_or(kLevelError) >= kLevelError;
 }
 
+// By level; the first stands for every other one. All are ten characters wide. The provider itself writes
+// errors and debug lines only.
+constexpr std::array kLevelTags = {"INFO  ::=>", "EXCEP ::=>", "ERROR ::=>", "DEBUG ::=>"};
+
 const char* levelTag(std::uint32_t level) {
-    return level == kLevelError ? "ERROR ::=>" : "DEBUG ::=>";
+    return kLevelTags[level < kLevelTags.size() ? level : 0];
 }
 
 // Console hosts see these messages; in every other process they go nowhere.

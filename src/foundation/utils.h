@@ -57,6 +57,7 @@ public:
     static void error(std::string&& message) noexcept;
     static void error(const char* message) noexcept;
 
+    /// The same for a line of several parts; without memory it is lost.
     template <class First, class Second, class... Rest>
     static void error(const First& first, const Second& second, const Rest&... rest) noexcept {
         try {

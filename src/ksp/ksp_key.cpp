@@ -16,11 +16,11 @@ void KSP_KEY::fillFrom(const VeltraKeyPair& pair) {
     recordFlag = pair.flag != 0;
 }
 
-void KSP_KEY::identifyAs(const VeltraKeyPair& pair) {
+void KSP_KEY::identifyAs(const VeltraKeyPair& pair) noexcept {
     std::ranges::copy(pair.keyId, credentialId.begin());
     credentialIdLength = kKeyIdLength;
     setPublicKey({pair.publicKey, pair.publicKeyLength});
-    label = boundedText(pair.label, kLabelMaxLength);
+    copyLabel(boundedText(pair.label, kLabelMaxLength), label);
 }
 
 void KSP_KEY::setPublicKey(std::span<const unsigned char> bytes) {

@@ -28,7 +28,7 @@ struct KSP_KEY {
     std::uint32_t publicKeyLength = 0;
     std::array<unsigned char, kCredentialIdCapacity> publicKeyExtra{}; ///< the record's credential identifier
     std::uint32_t publicKeyExtraLength = 0;
-    std::string label; ///< at most kLabelMaxLength characters
+    char label[kLabelCapacity] = {}; ///< at most kLabelMaxLength characters
     std::uint32_t bitLength = 0;
     bool recordFlag = false; ///< of the key pair record; handed back to the token
     std::string keyName;     ///< as the application gave it, UTF-8
@@ -42,8 +42,9 @@ struct KSP_KEY {
     void fillFrom(const VeltraKeyPair& pair);
 
     /// Takes identifier, public key and label only: a key that was just generated keeps the flag and the
-    /// credential identifier it was created with, which are none: deliberate.
-    void identifyAs(const VeltraKeyPair& pair);
+    /// credential identifier it was created with, which are none: deliberate. Nothing fails here: the token
+    /// has the key by now.
+    void identifyAs(const VeltraKeyPair& pair) noexcept;
 
     /// At most kPublicKeyCapacity bytes.
     void setPublicKey(std::span<const unsigned char> bytes);

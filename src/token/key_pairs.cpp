@@ -100,6 +100,11 @@ bool hasKeyNameIgnoringCase(std::span<const unsigned char, kKeyIdLength> keyId, 
     return equalsIgnoringCase(viewOf(nameOf(keyId)), name);
 }
 
+void copyLabel(std::string_view label, std::span<char, kLabelCapacity> field) {
+    const auto end = std::ranges::copy(label.substr(0, kLabelMaxLength), field.begin()).out;
+    std::fill(end, field.end(), '\0');
+}
+
 const VeltraKeyPair* findKeyPair(const std::vector<VeltraKeyPair>& pairs,
                                  std::span<const unsigned char, kKeyIdLength> keyId) {
     const auto found = std::ranges::find_if(

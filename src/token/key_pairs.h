@@ -40,6 +40,9 @@ std::string keyName(std::span<const unsigned char, kKeyIdLength> keyId);
 bool hasKeyName(std::span<const unsigned char, kKeyIdLength> keyId, std::string_view name);
 bool hasKeyNameIgnoringCase(std::span<const unsigned char, kKeyIdLength> keyId, std::string_view name);
 
+/// Puts a label of at most kLabelMaxLength characters, what is longer cut, into the field of a record.
+void copyLabel(std::string_view label, std::span<char, kLabelCapacity> field);
+
 /// The first pair with this identifier, or null.
 const VeltraKeyPair* findKeyPair(const std::vector<VeltraKeyPair>& pairs,
                                  std::span<const unsigned char, kKeyIdLength> keyId);

@@ -6,8 +6,8 @@
 #include "foundation/utils.h"
 #include "resource.h"
 
+#include <algorithm>
 #include <array>
-#include <string>
 
 namespace veltra {
 
@@ -41,9 +41,12 @@ void bringToFront(HWND window) {
 
 // An edit control copies the text that it replaces, and moves to another buffer when its own gets too small;
 // what it leaves is freed as it is. So its buffers, of text and of undo, are as large as they ever get before
-// the first character is typed.
+// the first character is typed. This runs inside a window procedure, which an exception may not leave: it
+// asks for no memory.
 void fillOnceAndEmpty(HWND field) {
-    SetWindowTextA(field, std::string(Pin::kMaxLength, ' ').c_str());
+    std::array<char, Pin::kMaxLength + 1> spaces{};
+    std::fill_n(spaces.begin(), Pin::kMaxLength, ' ');
+    SetWindowTextA(field, spaces.data());
     SendMessageA(field, EM_SETSEL, 0, -1);
     SendMessageA(field, EM_REPLACESEL, TRUE, reinterpret_cast<LPARAM>(""));
     SendMessageA(field, EM_EMPTYUNDOBUFFER, 0, 0);

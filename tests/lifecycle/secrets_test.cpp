@@ -303,7 +303,7 @@ TEST_F(SecretsTest, NoPinStaysInMemoryOrGetsIntoTheLog) {
     });
 
     ClearMarker clear(kPin);
-    const std::string pin = boundedText(reinterpret_cast<const char*>(clear.data()), kLength);
+    const std::string pin(boundedText(reinterpret_cast<const char*>(clear.data()), kLength));
     const std::string log = readLog();
     std::string wide(pin.size() * 2, '\0');
     for (std::size_t i = 0; i < pin.size(); ++i)

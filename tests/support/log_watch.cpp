@@ -21,7 +21,8 @@ void lookAtEveryLogLine(void (*look)()) {
     looker = look;
 }
 
-// The mangled names of Utils::debug and Utils::error for const char* and std::string&&.
+// The mangled names of Utils::debug and Utils::error for const char* and std::string&&, and of what a debug
+// line of several parts begins with.
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
 void __real__ZN6veltra5Utils5debugEPKc(const char* message);
@@ -30,7 +31,12 @@ void __real__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIc
     std::string* message);
 void __real__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
     std::string* message);
+bool __real__ZN6veltra5Utils13isDebugWantedEv();
 
+bool __wrap__ZN6veltra5Utils13isDebugWantedEv() {
+    look();
+    return __real__ZN6veltra5Utils13isDebugWantedEv();
+}
 void __wrap__ZN6veltra5Utils5debugEPKc(const char* message) {
     look();
     __real__ZN6veltra5Utils5debugEPKc(message);

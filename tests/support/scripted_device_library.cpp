@@ -162,7 +162,7 @@ VeltraKeyPair& ScriptedToken::addKeyPair(unsigned char id, std::uint32_t keyType
     pair.publicKeyLength = static_cast<std::uint32_t>(publicKey.size());
     pair.credentialId[0] = id;
     pair.credentialIdLength = 1;
-    std::strcpy(pair.label, "label");
+    std::strcpy(pair.label, kPairLabel);
     pair.usage = usage;
     pair.keyType = keyType;
     return pair;
@@ -470,7 +470,7 @@ public:
         std::fill(std::begin(inout->keyId), std::end(inout->keyId), 0xAE);
         inout->credentialId[0] = 0xAE;
         inout->credentialIdLength = 1;
-        std::strcpy(inout->label, "stored");
+        std::strcpy(inout->label, kStoredLabel);
         inout->usage = kUsageBoth;
         inout->flag = 1;
         call.token->aesKeys.push_back(*inout);

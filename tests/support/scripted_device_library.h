@@ -16,6 +16,10 @@ namespace veltra::test {
 
 using Bytes = std::vector<unsigned char>;
 
+/// The labels of key pairs and of imported AES keys: so long that a std::string needs memory for them.
+inline constexpr const char* kPairLabel = "label of a key pair";
+inline constexpr const char* kStoredLabel = "label of a stored key";
+
 /// A token that exists only in memory. Change it freely while no other thread calls the provider.
 struct ScriptedToken {
     std::string serial;

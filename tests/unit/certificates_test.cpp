@@ -237,7 +237,7 @@ TEST_F(KeyCertificateTest, IssuersAreImportedNearestFirstAndTheCertificateLast) 
     const VeltraCertificate& stored = token.certificates.back();
     EXPECT_EQ(keyNameOf(stored.keyId), std::string(32, '1'));
     EXPECT_EQ(Bytes(stored.credentialId, stored.credentialId + stored.credentialIdLength), Bytes{0x11});
-    EXPECT_STREQ(stored.label, "label") << "the key pair's";
+    EXPECT_STREQ(stored.label, kPairLabel) << "the key pair's";
     SetEnvironmentVariableA("VELTRA_HOME", "");
     set(leaf);
     EXPECT_EQ(lines(kImport + "CA Folder: \\VeltraDSC\\Certificates"), 0) << "empty: the install folders";

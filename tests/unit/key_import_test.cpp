@@ -53,7 +53,7 @@ protected:
         expectKey(algId, 0, "AEAEAEAEAEAEAEAEAEAEAEAEAEAEAEAE");
         EXPECT_EQ(Bytes(record->credentialId, record->credentialId + record->credentialIdLength),
                   Bytes{0xAE});
-        EXPECT_STREQ(record->label, "stored");
+        EXPECT_STREQ(record->label, kStoredLabel);
         EXPECT_EQ(record->keyUsage, 3u);
         EXPECT_EQ(record->tokenFlag, 1);
         EXPECT_EQ(record->symmetricKeyLength, 0u) << "its bytes stay on the token";

@@ -213,7 +213,7 @@ TEST_F(KspKeyTest, KindsOfNewKeysAndWhatTheTokenMakesOfThem) {
         EXPECT_EQ(keyNameOf(made->credentialId.data()), keyNameOf(token.keyPairs.back().keyId));
         EXPECT_EQ(made->credentialIdLength, 16u);
         EXPECT_THAT(made->publicKeyBytes(), ElementsAreArray(ScriptedDeviceLibrary::publicKeyOf(row.type)));
-        EXPECT_EQ(made->label, "label");
+        EXPECT_STREQ(made->label, kPairLabel);
         EXPECT_EQ(made->keyType, row.type);
         EXPECT_EQ(made->bitLength, row.bits);
 

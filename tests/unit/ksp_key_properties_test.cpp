@@ -208,7 +208,7 @@ TEST_F(KspKeyPropertyTest, CertificateIsStoredForTheKeyAndReadFromTheTokenAgain)
     ASSERT_EQ(token.certificates.size(), 1u);
     const VeltraCertificate& stored = token.certificates[0];
     EXPECT_EQ(Bytes(stored.credentialId, stored.credentialId + stored.credentialIdLength), Bytes{0x11});
-    EXPECT_STREQ(stored.label, "label");
+    EXPECT_STREQ(stored.label, kPairLabel);
     EXPECT_EQ(valueOf(property), der);
 }
 
