@@ -50,7 +50,7 @@ int listCertificates(const ProviderChoice& provider, Output& out) {
             table.add({name, nullptr, nullptr, nullptr, nullptr});
         }
     }
-    out.table("certificates", table, {}, "The token has no keys.");
+    out.table("certificates", table, {}, kNoKeys);
     return kExitOk;
 }
 
@@ -70,8 +70,10 @@ int importCertificate(const ProviderChoice& provider, const TokenCertificateOpti
 int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options, Output& out) {
     const CryptoProvider context = CryptoProvider::open(provider, options.container);
     const std::vector<BYTE> message = askTwice([&](BYTE* data, DWORD* length) {
-        require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, data, length, 0),
-                "could not read the certificate chain");
+        require(
+            CryptGetProvParam(context.handle(), PP_CERTCHAIN, data, length, 0),
+            "could not read the certificate chain; the container's key needs a certificate, which 'veltra "
+            "import-certificate' stores");
     });
     replaceFile(options.file, message);
     const std::string file = toUtf8(options.file.native());
