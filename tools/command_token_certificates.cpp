@@ -10,6 +10,8 @@
 #include "token_key.h"
 #include "wide_text.h"
 
+#include "foundation/device_library_contract.h"
+
 #include <algorithm>
 
 namespace veltra {
@@ -56,6 +58,11 @@ int listCertificates(const ProviderChoice& provider, Output& out) {
 
 int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options, Output& out) {
     const UniqueCertificate certificate = loadCertificate(options.file);
+    if (certificate->cbCertEncoded > kCertificateCapacity) {
+        throw CommandError("the certificate in " + inQuotes(options.file.native()) + " has " +
+                           std::to_string(certificate->cbCertEncoded) + " bytes; a token stores at most " +
+                           std::to_string(kCertificateCapacity));
+    }
     const auto tokens = TokenInterface::open(provider);
     const auto key = tokens->openKeyForUse(options.container);
     // The provider stores what it is given; a certificate of another key would serve nobody.
