@@ -58,6 +58,12 @@ void requireCryptoApi(const CommandLine& line) {
     }
 }
 
+/// A command without options that knows the interface by itself.
+template <int (*Command)(const ProviderChoice&, Output&)>
+void configurePlain(CLI::App& command, CommandLine&, Action& action) {
+    command.callback([&] { action = Command; });
+}
+
 /// Commands without options, one per interface.
 template <int (*CryptoApi)(const ProviderChoice&, Output&), int (*Cng)(const ProviderChoice&, Output&)>
 void configureByInterface(CLI::App& command, CommandLine& line, Action& action) {
@@ -374,7 +380,7 @@ constexpr std::array kCommands = {
                 configureByInterface<unregisterProvider, unregisterKeyStorage>},
     CommandSpec{kKeys, "list-keys",
                 "List your containers and the keys behind them, and the first token's other keys",
-                "list-keys\nlist-keys --json", configureByInterface<listKeys, listKeys>},
+                "list-keys\nlist-keys --json", configurePlain<listKeys>},
     CommandSpec{kKeys, "generate-key", "Generate a key on the token, in a new container",
                 "generate-key --container letters --bits 3072\ngenerate-key --cng --algorithm ECDSA_P384",
                 configureGenerateKey},
@@ -390,8 +396,7 @@ constexpr std::array kCommands = {
                 "derive-key --container 5F...A0 --peer peer.pem --hash sha256", configureDeriveKey},
     CommandSpec{kCertificates, "list-certificates",
                 "List the certificates of the first token's keys and of your containers' keys",
-                "list-certificates\nlist-certificates --json",
-                configureByInterface<listCertificates, listCertificates>},
+                "list-certificates\nlist-certificates --json", configurePlain<listCertificates>},
     CommandSpec{kCertificates, "create-certificate", "Make a self-signed certificate for a container's key",
                 "create-certificate --container letters --subject \"CN=Jo Example\" --out letters.pem",
                 configureCreateCertificate},
