@@ -26,6 +26,9 @@ SYSTEMTIME daysAfter(SYSTEMTIME start, int days) {
 UniqueCertificate makeByCryptoApi(const ProviderChoice& provider, const CertificateOptions& options,
                                   Bytes& subject, SYSTEMTIME start, SYSTEMTIME end) {
     const CryptoProvider context = CryptoProvider::openForUse(provider, options.container);
+    if (CryptoProvider::describe(context.ownKey()).algorithm != "RSA") {
+        throw CommandError("CryptoAPI makes no certificates for EC keys; --cng does", kExitUsage);
+    }
     CERT_NAME_BLOB subjectBlob{static_cast<DWORD>(subject.size()), subject.data()};
     char algorithmIdentifier[] = szOID_RSA_SHA256RSA;
     CRYPT_ALGORITHM_IDENTIFIER algorithm{};

@@ -371,8 +371,8 @@ private:
                     Status::Note, "entry",
                     concat("'", name, "' stands for ", id, ", which no connected token has"),
                     concat("plug in the token that has the key; if the key is gone, remove the entry with "
-                           "'veltra delete-key --container ",
-                           name, " --yes'"),
+                           "'veltra delete-key --container \"",
+                           name, "\" --yes'"),
                     details);
             }
         }

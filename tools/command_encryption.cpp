@@ -15,10 +15,23 @@ namespace {
 constexpr std::size_t kLongestRsaData = 512; // RSA 4096
 constexpr std::size_t kMessageLimit = std::size_t{64} * 1024 * 1024;
 
+std::unique_ptr<TokenKey> requireRsa(std::unique_ptr<TokenKey> key) {
+    if (key->describe().algorithm != "RSA") {
+        throw CommandError("only RSA keys encrypt and decrypt; 'veltra list-keys' lists the keys");
+    }
+    return key;
+}
+
+Bytes readRsaData(const std::filesystem::path& path) {
+    Bytes data = readSmallFile(path, kLongestRsaData);
+    if (data.empty()) throw CommandError(inQuotes(path.native()) + " is empty");
+    return data;
+}
+
 Bytes decryptRsa(const ProviderChoice& provider, const EncryptionOptions& options) {
     const auto tokens = TokenInterface::open(provider);
-    return tokens->openKeyForUse(options.container)
-        ->decrypt(options.scheme, readSmallFile(options.file, kLongestRsaData));
+    return requireRsa(tokens->openKeyForUse(options.container))
+        ->decrypt(options.scheme, readRsaData(options.file));
 }
 
 Bytes decryptCms(const ProviderChoice& provider, const EncryptionOptions& options) {
@@ -31,9 +44,10 @@ Bytes decryptCms(const ProviderChoice& provider, const EncryptionOptions& option
 int encryptFile(const ProviderChoice& provider, const EncryptionOptions& options, Output& out) {
     requireDifferentFiles(options.file, options.out);
     const auto tokens = TokenInterface::open(provider);
-    const auto key = options.publicKey.empty() ? tokens->openKey(options.container)
-                                               : tokens->publicKey(loadPublicKeyInfo(options.publicKey));
-    replaceFile(options.out, key->encrypt(options.scheme, readSmallFile(options.file, kLongestRsaData)));
+    const auto key =
+        requireRsa(options.publicKey.empty() ? tokens->openKey(options.container)
+                                             : tokens->publicKey(loadPublicKeyInfo(options.publicKey)));
+    replaceFile(options.out, key->encrypt(options.scheme, readRsaData(options.file)));
     const std::string file = toUtf8(options.out.native());
     out.result("Encrypted to " +
                    (options.publicKey.empty() ? "container " + inQuotes(options.container)

@@ -8,10 +8,13 @@
 #include "token_key.h"
 #include "wide_text.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace veltra {
 namespace {
+
+constexpr std::size_t kLongestContainerName = 16383; // the registry's limit for a value's name
 
 std::optional<KeyDescription> describeKey(const TokenInterface& tokens, const std::wstring& keyId) {
     const auto key = tokens.findKey(keyId);
@@ -25,6 +28,19 @@ void addKeyRow(Table& table, const Json& container, const std::optional<KeyDescr
         table.add({container, key->algorithm, key->bits, key->usage, keyId, nullptr});
     } else {
         table.add({container, nullptr, nullptr, nullptr, keyId, "not on a connected token"});
+    }
+}
+
+/// The provider deletes on the first token alone, and would forget a container whose keys are on others.
+void requireNoOtherToken(const TokenInterface& tokens, const Container& container) {
+    const std::vector<std::string> first = tokens.keyIds();
+    for (const std::wstring& keyId : container.keyIds) {
+        const std::string name = toUtf8(keyId);
+        if (std::ranges::find(first, name) == first.end() && tokens.findKey(keyId)) {
+            throw CommandError("the key " + name + " of the container " + inQuotes(container.name) +
+                               " is on another token than the first, where CryptoAPI deletes nothing; unplug "
+                               "the first token");
+        }
     }
 }
 
@@ -67,11 +83,16 @@ int listKeys(const ProviderChoice& provider, Output& out) {
             addKeyRow(table, nullptr, key, keyId);
         }
     }
-    out.table("keys", table, {}, "No containers yet; 'veltra generate-key' makes one.");
+    out.table("keys", table, {}, kNoKeys);
     return kExitOk;
 }
 
 int generateKey(const ProviderChoice& provider, const KeygenOptions& options, Output& out) {
+    if (options.container.size() > kLongestContainerName) {
+        throw CommandError("the container's name is longer than " + std::to_string(kLongestContainerName) +
+                               " characters, with which it could not be recorded",
+                           kExitUsage);
+    }
     // The provider would add the key to the container, where nothing could reach it: opening a container
     // always gives its first key.
     if (const Container existing = findContainer(options.container); !existing.keyIds.empty()) {
@@ -79,7 +100,8 @@ int generateKey(const ProviderChoice& provider, const KeygenOptions& options, Ou
                            toUtf8(existing.keyIds.front()) +
                            "; choose another name or delete it with 'veltra delete-key'");
     }
-    const CryptoProvider context = CryptoProvider::openForUse(provider, options.container, CRYPT_NEWKEYSET);
+    const CryptoProvider context = CryptoProvider::open(provider, options.container, CRYPT_NEWKEYSET);
+    context.givePin(provider);
     const CryptoKey key = [&] {
         const Progress progress("Generating the key on the token");
         return context.generateKey(options.keySpec, options.bits);
@@ -105,13 +127,15 @@ int deleteContainer(const ProviderChoice& provider, const DeleteKeyOptions& opti
                                " key(s) from the token for good; repeat the command with --yes",
                            kExitUsage);
     }
+    const auto tokens = TokenInterface::open(provider);
+    requireNoOtherToken(*tokens, container);
     {
         // A PIN that the provider has accepted serves the whole process.
-        const CryptoProvider accepted = CryptoProvider::openForUse(provider, container.name);
+        const CryptoProvider accepted = CryptoProvider::open(provider, container.name);
+        accepted.givePin(provider);
         CryptoProvider::deleteContainer(provider, container.name);
     }
 
-    const auto tokens = TokenInterface::open(provider);
     // The provider succeeds when the container is gone, even if the token kept a key.
     for (const std::wstring& keyId : container.keyIds) {
         if (tokens->findKey(keyId)) {

@@ -5,6 +5,7 @@
 #include "wide_text.h"
 
 #include <array>
+#include <limits>
 
 namespace veltra {
 namespace {
@@ -17,8 +18,12 @@ CLI::Option* addContainer(CLI::App& command, CommandLine& line, const char* help
     return command.add_option("--container", line.container, help)->check(notEmpty())->type_name("NAME");
 }
 
+CLI::Option* addFile(CLI::App& command, const char* name, std::string& file, const char* help) {
+    return command.add_option(name, file, help)->check(notEmpty())->type_name("FILE");
+}
+
 CLI::Option* addOut(CLI::App& command, CommandLine& line, const char* help) {
-    return command.add_option("--out", line.out, help)->type_name("FILE");
+    return addFile(command, "--out", line.out, help);
 }
 
 std::vector<std::string> hashNames() {
@@ -29,14 +34,12 @@ std::vector<std::string> hashNames() {
     return names;
 }
 
-void addHash(CLI::App& command, CommandLine& line) {
-    command.add_option("--hash", line.hash, "Hash algorithm; SHA-1 works only on a FIPS 140-2 token")
-        ->check(CLI::IsMember(hashNames()))
-        ->capture_default_str();
+void addHash(CLI::App& command, CommandLine& line, const char* help) {
+    command.add_option("--hash", line.hash, help)->check(CLI::IsMember(hashNames()))->capture_default_str();
 }
 
 void addSignatureForm(CLI::App& command, CommandLine& line) {
-    addHash(command, line);
+    addHash(command, line, "Hash algorithm; SHA-1 works only on a FIPS 140-2 token");
     command.add_flag("--pss", line.pss, "RSA: PSS instead of PKCS#1 v1.5 padding; needs --raw and --cng");
     command.add_flag("--der", line.der, "EC: the signature in DER instead of r and s; needs --raw and --cng");
 }
@@ -53,6 +56,12 @@ void requireCryptoApi(const CommandLine& line) {
     if (line.cng) {
         throw CLI::ValidationError("this command needs CryptoAPI; leave --cng out");
     }
+}
+
+/// A command without options that knows the interface by itself.
+template <int (*Command)(const ProviderChoice&, Output&)>
+void configurePlain(CLI::App& command, CommandLine&, Action& action) {
+    command.callback([&] { action = Command; });
 }
 
 /// Commands without options, one per interface.
@@ -119,14 +128,13 @@ void configureCreateCertificate(CLI::App& command, CommandLine& line, Action& ac
 }
 
 void configureSign(CLI::App& command, CommandLine& line, Action& action) {
-    command.add_option("file", line.file, "The file to sign")->required();
+    addFile(command, "file", line.file, "The file to sign")->required();
     addContainer(command, line, "The container")->required();
     auto* form = command.add_option_group("form", "What to write");
     form->add_flag("--cms", line.cms, "A detached CMS message in DER; needs --certificate");
     form->add_flag("--raw", line.raw, "The bare signature, big-endian");
     form->require_option(1);
-    command.add_option("--certificate", line.certificate, "The key's certificate, PEM or DER")
-        ->type_name("FILE");
+    addFile(command, "--certificate", line.certificate, "The key's certificate, PEM or DER");
     command.add_flag("--no-attributes", line.withoutAttributes, "CMS: sign the file's hash directly");
     addOut(command, line, "The signature")->required();
     addSignatureForm(command, line);
@@ -145,15 +153,11 @@ void configureSign(CLI::App& command, CommandLine& line, Action& action) {
 }
 
 void configureVerify(CLI::App& command, CommandLine& line, Action& action) {
-    command.add_option("file", line.file, "The signed file")->required();
-    command.add_option("--signature", line.signature, "The CMS message or bare signature")
-        ->required()
-        ->type_name("FILE");
+    addFile(command, "file", line.file, "The signed file")->required();
+    addFile(command, "--signature", line.signature, "The CMS message or bare signature")->required();
     command.add_flag("--raw", line.raw, "A bare signature, big-endian; needs --certificate or --container");
-    command
-        .add_option("--certificate,--public-key", line.certificate,
-                    "The signer's certificate, or for --raw the public key, PEM or DER")
-        ->type_name("FILE");
+    addFile(command, "--certificate,--public-key", line.certificate,
+            "The signer's certificate, or for --raw the public key, PEM or DER");
     addContainer(command, line, "The container whose key signed");
     addSignatureForm(command, line);
     command.callback([&] {
@@ -176,7 +180,7 @@ EncryptionOptions encryptionOptions(const CommandLine& line) {
 }
 
 CLI::Option* addEncryptionOptions(CLI::App& command, CommandLine& line) {
-    command.add_option("file", line.file, "The input file")->required();
+    addFile(command, "file", line.file, "The input file")->required();
     CLI::Option* container = addContainer(command, line, "The container");
     auto* oaep = command.add_flag("--oaep", line.oaep, "RSA: OAEP instead of PKCS#1 v1.5 padding");
     command.add_option("--oaep-hash", line.oaepHash, "Hash algorithm of OAEP; other than sha1 with --cng")
@@ -189,8 +193,7 @@ CLI::Option* addEncryptionOptions(CLI::App& command, CommandLine& line) {
 
 void configureEncrypt(CLI::App& command, CommandLine& line, Action& action) {
     addEncryptionOptions(command, line);
-    command.add_option("--public-key", line.peer, "Instead of --container: a public key or certificate")
-        ->type_name("FILE");
+    addFile(command, "--public-key", line.peer, "Instead of --container: a public key or certificate");
     command.callback([&] {
         if (line.container.empty() == line.peer.empty()) {
             throw CLI::ValidationError("give --container or --public-key");
@@ -219,15 +222,13 @@ void configureDecrypt(CLI::App& command, CommandLine& line, Action& action) {
 void configureDeriveKey(CLI::App& command, CommandLine& line, Action& action) {
     constexpr DWORD kMostDerivedBytes = 64;
     addContainer(command, line, "The container")->required();
-    command.add_option("--peer", line.peer, "The peer's public key or certificate, PEM or DER")
-        ->required()
-        ->type_name("FILE");
+    addFile(command, "--peer", line.peer, "The peer's public key or certificate, PEM or DER")->required();
     command
         .add_option("--kdf", line.derivation,
                     "HASH: of the secret; SP800_56ACONCAT: of label, context, secret")
         ->check(CLI::IsMember({"HASH", "SP800_56ACONCAT"}))
         ->capture_default_str();
-    addHash(command, line);
+    addHash(command, line, "Hash algorithm of the derivation");
     command.add_option("--label", line.label, "Text, for SP800_56ACONCAT");
     command.add_option("--context", line.context, "Text, for SP800_56ACONCAT");
     command
@@ -247,7 +248,7 @@ void configureDeriveKey(CLI::App& command, CommandLine& line, Action& action) {
 }
 
 void configureImportKey(CLI::App& command, CommandLine& line, Action& action) {
-    command.add_option("file", line.file, "The blob")->required();
+    addFile(command, "file", line.file, "The blob")->required();
     command.add_option("--blob", line.blobType, "CNG's name of the blob's type, such as KeyDataBlob")
         ->required();
     addContainer(command, line, "The container whose key encrypted the blob, if one did");
@@ -289,7 +290,7 @@ void configureGenerateRandom(CLI::App& command, CommandLine& line, Action& actio
 
 void configureImportCertificate(CLI::App& command, CommandLine& line, Action& action) {
     addContainer(command, line, "The container")->required();
-    command.add_option("file", line.file, "The certificate, PEM or DER")->required();
+    addFile(command, "file", line.file, "The certificate, PEM or DER")->required();
     command.callback([&] {
         action = [&](const ProviderChoice& provider, Output& out) {
             return importCertificate(provider, {toWide(line.container), pathOf(line.file)}, out);
@@ -342,7 +343,8 @@ void configureLog(CLI::App& command, CommandLine& line, Action& action) {
     command.add_option("--process", line.process, "Only the log of this program, such as veltra")
         ->check(notEmpty())
         ->type_name("NAME");
-    command.add_option("--lines", line.lines, "How many of the last lines of each file")
+    command.add_option("--lines", line.lines, "How many of the last lines of each file; 0: all")
+        ->check(CLI::Range(0, std::numeric_limits<int>::max()).description(""))
         ->capture_default_str();
     auto* files = command.add_flag("--files", line.filesOnly, "List the log's files");
     command.add_flag("--follow", line.follow, "Go on with the lines that are written from now on")
@@ -378,7 +380,7 @@ constexpr std::array kCommands = {
                 configureByInterface<unregisterProvider, unregisterKeyStorage>},
     CommandSpec{kKeys, "list-keys",
                 "List your containers and the keys behind them, and the first token's other keys",
-                "list-keys\nlist-keys --json", configureByInterface<listKeys, listKeys>},
+                "list-keys\nlist-keys --json", configurePlain<listKeys>},
     CommandSpec{kKeys, "generate-key", "Generate a key on the token, in a new container",
                 "generate-key --container letters --bits 3072\ngenerate-key --cng --algorithm ECDSA_P384",
                 configureGenerateKey},
@@ -394,8 +396,7 @@ constexpr std::array kCommands = {
                 "derive-key --container 5F...A0 --peer peer.pem --hash sha256", configureDeriveKey},
     CommandSpec{kCertificates, "list-certificates",
                 "List the certificates of the first token's keys and of your containers' keys",
-                "list-certificates\nlist-certificates --json",
-                configureByInterface<listCertificates, listCertificates>},
+                "list-certificates\nlist-certificates --json", configurePlain<listCertificates>},
     CommandSpec{kCertificates, "create-certificate", "Make a self-signed certificate for a container's key",
                 "create-certificate --container letters --subject \"CN=Jo Example\" --out letters.pem",
                 configureCreateCertificate},

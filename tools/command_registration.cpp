@@ -110,6 +110,10 @@ void removeKeyIfEmpty(const std::wstring& path) {
 
 int registerProvider(const ProviderChoice& provider, Output& out) {
     const std::filesystem::path dll = providerDll(provider);
+    if (constexpr unsigned kOwnBits = 8 * sizeof(void*); fileBits(dll) != kOwnBits) {
+        throw CommandError(inQuotes(dll.native()) + " is no " + std::to_string(kOwnBits) +
+                           "-bit DLL; --dll names the provider's DLL");
+    }
     const std::wstring path = kCryptoApiProviders + provider.name;
     HKEY opened = nullptr;
     requireRegistry(RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,

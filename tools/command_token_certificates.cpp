@@ -10,6 +10,8 @@
 #include "token_key.h"
 #include "wide_text.h"
 
+#include "foundation/device_library_contract.h"
+
 #include <algorithm>
 
 namespace veltra {
@@ -50,12 +52,17 @@ int listCertificates(const ProviderChoice& provider, Output& out) {
             table.add({name, nullptr, nullptr, nullptr, nullptr});
         }
     }
-    out.table("certificates", table, {}, "The token has no keys.");
+    out.table("certificates", table, {}, kNoKeys);
     return kExitOk;
 }
 
 int importCertificate(const ProviderChoice& provider, const TokenCertificateOptions& options, Output& out) {
     const UniqueCertificate certificate = loadCertificate(options.file);
+    if (certificate->cbCertEncoded > kCertificateCapacity) {
+        throw CommandError("the certificate in " + inQuotes(options.file.native()) + " has " +
+                           std::to_string(certificate->cbCertEncoded) + " bytes; a token stores at most " +
+                           std::to_string(kCertificateCapacity));
+    }
     const auto tokens = TokenInterface::open(provider);
     const auto key = tokens->openKeyForUse(options.container);
     // The provider stores what it is given; a certificate of another key would serve nobody.
@@ -70,8 +77,10 @@ int importCertificate(const ProviderChoice& provider, const TokenCertificateOpti
 int writeChain(const ProviderChoice& provider, const TokenCertificateOptions& options, Output& out) {
     const CryptoProvider context = CryptoProvider::open(provider, options.container);
     const std::vector<BYTE> message = askTwice([&](BYTE* data, DWORD* length) {
-        require(CryptGetProvParam(context.handle(), PP_CERTCHAIN, data, length, 0),
-                "could not read the certificate chain");
+        require(
+            CryptGetProvParam(context.handle(), PP_CERTCHAIN, data, length, 0),
+            "could not read the certificate chain; the container's key needs a certificate, which 'veltra "
+            "import-certificate' stores");
     });
     replaceFile(options.file, message);
     const std::string file = toUtf8(options.file.native());

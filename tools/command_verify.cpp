@@ -6,6 +6,7 @@
 #include "ecdsa_signature.h"
 #include "error_text.h"
 #include "files.h"
+#include "installation.h"
 #include "public_keys.h"
 #include "token_key.h"
 #include "wide_text.h"
@@ -124,6 +125,14 @@ bool digestMatchesContent(HCRYPTMSG message, DWORD index) {
                               std::span(computed.get(), computed.length()));
 }
 
+/// Wine 8 leaves the signed attributes out of the hash when there is no content.
+void requireContent(const std::filesystem::path& file) {
+    std::error_code ignored;
+    if (std::filesystem::file_size(file, ignored) == 0 && platformName().starts_with("Wine")) {
+        throw CommandError("Wine cannot check a message over an empty file; OpenSSL can");
+    }
+}
+
 /// Every signer has to verify; with a given certificate, every signer that it belongs to, and at least one.
 int verifyCms(const VerifyOptions& options, Output& out) {
     const UniqueMessage message = decodeMessage(options);
@@ -145,6 +154,7 @@ int verifyCms(const VerifyOptions& options, Output& out) {
         if (!verdict(CryptMsgControl(message.get(), 0, CMSG_CTRL_VERIFY_SIGNATURE, &signer),
                      "could not check the signature") ||
             !digestMatchesContent(message.get(), index)) {
+            requireContent(options.file);
             return reportBadSignature("the file or the message was changed, or another key signed.", out);
         }
         signers.push_back(nameText(certificate->pCertInfo->Subject));
@@ -170,6 +180,7 @@ int verifyRaw(const ProviderChoice& provider, const VerifyOptions& options, Outp
                                               ? tokens->openKey(options.container)
                                               : tokens->publicKey(loadPublicKeyInfo(options.certificate));
     Bytes signature = readSmallFile(options.signature, kSignatureFileLimit);
+    if (signature.empty()) return reportBadSignature("its file is empty.", out);
     if (options.der) {
         signature = ecdsaSignatureFromDer(signature, key->describe().bits);
     }

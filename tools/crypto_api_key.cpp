@@ -129,6 +129,9 @@ public:
     [[nodiscard]] std::unique_ptr<TokenKey> publicKey(const Bytes& publicKeyInfo) const override {
         CryptoProvider context = CryptoProvider::openSystem();
         DecodedPublicKeyInfo info(publicKeyInfo);
+        if (std::string_view(info.get()->Algorithm.pszObjId) != szOID_RSA_RSA) {
+            unsupported("public keys but those of RSA");
+        }
         HCRYPTKEY key = 0;
         require(CryptImportPublicKeyInfo(context.handle(), X509_ASN_ENCODING, info.get(), &key),
                 "could not use the public key");

@@ -1,5 +1,6 @@
 #include "crypto_provider.h"
 
+#include "container_map.h"
 #include "error_text.h"
 #include "wide_text.h"
 
@@ -28,6 +29,17 @@ DWORD keyNumber(const CryptoKey& key, DWORD parameter) {
     require(CryptGetKeyParam(key.get(), parameter, reinterpret_cast<BYTE*>(&value), &length, 0),
             "could not read a property of the key");
     return value;
+}
+
+[[noreturn]] void failWithoutKey(const std::wstring& container) {
+    constexpr auto kNoKey = static_cast<DWORD>(NTE_NO_KEY);
+    const std::string what = "could not open the key of " + inQuotes(container);
+    const Container known = findContainer(container);
+    if (known.keyIds.empty()) failWithCode(kNoKey, what);
+    throw CommandError(what + ": " + errorCodeText(kNoKey) + ": " + toUtf8(known.keyIds.front()) +
+                           " is not on the first token; plug its token in, or, with several tokens, name the "
+                           "key by this identifier instead of the container",
+                       kExitFailed, kNoKey);
 }
 
 } // namespace
@@ -78,17 +90,19 @@ CryptoProvider CryptoProvider::open(const ProviderChoice& choice, const std::wst
     return CryptoProvider(CryptoContext(context));
 }
 
-CryptoProvider CryptoProvider::openForUse(const ProviderChoice& choice, const std::wstring& container,
-                                          DWORD flags) {
-    CryptoProvider provider = open(choice, container, flags);
+CryptoProvider CryptoProvider::openForUse(const ProviderChoice& choice, const std::wstring& container) {
+    CryptoProvider provider = open(choice, container);
     if (choice.pin) {
-        const auto* text = reinterpret_cast<const BYTE*>(choice.pin->c_str());
-        if (!CryptSetProvParam(provider.handle(), PP_SIGNATURE_PIN, text, 0)) {
-            const DWORD code = GetLastError();
-            failWithCode(code, "the token does not accept the PIN");
-        }
+        if (!provider.findOwnKey()) failWithoutKey(container);
+        provider.givePin(choice);
     }
     return provider;
+}
+
+void CryptoProvider::givePin(const ProviderChoice& choice) const {
+    if (!choice.pin) return;
+    const auto* text = reinterpret_cast<const BYTE*>(choice.pin->c_str());
+    if (!CryptSetProvParam(handle(), PP_SIGNATURE_PIN, text, 0)) failWithPin(GetLastError());
 }
 
 CryptoProvider CryptoProvider::openToken(const ProviderChoice& choice) {

@@ -116,9 +116,13 @@ public:
     /// Opens the container with this name, which must not be empty.
     static CryptoProvider open(const ProviderChoice& choice, const std::wstring& container, DWORD flags = 0);
 
-    /// Opens a container whose private key will be used: as open, and hands the chosen PIN to the provider.
-    static CryptoProvider openForUse(const ProviderChoice& choice, const std::wstring& container,
-                                     DWORD flags = 0);
+    /// Opens a container whose private key will be used: as open, and hands the chosen PIN to the provider,
+    /// after making sure that the key is on the context's token: the PIN of another token would count as a
+    /// wrong one.
+    static CryptoProvider openForUse(const ProviderChoice& choice, const std::wstring& container);
+
+    /// Hands the chosen PIN, if there is one, to the provider, for the context's token.
+    void givePin(const ProviderChoice& choice) const;
 
     /// Opens no container in particular: the first connected token.
     static CryptoProvider openToken(const ProviderChoice& choice);

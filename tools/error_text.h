@@ -41,6 +41,9 @@ std::string errorCodeText(DWORD code);
 /// Throws a CommandError that says what could not be done and why.
 [[noreturn]] void failWithCode(DWORD code, std::string_view what);
 
+/// The same for a PIN that was given and refused with this code.
+[[noreturn]] void failWithPin(DWORD code);
+
 /// Does nothing when `succeeded`; otherwise throws what failWithCode throws for the thread's last error.
 void require(BOOL succeeded, std::string_view what);
 

@@ -86,7 +86,7 @@ void KeyStorage::givePin() const {
     auto* text = reinterpret_cast<BYTE*>(const_cast<char*>(pin_->c_str()));
     const SECURITY_STATUS status = functions_->SetProviderProperty(handle_, L"SmartCardPin", text,
                                                                    static_cast<DWORD>(pin_->size() + 1), 0);
-    requireStatus(status, "the token does not accept the PIN");
+    if (status != kSuccess) failWithPin(static_cast<DWORD>(status));
 }
 
 std::vector<std::string> KeyStorage::keyNames() const {

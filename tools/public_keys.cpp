@@ -166,6 +166,12 @@ std::vector<BYTE> loadPublicKeyInfo(const std::filesystem::path& path) {
     if (certificate) {
         return encodePublicKeyInfo(certificate->pCertInfo->SubjectPublicKeyInfo);
     }
+    try {
+        const DecodedPublicKeyInfo readable(der);
+    } catch (const CommandError&) {
+        throw CommandError(inQuotes(path.native()) +
+                           " is neither a certificate nor a public key, in PEM or DER");
+    }
     return der;
 }
 

@@ -49,7 +49,7 @@ private:
 
 } // namespace
 
-std::optional<std::string> askForSecret(const std::string& question, std::size_t capacity) {
+std::optional<std::wstring> askForSecret(const std::string& question, std::size_t capacity) {
     const UniqueHandle input = openConsole(L"CONIN$");
     const UniqueHandle output = openConsole(L"CONOUT$");
     if (!input || !output) return std::nullopt;
@@ -61,8 +61,8 @@ std::optional<std::string> askForSecret(const std::string& question, std::size_t
     const BOOL read =
         ReadConsoleW(input.get(), typed.data(), static_cast<DWORD>(typed.size()), &length, nullptr);
     write(output.get(), L"\r\n");
-    std::wstring_view text(typed.data(), read ? length : 0);
-    std::string secret = toUtf8(text.substr(0, text.find_first_of(L"\r\n")));
+    const std::wstring_view text(typed.data(), read ? length : 0);
+    std::wstring secret(text.substr(0, text.find_first_of(L"\r\n")));
     wipe(typed.data(), typed.size() * sizeof(wchar_t));
     return secret;
 }

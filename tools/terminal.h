@@ -8,9 +8,9 @@
 
 namespace veltra {
 
-/// Asks on the terminal for a secret, which does not appear while it is typed: at most `capacity` characters,
-/// in UTF-8. Nothing when there is no terminal. The caller wipes the text.
-std::optional<std::string> askForSecret(const std::string& question, std::size_t capacity);
+/// Asks on the terminal for a secret, which does not appear while it is typed; what is longer than `capacity`
+/// characters may be cut. Nothing when there is no terminal. The caller wipes the text.
+std::optional<std::wstring> askForSecret(const std::string& question, std::size_t capacity);
 
 /// A line on the terminal that says what the program is waiting for, and for how long already; it is gone
 /// when the object is. When the standard error is no terminal, nothing is shown.

@@ -37,6 +37,10 @@ struct EncryptionScheme {
 constexpr const char* kCannotEncrypt =
     "could not encrypt the file; RSA takes only a few bytes less than the key has";
 
+/// What a list of keys says when it is empty: CNG lists none without a token, too.
+constexpr const char* kNoKeys =
+    "There are no keys: no token is connected, or it has none yet; 'veltra generate-key' makes one.";
+
 /// A key that was opened through CryptoAPI or CNG. Signatures and ciphertexts are in the byte order that
 /// other software uses, big-endian; an ECDSA signature is r and s side by side, each as long as the curve's
 /// field. Every operation throws a CommandError that says what failed.

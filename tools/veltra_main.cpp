@@ -7,6 +7,7 @@
 
 #include <shellapi.h>
 
+#include <algorithm>
 #include <array>
 #include <iostream>
 #include <limits>
@@ -56,11 +57,13 @@ struct GlobalOptions {
     PinSource pin;
 };
 
+constexpr const char* kPinGroup = "PIN, from at most one of";
+
 void addPinOptions(CLI::App& app, GlobalOptions& options) {
     const std::array sources = {
         app.add_flag("--pin-prompt", options.pin.terminal, "Ask for the PIN on the terminal"),
         app.add_option("--pin-fd", options.pin.descriptor, "Read the PIN from this file descriptor, one line")
-            ->check(CLI::Range(0, std::numeric_limits<int>::max()))
+            ->check(CLI::Range(0, std::numeric_limits<int>::max()).description(""))
             ->type_name("N"),
         app.add_flag("--pin-stdin", options.pinFromInput, "Read it from the standard input: --pin-fd 0"),
         app.add_option("--pin-env", options.pin.variable, "Take it from this environment variable")
@@ -70,10 +73,17 @@ void addPinOptions(CLI::App& app, GlobalOptions& options) {
             ->check(notEmpty())
             ->type_name("PIN")};
     for (CLI::Option* source : sources) {
-        source->group("PIN, from at most one of");
-        for (CLI::Option* other : sources) {
-            if (other != source) source->excludes(other);
-        }
+        source->group(kPinGroup);
+    }
+}
+
+/// Not by CLI11's means, which would name all the others at each of them in the help.
+void requireOnePinSource(const CLI::App& app) {
+    const std::vector<const CLI::Option*> given = app.get_options(
+        [](const CLI::Option* option) { return option->get_group() == kPinGroup && option->count() > 0; });
+    if (given.size() > 1) {
+        throw CLI::ValidationError("give the PIN in one way: " + given[0]->get_name() + " or " +
+                                   given[1]->get_name());
     }
 }
 
@@ -84,9 +94,11 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& options, CommandLine& line) 
     app.add_option("--provider", options.provider, "Name of the provider")
         ->check(notEmpty())
         ->capture_default_str();
-    app.add_option("--dll", options.dll,
-                   "The provider's DLL, for the key storage provider and to register; default: VeltraCSP.dll "
-                   "beside this program")
+    app.add_option(
+           "--dll", options.dll,
+           "The provider's DLL (--cng, register); default: beside this program, or else in the system's "
+           "folder")
+        ->check(notEmpty())
         ->type_name("PATH");
     app.add_flag("--silent", options.silent, "Never let the provider show a window");
     addPinOptions(app, options);
@@ -100,7 +112,7 @@ std::string exampleLines(const std::string& examples) {
         text += "  veltra " + examples.substr(start, end - start) + '\n';
         start = end + 1;
     }
-    return text;
+    return text + "\n'veltra --help' tells the options that every command has.\n";
 }
 
 void addCommands(CLI::App& app, CommandLine& line, Action& action) {
@@ -131,6 +143,24 @@ int runReporting(const Action& action, GlobalOptions& options, ProviderChoice& p
     }
 }
 
+/// One line, like every other error.
+int reportUsage(const CLI::App& app, const CLI::ParseError& error, Output& out) {
+    std::string command = "veltra";
+    std::string sentence = error.what();
+    for (const CLI::App* used : app.get_subcommands()) {
+        command += ' ' + used->get_name();
+    }
+    if (app.get_subcommands().empty()) {
+        const std::vector<std::string> unknown = app.remaining();
+        sentence = unknown.empty() ? "no command is given"
+                                   : "there is no command or option '" + unknown.front() + "'";
+    }
+    sentence += "; '" + command + " --help' tells what there is";
+    const int exitCode = report(sentence, kExitUsage, 0, out);
+    out.finish();
+    return exitCode;
+}
+
 int run() {
     CommandLine line;
     Action action;
@@ -140,15 +170,22 @@ int run() {
 
     CLI::App app("Signs, verifies and manages keys on tokens through the Veltra provider.", "veltra");
     app.fallthrough();
+    app.allow_windows_style_options(false); // "/name" is a path
     app.require_subcommand(1);
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     addGlobalOptions(app, options, line);
     addCommands(app, line, action);
     app.footer(kFooter); // after the commands, which would take it over
 
+    const std::vector<std::string> arguments = reversedArguments();
     try {
-        app.parse(reversedArguments());
+        app.parse(std::vector(arguments));
+        requireOnePinSource(app);
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kExitOk : kExitUsage;
+        Output out(std::ranges::find(arguments, "--json") != arguments.end());
+        return reportUsage(app, error, out);
     }
     provider.name = toWide(options.provider);
     provider.cng = line.cng;
@@ -158,6 +195,11 @@ int run() {
     Output out(options.json);
     const int exitCode = runReporting(action, options, provider, out);
     out.finish();
+    // Who closes a pipe has seen enough.
+    if (std::cout.fail() && GetFileType(GetStdHandle(STD_OUTPUT_HANDLE)) != FILE_TYPE_PIPE) {
+        std::cerr << "veltra: could not write all of the output; check where it goes\n";
+        return exitCode == kExitOk ? kExitFailed : exitCode;
+    }
     return exitCode;
 }
 

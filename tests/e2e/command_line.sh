@@ -86,6 +86,20 @@ done
 kill "$follower" && wait "$follower" 2>/dev/null || true
 [ "$(grep -c 'ERROR ::=>' follow.txt)" -ge 2 ] || fail "the log was not followed: $(cat follow.txt)"
 
+# Nothing is lost by a refusal or by a file beside: no attempt for a PIN that would be cut or whose key is on another
+# token, no file that is not the one that was named.
+attempts() { softtoken show E2E-LINE | grep 'PIN attempts'; }
+before=$(attempts)
+VELTRA_PIN=$(printf '1%.0s' {1..300}) expectFailure 2 'too long' sign
+expectFailure 2 'longer than' sign --pin-stdin < <(printf '1%.0s' {1..300})
+VELTRA_PIN=000000 expectFailure 1 NTE_NO_KEY veltra sign document --container "$unique-none" --raw --out refused
+[ "$(attempts)" = "$before" ] || fail "a refusal cost an attempt: $(attempts) after $before"
+echo mine >beside.new
+VELTRA_PIN=$pin expectExit 0 veltra --silent sign "$PWD/document" --container "$unique" --raw --out beside
+[ "$(cat beside.new)" = mine ] || fail "the file beside the output is gone"
+expectFailure 1 'no 64-bit DLL' veltra register --dll document
+json veltra sign --no-such-option -- error
+
 logIn E2E-LINE
 veltra delete-key --container "$unique" --yes
 ! grep -q "$pin" everything.txt keygen.txt typescript follow.txt || fail "the PIN is in the output"
