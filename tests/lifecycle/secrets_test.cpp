@@ -188,8 +188,8 @@ protected:
     void typePinAndPress(int button) {
         setPinPrompt(nullptr);
         auto user = std::async(std::launch::async, [this, button] {
-            const HWND dialog = waitForWindow("Verify User Password");
-            const HWND field = GetDlgItem(dialog, 1001);
+            const HWND dialog = waitForWindow(kPasswordDialog);
+            const HWND field = GetDlgItem(dialog, kPinControl);
             {
                 // One at a time, so that no message holds the whole PIN; taken back once and typed again.
                 ClearMarker pin(kPin);

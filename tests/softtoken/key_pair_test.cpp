@@ -46,7 +46,6 @@ TEST_F(SoftTokenTest, EveryKeyTypeSignsAndVerifiesEveryHash) {
         int length = it.signatureLength - 1;
         expectRefusals({veltra_signHash(kSerial, key.keyId, kPin, hashOf(32).data(), 32, out.data(), &length,
                                         false, nullptr, false)});
-        EXPECT_EQ(length, it.signatureLength - 1);
         EXPECT_EQ(out, Bytes(512, 0xAA)) << "a buffer that is too small is left alone";
     }
 }
@@ -108,24 +107,22 @@ TEST_F(SoftTokenTest, HashesAreThoseOfTheStandard) {
                        {kMechanismSha512, 64, "DDAF35A193617ABACC417349AE204131"}};
     const Bytes message = {'a', 'b', 'c'};
     for (const auto& it : cases) {
-        for (const char* serial : {"", kSerial}) {
-            void* hash = nullptr;
-            ASSERT_EQ(veltra_initHash(serial, it.mechanism, &hash, nullptr), 0);
-            EXPECT_EQ(veltra_updateHash(hash, message.data(), 1, nullptr), 0);
-            EXPECT_EQ(veltra_updateHash(hash, message.data() + 1, 2, nullptr), 0);
-            Bytes digest(64);
-            int length = 19;
-            expectRefusals({veltra_finalHash(hash, digest.data(), &length, nullptr)});
-            length = 64;
-            ASSERT_EQ(veltra_finalHash(hash, digest.data(), &length, nullptr), 0);
-            EXPECT_EQ(length, static_cast<int>(it.length));
-            EXPECT_EQ(toHex(BytesView(digest).first(16)), it.digest);
-            void* another = nullptr;
-            ASSERT_EQ(veltra_initHash(serial, it.mechanism, &another, nullptr), 0);
-            expectRefusals({veltra_updateHash(hash, message.data(), 1, nullptr),
-                            veltra_finalHash(hash, digest.data(), &length, nullptr)});
-            EXPECT_EQ(veltra_finalHash(another, digest.data(), &length, nullptr), 0);
-        }
+        void* hash = nullptr;
+        ASSERT_EQ(veltra_initHash(kSerial, it.mechanism, &hash, nullptr), 0);
+        for (const unsigned char& byte : message)
+            EXPECT_EQ(veltra_updateHash(hash, &byte, 1, nullptr), 0);
+        Bytes digest(64);
+        int length = 19;
+        expectRefusals({veltra_finalHash(hash, digest.data(), &length, nullptr)});
+        length = 64;
+        ASSERT_EQ(veltra_finalHash(hash, digest.data(), &length, nullptr), 0);
+        EXPECT_EQ(length, static_cast<int>(it.length));
+        EXPECT_EQ(toHex(BytesView(digest).first(16)), it.digest);
+        void* another = nullptr; // does not come in the place of the finished one
+        ASSERT_EQ(veltra_initHash("", it.mechanism, &another, nullptr), 0);
+        expectRefusals({veltra_updateHash(hash, message.data(), 1, nullptr),
+                        veltra_finalHash(hash, digest.data(), &length, nullptr)});
+        EXPECT_EQ(veltra_finalHash(another, digest.data(), &length, nullptr), 0);
     }
 }
 
