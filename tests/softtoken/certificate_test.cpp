@@ -20,12 +20,12 @@ protected:
         return veltra_getFilesWithExtensionsAndConvertDER(folder_.string(), extensions, nullptr);
     }
 
-    VeltraCertificate import(VeltraCertificate record) const {
+    static VeltraCertificate import(VeltraCertificate record) {
         EXPECT_EQ(veltra_importCertificate(kSerial, kPin, &record, nullptr), 0);
         return record;
     }
 
-    [[nodiscard]] std::vector<Bytes> listed() const {
+    static std::vector<Bytes> listed() {
         std::vector<Bytes> ders;
         for (const VeltraCertificate& it : veltra_getCertificateList(kSerial, nullptr))
             ders.emplace_back(it.der, it.der + it.derLength);

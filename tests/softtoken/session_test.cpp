@@ -4,7 +4,6 @@
 #include "softtoken_test.h"
 
 #include "foundation/windows.h"
-#include "pin_vault.h"
 #include "session.h"
 #include "token_operations.h"
 
@@ -166,17 +165,6 @@ TEST_F(SoftTokenTest, SingleSignOnWorksInEveryProcessUntilItsTimeIsUp) {
     EXPECT_FALSE(isSignedOn());
     store(file, session);
     EXPECT_EQ(signElsewhere(key, ""), Failure::SessionExpired) << "it was for the time before the unplugging";
-}
-
-TEST_F(SoftTokenTest, ChangingThePinKeepsTheKeys) {
-    ASSERT_EQ(logIn(), 0);
-    const VeltraKeyPair key = generate(kKeyTypeEcP256);
-    const TokenFolder token(kSerial);
-    PinVault(token.path()).change(token.description().tokenId, kPin, "another one");
-    std::uint32_t left = 0;
-    EXPECT_EQ(failureOf([&] { validatePin(kSerial, kPin, left); }), Failure::WrongPin);
-    validatePin(kSerial, "another one", left);
-    EXPECT_EQ(signElsewhere(key, "another one"), kNoFailure);
 }
 
 } // namespace veltra::softtoken::test

@@ -195,15 +195,20 @@ protected:
         EXPECT_EQ(attempts_, kDefaultAttempts - 1);
         open();
         EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts);
+        const TokenFolder token(kSerial);
+        PinVault(token.path()).change(token.description().tokenId, kPin, kOtherPin);
+        EXPECT_EQ(failureOf([&] { open(); }), Failure::WrongPin);
+        validatePin(kSerial, kOtherPin, attempts_);
         std::map<std::string, std::size_t> left{{"keys", 2}, {"aes-keys", 2}, {"certificates", 2}};
         for (const fs::path& file : damaged)
             --left[folderOf(file)];
         const auto keys = keyPairs(kSerial);
         EXPECT_EQ(keys.size(), left["keys"]);
         for (const VeltraKeyPair& key : keys) {
-            EXPECT_EQ(softtoken::sign(kSerial, key.keyId, kPin, Bytes(32), 64, SignatureScheme::Pkcs1).size(),
-                      64u);
-            renameKeyPair(kSerial, key.keyId, kPin, "renamed");
+            EXPECT_EQ(
+                softtoken::sign(kSerial, key.keyId, kOtherPin, Bytes(32), 64, SignatureScheme::Pkcs1).size(),
+                64u);
+            renameKeyPair(kSerial, key.keyId, kOtherPin, "renamed");
         }
         const auto symmetricKeys = aesKeys(kSerial);
         EXPECT_EQ(symmetricKeys.size(), left["aes-keys"]);
@@ -213,21 +218,19 @@ protected:
         for (const fs::path& file : damaged)
             changeDamaged(file);
         if (damaged.front().filename() == kSingleSignOnFile) return; // ends with unplugging
-        const TokenFolder token(kSerial);
-        PinVault(token.path()).change(token.description().tokenId, kPin, kPin);
         setPlugged(token, false);
         setPlugged(token, true);
-        open();
+        validatePin(kSerial, kOtherPin, attempts_);
     }
 
     void changeDamaged(const fs::path& file) {
         if (folderOf(file) == "keys") {
             const Bytes keyId = fromHex(file.stem().string());
-            EXPECT_NE(failureOf([&] { deleteKeyPair(kSerial, keyId, kPin); }), kNoFailure);
-            EXPECT_NE(failureOf([&] { renameKeyPair(kSerial, keyId, kPin, "x"); }), kNoFailure);
+            EXPECT_NE(failureOf([&] { deleteKeyPair(kSerial, keyId, kOtherPin); }), kNoFailure);
+            EXPECT_NE(failureOf([&] { renameKeyPair(kSerial, keyId, kOtherPin, "x"); }), kNoFailure);
         } else if (folderOf(file) == "certificates") {
             VeltraCertificate record = certificateRecord(leaf_, fromHex(file.stem().string()).front());
-            EXPECT_NE(failureOf([&] { importCertificate(kSerial, kPin, record); }), kNoFailure);
+            EXPECT_NE(failureOf([&] { importCertificate(kSerial, kOtherPin, record); }), kNoFailure);
         }
     }
 
@@ -235,6 +238,7 @@ protected:
     const Bytes kAesKey = fromHex("000102030405060708090A0B0C0D0E0F");
     const Bytes kWrapped = fromHex("1FA68B0A8112B447AEF34BD8FB5A7B829D3E862371D2CFE5");
     std::uint32_t attempts_ = 0;
+    static constexpr const char* kOtherPin = "another one";
     static inline std::string reported_;
     WatchedCalls unflushed_{0};
 };
