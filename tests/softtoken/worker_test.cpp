@@ -36,10 +36,22 @@ public:
         const unsigned choice = random_() % 16;
         if (mine_.size() < 2 || (choice < 6 && mine_.size() < 7)) return generate();
         const std::size_t index = random_() % mine_.size();
-        if (choice < 9) return remove(index);
-        if (choice < 11) return rename(mine_[index]);
-        if (choice < 12) return importAes();
-        tryPin(choice < 15 || !triesTheRightPin_ ? kWrongPin : kPin);
+        const VeltraKeyPair key = mine_[index];
+        if (choice < 9) {
+            mine_.erase(mine_.begin() + static_cast<std::ptrdiff_t>(index));
+            attempt("delete", toHex(key.keyId), [&](std::string&) {
+                return veltra_deleteKeyPair(kSerial, key.keyId, kNoPin, false, nullptr);
+            });
+        } else if (choice < 11) {
+            attempt("rename", toHex(key.keyId), [&](std::string&) {
+                return veltra_updateKeyPairDetails(kSerial, key.keyId, kNoPin, "renamed", nullptr, 0,
+                                                   nullptr);
+            });
+        } else if (choice < 12) {
+            importAes();
+        } else {
+            tryPin(choice < 15 || !triesTheRightPin_ ? kWrongPin : kPin);
+        }
     }
 
 private:
@@ -65,20 +77,6 @@ private:
             const int code = veltra_generateKeyPair(kSerial, kNoPin, &key, nullptr);
             id = toHex(key.keyId);
             return code;
-        });
-    }
-
-    void remove(std::size_t index) {
-        const VeltraKeyPair key = mine_[index];
-        mine_.erase(mine_.begin() + static_cast<std::ptrdiff_t>(index));
-        attempt("delete", toHex(key.keyId), [&](std::string&) {
-            return veltra_deleteKeyPair(kSerial, key.keyId, kNoPin, false, nullptr);
-        });
-    }
-
-    void rename(const VeltraKeyPair& key) {
-        attempt("rename", toHex(key.keyId), [&](std::string&) {
-            return veltra_updateKeyPairDetails(kSerial, key.keyId, kNoPin, "renamed", nullptr, 0, nullptr);
         });
     }
 
