@@ -6,7 +6,9 @@
 #include "support/googletest.h"
 
 #include "crypto_provider.h"
+#include "error_text.h"
 #include "foundation/cng.h"
+#include "wide_text.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -27,13 +29,7 @@ using CngHandle = CryptoHandle<CngObjectFreer>; ///< of any object of the NCrypt
 
 constexpr auto kSilentContext = static_cast<DWORD>(NTE_SILENT_CONTEXT);
 constexpr unsigned char kFill = 0xEE; ///< what a buffer holds before
-
-struct Digest {
-    const char* name;
-    ALG_ID algorithm;
-};
-constexpr Digest kDigests[] = {
-    {"sha1", CALG_SHA1}, {"sha256", CALG_SHA_256}, {"sha384", CALG_SHA_384}, {"sha512", CALG_SHA_512}};
+const HashAlgorithm& kSha256 = *findHashAlgorithm("sha256");
 
 DWORD lengthOf(const Bytes& bytes) {
     return static_cast<DWORD>(bytes.size());
@@ -76,41 +72,29 @@ DWORD errorOf(const std::function<BOOL()>& call) {
     return call() ? ERROR_SUCCESS : GetLastError();
 }
 
-CryptoContext openContext(const char* provider, const std::string& container, DWORD type, DWORD flags) {
-    HCRYPTPROV context = 0;
-    const char* name = container.empty() ? nullptr : container.c_str();
-    EXPECT_TRUE(CryptAcquireContextA(&context, name, provider, type, flags)) << GetLastError();
-    return CryptoContext(context);
-}
-
 /// The container with the token's key.
-CryptoContext open(DWORD flags = 0) {
-    return openContext("Veltra Cryptographic Provider CSP", fromEnvironment("VELTRA_CLIENT_CONTAINER"),
-                       PROV_RSA_FULL, flags);
+CryptoProvider open(bool silent = false) {
+    ProviderChoice choice;
+    choice.silent = silent;
+    return CryptoProvider::open(choice, toWide(fromEnvironment("VELTRA_CLIENT_CONTAINER")));
 }
 
-/// The system's own software provider, which shares no code with ours.
-CryptoContext openSystem() {
-    return openContext(nullptr, "", PROV_RSA_AES, CRYPT_VERIFYCONTEXT);
-}
-
-CryptoKey userKey(const CryptoContext& context, DWORD keySpec) {
+CryptoKey exchangeKey(const CryptoProvider& context) {
     HCRYPTKEY key = 0;
-    EXPECT_TRUE(CryptGetUserKey(context.get(), keySpec, &key)) << GetLastError();
+    require(CryptGetUserKey(context.handle(), AT_KEYEXCHANGE, &key), "opening the key");
     return CryptoKey(key);
 }
 
 Bytes publicBlob(const CryptoKey& key) {
     return askTwice([&](BYTE* blob, DWORD* length) {
-        EXPECT_TRUE(CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, blob, length)) << GetLastError();
+        require(CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, blob, length), "exporting a key");
     });
 }
 
-CryptoKey importKey(const CryptoContext& context, const Bytes& blob,
-                    const CryptoKey& decryptionKey = CryptoKey()) {
+CryptoKey importKey(const CryptoProvider& context, const Bytes& blob, HCRYPTKEY decryptionKey = 0) {
     HCRYPTKEY key = 0;
-    EXPECT_TRUE(CryptImportKey(context.get(), blob.data(), lengthOf(blob), decryptionKey.get(), 0, &key))
-        << GetLastError();
+    require(CryptImportKey(context.handle(), blob.data(), lengthOf(blob), decryptionKey, 0, &key),
+            "importing a key");
     return CryptoKey(key);
 }
 
@@ -118,36 +102,27 @@ Bytes encrypt(const CryptoKey& key, const Bytes& plaintext) {
     Bytes buffer = plaintext;
     buffer.resize(plaintext.size() + 256);
     DWORD length = lengthOf(plaintext);
-    EXPECT_TRUE(CryptEncrypt(key.get(), 0, TRUE, 0, buffer.data(), &length, lengthOf(buffer)))
-        << GetLastError();
+    require(CryptEncrypt(key.get(), 0, TRUE, 0, buffer.data(), &length, lengthOf(buffer)), "encrypting");
     buffer.resize(length);
     return buffer;
 }
 
 Bytes decrypt(const CryptoKey& key, Bytes ciphertext) {
     DWORD length = lengthOf(ciphertext);
-    EXPECT_TRUE(CryptDecrypt(key.get(), 0, TRUE, 0, ciphertext.data(), &length)) << GetLastError();
+    require(CryptDecrypt(key.get(), 0, TRUE, 0, ciphertext.data(), &length), "decrypting");
     ciphertext.resize(length);
     return ciphertext;
 }
 
-CryptoHash createHash(const CryptoContext& context, ALG_ID algorithm, const Bytes& data,
-                      const CryptoKey& key = CryptoKey()) {
-    HCRYPTHASH hash = 0;
-    EXPECT_TRUE(CryptCreateHash(context.get(), algorithm, key.get(), 0, &hash)) << GetLastError();
-    EXPECT_TRUE(data.empty() || CryptHashData(hash, data.data(), lengthOf(data), 0)) << GetLastError();
-    return CryptoHash(hash);
-}
-
-Bytes valueOf(const CryptoHash& hash) {
-    return askTwice([&](BYTE* value, DWORD* length) {
-        EXPECT_TRUE(CryptGetHashParam(hash.get(), HP_HASHVAL, value, length, 0)) << GetLastError();
-    });
+CryptoHash hashed(const CryptoProvider& context, const HashAlgorithm& algorithm, const Bytes& data) {
+    CryptoHash hash = context.createHash(algorithm);
+    hashPiece(hash, data);
+    return hash;
 }
 
 /// The digest of the data, made by the system's own provider.
-Bytes digest(ALG_ID algorithm, const Bytes& data) {
-    return valueOf(createHash(openSystem(), algorithm, data));
+Bytes digest(const HashAlgorithm& algorithm, const Bytes& data) {
+    return hashValue(hashed(CryptoProvider::openSystem(), algorithm, data));
 }
 
 /// What `call(BYTE* buffer, DWORD* length)` answers for a buffer of exactly `capacity` bytes, whose size
@@ -168,9 +143,9 @@ DWORD sign(const CryptoHash& hash, DWORD keySpec, Bytes& signature, DWORD capaci
     });
 }
 
-DWORD sign(const CryptoContext& context) {
+DWORD sign(const CryptoProvider& context) {
     Bytes signature;
-    return sign(createHash(context, CALG_SHA_256, {1}), AT_SIGNATURE, signature);
+    return sign(hashed(context, kSha256, {1}), AT_SIGNATURE, signature);
 }
 
 SECURITY_STATUS sign(const CngHandle& key, void* padding, Bytes hash, Bytes& signature, DWORD capacity,
@@ -181,11 +156,12 @@ SECURITY_STATUS sign(const CngHandle& key, void* padding, Bytes hash, Bytes& sig
     });
 }
 
-/// Whether the system's provider accepts the signature.
-bool systemVerifies(const Bytes& publicKey, ALG_ID algorithm, const Bytes& data, const Bytes& signature) {
-    const CryptoContext system = openSystem();
+/// Whether the system's own provider, which shares no code with ours, accepts the signature.
+bool systemVerifies(const Bytes& publicKey, const HashAlgorithm& algorithm, const Bytes& data,
+                    const Bytes& signature) {
+    const CryptoProvider system = CryptoProvider::openSystem();
     const CryptoKey key = importKey(system, publicKey);
-    const CryptoHash hash = createHash(system, algorithm, data);
+    const CryptoHash hash = hashed(system, algorithm, data);
     return CryptVerifySignatureA(hash.get(), signature.data(), lengthOf(signature), key.get(), nullptr, 0) !=
            FALSE;
 }
@@ -195,27 +171,26 @@ protected:
     ClientTest() {
         NCRYPT_PROV_HANDLE provider = 0;
         NCRYPT_KEY_HANDLE handle = 0;
-        const std::string name = fromEnvironment("VELTRA_CLIENT_KEY");
+        const std::wstring name = toWide(fromEnvironment("VELTRA_CLIENT_KEY"));
         EXPECT_EQ(NCryptOpenStorageProvider(&provider, L"Veltra Cryptographic Provider CSP", 0), kSuccess);
-        EXPECT_EQ(NCryptOpenKey(provider, &handle, std::wstring(name.begin(), name.end()).c_str(), 0, 0),
-                  kSuccess);
+        EXPECT_EQ(NCryptOpenKey(provider, &handle, name.c_str(), 0, 0), kSuccess);
         cngProvider = CngHandle(provider);
         cngKey = CngHandle(handle);
     }
 
     [[nodiscard]] SECURITY_STATUS silentCngSignature() const {
         Bytes signature;
-        return sign(cngKey, nullptr, digest(CALG_SHA_256, data), signature, 256,
+        return sign(cngKey, nullptr, digest(kSha256, data), signature, 256,
                     kPadPkcs1Flag | NCRYPT_SILENT_FLAG);
     }
 
     /// A session key as an application sends it: the system's provider encrypts the bytes for the token.
     [[nodiscard]] CryptoKey sessionKey(const Bytes& bytes) const {
-        const CryptoContext system = openSystem();
+        const CryptoProvider system = CryptoProvider::openSystem();
         const Bytes encrypted = encrypt(importKey(system, publicBlob(key)), bytes);
         Bytes blob = {SIMPLEBLOB, CUR_BLOB_VERSION, 0, 0, 0x10, 0x66, 0, 0, 0, 0xA4, 0, 0};
         blob.insert(blob.end(), encrypted.begin(), encrypted.end());
-        return importKey(context, blob, key);
+        return importKey(context, blob, key.get());
     }
 
     /// What the session key makes of the secret, for OpenSSL.
@@ -228,8 +203,8 @@ protected:
     const std::string pin = fromEnvironment("VELTRA_CLIENT_PIN");
     const Bytes data = bytesOf("what the application signs");
     const Bytes secret = readFile("secret");
-    const CryptoContext context = open();
-    const CryptoKey key = userKey(context, AT_KEYEXCHANGE);
+    const CryptoProvider context = open();
+    const CryptoKey key = exchangeKey(context);
     CngHandle cngProvider;
     CngHandle cngKey;
 };
@@ -240,10 +215,10 @@ class UnverifiedUserTest : public ClientTest {
 protected:
     /// Everything that uses the private key is refused to a silent context, and nothing is written.
     void expectSilentRefusals() const {
-        const CryptoContext silent = open(CRYPT_SILENT);
-        const CryptoKey silentKey = userKey(silent, AT_KEYEXCHANGE);
+        const CryptoProvider silent = open(true);
+        const CryptoKey silentKey = exchangeKey(silent);
         Bytes output;
-        EXPECT_EQ(sign(createHash(silent, CALG_SHA_256, data), AT_SIGNATURE, output), kSilentContext);
+        EXPECT_EQ(sign(hashed(silent, kSha256, data), AT_SIGNATURE, output), kSilentContext);
         EXPECT_EQ(output, Bytes(256, kFill));
         DWORD length = 256;
         EXPECT_EQ(errorOf([&] {
@@ -252,15 +227,16 @@ protected:
                   kSilentContext);
         EXPECT_EQ(output, Bytes(256, kFill));
         HCRYPTKEY generated = 0;
-        EXPECT_EQ(errorOf([&] { return CryptGenKey(silent.get(), AT_SIGNATURE, 2048u << 16, &generated); }),
-                  kSilentContext);
+        EXPECT_EQ(
+            errorOf([&] { return CryptGenKey(silent.handle(), AT_SIGNATURE, 2048u << 16, &generated); }),
+            kSilentContext);
         EXPECT_EQ(generated, 0u);
         EXPECT_EQ(silentCngSignature(), NTE_SILENT_CONTEXT);
     }
 };
 
 TEST_F(UnverifiedUserTest, SizeQueriesNeedNoPinWhichIsTypedOnceAndThenSilentCallsWork) {
-    const CryptoHash hash = createHash(context, CALG_SHA_256, data);
+    const CryptoHash hash = hashed(context, kSha256, data);
     const std::tuple<const char*, DWORD, std::function<BOOL(DWORD*)>> kRows[] = {
         {"HP_HASHVAL", 32,
          [&](auto size) { return CryptGetHashParam(hash.get(), HP_HASHVAL, nullptr, size, 0); }},
@@ -285,15 +261,16 @@ TEST_F(UnverifiedUserTest, SizeQueriesNeedNoPinWhichIsTypedOnceAndThenSilentCall
     auto typing = std::async(std::launch::async, [this] { enterPin(pin); });
     EXPECT_EQ(sign(context), ERROR_SUCCESS);
     typing.get();
-    EXPECT_EQ(sign(open(CRYPT_SILENT)), ERROR_SUCCESS);
+    EXPECT_EQ(sign(open(true)), ERROR_SUCCESS);
     EXPECT_EQ(silentCngSignature(), kSuccess) << "a process has one state for each token";
 }
 
 TEST_F(UnverifiedUserTest, PinIsGivenByParameter) {
-    const CryptoContext silent = open(CRYPT_SILENT);
+    const CryptoProvider silent = open(true);
     const auto setPin = [&](DWORD parameter, const std::string& text) {
         return errorOf([&] {
-            return CryptSetProvParam(silent.get(), parameter, reinterpret_cast<const BYTE*>(text.c_str()), 0);
+            return CryptSetProvParam(silent.handle(), parameter, reinterpret_cast<const BYTE*>(text.c_str()),
+                                     0);
         });
     };
     EXPECT_EQ(setPin(PP_SIGNATURE_PIN, "000000"), static_cast<DWORD>(NTE_KEYSET_ENTRY_BAD));
@@ -304,16 +281,16 @@ TEST_F(UnverifiedUserTest, PinIsGivenByParameter) {
 
 TEST_F(ClientTest, SignsIntoAnExactlySizedBufferThatNobodyAskedFor) {
     const Bytes publicKey = publicBlob(key);
-    for (const auto& [name, algorithm] : kDigests) {
-        SCOPED_TRACE(name);
-        const CryptoHash hash = createHash(context, algorithm, data);
+    for (const HashAlgorithm& algorithm : hashAlgorithms()) {
+        SCOPED_TRACE(algorithm.name);
+        const CryptoHash hash = hashed(context, algorithm, data);
         Bytes signature;
         EXPECT_EQ(sign(hash, AT_SIGNATURE, signature, 255), static_cast<DWORD>(NTE_PROVIDER_DLL_FAIL));
         EXPECT_EQ(sign(hash, AT_SIGNATURE, signature), ERROR_SUCCESS);
         EXPECT_TRUE(systemVerifies(publicKey, algorithm, data, signature));
         EXPECT_FALSE(systemVerifies(publicKey, algorithm, bytesOf("other data"), signature));
 
-        const CryptoHash empty = createHash(context, algorithm, {});
+        const CryptoHash empty = context.createHash(algorithm);
         EXPECT_TRUE(CryptSetHashParam(empty.get(), HP_HASHVAL, digest(algorithm, data).data(), 0));
         EXPECT_EQ(sign(empty, AT_SIGNATURE, signature), ERROR_SUCCESS);
         EXPECT_TRUE(systemVerifies(publicKey, algorithm, data, signature)) << "a value set on a hash";
@@ -324,10 +301,12 @@ TEST_F(ClientTest, CngSignsIntoAnExactlySizedBufferThatNobodyAskedFor) {
     BCRYPT_PKCS1_PADDING_INFO pkcs1{BCRYPT_SHA256_ALGORITHM};
     BCRYPT_PKCS1_PADDING_INFO noAlgorithm{nullptr};
     BCRYPT_PSS_PADDING_INFO pss{BCRYPT_SHA256_ALGORITHM, 32};
-    const Bytes sha256 = digest(CALG_SHA_256, data);
+    const Bytes sha256 = digest(kSha256, data);
     // What TLS before version 1.2 signs: both digests, and no name of an algorithm.
-    Bytes md5AndSha1 = digest(CALG_MD5, data);
-    std::ranges::copy(digest(CALG_SHA1, data), std::back_inserter(md5AndSha1));
+    HashAlgorithm md5{};
+    md5.id = CALG_MD5;
+    Bytes md5AndSha1 = digest(md5, data);
+    std::ranges::copy(digest(*findHashAlgorithm("sha1"), data), std::back_inserter(md5AndSha1));
     const std::tuple<const char*, void*, Bytes, DWORD> kRows[] = {
         {"PSS", &pss, sha256, kPadPssFlag},
         {"PKCS#1, silent", &pkcs1, sha256, kPadPkcs1Flag | NCRYPT_SILENT_FLAG},
@@ -356,15 +335,16 @@ TEST_F(ClientTest, DerivedKeysInBothModes) {
     constexpr std::pair<const char*, ALG_ID> kKeys[] = {
         {"128", CALG_AES_128}, {"192", CALG_AES_192}, {"256", CALG_AES_256}};
     constexpr std::pair<const char*, DWORD> kModes[] = {{"cbc", CRYPT_MODE_CBC}, {"ecb", CRYPT_MODE_ECB}};
-    for (const auto& [digest, digestAlgorithm] : kDigests) {
-        const CryptoHash hash = createHash(context, digestAlgorithm, readFile("passphrase"));
+    for (const HashAlgorithm& digest : hashAlgorithms()) {
+        const CryptoHash hash = hashed(context, digest, readFile("passphrase"));
         for (const auto& [bits, algorithm] : kKeys) {
             HCRYPTKEY derived = 0;
-            ASSERT_TRUE(CryptDeriveKey(context.get(), algorithm, hash.get(), 0, &derived)) << GetLastError();
+            ASSERT_TRUE(CryptDeriveKey(context.handle(), algorithm, hash.get(), 0, &derived))
+                << GetLastError();
             const CryptoKey sessionKey(derived);
             for (const auto& [name, mode] : kModes) {
                 EXPECT_TRUE(CryptSetKeyParam(derived, KP_MODE, reinterpret_cast<const BYTE*>(&mode), 0));
-                leaveToOpenSsl(std::string("derived-") + digest + "-" + bits + "-" + name, sessionKey);
+                leaveToOpenSsl("derived-" + std::string(digest.name) + "-" + bits + "-" + name, sessionKey);
             }
         }
     }
@@ -389,14 +369,15 @@ TEST_F(ClientTest, HmacOfRfc4231) {
     for (std::string hashName, keyBytes, message, value; cases >> hashName >> keyBytes >> message >> value;
          ++count) {
         SCOPED_TRACE(testing::Message() << "case " << count);
-        const CryptoHash hash = createHash(context, CALG_HMAC, {}, sessionKey(fromHex(keyBytes)));
+        const CryptoKey macKey = sessionKey(fromHex(keyBytes));
+        HCRYPTHASH handle = 0;
+        ASSERT_TRUE(CryptCreateHash(context.handle(), CALG_HMAC, macKey.get(), 0, &handle)) << GetLastError();
+        const CryptoHash hash(handle);
         HMAC_INFO info{};
-        for (const auto& [name, algorithm] : kDigests)
-            if (hashName == name) info.HashAlgid = algorithm;
-        EXPECT_TRUE(CryptSetHashParam(hash.get(), HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0));
-        const Bytes bytes = fromHex(message);
-        EXPECT_TRUE(CryptHashData(hash.get(), bytes.data(), lengthOf(bytes), 0));
-        Bytes mac = valueOf(hash);
+        info.HashAlgid = findHashAlgorithm(hashName)->id;
+        EXPECT_TRUE(CryptSetHashParam(handle, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0));
+        hashPiece(hash, fromHex(message));
+        Bytes mac = hashValue(hash);
         mac.resize(value.size() / 2); // one is truncated
         EXPECT_EQ(mac, fromHex(value));
     }
