@@ -31,22 +31,22 @@ for hash in sha256 sha384 sha512 sha1; do
         --container "$unique"
 done
 head -c 100 document >secret
+makeTheirs RSA rsa_keygen_bits:2048
 for padding in pkcs1 oaep; do
     [ $padding = pkcs1 ] && option=() || option=(--oaep)
     openssl pkeyutl -encrypt -pubin -inkey "$unique.pub" -pkeyopt rsa_padding_mode:$padding -in secret -out theirs
-    # Only the token has the private key, so it decrypts what the provider encrypted.
-    veltra encrypt secret --container "$unique" --out ours "${option[@]}"
-    for file in theirs ours; do
-        veltra decrypt $file --container "$unique" --out plain "${option[@]}"
-        cmp secret plain || fail "$file with $padding decrypts to something else"
-    done
+    veltra decrypt theirs --container "$unique" --out plain "${option[@]}"
+    cmp secret plain || fail "OpenSSL's $padding ciphertext decrypts to something else"
+    veltra encrypt secret --public-key theirs.pub --out ours "${option[@]}"
+    openssl pkeyutl -decrypt -inkey theirs.pem -pkeyopt rsa_padding_mode:$padding -in ours -out plain &&
+        cmp secret plain || fail "OpenSSL cannot decrypt our $padding ciphertext"
 done
 [ "$(veltra generate-random 32 | tr -d '\r\n' | wc -c)" -eq 64 ] || fail "32 random bytes are not 64 digits"
 
 # What the newer token generation refuses leaves no file.
 softtoken set E2E-LINE --fips 140-3
 expectFailure 1 NTE_BAD_ALGID veltra sign document --container "$unique" --raw --hash sha1 --out refused
-expectFailure 1 NTE_BAD_FLAGS veltra decrypt ours --container "$unique" --out refused
+expectFailure 1 NTE_BAD_FLAGS veltra decrypt theirs --container "$unique" --out refused
 [ ! -e refused ] || fail "a refused command left a file"
 softtoken set E2E-LINE --fips 140-2
 expectFailure 2 "overwritten" veltra sign document --container "$unique" --raw --out ./document
@@ -95,7 +95,7 @@ for option in --pin-prompt "--pin-fd 77" "--pin-env NOT_SET" --pin-stdin; do
     expectExit 2 sign $option </dev/null
 done
 # On a terminal, which shows the question but not the answer.
-touch typescript
+touch typescript follow.txt
 { waitFor grep -q 'PIN:' typescript && printf '%s\r' "$pin" && waitFor grep -q 'EXIT_CODE' typescript; } |
     script -qefc "'$veltraRoot/scripts/wine-run' '$bin/veltra.exe' --pin-prompt --silent sign document \
         --container '$unique' --raw --out document.sig" typescript >/dev/null
