@@ -95,4 +95,10 @@ void closeAndWait(HWND window) {
     waitUntilGone(window);
 }
 
+void enterPin(const std::string& pin) {
+    const HWND dialog = waitForWindow(kPasswordDialog);
+    typeInto(dialog, kPinControl, pin);
+    pressAndWait(dialog, IDOK);
+}
+
 } // namespace veltra::test

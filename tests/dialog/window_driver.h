@@ -6,6 +6,9 @@
 
 namespace veltra::test {
 
+constexpr const char* kPasswordDialog = "Verify User Password"; ///< its caption
+constexpr int kPinControl = 1001;
+
 /// Waits for a visible top-level window of this process with this caption, of thread `threadId` if not 0, and
 /// returns it. Ends the program when none appears within 20 seconds, because the thread that waits for it
 /// never would.
@@ -21,5 +24,8 @@ void typeInto(HWND dialog, int control, const std::string& text);
 /// Presses a button, whether it is enabled or not, and waits until the window is gone.
 void pressAndWait(HWND window, int button);
 void closeAndWait(HWND window);
+
+/// Waits for the provider's password dialog, types the PIN and presses Login.
+void enterPin(const std::string& pin);
 
 } // namespace veltra::test

@@ -31,14 +31,34 @@ newToken() {
     printf '%s\n' "$pin" | softtoken create --serial "$@" --pin-stdin
     logIn "$1"
 }
-logIn() { printf '%s\n' "$pin" | softtoken login "$1" --pin-stdin --seconds "${2:-3600}"; }
+logIn() { printf '%s\n' "$pin" | softtoken login "$1" --pin-stdin --seconds 3600; }
+
+# Containers are the user's: those of a test are forgotten when it ends.
+containers=()
+forgetContainers() {
+    local container
+    for container in "${containers[@]}"; do
+        "$(wineLoader)" reg delete 'HKCU\SOFTWARE\Veltra\CSP\Containers' /v "$container" /f >/dev/null 2>&1 || true
+    done
+}
+trap forgetContainers EXIT
 
 # newCertifiedKey CONTAINER KEYGEN-OPTION...: a key with its certificate in CONTAINER.pem, public key in
 # CONTAINER.pub.
 newCertifiedKey() {
+    containers+=("$1")
     veltra generate-key --container "$@"
     veltra create-certificate --container "$1" --subject "CN=$1" --out "$1.pem"
     openssl x509 -in "$1.pem" -noout -pubkey >"$1.pub"
+}
+
+# keyIdOf CONTAINER: the identifier of its RSA-2048 key, as the list has it.
+keyIdOf() {
+    local keyId
+    veltra list-keys >keys.txt
+    keyId=$(sed -n "s/^$1  *RSA  *2048  *[a-z]*  *\([0-9A-F]\{32\}\)\r\{0,1\}$/\1/p" keys.txt)
+    [ -n "$keyId" ] || fail "the key of $1 is not in the list: $(cat keys.txt)"
+    printf '%s' "$keyId"
 }
 
 # The same commands through the key storage provider.
@@ -50,6 +70,15 @@ newCngKey() {
     [ -n "$key" ] || fail "the new key has no identifier"
     cng export-key --container "$key" --out key.pub
     openssl pkey -pubin -in key.pub -noout || fail "OpenSSL cannot read the exported public key"
+}
+
+# waitFor COMMAND...: until it succeeds, for half a minute.
+waitFor() {
+    local end=$((SECONDS + 30))
+    until "$@"; do
+        [ $SECONDS -lt $end ] || fail "waited in vain for: $*"
+        sleep 0.1
+    done
 }
 
 # expectExit CODE COMMAND...: the command must end with this exit code; its output is kept in `output`.
@@ -69,21 +98,17 @@ expectFailure() {
 $output"
 }
 
-# runApplication PROGRAM FILTER: the tests of an application that the filter chooses. Under Wine the exit status of a
-# crash can get lost, so the last words count.
-runApplication() {
-    runWindows "$bin/$1.exe" "--gtest_filter=$2" >client.txt || true
-    cat client.txt
-    ! grep -q 'FAILED TEST' client.txt && grep -q '^\[  PASSED  \] [1-9]' client.txt || fail "tests of $2 failed"
+# makeTheirs ALGORITHM OPTION: a key of OpenSSL's, theirs.pem, and its public part theirs.pub.
+makeTheirs() {
+    openssl genpkey -quiet -algorithm "$1" -pkeyopt "$2" -out theirs.pem
+    openssl pkey -in theirs.pem -pubout -out theirs.pub
 }
+hexOf() { od -An -v -tx1 "$1" | tr -d ' \n'; }
 
-# A file of some length with every byte value, and a copy with one changed bit.
+# A file of some length with every byte value, and a copy whose last byte is another.
 makeDocument() {
     head -c 200000 /dev/urandom >document
-    cp document document.changed
-    printf "\\x$(printf '%02x' $(($(od -An -tu1 -j 99999 -N1 document) ^ 1)))" |
-        dd of=document.changed bs=1 seek=99999 conv=notrunc status=none
-    ! cmp -s document document.changed || fail "the changed document does not differ"
+    { head -c 199999 document && tail -c 1 document | tr '\000-\377' '\001-\377\000'; } >document.changed
 }
 
 veltra register --dll "$(windowsPath "$bin/VeltraCSP.dll")" >/dev/null

@@ -13,7 +13,7 @@ exitSkipped=77
 # never run.
 fetchNode() {
     local sha512
-    mkdir -p "$nodeFolder"
+    mkdir -p "$nodeFolder" node
     if [ ! -e "$nodeArchive" ]; then
         if ! curl --silent --show-error --fail --location --max-time 300 --output "$nodeArchive.part" "$nodeUrl"; then
             say "SKIPPED: could not download Node.js from $nodeUrl"
@@ -23,7 +23,6 @@ fetchNode() {
     fi
     sha512=$(openssl dgst -sha512 -binary "$nodeArchive" | base64 -w 0)
     [ "$sha512" = "$nodeSha512" ] || fail "$nodeArchive has the hash $sha512 instead of $nodeSha512; delete it"
-    mkdir -p node
     tar -C node -xzf "$nodeArchive" package/bin/node.exe
 }
 
@@ -39,44 +38,15 @@ makeCertificates() {
     done
 }
 
-# writeConfiguration KEY-TYPE: what the engine is told, in the order that it needs.
-writeConfiguration() {
-    cat >openssl.cnf <<END
-nodejs_conf = node
-[node]
-engines = engines
-[engines]
-capi = capi
-[capi]
-engine_id = capi
-init = 1
-csp_type = 1
-csp_name = Veltra Cryptographic Provider CSP
-key_type = $1
-lookup_method = 3
-END
-}
-
-# Node.js refuses to write to a pipe under Wine: its output goes to files, and is shown when something fails. A
-# shell of its own, because the runner may fail itself, with its message in the same file.
-node() (
-    NODE_SKIP_PLATFORM_CHECK=1 "${runner[@]}" node/package/bin/node.exe --openssl-config=openssl.cnf "$script" "$@" \
-        >node.out 2>node.err
-)
+# handshake RUNNER...: Node.js refuses to write to a pipe under Wine: its output goes to files, and is shown when
+# something fails. A shell of its own, because the runner may fail itself, with its message in the same file.
 handshake() {
-    node "$unique-server" "$unique-client" client.pem || fail "no handshake: $(cat node.out node.err)"
-    grep -q 'exchanged data' node.out || fail "the handshake was not judged: $(cat node.out node.err)"
-}
-# refusedHandshake REASON ARGUMENT...: it must fail, and for this reason.
-refusedHandshake() {
-    local reason=$1
-    shift
-    ! node "$@" || fail "a handshake succeeded: $*"
-    grep -q "$reason" node.out || fail "another reason than '$reason': $(cat node.out node.err)"
+    (NODE_SKIP_PLATFORM_CHECK=1 "$@" node/package/bin/node.exe --openssl-config=openssl.cnf "$script" \
+        "$unique-server" "$unique-client" client.pem >node.out 2>node.err) && grep -q 'exchanged data' node.out ||
+        fail "no handshake: $(cat node.out node.err)"
 }
 
 fetchNode
-runner=(runWindows)
 newToken E2E-TLS --fips 140-3
 newCertifiedKey "$unique-server" --bits 2048 --usage exchange
 newCertifiedKey "$unique-client" --bits 2048 --usage sign
@@ -84,22 +54,12 @@ makeCertificates
 
 # The engine asks for the one key specification it is told; the provider gives a container's only key for both.
 for keyType in 1 2; do # AT_KEYEXCHANGE, AT_SIGNATURE
-    writeConfiguration $keyType
-    handshake
+    sed "s/KEY_TYPE/$keyType/" "$veltraRoot/tests/e2e/openssl_capi.cnf" >openssl.cnf
+    handshake runWindows
 done
-
-# Without the client's key, with another one, and without the token, nothing is proved.
-refusedHandshake PEER_DID_NOT_RETURN_A_CERTIFICATE "$unique-server" none client.pem
-refusedHandshake KEY_VALUES_MISMATCH "$unique-server" "$unique-server" client.pem
-softtoken unplug E2E-TLS
-refusedHandshake CRYPTACQUIRECONTEXT_ERROR "$unique-server" "$unique-client" client.pem
-softtoken plug E2E-TLS
 
 # Without a session the provider asks for the PIN, once for both keys of the process.
 softtoken logout E2E-TLS
-runner=(runWindowsTypingPin "$pin" dialog.png)
-handshake
+handshake runWindowsTypingPin "$pin" dialog.png
 
-logIn E2E-TLS
-for name in server client; do veltra delete-key --container "$unique-$name" --yes; done
 ! grep -rlI --exclude-dir=node 'PRIVATE KEY' . || fail "a private key lies in a file"

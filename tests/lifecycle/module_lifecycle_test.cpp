@@ -1,4 +1,5 @@
 #include "dialog/window_driver.h"
+#include "lifecycle/child_process.h"
 #include "support/googletest.h"
 #include "support/log_file.h"
 #include "support/provider_test.h"
@@ -8,14 +9,10 @@
 #include "ksp/key_storage_interface.h"
 #include "token_store.h"
 
-#include <tlhelp32.h>
-
-#include <array>
 #include <atomic>
 #include <bit>
 #include <deque>
 #include <future>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -25,12 +22,6 @@ namespace {
 constexpr const char* kPin = "123456";
 constexpr const char* kLeavingEvent = "VeltraLifecycleTestLeaves";
 constexpr DWORD kPatience = 30000; ///< milliseconds
-
-std::string programFolder() {
-    char path[MAX_PATH] = {};
-    GetModuleFileNameA(nullptr, path, MAX_PATH);
-    return std::string(path).substr(0, std::string(path).find_last_of('\\') + 1);
-}
 
 /// VeltraCSP.dll from `folder`, loaded as an application would.
 class LoadedProvider {
@@ -53,11 +44,10 @@ public:
         return context;
     }
     bool release(HCRYPTPROV context) const { return release_(context, 0) != FALSE; }
-    /// The functions of CNG, which the module hands out without being in use.
-    const NCRYPT_KEY_STORAGE_FUNCTION_TABLE& functionsOfCng() const {
+    /// What CNG is handed out without the module being in use.
+    bool hasFunctionsOfCng() const {
         NCRYPT_KEY_STORAGE_FUNCTION_TABLE* functions = nullptr;
-        EXPECT_EQ(interface_(nullptr, &functions, 0), 0);
-        return *functions;
+        return interface_(nullptr, &functions, 0) == 0 && functions->OpenProvider != nullptr;
     }
     /// Verifies the user and then refuses the length: what the last error tells apart.
     DWORD verifyUser(HCRYPTPROV context) const {
@@ -80,55 +70,16 @@ private:
     decltype(&GetKeyStorageInterface) interface_ = nullptr;
 };
 
-int threadsOfThisProcess() {
-    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof entry;
-    int count = 0;
-    for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry))
-        count += entry.th32OwnerProcessID == GetCurrentProcessId();
-    CloseHandle(snapshot);
-    return count;
+bool isLoaded() {
+    return GetModuleHandleA("VeltraCSP.dll") != nullptr;
 }
 
-/// This program once more, in a process of its own that runs one disabled test.
-class Child {
-public:
-    explicit Child(const std::string& test) {
-        char program[MAX_PATH] = {};
-        GetModuleFileNameA(nullptr, program, MAX_PATH);
-        std::string command =
-            concat("\"", program, "\" --gtest_also_run_disabled_tests --gtest_filter=", test);
-        STARTUPINFOA startup{};
-        startup.cb = sizeof startup;
-        EXPECT_TRUE(CreateProcessA(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                                   &startup, &process_));
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child() {
-        TerminateProcess(process_.hProcess, 1);
-        CloseHandle(process_.hThread);
-        CloseHandle(process_.hProcess);
-    }
-
-    HANDLE handle() const { return process_.hProcess; }
-    /// Its exit code; STILL_ACTIVE when it has not ended within these milliseconds.
-    DWORD exitCodeWithin(DWORD milliseconds) const {
-        WaitForSingleObject(process_.hProcess, milliseconds);
-        DWORD code = 0;
-        GetExitCodeProcess(process_.hProcess, &code);
-        return code;
-    }
-
-private:
-    PROCESS_INFORMATION process_{};
-};
-
-int occurrences(const std::string& text, const std::string& part) {
-    int count = 0;
-    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++count;
+/// How many lines of the log have this text.
+std::ptrdiff_t linesWith(const std::string& text) {
+    std::istringstream log(readLog());
+    std::ptrdiff_t count = 0;
+    for (std::string line; std::getline(log, line);)
+        count += line.find(text) != std::string::npos;
     return count;
 }
 
@@ -150,11 +101,10 @@ protected:
         setLogLevel(3);
         removeLog();
         SetEnvironmentVariableA("VELTRA_SOFTTOKEN_HOME", (temporaryFolder() + "tokens").c_str());
-        if (softtoken::listTokens().empty()) {
-            softtoken::TokenDescription description;
-            description.serial = "T1";
-            softtoken::createToken(description, kPin, 3);
-        }
+        if (!softtoken::listTokens().empty()) return;
+        softtoken::TokenDescription description;
+        description.serial = "T1";
+        softtoken::createToken(description, kPin, 3);
     }
 };
 
@@ -165,49 +115,43 @@ TEST_F(ModuleLifecycleTest, UnloadedWhenNotInUse) {
             const HCRYPTPROV context = provider.acquire(CRYPT_VERIFYCONTEXT);
             EXPECT_NE(context, 0u);
             EXPECT_TRUE(provider.release(context));
-            EXPECT_NE(provider.functionsOfCng().OpenProvider, nullptr);
-            EXPECT_NE(GetModuleHandleA("VeltraCSP.dll"), nullptr);
+            EXPECT_TRUE(provider.hasFunctionsOfCng());
+            EXPECT_TRUE(isLoaded());
         }
-        EXPECT_EQ(GetModuleHandleA("VeltraCSP.dll"), nullptr) << "the module is unloaded";
+        EXPECT_FALSE(isLoaded());
     }
 }
 
 TEST_F(ModuleLifecycleTest, PinnedOnceInUse) {
     const ULONGLONG begin = GetTickCount64();
-    int threads = 0;
     for (int i = 0; i < 50; ++i) {
         const LoadedProvider provider;
         const HCRYPTPROV context = provider.acquire(i == 0 ? 0 : CRYPT_SILENT);
         ASSERT_NE(context, 0u);
         if (i == 0) {
-            auto typing = std::async(std::launch::async, [] {
-                const HWND dialog = waitForWindow("Verify User Password");
-                typeInto(dialog, 1001, kPin);
-                pressAndWait(dialog, IDOK);
-            });
+            auto typing = std::async(std::launch::async, [] { enterPin(kPin); });
             EXPECT_EQ(provider.verifyUser(context), static_cast<DWORD>(NTE_BAD_LEN));
             typing.get();
-            threads = threadsOfThisProcess();
         }
         EXPECT_EQ(provider.verifyUser(context), static_cast<DWORD>(NTE_BAD_LEN)) << "the PIN is known";
         EXPECT_TRUE(provider.release(context));
     }
-    EXPECT_NE(GetModuleHandleA("VeltraCSP.dll"), nullptr);
+    EXPECT_TRUE(isLoaded());
     EXPECT_LT(GetTickCount64() - begin, 10000u);
-    EXPECT_LE(threadsOfThisProcess(), threads);
-    EXPECT_EQ(occurrences(readLog(), "Device monitor thread started."), 1);
-    EXPECT_EQ(occurrences(readLog(), "Device monitor thread stopped."), 0);
-    EXPECT_EQ(occurrences(readLog(), "Password dialog show window after"), 1);
+    EXPECT_EQ(linesWith("Device monitor thread started."), 1);
+    EXPECT_EQ(linesWith("Device monitor thread stopped."), 0);
+    EXPECT_EQ(linesWith("Password dialog show window after"), 1);
 }
 
 TEST_F(ModuleLifecycleTest, DeviceLibraryBesideTheProviderComesFirstAndAMissingExportIsNamed) {
     // Any module without the exports will do for a device library.
     const LoadedProvider provider(folderWithLibrary("VeltraCSP.dll"));
-    EXPECT_EQ(provider.acquire(0), 0u);
-    EXPECT_EQ(GetLastError(), 0x80090023u);
-    EXPECT_EQ(provider.acquire(0), 0u);
-    EXPECT_THAT(readLog(), HasSubstr("CPAcquireContext: valid token not connected, return FALSE"));
-    EXPECT_EQ(occurrences(readLog(), "ERROR ::=>VeltraDSCLibrary.dll lacks the export veltra_init"), 1);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(provider.acquire(0), 0u);
+        EXPECT_EQ(GetLastError(), 0x80090023u);
+    }
+    EXPECT_EQ(linesWith("ERROR ::=>CPAcquireContext: valid token not connected, return FALSE"), 2);
+    EXPECT_EQ(linesWith("ERROR ::=>VeltraDSCLibrary.dll lacks the export veltra_init"), 1);
 }
 
 /// How a process leaves while the monitor runs; each is started as a process of its own by the test below.
@@ -223,39 +167,8 @@ protected:
         };
         Sleep(300); // the monitor is between two polls
     }
-    static void announce() {
-        HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, kLeavingEvent);
-        SetEvent(event);
-        CloseHandle(event);
-    }
-    std::function<void()> acquireForever;
-};
-
-TEST_F(LeavingProcess, DISABLED_ByExitProcess) {
-    startMonitor();
-    announce();
-    ExitProcess(7);
-}
-
-TEST_F(LeavingProcess, DISABLED_ByExit) {
-    startMonitor();
-    announce();
-    std::exit(7);
-}
-
-TEST_F(LeavingProcess, DISABLED_WhileThreadsUseTheProvider) {
-    startMonitor();
-    for (int i = 0; i < 3; ++i)
-        std::thread(acquireForever).detach();
-    Sleep(200);
-    announce();
-    std::exit(7);
-}
-
-/// The monitor is in a call of the library that never returns.
-class HangingLibrary : public LeavingProcess {
-protected:
-    void letTheMonitorHang() {
+    /// The monitor is in a call of the library that never returns.
+    static void letTheMonitorHang() {
         const auto* provider = new LoadedProvider(folderWithLibrary("veltra_hanging_library.dll"));
         EXPECT_EQ(provider->acquire(CRYPT_SILENT), 0u) << "the application itself is answered: no token";
         const auto isHanging =
@@ -263,27 +176,29 @@ protected:
         while (!isHanging())
             Sleep(10);
     }
+    std::function<void()> acquireForever;
 };
 
-TEST_F(HangingLibrary, DISABLED_ByExitProcess) {
-    letTheMonitorHang();
-    announce();
-    ExitProcess(7);
-}
-
-TEST_F(HangingLibrary, DISABLED_ByExit) {
-    letTheMonitorHang();
-    announce();
-    std::exit(7);
+TEST_F(LeavingProcess, DISABLED_Leaves) {
+    const std::string way = argumentOfThisChild();
+    way.starts_with("hanging") ? letTheMonitorHang() : startMonitor();
+    if (way == "threads, exit") {
+        for (int i = 0; i < 3; ++i)
+            std::thread(acquireForever).detach();
+        Sleep(200);
+    }
+    HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, kLeavingEvent);
+    SetEvent(event);
+    CloseHandle(event);
+    way.ends_with("ExitProcess") ? ExitProcess(7) : std::exit(7);
 }
 
 TEST_F(ModuleLifecycleTest, ProcessEndsAtOnceWhateverTheMonitorDoes) {
     HANDLE leaving = CreateEventA(nullptr, FALSE, FALSE, kLeavingEvent);
-    for (const char* way : {"LeavingProcess.DISABLED_ByExitProcess", "LeavingProcess.DISABLED_ByExit",
-                            "LeavingProcess.DISABLED_WhileThreadsUseTheProvider",
-                            "HangingLibrary.DISABLED_ByExitProcess", "HangingLibrary.DISABLED_ByExit"}) {
+    for (const char* way :
+         {"ExitProcess", "exit", "threads, exit", "hanging, ExitProcess", "hanging, exit"}) {
         SCOPED_TRACE(way);
-        const Child child(way);
+        const ChildProcess child("LeavingProcess.DISABLED_Leaves", way);
         HANDLE events[] = {leaving, child.handle()};
         EXPECT_EQ(WaitForMultipleObjects(2, events, FALSE, kPatience), static_cast<DWORD>(WAIT_OBJECT_0));
         EXPECT_EQ(child.exitCodeWithin(500), 7u) << "it neither hangs nor waits for the next poll";
@@ -293,7 +208,6 @@ TEST_F(ModuleLifecycleTest, ProcessEndsAtOnceWhateverTheMonitorDoes) {
 
 constexpr int kLogWriters = 6; ///< processes, of two threads each
 constexpr int kLogLines = 100; ///< of each thread
-constexpr const char* kLogWriterVariable = "VELTRA_TEST_LOG_WRITER";
 
 /// Lines of every writer and of different lengths.
 std::string logLine(const std::string& writer, int thread, int number) {
@@ -302,47 +216,45 @@ std::string logLine(const std::string& writer, int thread, int number) {
 }
 
 TEST(LogWriter, DISABLED_Writes) {
-    std::array<char, 16> writer{};
-    GetEnvironmentVariableA(kLogWriterVariable, writer.data(), static_cast<DWORD>(writer.size()));
     std::atomic<int> threads = 0;
     runOnThreads(2, [&] {
         const int thread = threads++;
         for (int i = 0; i < kLogLines; ++i)
-            Utils::error(logLine(writer.data(), thread, i));
+            Utils::error(logLine(argumentOfThisChild(), thread, i));
     });
     ExitProcess(7);
 }
 
 TEST_F(ModuleLifecycleTest, ManyProcessesWriteOneLogWithoutATornOrLostLine) {
-    removeLog();
-    std::multiset<std::string> expected;
-    std::deque<Child> children;
+    std::vector<std::string> expected;
+    std::deque<ChildProcess> children;
     for (int writer = 0; writer < kLogWriters; ++writer) {
-        SetEnvironmentVariableA(kLogWriterVariable, std::to_string(writer).c_str());
-        children.emplace_back("LogWriter.DISABLED_Writes");
+        children.emplace_back("LogWriter.DISABLED_Writes", std::to_string(writer));
         for (int line = 0; line < 2 * kLogLines; ++line)
-            expected.insert("ERROR " + logLine(std::to_string(writer), line / kLogLines, line % kLogLines));
+            expected.push_back("ERROR " +
+                               logLine(std::to_string(writer), line / kLogLines, line % kLogLines));
     }
-    for (const Child& child : children)
+    for (const ChildProcess& child : children)
         EXPECT_EQ(child.exitCodeWithin(kPatience), 7u);
-    std::multiset<std::string> found;
+    std::vector<std::string> found;
     std::istringstream log(readLog());
     for (std::string line; std::getline(log, line);)
-        found.insert(withoutTime(line));
+        found.push_back(withoutTime(line));
+    std::ranges::sort(expected);
+    std::ranges::sort(found);
     EXPECT_EQ(found, expected);
 }
 
 // Only under Wine the writers take turns at all.
 TEST_F(ModuleLifecycleTest, AProcessThatHangsWhileItWritesCostsTheOthersTimeOnce) {
     HANDLE turn = CreateMutexA(nullptr, TRUE, concat("Veltra log of ", Utils::getProcessName()).c_str());
-    removeLog();
     const ULONGLONG begin = GetTickCount64();
     std::async(std::launch::async, [] {
         for (int i = 0; i < 20; ++i)
             Utils::error("a line");
     }).get();
     EXPECT_LT(GetTickCount64() - begin, 3000u);
-    EXPECT_EQ(occurrences(readLog(), "ERROR ::=>a line\n"), 20);
+    EXPECT_EQ(linesWith("ERROR ::=>a line"), 20);
     ReleaseMutex(turn);
     CloseHandle(turn);
 }

@@ -133,7 +133,7 @@ private:
     std::vector<VeltraSymmetricKey> aesKeys_;
 };
 
-/// What an application has of both front ends, and one use of each way that a secret takes.
+/// What an application has of both front ends.
 class SecretsTest : public testing::Test {
 protected:
     SecretsTest() {
@@ -161,15 +161,6 @@ protected:
         setDeviceLibrary(nullptr);
     }
 
-    /// Has nothing left of `marker` behind `release`; `held`: and something before.
-    void expectGoneAfter(const SecretMarker& marker, bool held, const std::function<void()>& release) {
-        if (held) {
-            EXPECT_TRUE(marker.isInMemory()) << "nothing to be released";
-        }
-        release();
-        EXPECT_FALSE(marker.isInMemory());
-    }
-
     /// A signature, which the token answers with `code`. When its session has expired, the user is asked
     /// again.
     void sign(int code) {
@@ -188,14 +179,13 @@ protected:
     void typePinAndPress(int button) {
         setPinPrompt(nullptr);
         auto user = std::async(std::launch::async, [this, button] {
-            const HWND dialog = waitForWindow("Verify User Password");
-            const HWND field = GetDlgItem(dialog, 1001);
-            {
-                // One at a time, so that no message holds the whole PIN; taken back once and typed again.
-                ClearMarker pin(kPin);
+            const HWND dialog = waitForWindow(kPasswordDialog);
+            const HWND field = GetDlgItem(dialog, kPinControl);
+            // One at a time, so that no message holds the whole PIN; taken back once and typed again.
+            givePin([field](const BYTE* pin) {
                 for (std::size_t i = 0; i < 3 * kLength; ++i)
-                    SendMessageA(field, WM_CHAR, i / kLength == 1 ? VK_BACK : pin.data()[i % kLength], 0);
-            }
+                    SendMessageA(field, WM_CHAR, i / kLength == 1 ? VK_BACK : pin[i % kLength], 0);
+            });
             EXPECT_EQ(GetWindowTextLengthA(field), static_cast<int>(kLength));
             button == 0 ? closeAndWait(dialog) : pressAndWait(dialog, button);
             if (library.pinAnswer != kDeviceOk) pressAndWait(waitForWindow("Veltra"), IDOK);
@@ -229,15 +219,24 @@ protected:
         EXPECT_TRUE(CPCreateHash(context, algorithm, key, 0, &hash));
         return hash;
     }
-
-    void decrypt(HCRYPTKEY key, DWORD capacity) {
-        SecretBytes<kRoom> data;
-        CPDecrypt(context, key, 0, TRUE, CRYPT_OAEP, data.data(), &capacity);
+    /// Hands the PIN to `function(pin)`, and the rest of the program has none of it.
+    template <class Function>
+    static void givePin(Function function) {
+        ClearMarker pin(kPin);
+        function(pin.data());
     }
-    void decryptWithCng(NCRYPT_KEY_HANDLE key, DWORD capacity) {
-        SecretBytes<kRoom> data;
-        KSPDecrypt(provider, key, data.data(), kRoom, nullptr, data.data(), capacity, &capacity,
-                   kPadPkcs1Flag);
+
+    static void expectNoPinInLog() {
+        givePin([](const BYTE* clear) {
+            const std::string pin(boundedText(reinterpret_cast<const char*>(clear), kLength));
+            const std::string log = readLog();
+            std::string wide(pin.size() * 2, '\0');
+            for (std::size_t i = 0; i < pin.size(); ++i)
+                wide[i * 2] = pin[i];
+            EXPECT_THAT(log, HasSubstr("CPSetProvParam - passwordLength : 32")) << "the most verbose level";
+            for (const std::string& form : {pin, wide, toHex({clear, kLength})})
+                EXPECT_THAT(log, Not(HasSubstr(form)));
+        });
     }
 
     StandInLibrary library;
@@ -251,75 +250,15 @@ private:
     ScriptedPinPrompt cancels_;
 };
 
-TEST_F(SecretsTest, NoPinStaysInMemoryOrGetsIntoTheLog) {
-    struct Way {
-        const char* name;
-        bool accepted; ///< and so kept
-        std::function<void()> give;
-    };
-    const auto give = [&](auto function, auto... arguments) {
-        ClearMarker pin(kPin);
-        function(arguments..., pin.data());
-    };
-    const auto setInCryptoApi = [&](DWORD parameter) {
-        give([&](BYTE* pin) { CPSetProvParam(context, parameter, pin, 0); });
-    };
-    const auto setInCng = [&] {
-        give([&](BYTE* pin) { KSPSetProviderProperty(provider, L"SmartCardPin", pin, kLength, 0); });
-    };
-    const Way kWays[] = {
-        {"CPSetProvParam, for signatures", true, [&] { setInCryptoApi(PP_SIGNATURE_PIN); }},
-        {"CPSetProvParam, for decryption", true, [&] { setInCryptoApi(PP_KEYEXCHANGE_PIN); }},
-        {"KSPSetProviderProperty", true, setInCng},
-        {"KSPSetKeyProperty", true,
-         [&] {
-             give([&](BYTE* pin) {
-                 KSPSetKeyProperty(provider, cngRsaKey, L"SmartCardPin", pin, kLength, 0);
-             });
-         }},
-        {"dialog, Login", true, [&] { typePinAndPress(IDOK); }},
-        {"dialog, Cancel", false, [&] { typePinAndPress(IDCANCEL); }},
-        {"dialog, closed", false, [&] { typePinAndPress(0); }},
-        {"a PIN that the token refuses", false,
-         [&] {
-             library.pinAnswer = kWrongPin;
-             setInCryptoApi(PP_SIGNATURE_PIN);
-             setInCng();
-             typePinAndPress(IDOK);
-             library.pinAnswer = kDeviceOk;
-         }},
-    };
-    ASSERT_FALSE(kPin.isInMemory());
-    for (const Way& way : kWays) {
-        SCOPED_TRACE(way.name);
-        way.give();
-        expectGoneAfter(kPin, way.accepted, [&] { sign(kDeviceSessionExpired); });
-    }
-    setInCng();
-    expectGoneAfter(kPin, true, [&] {
-        library.connected = false; // pulled, which the monitor sees within a second
-        for (int i = 0; i < 500 && isPinValidated(kSerial); ++i)
-            Sleep(10);
-    });
-
-    ClearMarker clear(kPin);
-    const std::string pin(boundedText(reinterpret_cast<const char*>(clear.data()), kLength));
-    const std::string log = readLog();
-    std::string wide(pin.size() * 2, '\0');
-    for (std::size_t i = 0; i < pin.size(); ++i)
-        wide[i * 2] = pin[i];
-    const std::string hex = toHex({clear.data(), kLength});
-    EXPECT_THAT(log, HasSubstr("CPSetProvParam - passwordLength : 32")) << "the most verbose level";
-    for (const std::string& form : {pin, wide, hex})
-        EXPECT_THAT(log, Not(HasSubstr(form)));
-}
-
-TEST_F(SecretsTest, NoKeyAndNoPlaintextStaysInMemory) {
+TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
     using Release = std::function<void()>;
     struct Way {
+        const SecretMarker& secret;
         const char* name;
         std::function<Release()> use; ///< what releases what it keeps; null: it keeps nothing
     };
+    // The user is asked again and cancels.
+    const Release forget = [&] { sign(kDeviceSessionExpired); };
     const auto destroyKey = [&](HCRYPTKEY key) -> Release {
         return [this, key] { EXPECT_TRUE(CPDestroyKey(context, key)); };
     };
@@ -329,25 +268,27 @@ TEST_F(SecretsTest, NoKeyAndNoPlaintextStaysInMemory) {
     const auto freeCngKey = [&](NCRYPT_KEY_HANDLE key) -> Release {
         return [this, key] { EXPECT_EQ(KSPFreeKey(provider, key), 0); };
     };
+    const auto setInCryptoApi = [&](DWORD parameter) {
+        givePin([&](BYTE* pin) { CPSetProvParam(context, parameter, pin, 0); });
+        return forget;
+    };
+    const auto setInCng = [&] {
+        givePin([&](BYTE* pin) { KSPSetProviderProperty(provider, L"SmartCardPin", pin, kLength, 0); });
+        return forget;
+    };
     const Way kWays[] = {
-        {"SIMPLEBLOB", [&] { return destroyKey(importKey(SIMPLEBLOB, false)); }},
-        {"PLAINTEXTKEYBLOB, SYMMETRICWRAPKEYBLOB: on the token only",
+        {kKey, "SIMPLEBLOB", [&] { return destroyKey(importKey(SIMPLEBLOB, false)); }},
+        {kKey, "PLAINTEXTKEYBLOB, SYMMETRICWRAPKEYBLOB: on the token only",
          [&] {
              destroyKey(importKey(PLAINTEXTKEYBLOB, true))();
              destroyKey(importKey(SYMMETRICWRAPKEYBLOB, false))();
              return nullptr;
          }},
-        {"key of an HMAC",
+        {kKey, "key of an HMAC, its value, and a copy",
          [&] {
              const HCRYPTKEY key = importKey(SIMPLEBLOB, false);
              const HCRYPTHASH hash = createHash(CALG_HMAC, key);
              destroyKey(key)();
-             return destroyHash(hash);
-         }},
-        {"HMAC and its copy",
-         [&]() -> Release {
-             const HCRYPTKEY key = importKey(SIMPLEBLOB, false);
-             const HCRYPTHASH hash = createHash(CALG_HMAC, key);
              const HMAC_INFO info{CALG_SHA_256, nullptr, 0, nullptr, 0};
              SecretBytes<kLength> value;
              DWORD length = kLength;
@@ -356,11 +297,10 @@ TEST_F(SecretsTest, NoKeyAndNoPlaintextStaysInMemory) {
                  CPSetHashParam(context, hash, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0) &&
                  CPGetHashParam(context, hash, HP_HASHVAL, value.data(), &length, 0) &&
                  CPDuplicateHash(context, hash, nullptr, 0, &copy));
-             destroyKey(key)();
              destroyHash(hash)();
              return destroyHash(copy);
          }},
-        {"CPDeriveKey",
+        {kKey, "CPDeriveKey",
          [&] {
              const HCRYPTHASH hash = createHash(CALG_SHA_256, 0);
              HCRYPTKEY key = 0;
@@ -368,10 +308,10 @@ TEST_F(SecretsTest, NoKeyAndNoPlaintextStaysInMemory) {
              destroyHash(hash)();
              return destroyKey(key);
          }},
-        {"KeyDataBlob", [&] { return freeCngKey(importCngKey(L"KeyDataBlob")); }},
-        {"OpaqueKeyBlob", [&] { return freeCngKey(importCngKey(L"OpaqueKeyBlob")); }},
-        {"OpaqueTransport", [&] { return freeCngKey(importCngKey(L"OpaqueTransport")); }},
-        {"KSPSecretAgreement and KSPDeriveKey",
+        {kKey, "KeyDataBlob", [&] { return freeCngKey(importCngKey(L"KeyDataBlob")); }},
+        {kKey, "OpaqueKeyBlob", [&] { return freeCngKey(importCngKey(L"OpaqueKeyBlob")); }},
+        {kKey, "OpaqueTransport", [&] { return freeCngKey(importCngKey(L"OpaqueTransport")); }},
+        {kKey, "KSPSecretAgreement and KSPDeriveKey",
          [&]() -> Release {
              NCRYPT_SECRET_HANDLE secret = 0;
              EXPECT_EQ(KSPSecretAgreement(provider, cngEcKey, cngEcKey, &secret, 0), 0);
@@ -380,19 +320,23 @@ TEST_F(SecretsTest, NoKeyAndNoPlaintextStaysInMemory) {
              EXPECT_EQ(KSPDeriveKey(provider, secret, L"HASH", nullptr, key.data(), kLength, &length, 0), 0);
              return [this, secret] { EXPECT_EQ(KSPFreeSecret(provider, secret), 0); };
          }},
-        {"CPDecrypt, KSPDecrypt, CPEncrypt, and no room for the answer",
+        {kKey, "CPDecrypt, KSPDecrypt, CPEncrypt, and no room for the answer",
          [&] {
              const HCRYPTKEY key = importKey(SIMPLEBLOB, false);
              const NCRYPT_KEY_HANDLE cngKey = importCngKey(L"KeyDataBlob");
              library.repeats = 50;
+             SecretBytes<kRoom> data;
              for (const DWORD room : {kRoom, DWORD{16}}) {
-                 for (const HCRYPTKEY one : {rsaKey, key})
-                     decrypt(one, room);
-                 for (const NCRYPT_KEY_HANDLE one : {cngRsaKey, cngKey})
-                     decryptWithCng(one, room);
-                 SecretBytes<kRoom> data;
-                 kKey.copyTo(data.data());
+                 for (const HCRYPTKEY one : {rsaKey, key}) {
+                     DWORD length = room;
+                     CPDecrypt(context, one, 0, TRUE, CRYPT_OAEP, data.data(), &length);
+                 }
                  DWORD length = kLength;
+                 for (const NCRYPT_KEY_HANDLE one : {cngRsaKey, cngKey})
+                     KSPDecrypt(provider, one, data.data(), kRoom, nullptr, data.data(), room, &length,
+                                kPadPkcs1Flag);
+                 length = kLength;
+                 kKey.copyTo(data.data());
                  CPEncrypt(context, key, 0, TRUE, 0, data.data(), &length, room);
              }
              library.repeats = 1;
@@ -400,15 +344,54 @@ TEST_F(SecretsTest, NoKeyAndNoPlaintextStaysInMemory) {
              freeCngKey(cngKey)();
              return nullptr;
          }},
+        {kPin, "CPSetProvParam, for signatures", [&] { return setInCryptoApi(PP_SIGNATURE_PIN); }},
+        {kPin, "CPSetProvParam, for decryption", [&] { return setInCryptoApi(PP_KEYEXCHANGE_PIN); }},
+        {kPin, "KSPSetProviderProperty", setInCng},
+        {kPin, "KSPSetKeyProperty",
+         [&] {
+             givePin([&](BYTE* pin) {
+                 KSPSetKeyProperty(provider, cngRsaKey, L"SmartCardPin", pin, kLength, 0);
+             });
+             return forget;
+         }},
+        {kPin, "dialog, Login",
+         [&] {
+             typePinAndPress(IDOK);
+             return forget;
+         }},
+        {kPin, "dialog, Cancel and closed, and a PIN that the token refuses",
+         [&] {
+             typePinAndPress(IDCANCEL);
+             typePinAndPress(0);
+             library.pinAnswer = kWrongPin;
+             setInCryptoApi(PP_SIGNATURE_PIN);
+             setInCng();
+             typePinAndPress(IDOK);
+             library.pinAnswer = kDeviceOk;
+             return nullptr;
+         }},
     };
-    ASSERT_FALSE(kKey.isInMemory());
     for (const Way& way : kWays) {
         SCOPED_TRACE(way.name);
-        const Release release = way.use();
-        expectGoneAfter(kKey, release != nullptr, [&] {
-            if (release) release();
-        });
+        EXPECT_FALSE(way.secret.isInMemory()) << "before";
+        if (const Release release = way.use()) {
+            EXPECT_TRUE(way.secret.isInMemory()) << "nothing to be released";
+            release();
+        }
+        EXPECT_FALSE(way.secret.isInMemory());
     }
+    expectNoPinInLog();
+}
+
+TEST_F(SecretsTest, APulledTokensPinIsGone) {
+    givePin([&](BYTE* pin) { CPSetProvParam(context, PP_SIGNATURE_PIN, pin, 0); });
+    EXPECT_TRUE(kPin.isInMemory());
+    library.connected = false; // which the monitor sees within a second
+    for (int i = 0; i < 500 && isPinValidated(kSerial); ++i)
+        Sleep(10);
+    EXPECT_FALSE(kPin.isInMemory());
+
+    expectNoPinInLog();
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "softtoken_test.h"
 
+#include <set>
 #include <tuple>
 #include <type_traits>
 
@@ -15,15 +16,14 @@ TEST_F(SoftTokenTest, OnlyNamesOfTokensAreSerials) {
               (std::vector<std::string>{"A-token_1.x", kSerial}));
     const std::string outside = "..\\" + home_.filename().string() + "\\" + kSerial;
     for (const std::string& serial :
-         {std::string(), std::string("t1"), std::string("."), std::string(".."), outside, std::string("./T1"),
-          std::string("T1."), std::string("T1:x"), std::string("NUL"), std::string("com1.txt"),
-          std::string("empty"), std::string(100'000, 'T'), std::string("T1\xFF")}) {
+         std::initializer_list<std::string>{"", "t1", ".", "..", outside, "./T1", "T1.", "T1:x", "NUL",
+                                            "com1.txt", "empty", std::string(100'000, 'T'), "T1\xFF"}) {
         SCOPED_TRACE(serial.substr(0, 80));
         expectRefusals({veltra_initDevice(serial.c_str(), false, nullptr)});
         EXPECT_TRUE(veltra_getTokenInfo(serial.c_str(), nullptr).model.empty());
         EXPECT_TRUE(veltra_getKeyPairList(serial.c_str(), nullptr).empty());
         if (serial != "t1" && serial != "empty") {
-            EXPECT_EQ(codeOf([&] { create(serial.c_str()); }), static_cast<int>(Failure::BadArgument));
+            EXPECT_EQ(failureOf([&] { create(serial.c_str()); }), Failure::BadArgument);
         }
     }
 }
@@ -58,7 +58,7 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
     ASSERT_EQ(logIn(), 0);
     const VeltraKeyPair key = generate(kKeyTypeEcP256);
     const VeltraKeyPair rsa = generate(kKeyTypeRsa2048, kUsageEncrypt);
-    const Bytes der = rsaKeyDer(rsa);
+    const Bytes der = rsaKeyDer(publicKeyOf(rsa));
     const Bytes hash = hashOf(32);
     Bytes signature;
     ASSERT_EQ(sign(key, 32, signature), 0);
@@ -106,17 +106,16 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
     const auto signSome = [&](int hashLength, int* capacity) {
         return veltra_signHash(kSerial, id, kPin, bytes, hashLength, bytes, capacity, false, nullptr, false);
     };
-    expectRefusals(
-        {signSome(0, &length), signSome(33, &length), signSome(32, &negative),
-         veltra_finalHash(state, bytes, &negative, nullptr), veltra_updateHash(&state, bytes, 1, nullptr),
-         veltra_finalHash(&state, bytes, &length, nullptr), veltra_initHash("", 1, &other, nullptr),
-         veltra_importCertificate("T9", kPin, &certificate, nullptr),
-         veltra_generateRamdomNumber("", 1, bytes, false, nullptr),
-         veltra_ecdhDerive("T9", id, kPin, key.publicKey, 65, &out.data, &out.length, nullptr),
-         veltra_encrypt_aes("T9", kEcb, bytes, 16, bytes, 16, &out.data, &out.length, false, nullptr, 0,
-                            nullptr, 0, nullptr),
-         veltra_decryptSymetric("T9", bytes, 32, bytes, &length, bytes, 16, bytes, 16, nullptr),
-         veltra_decryptSymetric("", bytes, 32, bytes, &negative, bytes, 16, bytes, 16, nullptr)});
+    // No such hash, no such token, and negative capacities.
+    expectRefusals({signSome(0, &length), signSome(33, &length), signSome(32, &negative),
+                    veltra_finalHash(state, bytes, &negative, nullptr),
+                    veltra_updateHash(&state, bytes, 1, nullptr), veltra_initHash("", 1, &other, nullptr),
+                    veltra_initHash("T9", kMechanismSha256, &other, nullptr),
+                    veltra_generateRamdomNumber("", 1, bytes, false, nullptr),
+                    veltra_encrypt_aes("T9", kEcb, bytes, 16, bytes, 16, &out.data, &out.length, false,
+                                       nullptr, 0, nullptr, 0, nullptr),
+                    veltra_decryptSymetric("T9", bytes, 32, bytes, &length, bytes, 16, bytes, 16, nullptr),
+                    veltra_decryptSymetric("", bytes, 32, bytes, &negative, bytes, 16, bytes, 16, nullptr)});
     EXPECT_TRUE(out.isEmpty());
     EXPECT_EQ(veltra_finalHash(state, bytes, &length, nullptr), 0);
     EXPECT_TRUE(veltra_getKeyPairList(nullptr, nullptr).empty() &&
@@ -128,13 +127,11 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
 }
 
 TEST_F(SoftTokenTest, RandomNumbersFillExactlyTheBuffer) {
-    for (const bool software : {false, true}) {
-        Bytes buffers[2] = {Bytes(34, 0xAA), Bytes(34, 0xAA)};
-        for (Bytes& buffer : buffers) {
-            ASSERT_EQ(veltra_generateRamdomNumber(kSerial, 32, buffer.data() + 1, software, nullptr), 0);
-            EXPECT_TRUE(buffer.front() == 0xAA && buffer.back() == 0xAA);
-        }
-        EXPECT_NE(buffers[0], buffers[1]);
+    std::set<Bytes> all;
+    for (const bool software : {false, true, false, true}) {
+        Bytes buffer(18, 0xAA);
+        ASSERT_EQ(veltra_generateRamdomNumber(kSerial, 16, buffer.data() + 1, software, nullptr), 0);
+        EXPECT_TRUE(buffer.front() == 0xAA && buffer.back() == 0xAA && all.insert(buffer).second);
     }
 }
 

@@ -1,15 +1,13 @@
 #include "softtoken_test.h"
 
-#include <algorithm>
-#include <cstring>
 #include <thread>
 
 namespace veltra::softtoken::test {
 
 TEST_F(SoftTokenTest, EveryKeyTypeSignsAndVerifiesEveryHash) {
     struct {
-        std::uint32_t requested, type, publicKeyLength;
-        int signatureLength;
+        std::uint32_t requested, type;
+        std::size_t publicKeyLength, signatureLength;
     } const cases[] = {{0, 2, 256, 256}, {5, 5, 65, 64}, {6, 6, 97, 96}, {7, 7, 133, 132}};
     ASSERT_EQ(logIn(), 0);
     const auto setFips = [](FipsGeneration fips) { change([=](TokenDescription& it) { it.fips = fips; }); };
@@ -28,7 +26,7 @@ TEST_F(SoftTokenTest, EveryKeyTypeSignsAndVerifiesEveryHash) {
                 // MD5 and SHA-1 together: PKCS#1 v1.5 only
                 ASSERT_EQ(result == 0, hashLength != 36 || (isRsa && !pss));
                 if (result != 0) continue;
-                ASSERT_EQ(lengthOf(signature), it.signatureLength);
+                ASSERT_EQ(signature.size(), it.signatureLength);
                 EXPECT_EQ(verify(key, hashLength, signature, pss), 0);
                 // ECDSA takes no more of a hash than the curve's length, and knows one scheme.
                 if (isRsa)
@@ -43,10 +41,9 @@ TEST_F(SoftTokenTest, EveryKeyTypeSignsAndVerifiesEveryHash) {
             }
         }
         Bytes out(512, 0xAA);
-        int length = it.signatureLength - 1;
+        int length = static_cast<int>(it.signatureLength) - 1;
         expectRefusals({veltra_signHash(kSerial, key.keyId, kPin, hashOf(32).data(), 32, out.data(), &length,
                                         false, nullptr, false)});
-        EXPECT_EQ(length, it.signatureLength - 1);
         EXPECT_EQ(out, Bytes(512, 0xAA)) << "a buffer that is too small is left alone";
     }
 }
@@ -61,18 +58,18 @@ TEST_F(SoftTokenTest, KeysAreListedInOrderRenamedAndDeletedOneByOne) {
         made.push_back(generate(type, kUsageBoth));
     EXPECT_EQ(made[0].usage, kUsageBoth);
     EXPECT_EQ(made[0].credentialIdLength, kKeyIdLength);
-    EXPECT_EQ(std::memcmp(made[0].credentialId, made[0].keyId, kKeyIdLength), 0);
+    EXPECT_EQ(toHex({made[0].credentialId, kKeyIdLength}), toHex(made[0].keyId));
     EXPECT_EQ(std::string(made[0].label), "Key-" + toHex(made[0].keyId).substr(0, 8));
 
     const std::string longest(kLabelMaxLength, 'x');
     const auto rename = [&](const VeltraKeyPair& key, const std::string& label) {
         return veltra_updateKeyPairDetails(kSerial, key.keyId, kPin, label.c_str(), nullptr, 0, nullptr);
     };
-    EXPECT_EQ(rename(made[1], longest), 0);
-    std::ranges::copy(longest, made[1].label);
     const auto remove = [&](const VeltraKeyPair& key) {
         return veltra_deleteKeyPair(kSerial, key.keyId, kPin, false, nullptr);
     };
+    EXPECT_EQ(rename(made[1], longest), 0);
+    std::ranges::copy(longest, made[1].label);
     EXPECT_EQ(remove(made[0]), 0);
     expectRefusals({rename(made[1], longest + "x"), remove(made[0]), sign(made[0])});
     made.erase(made.begin());
@@ -96,36 +93,26 @@ TEST_F(SoftTokenTest, AListStaysAsItIsWhileOtherThreadsAskForTheirs) {
     EXPECT_EQ(mine.size(), 1u);
 }
 
-TEST_F(SoftTokenTest, HashesAreThoseOfTheStandard) {
-    struct {
-        int mechanism;
-        std::size_t length;
-        const char* digest; // how that of "abc" begins, FIPS 180-4 examples
-    } const cases[] = {{kMechanismSha1, 20, "A9993E364706816ABA3E25717850C26C"},
-                       {kMechanismSha224, 28, "23097D223405D8228642A477BDA255B3"},
-                       {kMechanismSha256, 32, "BA7816BF8F01CFEA414140DE5DAE2223"},
-                       {kMechanismSha384, 48, "CB00753F45A35E8BB5A03D699AC65007"},
-                       {kMechanismSha512, 64, "DDAF35A193617ABACC417349AE204131"}};
-    const Bytes message = {'a', 'b', 'c'};
-    for (const auto& it : cases) {
-        for (const char* serial : {"", kSerial}) {
-            void* hash = nullptr;
-            ASSERT_EQ(veltra_initHash(serial, it.mechanism, &hash, nullptr), 0);
-            EXPECT_EQ(veltra_updateHash(hash, message.data(), 1, nullptr), 0);
-            EXPECT_EQ(veltra_updateHash(hash, message.data() + 1, 2, nullptr), 0);
-            Bytes digest(64);
-            int length = 19;
-            expectRefusals({veltra_finalHash(hash, digest.data(), &length, nullptr)});
-            length = 64;
-            ASSERT_EQ(veltra_finalHash(hash, digest.data(), &length, nullptr), 0);
-            EXPECT_EQ(length, static_cast<int>(it.length));
-            EXPECT_EQ(toHex(BytesView(digest).first(16)), it.digest);
-            void* another = nullptr;
-            ASSERT_EQ(veltra_initHash(serial, it.mechanism, &another, nullptr), 0);
-            expectRefusals({veltra_updateHash(hash, message.data(), 1, nullptr),
-                            veltra_finalHash(hash, digest.data(), &length, nullptr)});
-            EXPECT_EQ(veltra_finalHash(another, digest.data(), &length, nullptr), 0);
-        }
+TEST_F(SoftTokenTest, AHashIsFinishedOnceAndThoseOfTheStandardAreRight) {
+    // The mechanism and how the digest of "abc" begins, FIPS 180-4 examples.
+    for (const auto& [mechanism, expected] : {std::pair(kMechanismSha1, "A9993E364706816A"),
+                                              {kMechanismSha224, "23097D223405D822"},
+                                              {kMechanismSha256, "BA7816BF8F01CFEA"},
+                                              {kMechanismSha384, "CB00753F45A35E8B"},
+                                              {kMechanismSha512, "DDAF35A193617ABA"}}) {
+        Bytes data = {'a', 'b', 'c'};
+        Bytes digest(64);
+        void* hash = nullptr;
+        ASSERT_EQ(veltra_initHash(kSerial, mechanism, &hash, nullptr), 0);
+        for (const unsigned char& byte : data)
+            EXPECT_EQ(veltra_updateHash(hash, &byte, 1, nullptr), 0);
+        int length = 19;
+        expectRefusals({veltra_finalHash(hash, digest.data(), &length, nullptr)});
+        length = 64;
+        ASSERT_EQ(veltra_finalHash(hash, digest.data(), &length, nullptr), 0);
+        EXPECT_EQ(toHex(digest).substr(0, 16), expected);
+        expectRefusals({veltra_updateHash(hash, data.data(), 1, nullptr),
+                        veltra_finalHash(hash, digest.data(), &length, nullptr)});
     }
 }
 

@@ -5,8 +5,6 @@
 #include "sealed_data.h"
 #include "unit/test_certificates.h"
 
-#include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
@@ -52,10 +50,6 @@ void expectRefusals(std::initializer_list<int> results) {
     }
 }
 
-LibraryOutput::~LibraryOutput() {
-    std::free(data);
-}
-
 SoftTokenTest::SoftTokenTest()
     : home_(fs::temp_directory_path() / ("softtoken-" + toHex(randomBytes(8)))),
       root_(fromBase64(veltra::test::kRootCertificate)), leaf_(fromBase64(veltra::test::kLeafCertificate)) {
@@ -80,20 +74,14 @@ void SoftTokenTest::create(const char* serial, std::uint32_t attempts) {
     const std::uint64_t cost = 1024;
     const Expression sealed =
         seal(deriveKeyFromPin(kPin, salt, cost), token.description().tokenId, randomBytes(kSealingKeyLength));
-    for (const char* file : {"pin", "pin.copy"}) {
-        writeRecord(token.path() / file,
-                    Expression::build("(pin %S %S %S %S)", Expression::field("attempts", attempts).get(),
-                                      Expression::field("salt", salt).get(),
-                                      Expression::field("cost", cost).get(), sealed.get()),
-                    Overwrite::Allowed);
-    }
+    const Expression record = Expression::build(
+        "(pin %S %S %S %S)", Expression::field("attempts", attempts).get(),
+        Expression::field("salt", salt).get(), Expression::field("cost", cost).get(), sealed.get());
+    for (const char* file : {"pin", "pin.copy"})
+        writeRecord(token.path() / file, record, Overwrite::Allowed);
 }
 
-int SoftTokenTest::logIn(const char* pin, int* remaining) const {
-    return veltra_validatePassword(kSerial, pin, 1, remaining, nullptr);
-}
-
-VeltraKeyPair SoftTokenTest::generate(std::uint32_t keyType, std::uint32_t usage) const {
+VeltraKeyPair SoftTokenTest::generate(std::uint32_t keyType, std::uint32_t usage) {
     VeltraKeyPair record{};
     record.keyType = keyType;
     record.usage = usage;
@@ -102,7 +90,7 @@ VeltraKeyPair SoftTokenTest::generate(std::uint32_t keyType, std::uint32_t usage
 }
 
 int SoftTokenTest::sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes& signature, bool pss,
-                        const char* pin) const {
+                        const char* pin) {
     signature.assign(512, 0);
     int length = lengthOf(signature);
     const int result =
@@ -112,41 +100,12 @@ int SoftTokenTest::sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes&
     return result;
 }
 
-int SoftTokenTest::sign(const VeltraKeyPair& key, const char* pin) const {
-    Bytes signature;
-    return sign(key, 32, signature, false, pin);
-}
-
 int SoftTokenTest::verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature,
-                          bool pss) const {
-    const Bytes publicKey = key.keyType == kKeyTypeRsa2048 ? rsaKeyDer(key) : publicKeyOf(key);
+                          bool pss) {
+    const Bytes publicKey = key.keyType == kKeyTypeRsa2048 ? rsaKeyDer(publicKeyOf(key)) : publicKeyOf(key);
     return veltra_verifySignatureHash(key.keyType, "", hashOf(hashLength).data(),
                                       static_cast<int>(hashLength), publicKey.data(), lengthOf(publicKey),
                                       signature.data(), lengthOf(signature), nullptr, pss);
-}
-
-VeltraSymmetricKey SoftTokenTest::aesRecord(const Bytes& material) {
-    VeltraSymmetricKey record{};
-    std::ranges::copy(material, record.key);
-    record.keyLength = static_cast<std::uint32_t>(material.size());
-    return record;
-}
-
-VeltraCertificate SoftTokenTest::certificateRecord(const Bytes& der, unsigned char keyIdByte) {
-    VeltraCertificate record{};
-    std::ranges::copy(der, record.der);
-    record.derLength = static_cast<std::uint32_t>(der.size());
-    std::ranges::fill(record.keyId, keyIdByte);
-    return record;
-}
-
-Bytes SoftTokenTest::publicKeyOf(const VeltraKeyPair& key) {
-    return {key.publicKey, key.publicKey + key.publicKeyLength};
-}
-
-Bytes SoftTokenTest::rsaKeyDer(const VeltraKeyPair& key) {
-    return fromHex("30820122300D06092A864886F70D01010105000382010F003082010A0282010100" +
-                   toHex(publicKeyOf(key)) + "0203010001");
 }
 
 Bytes SoftTokenTest::hashOf(std::size_t length) {

@@ -5,8 +5,9 @@
 #include "foundation/device_library_contract.h"
 #include "token_store.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string_view>
 #include <vector>
 
@@ -25,18 +26,20 @@ inline int lengthOf(BytesView bytes) {
 /// Of an even number of hexadecimal digits.
 Bytes fromHex(std::string_view text);
 Bytes fromBase64(const char* text);
-Bytes contentOf(const std::filesystem::path& path);
-void store(const std::filesystem::path& path, BytesView content);
+Bytes contentOf(const fs::path& path);
+void store(const fs::path& path, BytesView content);
 std::uint32_t attemptsOnDisk(const char* serial = kSerial);
 
-/// The failure of a call of the core library; 0 for success.
+constexpr Failure kNoFailure{};
+
+/// The failure of a call of the core library, if it fails.
 template <class Call>
-int codeOf(Call call) {
+Failure failureOf(Call call) {
     try {
         call();
-        return 0;
+        return kNoFailure;
     } catch (const TokenError& error) {
-        return static_cast<int>(error.failure());
+        return error.failure();
     }
 }
 
@@ -60,7 +63,7 @@ struct LibraryOutput {
     LibraryOutput() = default;
     LibraryOutput(const LibraryOutput&) = delete;
     LibraryOutput& operator=(const LibraryOutput&) = delete;
-    ~LibraryOutput();
+    ~LibraryOutput() { std::free(data); }
 
     [[nodiscard]] Bytes bytes() const { return {data, data + length}; }
     [[nodiscard]] bool isEmpty() const { return data == nullptr && length == 0; }
@@ -82,28 +85,48 @@ protected:
         token.saveDescription(description);
     }
 
-    /// veltra_validatePassword of kSerial.
-    int logIn(const char* pin = kPin, int* remaining = nullptr) const;
+    static int logIn(const char* pin = kPin, int* remaining = nullptr) {
+        return veltra_validatePassword(kSerial, pin, 1, remaining, nullptr);
+    }
     /// A generated key of kSerial; fails the test when there is none.
-    [[nodiscard]] VeltraKeyPair generate(std::uint32_t keyType, std::uint32_t usage = kUsageSign) const;
+    static VeltraKeyPair generate(std::uint32_t keyType, std::uint32_t usage = kUsageSign);
     /// veltra_signHash of kSerial over `hashLength` bytes; fills `signature` when it succeeds.
-    int sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes& signature, bool pss = false,
-             const char* pin = kPin) const;
-    int sign(const VeltraKeyPair& key, const char* pin = kPin) const;
+    static int sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes& signature, bool pss = false,
+                    const char* pin = kPin);
+    static int sign(const VeltraKeyPair& key, const char* pin = kPin) {
+        Bytes signature;
+        return sign(key, 32, signature, false, pin);
+    }
     /// veltra_verifySignatureHash over the same hash as sign().
-    [[nodiscard]] int verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature,
-                             bool pss = false) const;
-    /// A record for veltra_importAesKey.
-    static VeltraSymmetricKey aesRecord(const Bytes& material);
-    /// A record for veltra_importCertificate, whose key identifier is `keyIdByte` repeated.
-    static VeltraCertificate certificateRecord(const Bytes& der, unsigned char keyIdByte);
+    static int verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature, bool pss);
 
-    static Bytes publicKeyOf(const VeltraKeyPair& key);
+    /// A record for veltra_importAesKey.
+    static VeltraSymmetricKey aesRecord(const Bytes& material) {
+        VeltraSymmetricKey record{};
+        std::ranges::copy(material, record.key);
+        record.keyLength = static_cast<std::uint32_t>(material.size());
+        return record;
+    }
+    /// A record for veltra_importCertificate, whose key identifier is `keyIdByte` repeated.
+    static VeltraCertificate certificateRecord(const Bytes& der, unsigned char keyIdByte) {
+        VeltraCertificate record{};
+        std::ranges::copy(der, record.der);
+        record.derLength = static_cast<std::uint32_t>(der.size());
+        std::ranges::fill(record.keyId, keyIdByte);
+        return record;
+    }
+
+    static Bytes publicKeyOf(const VeltraKeyPair& key) {
+        return {key.publicKey, key.publicKey + key.publicKeyLength};
+    }
     /// SubjectPublicKeyInfo of an RSA-2048 key with exponent 65537.
-    static Bytes rsaKeyDer(const VeltraKeyPair& key);
+    static Bytes rsaKeyDer(BytesView modulus) {
+        return fromHex("30820122300D06092A864886F70D01010105000382010F003082010A0282010100" + toHex(modulus) +
+                       "0203010001");
+    }
     static Bytes hashOf(std::size_t length);
 
-    std::filesystem::path home_;
+    fs::path home_;
     Bytes root_, leaf_; ///< DER of two certificates
 };
 

@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cstring>
 #include <map>
-#include <set>
 #include <thread>
 
 // The import table's entries of this program, through which the core library reaches the system.
@@ -22,8 +21,6 @@ extern decltype(&MoveFileExW) __imp_MoveFileExW;
 }
 
 namespace veltra::softtoken::test {
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -67,9 +64,8 @@ private:
         return proceed("flush") ? failing_ == 0 || realFlush_(file) : FALSE;
     }
     static BOOL WINAPI move(const wchar_t* from, const wchar_t* to, DWORD flags) {
-        return proceed((flags & MOVEFILE_WRITE_THROUGH) != 0 ? "move and flush" : "move")
-                   ? realMove_(from, to, flags)
-                   : FALSE;
+        const bool flushes = (flags & MOVEFILE_WRITE_THROUGH) != 0;
+        return proceed(flushes ? "move and flush" : "move") ? realMove_(from, to, flags) : FALSE;
     }
 
     static inline std::size_t failing_;
@@ -87,41 +83,35 @@ std::optional<std::uint64_t> readNumber(const fs::path& path) {
     return readRecord(path, "number", [](const Expression& record) { return record.number("value"); });
 }
 
+std::string folderOf(const fs::path& file) {
+    return file.parent_path().filename().string();
+}
+
+/// The kind of the record in a file of a token.
+std::string kindOf(const fs::path& file) {
+    if (file.extension() == ".key") return folderOf(file) == "keys" ? "key-pair" : "aes-key";
+    return file.extension() == ".certificate" ? "certificate" : file.stem().string();
+}
+
 constexpr const char* kFolder = "replaced by a folder";
-const std::string kDamages[] = {
+constexpr const char* kDamages[] = {
     "empty", "cut", "continued", "oversized", "bit flipped", "of another kind", "without fields", kFolder};
 
-std::string reported;
-
-/// What the core library reports, as long as it lives.
-struct Reports {
-    Reports() {
-        setReporter([](const char* line) { reported += std::string(line) + "\n"; });
+/// The content of a file of a token with this damage.
+Bytes damaged(const fs::path& file, const std::string& damage) {
+    Bytes content = contentOf(file);
+    if (damage == "empty" || damage == kFolder) return {};
+    if (damage == "cut") content.resize(content.size() / 2);
+    if (damage == "continued") content.push_back(' ');
+    if (damage == "oversized") content.assign(100'000, '(');
+    if (damage == "bit flipped") content[content.size() * 2 / 3] ^= 0x01;
+    if (damage == "of another kind" || damage == "without fields") {
+        const std::string kind = damage == "without fields" ? kindOf(file) : "other";
+        const fs::path scratch = homeFolder() / "scratch";
+        writeRecord(scratch, Expression::build(("(" + kind + " (x y))").c_str()), Overwrite::Allowed);
+        content = contentOf(scratch);
     }
-    ~Reports() {
-        setReporter([](const char*) {});
-    }
-};
-
-/// What may become of a file with this content, which is a record of `kind`; the last is a folder in its
-/// place.
-std::map<std::string, Bytes> damagesOf(const Bytes& content, const char* kind, const Bytes& ofAnotherKind) {
-    const auto half = content.begin() + static_cast<std::ptrdiff_t>(content.size() / 2);
-    Bytes longer = content;
-    longer.push_back(' ');
-    Bytes flipped = content;
-    flipped[content.size() * 2 / 3] ^= 0x01;
-    const fs::path scratch = homeFolder() / "scratch";
-    writeRecord(scratch, Expression::build((std::string("(") + kind + " (x y))").c_str()),
-                Overwrite::Allowed);
-    return {{"empty", {}},
-            {"cut", {content.begin(), half}},
-            {"continued", longer},
-            {"oversized", Bytes(100'000, '(')},
-            {"bit flipped", flipped},
-            {"of another kind", ofAnotherKind},
-            {"without fields", contentOf(scratch)},
-            {kFolder, {}}};
+    return content;
 }
 
 } // namespace
@@ -132,9 +122,9 @@ TEST_F(SoftTokenTest, AFileIsReplacedAsAWholeAndFlushedOrNotAtAll) {
     writeRecord(folder / "record", numberRecord(1), Overwrite::Allowed);
     for (std::size_t failing = 1; failing <= 4; ++failing) {
         const WatchedCalls calls(failing);
-        const int code =
-            codeOf([&] { writeRecord(folder / "record", numberRecord(failing), Overwrite::Allowed); });
-        EXPECT_EQ(code, failing == 4 ? 0 : static_cast<int>(Failure::Storage));
+        const Failure code =
+            failureOf([&] { writeRecord(folder / "record", numberRecord(failing), Overwrite::Allowed); });
+        EXPECT_EQ(code, failing == 4 ? kNoFailure : Failure::Storage);
         EXPECT_EQ(readNumber(folder / "record"), failing == 4 ? 4u : 1u);
         EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 1) << "a temporary file is left";
     }
@@ -153,8 +143,8 @@ TEST_F(SoftTokenTest, AFileIsReplacedAsAWholeAndFlushedOrNotAtAll) {
         writeRecord(folder / "record", numberRecord(number), Overwrite::Allowed);
     done = true;
     reader.join();
-    EXPECT_EQ(codeOf([&] { writeRecord(folder / "record", numberRecord(0), Overwrite::Refused); }),
-              static_cast<int>(Failure::AlreadyExists));
+    EXPECT_EQ(failureOf([&] { writeRecord(folder / "record", numberRecord(0), Overwrite::Refused); }),
+              Failure::AlreadyExists);
     EXPECT_EQ(readNumber(folder / "record"), 29u);
 }
 
@@ -168,16 +158,17 @@ TEST_F(SoftTokenTest, WhatAKilledProcessLeftBehindIsClearedAway) {
     create("T2");
     deleteToken(TokenFolder(kSerial));
     EXPECT_EQ(listTokens().size(), 1u);
-    std::set<std::string> names;
+    std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(home_))
-        names.insert(entry.path().filename().string());
-    EXPECT_EQ(names, (std::set<std::string>{".locks", "T2"}));
+        names.push_back(entry.path().filename().string());
+    EXPECT_THAT(names, testing::UnorderedElementsAre(".locks", "T2"));
 }
 
 /// A token with two objects of each kind, used through the core library.
 class DamageTest : public SoftTokenTest {
 protected:
     DamageTest() {
+        setReporter([](const char* line) { reported_ += std::string(line) + "\n"; });
         open();
         for (unsigned char i = 1; i <= 2; ++i) {
             VeltraKeyPair key{};
@@ -190,60 +181,56 @@ protected:
         }
         softtoken::logIn(kSerial, kPin, 600, attempts_);
     }
+    ~DamageTest() override {
+        setReporter([](const char*) {});
+    }
 
     void open() { validatePin(kSerial, kPin, attempts_); }
 
-    /// The paths of files and the kinds of their records.
-    using Files = std::map<fs::path, const char*>;
-
     /// Everything that can be done with what is there, and the attempts to change what is damaged.
-    void useToken(const Files& damaged) {
+    void useToken(const std::vector<fs::path>& damaged) {
         EXPECT_EQ(connectedSerials(), std::vector<std::string>{kSerial});
         static_cast<void>(tokenInfo(kSerial));
-        EXPECT_EQ(codeOf([&] { validatePin(kSerial, kWrongPin, attempts_); }),
-                  static_cast<int>(Failure::WrongPin));
+        EXPECT_EQ(failureOf([&] { validatePin(kSerial, kWrongPin, attempts_); }), Failure::WrongPin);
         EXPECT_EQ(attempts_, kDefaultAttempts - 1);
         open();
         EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts);
+        const TokenFolder token(kSerial);
+        PinVault(token.path()).change(token.description().tokenId, kPin, kOtherPin);
+        EXPECT_EQ(failureOf([&] { open(); }), Failure::WrongPin);
+        validatePin(kSerial, kOtherPin, attempts_);
         std::map<std::string, std::size_t> left{{"keys", 2}, {"aes-keys", 2}, {"certificates", 2}};
-        for (const auto& [file, kind] : damaged)
-            --left[file.parent_path().filename().string()];
+        for (const fs::path& file : damaged)
+            --left[folderOf(file)];
         const auto keys = keyPairs(kSerial);
         EXPECT_EQ(keys.size(), left["keys"]);
         for (const VeltraKeyPair& key : keys) {
-            EXPECT_EQ(softtoken::sign(kSerial, key.keyId, kPin, Bytes(32), 64, SignatureScheme::Pkcs1).size(),
-                      64u);
-            renameKeyPair(kSerial, key.keyId, kPin, "renamed");
+            EXPECT_EQ(
+                softtoken::sign(kSerial, key.keyId, kOtherPin, Bytes(32), 64, SignatureScheme::Pkcs1).size(),
+                64u);
+            renameKeyPair(kSerial, key.keyId, kOtherPin, "renamed");
         }
-        const auto aesKeyList = aesKeys(kSerial);
-        EXPECT_EQ(aesKeyList.size(), left["aes-keys"]);
-        for (const VeltraSymmetricKey& key : aesKeyList)
+        const auto symmetricKeys = aesKeys(kSerial);
+        EXPECT_EQ(symmetricKeys.size(), left["aes-keys"]);
+        for (const VeltraSymmetricKey& key : symmetricKeys)
             EXPECT_EQ(unwrapWithTokenKey(kSerial, key.keyId, kWrapped)->size(), 16u);
         EXPECT_EQ(certificates(kSerial).size(), left["certificates"]);
-        for (const auto& [file, kind] : damaged) {
-            const std::string folder = file.parent_path().filename().string();
-            if (folder == "keys" || folder == "certificates")
-                changeDamaged(file.stem().string(), folder == "keys");
-        }
-        if (damaged.begin()->first.filename() == kSingleSignOnFile) return; // ends with unplugging
-        const TokenFolder token(kSerial);
-        PinVault(token.path()).change(token.description().tokenId, kPin, kPin);
+        for (const fs::path& file : damaged)
+            changeDamaged(file);
+        if (damaged.front().filename() == kSingleSignOnFile) return; // ends with unplugging
         setPlugged(token, false);
         setPlugged(token, true);
-        open();
+        validatePin(kSerial, kOtherPin, attempts_);
     }
 
-    void changeDamaged(const std::string& digits, bool isKey) {
-        const Bytes keyId = fromHex(digits);
-        if (isKey) {
-            EXPECT_NE(codeOf([&] { deleteKeyPair(kSerial, keyId, kPin); }), 0);
-            EXPECT_NE(codeOf([&] { renameKeyPair(kSerial, keyId, kPin, "x"); }), 0);
-            EXPECT_NE(
-                codeOf([&] { softtoken::sign(kSerial, keyId, kPin, Bytes(32), 64, SignatureScheme::Pss); }),
-                0);
-        } else {
-            VeltraCertificate record = certificateRecord(leaf_, keyId.front());
-            EXPECT_NE(codeOf([&] { importCertificate(kSerial, kPin, record); }), 0);
+    void changeDamaged(const fs::path& file) {
+        if (folderOf(file) == "keys") {
+            const Bytes keyId = fromHex(file.stem().string());
+            EXPECT_NE(failureOf([&] { deleteKeyPair(kSerial, keyId, kOtherPin); }), kNoFailure);
+            EXPECT_NE(failureOf([&] { renameKeyPair(kSerial, keyId, kOtherPin, "x"); }), kNoFailure);
+        } else if (folderOf(file) == "certificates") {
+            VeltraCertificate record = certificateRecord(leaf_, fromHex(file.stem().string()).front());
+            EXPECT_NE(failureOf([&] { importCertificate(kSerial, kOtherPin, record); }), kNoFailure);
         }
     }
 
@@ -251,45 +238,39 @@ protected:
     const Bytes kAesKey = fromHex("000102030405060708090A0B0C0D0E0F");
     const Bytes kWrapped = fromHex("1FA68B0A8112B447AEF34BD8FB5A7B829D3E862371D2CFE5");
     std::uint32_t attempts_ = 0;
-    Reports reports_;
+    static constexpr const char* kOtherPin = "another one";
+    static inline std::string reported_;
     WatchedCalls unflushed_{0};
 };
 
 TEST_F(DamageTest, ADamagedFileCostsItsObjectAndAMessageNeverTheTokenAndIsNotTouched) {
     const fs::path token = TokenFolder(kSerial).path();
     // Damaged at the same time; of what there are two, the other one is a witness.
-    Files groups[] = {
-        {{token / "token", "token"}, {token / "pin", "pin"}, {token / "retries", "retries"}},
-        {{token / "token.copy", "token"}, {token / "pin.copy", "pin"}, {token / "retries.copy", "retries"}},
-        {{token / kSingleSignOnFile, "session"}}};
-    for (const auto& [folder, kind] : {std::pair("keys", "key-pair"), std::pair("aes-keys", "aes-key"),
-                                       std::pair("certificates", "certificate")})
-        groups[0].emplace(*fs::directory_iterator(token / folder), kind);
+    const std::vector<fs::path> groups[] = {
+        {token / "token", token / "pin", token / "retries", *fs::directory_iterator(token / "keys"),
+         *fs::directory_iterator(token / "aes-keys"), *fs::directory_iterator(token / "certificates")},
+        {token / "token.copy", token / "pin.copy", token / "retries.copy"},
+        {token / kSingleSignOnFile}};
     const fs::path saved = home_ / ".saved";
     fs::copy(token, saved, fs::copy_options::recursive);
-    for (const Files& files : groups) {
-        for (const std::string& damage : kDamages) {
-            SCOPED_TRACE(files.begin()->first.filename().string() + " and others: " + damage);
-            std::map<fs::path, Bytes> damaged;
-            for (const auto& [file, kind] : files) {
-                const bool isCounter = std::strcmp(kind, "retries") == 0;
-                const Bytes ofAnotherKind = contentOf(saved / (isCounter ? "pin" : "retries"));
-                const Bytes content = damaged[file] =
-                    damagesOf(contentOf(file), kind, ofAnotherKind).at(damage);
+    for (const auto& files : groups) {
+        for (const char* damage : kDamages) {
+            SCOPED_TRACE(files.front().filename().string() + " and others: " + damage);
+            std::map<fs::path, Bytes> contents;
+            for (const fs::path& file : files) {
+                contents[file] = damaged(file, damage);
                 fs::remove(file);
                 if (damage == kFolder)
                     fs::create_directory(file);
                 else
-                    store(file, content);
+                    store(file, contents[file]);
             }
-            reported.clear();
+            reported_.clear();
             useToken(files);
-            for (const auto& [file, content] : damaged) {
-                EXPECT_NE(reported.find(file.filename().string() + " is damaged"), std::string::npos)
-                    << file.filename() << '\n'
-                    << reported;
+            for (const auto& [file, content] : contents) {
+                EXPECT_THAT(reported_, testing::HasSubstr(file.filename().string() + " is damaged"));
                 EXPECT_TRUE(contentOf(file) == content && fs::is_directory(file) == (damage == kFolder))
-                    << file.filename();
+                    << file;
             }
             fs::remove_all(token);
             fs::copy(saved, token, fs::copy_options::recursive);
@@ -303,32 +284,33 @@ TEST_F(DamageTest, CopiesOfObjectsUnderOtherNamesAndInOtherTokensAreUseless) {
     const fs::path file = TokenFolder(kSerial).path() / "keys" / (toHex(key.keyId) + ".key");
     fs::copy_file(file, file.parent_path() / (std::string(32, 'A') + ".key"));
     EXPECT_EQ(keyPairs(kSerial).size(), 2u);
-    EXPECT_NE(codeOf([&] { deleteKeyPair(kSerial, fromHex(std::string(32, 'A')), kPin); }), 0);
+    EXPECT_NE(failureOf([&] { deleteKeyPair(kSerial, fromHex(std::string(32, 'A')), kPin); }), kNoFailure);
 
     create("T2");
     validatePin("T2", kPin, attempts_);
     fs::copy_file(file, TokenFolder("T2").path() / "keys" / file.filename());
-    EXPECT_EQ(codeOf([&] { softtoken::sign("T2", key.keyId, kPin, Bytes(32), 64, SignatureScheme::Pkcs1); }),
-              static_cast<int>(Failure::Damaged));
+    EXPECT_EQ(
+        failureOf([&] { softtoken::sign("T2", key.keyId, kPin, Bytes(32), 64, SignatureScheme::Pkcs1); }),
+        Failure::Damaged);
 }
 
 TEST_F(DamageTest, AFolderThatIsAFileIsReported) {
     fs::remove_all(TokenFolder(kSerial).path() / "keys");
     store(TokenFolder(kSerial).path() / "keys", Bytes(3));
     EXPECT_TRUE(keyPairs(kSerial).empty());
-    EXPECT_NE(reported.find("keys cannot be read"), std::string::npos) << reported;
+    EXPECT_THAT(reported_, testing::HasSubstr("keys cannot be read"));
     EXPECT_EQ(aesKeys(kSerial).size(), 2u);
 }
 
 TEST_F(DamageTest, TheLowerOfTwoCountersOfAttemptsCountsAndWithoutBothNobodyGetsIn) {
     const fs::path retries = TokenFolder(kSerial).path() / "retries";
     const Bytes full = contentOf(retries);
-    EXPECT_NE(codeOf([&] { validatePin(kSerial, kWrongPin, attempts_); }), 0);
+    EXPECT_NE(failureOf([&] { validatePin(kSerial, kWrongPin, attempts_); }), kNoFailure);
     store(retries, full);
     EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts - 1);
     store(retries, {});
     store(copyOf(retries), {});
-    EXPECT_EQ(codeOf([&] { open(); }), static_cast<int>(Failure::Damaged));
+    EXPECT_EQ(failureOf([&] { open(); }), Failure::Damaged);
     EXPECT_TRUE(contentOf(retries).empty() && contentOf(copyOf(retries)).empty());
 }
 
@@ -345,10 +327,10 @@ TEST_F(DamageTest, KeysAreSealedWithTheirPurposeAndNothingSecretIsOnDisk) {
             EXPECT_TRUE(std::ranges::search(content, secret).empty()) << entry.path();
     }
     key.usage ^= 1;
-    EXPECT_EQ(codeOf([&] { openPrivateKey(key, master); }), static_cast<int>(Failure::Damaged));
+    EXPECT_EQ(failureOf([&] { openPrivateKey(key, master); }), Failure::Damaged);
     StoredAesKey aesKey = AesKeyStore(TokenFolder(kSerial)).list().front();
     aesKey.usage ^= 1;
-    EXPECT_EQ(codeOf([&] { openAesKey(aesKey, master); }), static_cast<int>(Failure::Damaged));
+    EXPECT_EQ(failureOf([&] { openAesKey(aesKey, master); }), Failure::Damaged);
 }
 
 } // namespace veltra::softtoken::test
