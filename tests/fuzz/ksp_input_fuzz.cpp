@@ -31,21 +31,17 @@ void importKey(FuzzedDataProvider& input) {
     const auto importKey = input.PickValueInArray<NCRYPT_KEY_HANDLE>({0, anyKey, kUntouched});
     const ExactText type(anyOf(input, kBlobNames));
     const ExactBytes blob(input.ConsumeRemainingBytes<unsigned char>());
-    NCRYPT_KEY_HANDLE key = kUntouched;
-    if (kspCall([&] {
-            return KSPImportKey(kspProvider(), importKey, type.get(), nullptr, &key, blob.data(), blob.size(),
-                                0);
-        })) {
-        useKspKey(key);
-        NCRYPT_SECRET_HANDLE secret = kUntouched;
-        if (kspCall([&] { return KSPSecretAgreement(kspProvider(), anyKey, key, &secret, 0); })) {
-            require(kspCall([&] { return KSPFreeSecret(kspProvider(), secret); }), "a secret is freed");
-        } else {
-            require(secret == kUntouched, "a failing agreement leaves the handle alone");
-        }
-        require(freeKey(key), "an imported key is freed");
-    } else {
-        require(key == kUntouched, "a failing import leaves the handle alone");
+    const auto key = handleOf(kspCall, [&](NCRYPT_KEY_HANDLE* out) {
+        return KSPImportKey(kspProvider(), importKey, type.get(), nullptr, out, blob.data(), blob.size(), 0);
+    });
+    if (key) {
+        useKspKey(*key);
+        const auto secret = handleOf(kspCall, [&](NCRYPT_SECRET_HANDLE* out) {
+            return KSPSecretAgreement(kspProvider(), anyKey, *key, out, 0);
+        });
+        if (secret)
+            require(kspCall([&] { return KSPFreeSecret(kspProvider(), *secret); }), "a secret is freed");
+        require(freeKey(*key), "an imported key is freed");
     }
     freeKey(anyKey);
 }
@@ -132,19 +128,14 @@ void setKeyProperty(FuzzedDataProvider& input) {
 
 std::vector<Bytes> propertySeeds() {
     std::vector<Bytes> seeds;
-    const auto wide = [](const char* text) {
-        const std::vector<WCHAR> characters = test::wideText(text);
-        const auto* first = reinterpret_cast<const unsigned char*>(characters.data());
-        return Bytes(first, first + 2 * characters.size());
-    };
     const std::array<Bytes, 7> values = {ScriptedDeviceLibrary::fakeCertificate("name", "CN=a", "CN=b"),
                                          {'1', '2', '3', '4', 0},
                                          counting(8),
                                          dwords({3072}),
                                          dwords({3}),
-                                         wide("ChainingModeECB"),
+                                         test::wideBytes("ChainingModeECB"),
                                          counting(16)};
-    for (BYTE name = 0; name < kPropertyNames.size(); ++name) {
+    for (BYTE name = 0; name < std::size(kPropertyNames); ++name) {
         const Bytes& value = values[std::min<std::size_t>(name, values.size() - 1)];
         for (const int keyType : {0, 1, 4, 7, 9}) {
             const auto length = static_cast<BYTE>(value.size());
@@ -183,12 +174,8 @@ struct ParameterList {
 };
 
 Bytes anyValue(FuzzedDataProvider& input) {
-    if (input.ConsumeBool()) {
-        return input.ConsumeBytes<unsigned char>(input.ConsumeIntegralInRange<std::size_t>(0, 40));
-    }
-    const std::vector<WCHAR> name = test::wideText(input.PickValueInArray(kKdfHashes).name);
-    const auto* first = reinterpret_cast<const unsigned char*>(name.data());
-    return {first, first + 2 * name.size()};
+    if (input.ConsumeBool()) return anyBytes(input, 40);
+    return test::wideBytes(input.PickValueInArray(kKdfHashes).name);
 }
 
 void addBuffer(FuzzedDataProvider& input, ParameterList& list) {
@@ -221,8 +208,7 @@ void deriveKey(FuzzedDataProvider& input) {
     static constexpr std::array<const char*, 4> kFunctions = {"SP800_56ACONCAT", "HASH", "HMAC", "TRUNCATE"};
     const std::string function = anyOf(input, kFunctions);
     auto record = std::make_shared<KSP_SECRET>();
-    const Bytes secret =
-        input.ConsumeBytes<unsigned char>(input.ConsumeIntegralInRange<std::size_t>(0, kSecretCapacity));
+    const Bytes secret = anyBytes(input, kSecretCapacity);
     std::ranges::copy(secret, record->secret.data());
     record->secretLength = static_cast<std::uint32_t>(secret.size());
     record->deviceSerial = token().serial;

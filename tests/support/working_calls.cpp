@@ -154,8 +154,8 @@ DWORD WorkingCall::invoke(const Values& values) const {
     return failureOf(call(values));
 }
 
-std::vector<Argument> WorkingCall::split(const char* words) {
-    std::istringstream stream(words);
+std::vector<Argument> argumentsOf(std::string_view words) {
+    std::istringstream stream{std::string(words)};
     std::vector<Argument> all;
     for (std::string word; stream >> word;)
         all.emplace_back(word);
@@ -282,8 +282,9 @@ std::vector<WorkingCall> cngCalls() {
          kNothing, keyProperties},
         {"KSPGetKeyProperty Name", KSPGetKeyProperty, "provider cngEcKey text data? capacity length flags",
          kNothing, kOneUse, L"Name"},
-        {"SmartCardKeyCertificate", KSPGetKeyProperty, "provider cngRsaKey text data? capacity length flags",
-         kNothing, kOneUse, L"SmartCardKeyCertificate"},
+        {"KSPGetKeyProperty SmartCardKeyCertificate", KSPGetKeyProperty,
+         "provider cngRsaKey text data? capacity length flags", kNothing, kOneUse,
+         L"SmartCardKeyCertificate"},
         {"KSPSetProviderProperty", KSPSetProviderProperty, "provider choice input? size flags", kPin,
          texts(L"HWND Handle", L"SmartCardPin")},
         {"KSPSetProviderProperty SmartCardPin", KSPSetProviderProperty, "provider text input =20 flags", kPin,
@@ -333,8 +334,8 @@ std::vector<WorkingCall> cngCalls() {
         {"KSPSignHash with a login", KSPSignHash,
          "provider cngRsaKey count? input? size data? capacity length flags=2", Bytes(32), kOneUse, L"",
          forgetStoredPin},
-        {"KSPVerifySignature", KSPVerifySignature, "provider cngRsaKey count? input =32 input size flags=2",
-         kSignature},
+        {"KSPVerifySignature", KSPVerifySignature,
+         "provider cngRsaKey count? input hashSize=32 input size flags=2", kSignature},
         {"KSPPromptUser", KSPPromptUser, "provider cngRsaKey? text? flags", kNothing, kOneUse, L"",
          forgetStoredPin},
         Call{"KSPNotifyChangeKey", KSPNotifyChangeKey, "provider? handle? flags"}.but(Outcome::NeverServed),

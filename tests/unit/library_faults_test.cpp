@@ -74,7 +74,7 @@ const Tolerance kTolerances[] = {
     {"CPAcquireContext of a new token", 3, "veltra_init", kThrows},
     {"CPAcquireContext of a new token", 0, "veltra_initDevice", kAll},
     {"KP_CERTIFICATE", 0, "veltra_initDevice", kCodes},
-    {"SmartCardKeyCertificate", 0, "veltra_initDevice", kCodes},
+    {"KSPGetKeyProperty SmartCardKeyCertificate", 0, "veltra_initDevice", kCodes},
     // A context and a provider without keys, or without a token, are opened all the same.
     {"CPAcquireContext", 0, "veltra_getKeyPairList", kCodes | kLength},
     {"CPAcquireContext of a new token", 0, "veltra_getKeyPairList", kCodes | kLength},
