@@ -1,9 +1,7 @@
-// What applications hand to the CryptoAPI provider: key blobs, certificates, hash parameters.
+// What applications hand to the CryptoAPI provider: key blobs and certificates.
 
 #include "fuzz/entry_calls.h"
 #include "support/blob_bytes.h"
-
-#include "token/device_hash.h"
 
 namespace veltra::fuzz {
 namespace {
@@ -100,96 +98,6 @@ std::vector<Bytes> certificateSeeds() {
 }
 
 const Target certificateTarget("csp_set_certificate", setCertificate, certificateSeeds);
-
-// Hashes, and HMAC against RFC 2104 written down once more
-
-struct Hash {
-    ALG_ID algId;
-    int mechanism;
-    std::size_t blockLength;
-};
-
-constexpr std::array<Hash, 4> kHashes = {{{CALG_SHA_256, kMechanismSha256, 64},
-                                          {CALG_SHA_384, kMechanismSha384, 128},
-                                          {CALG_SHA_512, kMechanismSha512, 128},
-                                          {CALG_SHA1, kMechanismSha1, 64}}};
-
-Bytes hmac(const Hash& hash, Bytes key, const Bytes& data) {
-    key.resize(hash.blockLength);
-    Bytes inner = key;
-    Bytes outer = key;
-    for (unsigned char& byte : inner)
-        byte ^= 0x36;
-    for (unsigned char& byte : outer)
-        byte ^= 0x5C;
-    const Bytes digest = ScriptedDeviceLibrary::fakeDigest(hash.mechanism, join(inner, data));
-    return ScriptedDeviceLibrary::fakeDigest(hash.mechanism, join(outer, digest));
-}
-
-bool setHmacInfo(HCRYPTHASH hash, ALG_ID algId) {
-    // The texts are never used: whatever the pointers are, nobody looks behind them.
-    auto* const nowhere = reinterpret_cast<BYTE*>(std::uintptr_t{kUntouched});
-    const HMAC_INFO info{.HashAlgid = algId,
-                         .pbInnerString = nowhere,
-                         .cbInnerString = kUntouched,
-                         .pbOuterString = nowhere,
-                         .cbOuterString = kUntouched};
-    const ExactBytes argument(bytesOf(info));
-    return cspCall([&] { return CPSetHashParam(cspContext(), hash, HP_HMAC_INFO, argument.data(), 0); });
-}
-
-bool addData(HCRYPTHASH hash, const Bytes& data) {
-    const ExactBytes argument(data);
-    return cspCall([&] { return CPHashData(cspContext(), hash, argument.data(), argument.size(), 0); });
-}
-
-Bytes valueOf(HCRYPTHASH hash) {
-    const ExactBytes value(64);
-    DWORD length = value.size();
-    require(cspCall([&] { return CPGetHashParam(cspContext(), hash, HP_HASHVAL, value.data(), &length, 0); }),
-            "a hash has a value");
-    require(length <= value.size(), "a hash value is at most 64 bytes");
-    return {value.data(), value.data() + length};
-}
-
-void hashParameters(FuzzedDataProvider& input) {
-    const HCRYPTPROV context = cspContext();
-    token().info.fipsMarker = input.ConsumeBool() ? "3.0.9" : "2.1.9";
-    const Hash inner = input.PickValueInArray(kHashes);
-    const bool isHmac = input.ConsumeBool();
-    const Bytes secret = anyBytes(input, 32);
-    if (secret.empty()) return;
-    const HCRYPTKEY key = openCspKey(secret);
-    const auto hash = handleOf(cspCall, [&](HCRYPTHASH* out) {
-        return CPCreateHash(context, isHmac ? CALG_HMAC : inner.algId, key, 0, out);
-    });
-    if (hash) {
-        if (!isHmac || setHmacInfo(*hash, inner.algId)) {
-            Bytes data;
-            while (input.remaining_bytes() > 0) {
-                const Bytes piece = anyBytes(input, 300);
-                require(addData(*hash, piece), "data is hashed");
-                data = join(data, piece);
-            }
-            require(valueOf(*hash) == (isHmac ? hmac(inner, secret, data)
-                                              : ScriptedDeviceLibrary::fakeDigest(inner.mechanism, data)),
-                    "the value is the HMAC, or the digest");
-        }
-        require(cspCall([&] { return CPDestroyHash(context, *hash); }), "a hash is destroyed");
-    }
-    CPDestroyKey(context, key);
-}
-
-std::vector<Bytes> hashSeeds() {
-    std::vector<Bytes> seeds;
-    for (const BYTE isHmac : {BYTE{0}, BYTE{1}}) {
-        for (BYTE hash = 0; hash < kHashes.size(); ++hash)
-            seeds.push_back(join(counting(400), Bytes{0, 200, 0, 100, 32, isHmac, hash, 1}));
-    }
-    return seeds;
-}
-
-const Target hashTarget("csp_hash_parameters", hashParameters, hashSeeds);
 
 } // namespace
 } // namespace veltra::fuzz

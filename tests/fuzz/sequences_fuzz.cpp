@@ -157,9 +157,11 @@ DWORD chosen(World& w, std::string_view word) {
     return w.pick(kNumbers.at(word));
 }
 
-// At least `length` bytes of a value, of which so many are read whatever its length says.
+// At least `length` bytes of a value, of which so many are read whatever its length says; now and then more
+// than any value may have.
 Handle atLeast(Call& c, std::size_t length) {
     Bytes value = anyBytes(c.w.input, 300);
+    if (c.w.rarely()) value.resize(kCertificateCapacity + 1);
     const auto size = static_cast<DWORD>(value.size());
     value.resize(std::max(value.size(), length));
     const Handle place = c.place(ExactBytes(value));
@@ -203,10 +205,15 @@ const std::map<std::string_view, Handle (*)(Call&)> kOthers = {
      }},
     {"parameters",
      [](Call& c) {
-         const ExactBytes& value = c.keep(ExactBytes(anyBytes(c.w.input, 300)));
-         NCryptBuffer buffer{c.w.orTooLong(value.size()), chosen(c.w, "kdfType"), value.data()};
-         void* const kept = c.w.orNull(c.keep(ExactBytes(bytesOf(buffer))).data());
-         return c.place(ExactBytes(bytesOf(NCryptBufferDesc{0, 1, static_cast<NCryptBuffer*>(kept)})));
+         Bytes buffers;
+         ULONG count = 0;
+         for (; count < c.w.input.ConsumeIntegralInRange<ULONG>(0, 4); ++count) {
+             const ExactBytes& value = c.keep(ExactBytes(anyBytes(c.w.input, 300)));
+             buffers = join(buffers, bytesOf(NCryptBuffer{c.w.orTooLong(value.size()), chosen(c.w, "kdfType"),
+                                                          c.w.orNull(value.data())}));
+         }
+         void* const list = c.w.orNull(c.keep(ExactBytes(buffers)).data());
+         return c.place(ExactBytes(bytesOf(NCryptBufferDesc{0, count, static_cast<NCryptBuffer*>(list)})));
      }},
     // Output: the capacity goes in by "length" in CryptoAPI.
     {"out", [](Call& c) { return addressOf(c.given = c.w.orNull(c.buffer().data())); }},
@@ -251,7 +258,7 @@ void lookBehind(const Call& c, bool done) {
         require(neverFails ? done : wasLive == done, "exactly a live handle is closed");
     }
     // CryptoAPI tells of more than fits with a success, too.
-    if (c.isCng && done && c.given != nullptr) require(c.length <= c.buffer().size(), "what is written fits");
+    if (c.isCng && done && c.given != nullptr) require(c.length <= c.out->size(), "what is written fits");
 }
 
 Step step(bool isCng, const test::Invocation& call, const char* words) {

@@ -12,14 +12,14 @@
 namespace veltra::test {
 
 /// An argument of a call, as a word. The name of an object or of a place in the world: with "?" behind it, it
-/// need not be there, or is not looked at. "text" and "text?": the row's text. "flags", "flags=N". "inOut":
+/// need not be there, or is not looked at. "text=NAME": this text. "flags", "flags=N". "inOut":
 /// the length of the input before and of the output after. "choice": which of several things the function
 /// does. "size": of the input. "capacity": of the output. "=N": a number that stays.
 struct Argument {
     explicit Argument(std::string word);
 
-    /// What it is in the world, with this choice and this text.
-    std::uintptr_t in(BothFrontEnds& world, std::uintptr_t choice, const WCHAR* text) const;
+    /// What it is in the world, with this choice.
+    std::uintptr_t in(BothFrontEnds& world, std::uintptr_t choice) const;
     /// The object that it names; null when it is none.
     ULONG_PTR BothFrontEnds::*object() const;
     /// The address of the place that it names; 0 when it is none.
@@ -28,6 +28,7 @@ struct Argument {
     std::string name;
     bool isOptional;
     std::uintptr_t value = 0;
+    std::vector<WCHAR> text;
 };
 
 /// The arguments that these words, with blanks between them, say.
@@ -52,10 +53,9 @@ struct WorkingCall {
     template <class Result, class... Parameters>
     WorkingCall(
         const char* called, Result(WINAPI* function)(Parameters...), const char* words, Bytes bytes = {},
-        Values choice = {0}, const WCHAR* wide = L"",
-        void (*preparation)(BothFrontEnds&) = [](BothFrontEnds&) {})
+        Values choice = {0}, void (*preparation)(BothFrontEnds&) = [](BothFrontEnds&) {})
         : name(called), call(invocation(function)), arguments(argumentsOf(words)), input(std::move(bytes)),
-          choices(std::move(choice)), text(wide), changeWorld(preparation) {}
+          choices(std::move(choice)), changeWorld(preparation) {}
 
     void prepare(BothFrontEnds& world) const;
     /// Makes the call with kUntouched as the last error. 0 or the failure.
@@ -69,7 +69,6 @@ struct WorkingCall {
     std::vector<Argument> arguments;
     Bytes input;
     Values choices;
-    const WCHAR* text;
     void (*changeWorld)(BothFrontEnds&);
     Outcome outcome = Outcome::Served;
 };

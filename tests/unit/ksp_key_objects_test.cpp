@@ -210,21 +210,6 @@ TEST_F(KspKeyTest, KeyThatTheApplicationFinalisesFromTheDialogIsGeneratedOnce) {
     EXPECT_THAT(library.calls("veltra_generateKeyPair"), testing::SizeIs(1));
 }
 
-TEST_F(KspKeyTest, HandlesThatTheApplicationFreesFromTheDialogServeToTheEndOfTheCall) {
-    for (const auto& entryPoint : {KSPFinalizeKey, KSPDeleteKey}) {
-        NCRYPT_PROV_HANDLE freed = 0;
-        ASSERT_EQ(KSPOpenProvider(&freed, nullptr, 0), 0);
-        create("RSA");
-        if (entryPoint == KSPDeleteKey) open(keyNameOf(token.keyPairs.back().keyId));
-        forgetPin(serial);
-        prompt.willType({"1234"});
-        prompt.whileAsked([&] { EXPECT_EQ(KSPFreeKey(0, key) | KSPFreeProvider(freed), 0); });
-        EXPECT_EQ(call([&] { return entryPoint(freed, key, 0); }), succeeded());
-        EXPECT_EQ(liveKspKey(key), nullptr);
-        EXPECT_EQ(token.keyPairs.size(), entryPoint == KSPDeleteKey ? 0u : 1u);
-    }
-}
-
 TEST_F(KspKeyTest, DeletionHandsTheRecordsFlagBackAndKeepsTheObject) {
     const NCRYPT_KEY_HANDLE first = addKey(token.addKeyPair(0x11));
     token.addKeyPair(0x22).flag = 1;

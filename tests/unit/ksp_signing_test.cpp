@@ -45,11 +45,11 @@ TEST_F(KspSigningTest, EveryKeyTypeSignsIntoAnExactBufferAndVerifies) {
     const char* converted = "KSP: RSA Public key is raw modulus, converting to DER";
     const char* point = "KSP: ECC public key, passing raw EC point";
     for (const auto& [type, bytes, form, formLength] : {std::tuple{2u, 256u, converted, 294},
-                                                       {3u, 384u, converted, 422},
-                                                       {4u, 512u, converted, 550},
-                                                       {5u, 64u, point, 65},
-                                                       {6u, 96u, point, 97},
-                                                       {7u, 132u, point, 133}}) {
+                                                        {3u, 384u, converted, 422},
+                                                        {4u, 512u, converted, 550},
+                                                        {5u, 64u, point, 65},
+                                                        {6u, 96u, point, 97},
+                                                        {7u, 132u, point, 133}}) {
         const NCRYPT_KEY_HANDLE key = addPair(type);
         EXPECT_EQ(querySize(key), bytes);
         EXPECT_EQ(takeLogLines().back(), concat("DEBUG KSP: SignHash size query, returning ", bytes));
@@ -129,7 +129,7 @@ TEST_F(KspSigningTest, UserIsVerifiedBeforeTheWeakKeyIsRefused) {
 TEST_F(KspSigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
     const NCRYPT_KEY_HANDLE key = addPair(kKeyTypeRsa2048);
     struct Row {
-        Script first, second;
+        Script script;
         std::vector<std::string> typed;
         StatusAnswer answer;
         std::vector<const char*> pins; ///< of the calls
@@ -140,23 +140,16 @@ TEST_F(KspSigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
     const auto failedWith = [](const char* code) {
         return failed(NTE_INTERNAL_ERROR, {concat("KSP: Sign hash failed: ", code)});
     };
-    for (const Row& row :
-         {Row{{.result = 49}, {}, {"1234"}, succeeded(), {"old", "1234"}},
-          {{.result = 49}, {.result = 49}, {"1234", "1234"}, failedWith("49"), {"old", "1234"}},
-          {{.result = 49}, {.result = 51}, {"1234"}, blocked, {"old", "1234"}},
-          {{.result = 49}, {}, {}, cancelled, {"old"}},
-          {{.result = 51}, {}, {}, blocked, {"old"}},
-          {{.result = 48}, {}, {}, failedWith("48"), {"old"}},
-          {{.result = 49}, {}, {"of no use"}, succeeded(), {"old", ""}},
-          {{.length = 513}, {}, {}, failedWith("4294967295"), {"old"}}}) {
-        if (row.pins.back() == std::string()) token.logIn(); // and so accepts every PIN
+    for (const Row& row : {Row{{.result = 49, .onCall = 1}, {"1234"}, succeeded(), {"old", "1234"}},
+                           {{.result = 49}, {"1234"}, failedWith("49"), {"old", "1234"}},
+                           {{.result = 49}, {}, cancelled, {"old"}},
+                           {{.result = 51}, {}, blocked, {"old"}},
+                           {{.result = 48}, {}, failedWith("48"), {"old"}},
+                           {{.length = 513}, {}, failedWith("4294967295"), {"old"}}}) {
         storePin(serial, Pin("old"));
         library.clearScripts();
         library.clearCalls();
-        library.script("veltra_signHash", row.second);
-        Script first = row.first;
-        first.onCall = 1;
-        library.script("veltra_signHash", first);
+        library.script("veltra_signHash", row.script);
         prompt.willType(row.typed);
         EXPECT_EQ(sign(key), row.answer);
         std::vector<std::string> calls;
@@ -165,7 +158,7 @@ TEST_F(KspSigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
         EXPECT_EQ(library.calls("veltra_signHash"), calls);
         EXPECT_EQ(length, row.answer.status == 0 ? 256u : 7u);
         EXPECT_EQ(testing::Matches(Contains("KSP: SignHash SSO expired, re-prompting for PIN"))(debugLines),
-                  row.first.result == 49);
+                  row.script.result == 49);
     }
 }
 

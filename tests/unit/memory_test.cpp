@@ -5,8 +5,7 @@
 #include "support/scripted_device_library.h"
 
 #include "foundation/library_buffer.h"
-#include "token/aes_keys.h"
-#include "token/pin.h"
+#include "foundation/secret.h"
 
 #include <atomic>
 #include <climits>
@@ -32,34 +31,10 @@ extern "C" void __wrap_free(void* memory) {
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
 using testing::Each;
 
 constexpr unsigned char kSecretByte = 'S';
 constexpr std::size_t kLength = 40;
-
-/// The memory of a `Secret` after its destructor; `fill` puts kSecretByte into it before.
-template <class Secret>
-Bytes leftBehind(void (*fill)(Secret&)) {
-    alignas(Secret) static unsigned char memory[sizeof(Secret)];
-    const volatile unsigned char* const bytes = memory;
-    auto* secret = new (memory) Secret;
-    fill(*secret);
-    EXPECT_THAT(Bytes(bytes, bytes + sizeof(memory)), Contains(kSecretByte));
-    secret->~Secret();
-    return Bytes(bytes, bytes + sizeof(memory));
-}
-
-TEST(SecretTypesTest, LeaveOnlyZerosWhereTheyLay) {
-    EXPECT_THAT(leftBehind<SecretBytes<kLength>>([](auto& secret) { secret[kLength - 1] = kSecretByte; }),
-                Each(0));
-    EXPECT_THAT(leftBehind<SymmetricKeyRecord>(
-                    [](auto& secret) { EXPECT_TRUE(secret.setMaterial(Bytes(32, kSecretByte))); }),
-                Each(0));
-    EXPECT_THAT(
-        leftBehind<Pin>([](auto& secret) { secret = Pin(std::string(Pin::kMaxLength, kSecretByte)); }),
-        Each(0));
-}
 
 /// What the first kLength bytes at `memory` held when `release` released them.
 Bytes releasedBy(const unsigned char* memory, const std::function<void()>& release) {
