@@ -3,6 +3,7 @@
 #include "foundation/windows.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -86,9 +87,15 @@ std::string showAll(const char* name, const Value& value, const Rest&... rest) {
     return text;
 }
 
+/// What a failing call says of the length is nonsense.
+int failWithLength(const Script& script, int* outLength) {
+    *outLength = INT_MAX;
+    return script.result;
+}
+
 /// Hands out what the library allocates; at least as many bytes as a script says that there are.
 int handOut(const Bytes& bytes, const Script& script, unsigned char** out, int* outLength) {
-    if (script.result) return script.result;
+    if (script.result) return failWithLength(script, outLength);
     *outLength = script.length.value_or(static_cast<int>(bytes.size()));
     *out = nullptr;
     if (script.noBuffer) return kDeviceOk;
@@ -100,7 +107,7 @@ int handOut(const Bytes& bytes, const Script& script, unsigned char** out, int* 
 
 /// Fills the caller's buffer.
 int copyOut(const Bytes& bytes, const Script& script, unsigned char* out, int* outLength) {
-    if (script.result) return script.result;
+    if (script.result) return failWithLength(script, outLength);
     if (*outLength < static_cast<int>(bytes.size())) return kBufferTooSmall;
     std::copy(bytes.begin(), bytes.end(), out);
     *outLength = script.length.value_or(static_cast<int>(bytes.size()));
@@ -310,6 +317,8 @@ ScriptedDeviceLibrary::Hash* ScriptedDeviceLibrary::findHash(void* handle) {
 
 namespace {
 
+using In = const unsigned char*; ///< bytes that a function is given
+
 /// What the library's functions do.
 class ScriptedFunctions final : public ScriptedDeviceLibrary {
 public:
@@ -369,8 +378,7 @@ public:
         return kDeviceOk;
     }
 
-    int veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin, bool flag,
-                             void* ctx) override {
+    int veltra_deleteKeyPair(const char* serial, In keyId, const char* pin, bool flag, void* ctx) override {
         Call call(*this, "veltra_deleteKeyPair", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin,
                   "flag", flag);
         if (const int code = call.logIn(serial, pin)) return code;
@@ -379,9 +387,8 @@ public:
         return deleted ? kDeviceOk : kNoSuchKey;
     }
 
-    int veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId, const char* pin,
-                                    const char* label, const unsigned char* data, int length,
-                                    void* ctx) override {
+    int veltra_updateKeyPairDetails(const char* serial, In keyId, const char* pin, const char* label, In data,
+                                    int length, void* ctx) override {
         return Call(*this, "veltra_updateKeyPairDetails", ctx, "serial", serial, "key", KeyId{keyId}, "pin",
                     pin, "label", label, "data", Block{data, length})
             .script.result;
@@ -392,8 +399,7 @@ public:
         return certificatesOf(serial, call.script);
     }
 
-    VeltraCertificate* veltra_findCertificateForKey(const char* serial, const unsigned char* keyId,
-                                                    void* ctx) override {
+    VeltraCertificate* veltra_findCertificateForKey(const char* serial, In keyId, void* ctx) override {
         const Call call(*this, "veltra_findCertificateForKey", ctx, "serial", serial, "key", KeyId{keyId});
         for (VeltraCertificate& certificate : certificatesOf(serial, call.script))
             if (hasId(certificate, keyId)) return &certificate;
@@ -410,8 +416,7 @@ public:
         return kDeviceOk;
     }
 
-    int veltra_getCertificateDetails(const unsigned char* der, int length, CertificateDetails& out,
-                                     void* ctx) override {
+    int veltra_getCertificateDetails(In der, int length, CertificateDetails& out, void* ctx) override {
         const Call call(*this, "veltra_getCertificateDetails", ctx, "der", Block{der, length});
         if (call.script.result) return call.script.result;
         std::istringstream text(std::string(der + 4, der + std::max(length, 4)));
@@ -453,9 +458,8 @@ public:
         return kDeviceOk;
     }
 
-    int veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in, int inLength,
-                       unsigned char* out, int* outLength, const unsigned char* key, int keyLength,
-                       void* ctx) override {
+    int veltra_encrypt(EncryptionType type, PaddingMode padding, In in, int inLength, unsigned char* out,
+                       int* outLength, In key, int keyLength, void* ctx) override {
         const Call call(*this, "veltra_encrypt", ctx, "type", type, "padding", padding, "in",
                         Block{in, inLength}, "out", outLength, "key", Block{key, keyLength});
         if (call.script.result) return call.script.result;
@@ -466,22 +470,20 @@ public:
         return copyOut(ciphertext, call.script, out, outLength);
     }
 
-    int veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
-                       const unsigned char* in, int inLength, unsigned char** out, int* outLength, bool flag,
-                       void* ctx) override {
+    int veltra_decrypt(const char* serial, In keyId, const char* pin, In in, int inLength,
+                       unsigned char** out, int* outLength, bool flag, void* ctx) override {
         Call call(*this, "veltra_decrypt", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "in",
                   Block{in, inLength}, "flag", flag);
         if (const int code = call.logIn(serial, pin)) return code;
         if (*in != 0) return kNotACiphertext;
-        const unsigned char* end = in + inLength;
-        const unsigned char* start = std::find_if(in, end, [](unsigned char byte) { return byte != 0; });
+        In end = in + inLength;
+        In start = std::find_if(in, end, [](unsigned char byte) { return byte != 0; });
         return handOut(maskOf(Bytes(start, end)), call.script, out, outLength);
     }
 
-    int veltra_encrypt_aes(const char* serial, EncryptionType type, const unsigned char* key, int keyLength,
-                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
-                           bool final, const unsigned char* iv, int ivLength, const unsigned char* extra,
-                           int extraLength, void* ctx) override {
+    int veltra_encrypt_aes(const char* serial, EncryptionType type, In key, int keyLength, In in,
+                           int inLength, unsigned char** out, int* outLength, bool final, In iv, int ivLength,
+                           In extra, int extraLength, void* ctx) override {
         const Call call(*this, "veltra_encrypt_aes", ctx, "serial", serial, "type", type, "key",
                         Block{key, keyLength}, "in", Block{in, inLength}, "final", final, "iv",
                         Block{iv, ivLength}, "extra", Block{extra, extraLength});
@@ -491,9 +493,9 @@ public:
         return handOut(maskOf(plain), call.script, out, outLength);
     }
 
-    int veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
-                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
-                           bool flag, const unsigned char* iv, int ivLength, void* ctx) override {
+    int veltra_decrypt_aes(const char* serial, In keyOrKeyId, int keyLength, In in, int inLength,
+                           unsigned char** out, int* outLength, bool flag, In iv, int ivLength,
+                           void* ctx) override {
         const Call call(*this, "veltra_decrypt_aes", ctx, "serial", serial, "key",
                         Block{keyOrKeyId, keyLength}, "in", Block{in, inLength}, "flag", flag, "iv",
                         Block{iv, ivLength});
@@ -510,17 +512,15 @@ public:
         return handOut(plain, call.script, out, outLength);
     }
 
-    int veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength, unsigned char* out,
-                               int* outLength, const unsigned char* iv, int ivLength,
-                               const unsigned char* key, int keyLength, void* ctx) override {
+    int veltra_decryptSymetric(const char* serial, In in, int inLength, unsigned char* out, int* outLength,
+                               In iv, int ivLength, In key, int keyLength, void* ctx) override {
         const Call call(*this, "veltra_decryptSymetric", ctx, "serial", serial, "in", Block{in, inLength},
                         "out", outLength, "iv", Block{iv, ivLength}, "key", Block{key, keyLength});
         return copyOut(aesPlaintext(in, inLength), call.script, out, outLength);
     }
 
-    int veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
-                          const unsigned char* peer, int peerLength, unsigned char** out, int* outLength,
-                          void* ctx) override {
+    int veltra_ecdhDerive(const char* serial, In keyId, const char* pin, In peer, int peerLength,
+                          unsigned char** out, int* outLength, void* ctx) override {
         Call call(*this, "veltra_ecdhDerive", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "peer",
                   Block{peer, peerLength});
         if (const int code = call.logIn(serial, pin)) return code;
@@ -537,9 +537,8 @@ public:
         return call.script.result;
     }
 
-    int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
-                        const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
-                        bool reserved, void* ctx, bool pss) override {
+    int veltra_signHash(const char* serial, In keyId, const char* pin, In hash, int hashLength,
+                        unsigned char* out, int* outLength, bool reserved, void* ctx, bool pss) override {
         Call call(*this, "veltra_signHash", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "hash",
                   Block{hash, hashLength}, "out", reserved ? "reserved" : show(outLength), "pss", pss);
         if (const int code = call.logIn(serial, pin)) return code;
@@ -549,10 +548,9 @@ public:
         return copyOut(fakeSignature(pair->keyType), call.script, out, outLength);
     }
 
-    int veltra_verifySignatureHash(unsigned int keyType, const char* serial, const unsigned char* hash,
-                                   int hashLength, const unsigned char* publicKey, int publicKeyLength,
-                                   const unsigned char* signature, int signatureLength, void* ctx,
-                                   bool pss) override {
+    int veltra_verifySignatureHash(unsigned int keyType, const char* serial, In hash, int hashLength,
+                                   In publicKey, int publicKeyLength, In signature, int signatureLength,
+                                   void* ctx, bool pss) override {
         const Call call(*this, "veltra_verifySignatureHash", ctx, "type", keyType, "serial", serial, "hash",
                         Block{hash, hashLength}, "key", Block{publicKey, publicKeyLength}, "signature",
                         Block{signature, signatureLength}, "pss", pss);
@@ -569,7 +567,7 @@ public:
         return kDeviceOk;
     }
 
-    int veltra_updateHash(void* hash, const unsigned char* data, int length, void* ctx) override {
+    int veltra_updateHash(void* hash, In data, int length, void* ctx) override {
         const Call call(*this, "veltra_updateHash", ctx, "hash", reinterpret_cast<std::uintptr_t>(hash),
                         "data", Block{data, length});
         if (call.script.result) return call.script.result;

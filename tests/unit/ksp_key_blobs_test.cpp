@@ -3,6 +3,7 @@
 
 #include "certs/public_key_encoding.h"
 #include "foundation/text.h"
+#include "token/aes_keys.h"
 
 #include <algorithm>
 
@@ -192,6 +193,17 @@ TEST_F(KspKeyBlobTest, AesKeysAreStoredAndHeld) {
                         testing::MatchesRegex(".*, key=1111..1111, pin=1234, in=005B.*, flag=1.*"));
         }
     }
+}
+
+// What an imported key goes to the token in; the lifecycle tests look for secrets in the whole process.
+TEST(SymmetricKeyRecordTest, LeavesOnlyZerosWhereItLay) {
+    alignas(SymmetricKeyRecord) static unsigned char memory[sizeof(SymmetricKeyRecord)];
+    const volatile unsigned char* const bytes = memory;
+    auto* const record = new (memory) SymmetricKeyRecord;
+    ASSERT_TRUE(record->setMaterial(Bytes(32, 'S')));
+    EXPECT_THAT(Bytes(bytes, bytes + sizeof memory), Contains('S'));
+    record->~SymmetricKeyRecord();
+    EXPECT_THAT(Bytes(bytes, bytes + sizeof memory), testing::Each(0));
 }
 
 TEST_F(KspKeyBlobTest, WrappedKeysAreTriedWithEachListedKeyInOrder) {

@@ -146,6 +146,7 @@ TEST_F(KspSigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
                            {{.result = 51}, {}, blocked, {"old"}},
                            {{.result = 48}, {}, failedWith("48"), {"old"}},
                            {{.length = 513}, {}, failedWith("4294967295"), {"old"}}}) {
+        if (row.script.length) token.logIn(); // and so accepts every PIN
         storePin(serial, Pin("old"));
         library.clearScripts();
         library.clearCalls();
