@@ -88,6 +88,7 @@ TEST_F(KspEncryptionTest, RsaPaddingTypeAndKeyFormReachTheLibrary) {
         if (name != "no name") info.pszAlgId = reinterpret_cast<LPCWSTR>(wide.c_str());
         void* structure = flags < kOaep ? unreadable : name == "-" ? nullptr : &info;
         EXPECT_EQ(run(KSPEncrypt, rsaKey, abc, 300, flags, structure), succeeded());
+        EXPECT_EQ(length, 300u);
         EXPECT_EQ(library.calls().back(), concat("veltra_encrypt(type=8, padding=", padding,
                                                  ", in=616263, out=300, key=3082..0001(294))"));
     }
