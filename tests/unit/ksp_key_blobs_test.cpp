@@ -2,6 +2,7 @@
 #include "support/ksp_test.h"
 
 #include "certs/public_key_encoding.h"
+#include "foundation/secret.h"
 #include "foundation/text.h"
 #include "token/aes_keys.h"
 
@@ -195,8 +196,9 @@ TEST_F(KspKeyBlobTest, AesKeysAreStoredAndHeld) {
     }
 }
 
-// What an imported key goes to the token in; the lifecycle tests look for secrets in the whole process.
-TEST(SymmetricKeyRecordTest, LeavesOnlyZerosWhereItLay) {
+// What an imported key goes to the token in, and a buffer that is used again; the lifecycle tests look for
+// secrets in the whole process.
+TEST(SecretTypesTest, LeaveOnlyZeros) {
     alignas(SymmetricKeyRecord) static unsigned char memory[sizeof(SymmetricKeyRecord)];
     const volatile unsigned char* const bytes = memory;
     auto* const record = new (memory) SymmetricKeyRecord;
@@ -204,6 +206,11 @@ TEST(SymmetricKeyRecordTest, LeavesOnlyZerosWhereItLay) {
     EXPECT_THAT(Bytes(bytes, bytes + sizeof memory), Contains('S'));
     record->~SymmetricKeyRecord();
     EXPECT_THAT(Bytes(bytes, bytes + sizeof memory), testing::Each(0));
+    SecretBuffer buffer;
+    buffer.allocate(40);
+    std::fill_n(buffer.data(), 40, static_cast<unsigned char>('S'));
+    buffer.allocate(10); // in the same memory
+    EXPECT_THAT(Bytes(buffer.data(), buffer.data() + 40), testing::Each(0));
 }
 
 TEST_F(KspKeyBlobTest, WrappedKeysAreTriedWithEachListedKeyInOrder) {
