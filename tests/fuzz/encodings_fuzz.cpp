@@ -43,7 +43,7 @@ void readElements(FuzzedDataProvider& choices, Span bytes, int depth) {
 }
 
 void readDer(FuzzedDataProvider& input) {
-    const Bytes choices = input.ConsumeBytes<unsigned char>(input.ConsumeIntegralInRange<std::size_t>(0, 32));
+    const Bytes choices = anyBytes(input, 32);
     const Bytes der = input.ConsumeRemainingBytes<unsigned char>();
     FuzzedDataProvider chosen(choices.data(), choices.size());
     readElements(chosen, der, 4);

@@ -26,6 +26,11 @@ std::pair<std::size_t, std::size_t> statedLengths(const Bytes& der) {
 
 } // namespace
 
+std::string anyOf(FuzzedDataProvider& input, std::span<const char* const> known) {
+    const auto index = input.ConsumeIntegralInRange<std::size_t>(0, known.size());
+    return index < known.size() ? known[index] : input.ConsumeRandomLengthString(40);
+}
+
 HCRYPTKEY openCspKey(std::uint32_t keyType) {
     auto key = std::make_shared<KEY_HANDLE>();
     key->fillFrom(pairOf(keyType));

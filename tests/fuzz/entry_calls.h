@@ -7,8 +7,8 @@
 #include "ksp/ksp_entry_points.h"
 
 #include <algorithm>
-#include <array>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -18,22 +18,29 @@ namespace veltra::fuzz {
 constexpr DWORD kUntouched = 0xCAFE;
 
 /// Calls a CryptoAPI entry point and says whether it succeeded. A failure has to come with a last error.
-template <class Call>
-bool cspCall(Call call) {
+inline constexpr auto cspCall = [](auto call) {
     SetLastError(kUntouched);
     const bool done = call() != FALSE;
     const DWORD reason = GetLastError();
     require(done || (reason != kUntouched && reason != ERROR_SUCCESS), "a failing CP* sets the last error");
     return done;
-}
+};
 
 /// Calls a CNG entry point and says whether it succeeded. The last error is none of its business.
-template <class Call>
-bool kspCall(Call call) {
+inline constexpr auto kspCall = [](auto call) {
     SetLastError(kUntouched);
     const bool done = call() == 0;
     require(GetLastError() == kUntouched, "a KSP* leaves the last error alone");
     return done;
+};
+
+/// The handle that `make(&handle)` hands out, called by cspCall or kspCall: exactly when it succeeds.
+template <class Call, class Make>
+std::optional<ULONG_PTR> handleOf(Call call, Make make) {
+    ULONG_PTR handle = kUntouched;
+    const bool done = call([&] { return make(&handle); });
+    require(done == (handle != kUntouched), "a handle is handed out exactly with a success");
+    return done ? std::optional(handle) : std::nullopt;
 }
 
 /// Bytes in a block of exactly their number, so that AddressSanitizer sees every step over their end. Not
@@ -64,27 +71,36 @@ private:
     ExactBytes bytes_;
 };
 
-template <class... Names>
-constexpr std::array<const char*, sizeof...(Names)> names(Names... all) {
-    return {all...};
-}
-
 /// One of `known`, or now and then any text.
-template <std::size_t Count>
-std::string anyOf(FuzzedDataProvider& input, const std::array<const char*, Count>& known) {
-    const auto index = input.ConsumeIntegralInRange<std::size_t>(0, Count);
-    return index < Count ? known[index] : input.ConsumeRandomLengthString(40);
-}
+std::string anyOf(FuzzedDataProvider& input, std::span<const char* const> known);
 
-inline constexpr auto kBlobNames =
-    names("RSAPUBLICBLOB", "PUBLICBLOB", "ECCPUBLICBLOB", "CAPIPUBLICBLOB", "KeyDataBlob", "OpaqueKeyBlob",
-          "OpaqueTransport", "PKCS8_PRIVATEKEY", "CAPIPRIVATEBLOB", "PRIVATEBLOB");
+inline constexpr const char* kBlobNames[] = {
+    "RSAPUBLICBLOB", "PUBLICBLOB",      "ECCPUBLICBLOB",    "CAPIPUBLICBLOB",  "KeyDataBlob",
+    "OpaqueKeyBlob", "OpaqueTransport", "PKCS8_PRIVATEKEY", "CAPIPRIVATEBLOB", "PRIVATEBLOB"};
 
-inline constexpr auto kPropertyNames =
-    names("SmartCardKeyCertificate", "SmartCardPin", "HWND Handle", "Length", "Key Usage", "ChainingMode",
-          "IV", "Name", "Unique Name", "Algorithm Name", "Algorithm Group", "Lengths", "Export Policy",
-          "Block Length", "Key Type", "Provider Handle", "Security Descr", "Impl Type", "Version",
-          "Max Name Length", "Security Descr Support", "Use Count", "");
+inline constexpr const char* kPropertyNames[] = {"SmartCardKeyCertificate",
+                                                 "SmartCardPin",
+                                                 "HWND Handle",
+                                                 "Length",
+                                                 "Key Usage",
+                                                 "ChainingMode",
+                                                 "IV",
+                                                 "Name",
+                                                 "Unique Name",
+                                                 "Algorithm Name",
+                                                 "Algorithm Group",
+                                                 "Lengths",
+                                                 "Export Policy",
+                                                 "Block Length",
+                                                 "Key Type",
+                                                 "Provider Handle",
+                                                 "Security Descr",
+                                                 "Impl Type",
+                                                 "Version",
+                                                 "Max Name Length",
+                                                 "Security Descr Support",
+                                                 "Use Count",
+                                                 ""};
 
 /// A new key object of the token's key pair of this type; the caller destroys it.
 HCRYPTKEY openCspKey(std::uint32_t keyType);

@@ -44,6 +44,11 @@ test::ScriptedToken& token();
 
 test::ScriptedPinPrompt& prompt();
 
+/// As many bytes as the input says, at most `longest`.
+inline Bytes anyBytes(FuzzedDataProvider& input, std::size_t longest) {
+    return input.ConsumeBytes<unsigned char>(input.ConsumeIntegralInRange<std::size_t>(0, longest));
+}
+
 /// Bytes of `parts`, one behind the other: for seeds.
 template <class... Parts>
 Bytes join(const Parts&... parts) {

@@ -4,19 +4,28 @@
 
 #include "fuzz/entry_calls.h"
 #include "support/blob_bytes.h"
+#include "support/invocation.h"
 
 #include "csp/container_map.h"
 #include "token/device_state.h"
 
 #include <climits>
-#include <initializer_list>
+#include <deque>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <sstream>
 
 namespace veltra::fuzz {
 namespace {
 
+using test::addressOf;
 using Handle = std::uintptr_t;
 
 enum Kind : std::size_t { kContext, kHash, kKey, kProvider, kKspKey, kSecret, kKinds };
+
+constexpr std::array<std::string_view, kKinds> kKindNames = {"context",  "hash",   "key",
+                                                             "provider", "cngKey", "secret"};
 
 /// What one input has opened and not yet closed, and how it chooses. Where the input has ended a choice is
 /// the ordinary one.
@@ -27,23 +36,12 @@ struct World {
     std::vector<Handle> blocks{}; ///< for KSPFreeBuffer
     bool usedContainers = false;
 
-    // Choices
-
     bool rarely() { return input.ConsumeIntegral<BYTE>() >= 0xF8; }
 
-    DWORD pick(std::initializer_list<DWORD> known) {
+    DWORD pick(std::span<const DWORD> known) {
         if (rarely()) return input.ConsumeIntegral<DWORD>();
-        return *(known.begin() + input.ConsumeIntegralInRange<std::size_t>(0, known.size() - 1));
+        return known[input.ConsumeIntegralInRange<std::size_t>(0, known.size() - 1)];
     }
-
-    DWORD flags() {
-        return pick({0, CRYPT_SILENT, CRYPT_VERIFYCONTEXT, CRYPT_NEXT, kPadPkcs1Flag, kPadOaepFlag,
-                     kPadPssFlag, kPadPkcs1Flag | kPadPssFlag, kPadPkcs1Flag | kPadOaepFlag, 2048U << 16,
-                     1024U << 16});
-    }
-    DWORD hashFlags() { return pick({0, 0, 0, 1}); }
-    DWORD keySpec() { return pick({AT_KEYEXCHANGE, AT_SIGNATURE, 0}); }
-    ALG_ID aesAlgorithm() { return pick({CALG_AES_128, CALG_AES_192, CALG_AES_256, CALG_RC4}); }
 
     Handle oneOf(const std::vector<Handle>& handles) {
         if (handles.empty()) return 0;
@@ -51,18 +49,11 @@ struct World {
     }
 
     Handle any(Kind kind) {
-        switch (input.ConsumeIntegralInRange(0, 15)) {
-        case 12:
-            return 0;
-        case 13:
-            return input.ConsumeIntegral<Handle>();
-        case 14:
-            return oneOf(freed);
-        case 15:
-            return oneOf(live[input.ConsumeIntegralInRange<std::size_t>(0, kKinds - 1)]);
-        default:
-            return oneOf(live[kind]);
-        }
+        const int choice = input.ConsumeIntegralInRange(0, 15);
+        if (choice == 12) return 0;
+        if (choice == 13) return input.ConsumeIntegral<Handle>();
+        if (choice == 14) return oneOf(freed);
+        return oneOf(live[choice == 15 ? input.ConsumeIntegralInRange<std::size_t>(0, kKinds - 1) : kind]);
     }
 
     template <class Value>
@@ -70,32 +61,9 @@ struct World {
         return rarely() ? nullptr : pointer;
     }
 
-    Bytes bytes(std::size_t longest = 300) {
-        return input.ConsumeBytes<unsigned char>(input.ConsumeIntegralInRange<std::size_t>(0, longest));
-    }
-
-    ExactBytes buffer() {
-        return ExactBytes(input.PickValueInArray<std::size_t>({512, 0, 1, 4, 16, 20, 64, 256, 1100, 4096}));
-    }
-
     /// A length that the device library cannot take, which has to be refused before anything is read.
     DWORD orTooLong(DWORD length) {
         return rarely() ? input.PickValueInArray({0x80000000U, 0xFFFFFFFFU}) : length;
-    }
-
-    // Calls
-
-    /// Calls what hands out a handle.
-    template <class Call>
-    void open(Kind kind, Call call) {
-        Handle opened = kUntouched;
-        const auto entryPoint = [&] { return call(orNull(&opened)); };
-        if (kind < kProvider ? cspCall(entryPoint) : kspCall(entryPoint)) {
-            require(opened != kUntouched && opened != 0, "a success hands out a handle");
-            live[kind].push_back(opened);
-        } else {
-            require(opened == kUntouched, "a failure leaves the handle alone");
-        }
     }
 
     /// Forgets a handle that was closed; says whether it was live.
@@ -104,35 +72,213 @@ struct World {
         freed.push_back(closed);
         return true;
     }
+};
 
-    /// Calls what closes a handle and refuses one that is not live.
-    template <class Call>
-    void close(Kind kind, Call call) {
-        const Handle closed = any(kind);
-        const auto entryPoint = [&] { return call(closed); };
-        if (kind < kProvider ? cspCall(entryPoint) : kspCall(entryPoint))
-            require(forget(kind, closed), "only a live handle is closed");
+using Step = std::function<void(World&)>;
+
+std::vector<std::string> wordsOf(const char* text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+// Calls by the words for their arguments
+
+const std::map<std::string_view, std::vector<DWORD>> kNumbers = {
+    {"flags",
+     {0, CRYPT_SILENT, CRYPT_VERIFYCONTEXT, CRYPT_NEXT, kPadPkcs1Flag, kPadOaepFlag, kPadPssFlag,
+      kPadPkcs1Flag | kPadPssFlag, kPadPkcs1Flag | kPadOaepFlag, 2048U << 16, 1024U << 16}},
+    {"hashFlags", {0, 0, 0, 1}},
+    {"keySpec", {AT_KEYEXCHANGE, AT_SIGNATURE, 0}},
+    {"keyAlgorithm", {AT_SIGNATURE, AT_KEYEXCHANGE, CALG_RSA_SIGN, CALG_RSA_KEYX}},
+    {"aes", {CALG_AES_128, CALG_AES_192, CALG_AES_256, CALG_RC4}},
+    {"hashAlgorithm", {CALG_SHA_256, CALG_HMAC, CALG_SHA_512, CALG_SHA1, CALG_MD5}},
+    {"keyParameter", {KP_IV, KP_MODE, KP_PADDING, KP_PERMISSIONS, KP_CERTIFICATE}},
+    {"setHashParameter", {HP_HMAC_INFO, HP_HASHVAL}},
+    {"hashParameter", {HP_HASHVAL, HP_HASHSIZE, HP_ALGID, HP_HMAC_INFO}},
+    {"pinParameter", {PP_SIGNATURE_PIN, PP_KEYEXCHANGE_PIN, PP_USE_HARDWARE_RNG, PP_CLIENT_HWND}},
+    {"importType", {PUBLICKEYBLOB, SIMPLEBLOB, PLAINTEXTKEYBLOB, SYMMETRICWRAPKEYBLOB}},
+    {"blobType", {PUBLICKEYBLOB, PRIVATEKEYBLOB, SIMPLEBLOB}},
+    {"oaep", {CRYPT_OAEP, 0}},
+    {"plaintext", {16, 20, 0, 245, 512}},
+    {"kdfType", {KDF_HASH_ALGORITHM, 0xD, 0xE, 1}},
+};
+
+constexpr const char* kKeyNames[] = {"12121212121212121212121212121212", "15151515151515151515151515151515",
+                                     "16161616161616161616161616161616", "E1E1E1E1E1E1E1E1E1E1E1E1E1E1E1E1",
+                                     ""};
+constexpr const char* kAlgorithms[] = {"RSA",       "ECDSA_P256", "ECDH_P256", "ECDH_P384",
+                                       "ECDH_P521", "SHA256",     "AES"};
+constexpr const char* kFunctions[] = {"HASH", "SP800_56ACONCAT"};
+
+const std::map<std::string_view, std::span<const char* const>> kTexts = {{"keyName", kKeyNames},
+                                                                         {"algorithm", kAlgorithms},
+                                                                         {"kdf", kFunctions},
+                                                                         {"blobName", kBlobNames},
+                                                                         {"property", kPropertyNames}};
+
+/// A call that is being put together: what its arguments refer to, and what is looked at behind it.
+struct Call {
+    World& w;
+    bool isCng;
+    std::deque<ExactBytes> memory{};
+    std::deque<ExactText> texts{};
+    DWORD number = 0;          ///< the last that was chosen
+    DWORD size = 0;            ///< of the last bytes
+    DWORD length = kUntouched; ///< a variable of the application's
+    const ExactBytes* out = nullptr;
+    const BYTE* given = nullptr; ///< the output buffer, or null
+    std::optional<Kind> opens{}, closes{};
+    Handle opened = kUntouched, closed = 0;
+
+    const ExactBytes& keep(ExactBytes bytes) { return memory.emplace_back(std::move(bytes)); }
+
+    Handle place(ExactBytes bytes) {
+        size = bytes.size();
+        return addressOf(w.orNull(keep(std::move(bytes)).data()));
     }
 
-    /// Calls what fills a buffer. What CNG writes fits; CryptoAPI tells of more with a success, too.
-    template <class Call>
-    void fillCsp(Call call) {
-        const ExactBytes out = buffer();
-        DWORD length = out.size();
-        cspCall([&] { return call(orNull(out.data()), orNull(&length)); });
+    WCHAR* text(std::string_view word) { return texts.emplace_back(anyOf(w.input, kTexts.at(word))).get(); }
+
+    const ExactBytes& buffer() {
+        if (out == nullptr) {
+            out = &keep(ExactBytes(
+                w.input.PickValueInArray<std::size_t>({512, 0, 1, 4, 16, 20, 64, 256, 1100, 4096})));
+        }
+        return *out;
     }
 
-    template <class Call>
-    void fillKsp(Call call) {
-        const ExactBytes out = buffer();
-        DWORD size = kUntouched;
-        BYTE* const data = orNull(out.data());
-        const bool done = kspCall([&] { return call(data, out.size(), orNull(&size)); });
-        require(!done || data == nullptr || size <= out.size(), "what is written fits");
+    Handle lengthOf(DWORD before) {
+        length = before;
+        return addressOf(w.orNull(&length));
     }
 };
 
-using Step = void (*)(World&);
+DWORD chosen(World& w, std::string_view word) {
+    return w.pick(kNumbers.at(word));
+}
+
+// At least `length` bytes of a value, of which so many are read whatever its length says; now and then more
+// than any value may have.
+Handle atLeast(Call& c, std::size_t length) {
+    Bytes value = anyBytes(c.w.input, 300);
+    if (c.w.rarely()) value.resize(kCertificateCapacity + 1);
+    const auto size = static_cast<DWORD>(value.size());
+    value.resize(std::max(value.size(), length));
+    const Handle place = c.place(ExactBytes(value));
+    c.size = size;
+    return place;
+}
+
+const std::map<std::string_view, Handle (*)(Call&)> kOthers = {
+    {"null", [](Call&) { return Handle{0}; }},
+    {"table", [](Call& c) { return addressOf(c.w.orNull(anyTable())); }},
+    {"upTo50", [](Call& c) { return Handle{c.w.input.ConsumeIntegralInRange<DWORD>(0, 50)}; }},
+    {"bool", [](Call& c) { return Handle{c.w.input.ConsumeBool()}; }},
+    // Input, and what is said of its length.
+    {"bytes", [](Call& c) { return c.place(ExactBytes(anyBytes(c.w.input, 300))); }},
+    {"value", [](Call& c) { return atLeast(c, 255); }},
+    {"pin", [](Call& c) { return atLeast(c, 256); }},
+    {"size", [](Call& c) { return Handle{c.w.orTooLong(c.size)}; }},
+    {"exactSize", [](Call& c) { return Handle{c.size}; }},
+    {"inOut", [](Call& c) { return c.lengthOf(c.w.orTooLong(c.size)); }},
+    {"blob",
+     [](Call& c) {
+         const DWORD type = (chosen(c.w, "importType") & 0xFF) | CUR_BLOB_VERSION << 8;
+         return c.place(ExactBytes(join(test::dwords({type, chosen(c.w, "aes")}), anyBytes(c.w.input, 300))));
+     }},
+    {"keyValue",
+     [](Call& c) {
+         if (c.number != KP_CERTIFICATE) return atLeast(c, 16);
+         return c.place(asCertificateArgument(anyBytes(c.w.input, 300)));
+     }},
+    {"hashValue",
+     [](Call& c) {
+         Bytes value = test::dwords({chosen(c.w, "hashAlgorithm")}); // which an HMAC_INFO begins with
+         value.resize(c.number == HP_HMAC_INFO ? sizeof(HMAC_INFO) : 64);
+         return c.place(ExactBytes(value));
+     }},
+    {"padding",
+     [](Call& c) {
+         BCRYPT_OAEP_PADDING_INFO padding{};
+         padding.pszAlgId = c.w.orNull(c.text("algorithm"));
+         return c.place(ExactBytes(bytesOf(padding)));
+     }},
+    {"parameters",
+     [](Call& c) {
+         Bytes buffers;
+         ULONG count = 0;
+         for (; count < c.w.input.ConsumeIntegralInRange<ULONG>(0, 4); ++count) {
+             const ExactBytes& value = c.keep(ExactBytes(anyBytes(c.w.input, 300)));
+             buffers = join(buffers, bytesOf(NCryptBuffer{c.w.orTooLong(value.size()), chosen(c.w, "kdfType"),
+                                                          c.w.orNull(value.data())}));
+         }
+         void* const list = c.w.orNull(c.keep(ExactBytes(buffers)).data());
+         return c.place(ExactBytes(bytesOf(NCryptBufferDesc{0, count, static_cast<NCryptBuffer*>(list)})));
+     }},
+    // Output: the capacity goes in by "length" in CryptoAPI.
+    {"out", [](Call& c) { return addressOf(c.given = c.w.orNull(c.buffer().data())); }},
+    {"capacity", [](Call& c) { return Handle{c.buffer().size()}; }},
+    {"length", [](Call& c) { return c.lengthOf(c.isCng ? kUntouched : c.buffer().size()); }},
+    {"plainLength", [](Call& c) { return c.lengthOf(chosen(c.w, "plaintext")); }},
+};
+
+/// The value of an argument: "context" any handle, most often a live one of this kind, "+context" the place
+/// for a new one, "-context" the one that is closed; a choice of kNumbers; a text of kTexts; one of kOthers.
+Handle argument(Call& c, std::string_view word) {
+    const char effect = word.front();
+    const std::string_view name = effect == '+' || effect == '-' ? word.substr(1) : word;
+    if (const auto* const found = std::ranges::find(kKindNames, name); found != kKindNames.end()) {
+        const auto kind = static_cast<Kind>(found - kKindNames.begin());
+        if (effect == '+') {
+            c.opens = kind;
+            return addressOf(c.w.orNull(&c.opened));
+        }
+        const Handle handle = c.w.any(kind);
+        if (effect == '-') {
+            c.closes = kind;
+            c.closed = handle;
+        }
+        return handle;
+    }
+    if (kNumbers.contains(word)) return c.number = chosen(c.w, word);
+    if (kTexts.contains(word)) return addressOf(c.w.orNull(c.text(word)));
+    return kOthers.at(word)(c);
+}
+
+void lookBehind(const Call& c, bool done) {
+    if (c.opens) {
+        require(done ? c.opened != kUntouched && c.opened != 0 : c.opened == kUntouched,
+                "a handle is handed out exactly with a success");
+        if (done) c.w.live[*c.opens].push_back(c.opened);
+    }
+    if (c.closes) {
+        // Of keys and secrets of CNG, what is not live is freed already, and that is no failure.
+        const bool neverFails = *c.closes == kKspKey || *c.closes == kSecret;
+        const bool wasLive = done && c.w.forget(*c.closes, c.closed);
+        require(neverFails ? done : wasLive == done, "exactly a live handle is closed");
+    }
+    // CryptoAPI tells of more than fits with a success, too.
+    if (c.isCng && done && c.given != nullptr) require(c.length <= c.out->size(), "what is written fits");
+}
+
+Step step(bool isCng, const test::Invocation& call, const char* words) {
+    return [isCng, call, names = wordsOf(words)](World& w) {
+        Call c{.w = w, .isCng = isCng};
+        test::Values values;
+        for (const std::string& name : names)
+            values.push_back(argument(c, name));
+        const auto entryPoint = [&] { return call(values); };
+        lookBehind(c, isCng ? kspCall(entryPoint) : cspCall(entryPoint));
+    };
+}
+
+Step csp(auto* function, const char* words) {
+    return step(false, test::invocation(function), words);
+}
+
+Step ksp(auto* function, const char* words) {
+    return step(true, test::invocation(function), words);
+}
 
 constexpr const char* kContainers[] = {"", "fuzz-a", "fuzz-b", "12121212121212121212121212121212"};
 
@@ -140,7 +286,7 @@ void acquire(World& w) {
     const char* container = w.input.PickValueInArray(kContainers);
     w.usedContainers = w.usedContainers || *container != '\0';
     const DWORD deletes = w.input.ConsumeIntegralInRange(0, 7) == 7 ? CRYPT_DELETEKEYSET : 0;
-    const DWORD flags = w.flags() | deletes;
+    const DWORD flags = chosen(w, "flags") | deletes;
     HCRYPTPROV context = kUntouched;
     const bool done = cspCall([&] {
         return CPAcquireContext(w.orNull(&context), w.orNull(container), flags, w.orNull(anyTable()));
@@ -148,181 +294,53 @@ void acquire(World& w) {
     if (done && (flags & CRYPT_DELETEKEYSET) == 0) w.live[kContext].push_back(context);
 }
 
-// Closing what is not live fails in CryptoAPI and for providers, and is no failure in the rest of CNG.
-constexpr Step kClosingSteps[] = {
-    [](World& w) { w.close(kContext, [&](Handle it) { return CPReleaseContext(it, w.hashFlags()); }); },
-    [](World& w) { w.close(kHash, [&](Handle it) { return CPDestroyHash(w.any(kContext), it); }); },
-    [](World& w) { w.close(kKey, [&](Handle it) { return CPDestroyKey(w.any(kContext), it); }); },
-    [](World& w) { w.close(kProvider, KSPFreeProvider); },
-    [](World& w) {
-        const Handle key = w.any(kKspKey);
-        require(kspCall([&] { return KSPFreeKey(w.any(kProvider), key); }), "freeing a key never fails");
-        w.forget(kKspKey, key);
-    },
-    [](World& w) {
-        const Handle secret = w.any(kSecret);
-        require(kspCall([&] { return KSPFreeSecret(w.any(kProvider), secret); }),
-                "nor does freeing a secret");
-        w.forget(kSecret, secret);
-    },
-    [](World& w) {
-        const Handle block = w.rarely() ? w.any(kKspKey) : w.oneOf(w.blocks);
-        require(kspCall([&] { return KSPFreeBuffer(reinterpret_cast<void*>(block)); }),
-                "nor freeing a block");
-        if (std::erase(w.blocks, block) != 0) w.freed.push_back(block);
-    },
+void freeBlock(World& w) {
+    const Handle block = w.rarely() ? w.any(kKspKey) : w.oneOf(w.blocks);
+    require(kspCall([&] { return KSPFreeBuffer(reinterpret_cast<void*>(block)); }),
+            "freeing a block never fails");
+    if (std::erase(w.blocks, block) != 0) w.freed.push_back(block);
+}
+
+const Step kClosingSteps[] = {
+    csp(CPReleaseContext, "-context hashFlags"),
+    csp(CPDestroyHash, "context -hash"),
+    csp(CPDestroyKey, "context -key"),
+    ksp(KSPFreeProvider, "-provider"),
+    ksp(KSPFreeKey, "provider -cngKey"),
+    ksp(KSPFreeSecret, "provider -secret"),
+    freeBlock,
 };
 
-constexpr Step kCspSteps[] = {
+const Step kCspSteps[] = {
     acquire,
-    [](World& w) {
-        w.open(kKey, [&](Handle* out) {
-            const ALG_ID algorithm = w.pick({AT_SIGNATURE, AT_KEYEXCHANGE, CALG_RSA_SIGN, CALG_RSA_KEYX});
-            return CPGenKey(w.any(kContext), algorithm, w.flags(), out);
-        });
-    },
-    [](World& w) {
-        w.open(kKey, [&](Handle* out) { return CPGetUserKey(w.any(kContext), w.keySpec(), out); });
-    },
-    [](World& w) {
-        const DWORD type = w.pick({PUBLICKEYBLOB, SIMPLEBLOB, PLAINTEXTKEYBLOB, SYMMETRICWRAPKEYBLOB});
-        const Bytes header = bytesOf(BLOBHEADER{.bType = static_cast<BYTE>(type),
-                                                .bVersion = CUR_BLOB_VERSION,
-                                                .reserved = 0,
-                                                .aiKeyAlg = w.aesAlgorithm()});
-        const ExactBytes blob(join(header, w.bytes()));
-        w.open(kKey, [&](Handle* out) {
-            return CPImportKey(w.any(kContext), w.orNull(blob.data()), w.orTooLong(blob.size()), w.any(kKey),
-                               w.flags(), out);
-        });
-    },
-    [](World& w) {
-        w.open(kKey, [&](Handle* out) {
-            return CPDeriveKey(w.any(kContext), w.aesAlgorithm(), w.any(kHash), w.flags(), out);
-        });
-    },
-    [](World& w) {
-        w.open(kHash, [&](Handle* out) {
-            const ALG_ID algorithm = w.pick({CALG_SHA_256, CALG_HMAC, CALG_SHA_512, CALG_SHA1, CALG_MD5});
-            return CPCreateHash(w.any(kContext), algorithm, w.any(kKey), w.hashFlags(), out);
-        });
-    },
-    [](World& w) {
-        w.open(kHash, [&](Handle* out) {
-            return CPDuplicateHash(w.any(kContext), w.any(kHash), nullptr, w.hashFlags(), out);
-        });
-    },
-    [](World& w) {
-        const DWORD parameter = w.pick({KP_IV, KP_MODE, KP_PADDING, KP_PERMISSIONS, KP_CERTIFICATE});
-        const Bytes value = w.bytes();
-        ExactBytes iv(16);
-        std::copy_n(value.begin(), std::min<std::size_t>(value.size(), 16), iv.data());
-        const ExactBytes argument =
-            parameter == KP_CERTIFICATE ? asCertificateArgument(value) : std::move(iv);
-        cspCall([&] {
-            return CPSetKeyParam(w.any(kContext), w.any(kKey), parameter, w.orNull(argument.data()), 0);
-        });
-    },
-    [](World& w) {
-        const HMAC_INFO info{.HashAlgid = w.pick({CALG_SHA_256, CALG_SHA_512, CALG_SHA1, CALG_MD5}),
-                             .pbInnerString = nullptr,
-                             .cbInnerString = 0,
-                             .pbOuterString = nullptr,
-                             .cbOuterString = 0};
-        const DWORD parameter = w.pick({HP_HMAC_INFO, HP_HASHVAL});
-        const ExactBytes value = parameter == HP_HMAC_INFO ? ExactBytes(bytesOf(info)) : ExactBytes(64);
-        cspCall([&] {
-            return CPSetHashParam(w.any(kContext), w.any(kHash), parameter, w.orNull(value.data()),
-                                  w.hashFlags());
-        });
-    },
-    [](World& w) {
-        const DWORD parameter =
-            w.pick({PP_SIGNATURE_PIN, PP_KEYEXCHANGE_PIN, PP_USE_HARDWARE_RNG, PP_CLIENT_HWND});
-        Bytes pin = w.bytes(256);
-        pin.resize(256);
-        const ExactBytes value(pin);
-        cspCall([&] { return CPSetProvParam(w.any(kContext), parameter, w.orNull(value.data()), 0); });
-    },
-    [](World& w) {
-        const ExactBytes data(w.bytes());
-        cspCall(
-            [&] { return CPHashData(w.any(kContext), w.any(kHash), w.orNull(data.data()), data.size(), 0); });
-    },
-    [](World& w) {
-        const ExactBytes data = w.buffer();
-        DWORD length = w.pick({16, 20, 0, 245, data.size()});
-        cspCall([&] {
-            return CPEncrypt(w.any(kContext), w.any(kKey), 0, w.input.ConsumeBool(), w.pick({0, CRYPT_OAEP}),
-                             w.orNull(data.data()), w.orNull(&length), data.size());
-        });
-    },
-    [](World& w) {
-        const ExactBytes data(w.bytes());
-        DWORD length = w.orTooLong(data.size());
-        cspCall([&] {
-            return CPDecrypt(w.any(kContext), w.any(kKey), 0, w.input.ConsumeBool(), w.pick({CRYPT_OAEP, 0}),
-                             w.orNull(data.data()), w.orNull(&length));
-        });
-    },
-    [](World& w) {
-        const ExactBytes signature(w.bytes());
-        cspCall([&] {
-            return CPVerifySignature(w.any(kContext), w.any(kHash), w.orNull(signature.data()),
-                                     w.orTooLong(signature.size()), w.any(kKey), nullptr, 0);
-        });
-    },
-    [](World& w) {
-        const ExactBytes out = w.buffer();
-        cspCall([&] { return CPGenRandom(w.any(kContext), out.size(), w.orNull(out.data())); });
-    },
-    [](World& w) {
-        cspCall([&] { return CPHashSessionKey(w.any(kContext), w.any(kHash), w.any(kKey), w.flags()); });
-    },
-    [](World& w) {
-        w.fillCsp([&](BYTE* data, DWORD* length) {
-            const auto parameter = w.input.ConsumeIntegralInRange<DWORD>(0, 50);
-            return CPGetProvParam(w.any(kContext), parameter, data, length, w.flags());
-        });
-    },
-    [](World& w) {
-        w.fillCsp([&](BYTE* data, DWORD* length) {
-            const auto parameter = w.input.ConsumeIntegralInRange<DWORD>(0, 50);
-            return CPGetKeyParam(w.any(kContext), w.any(kKey), parameter, data, length, 0);
-        });
-    },
-    [](World& w) {
-        w.fillCsp([&](BYTE* data, DWORD* length) {
-            const DWORD parameter = w.pick({HP_HASHVAL, HP_HASHSIZE, HP_ALGID, HP_HMAC_INFO});
-            return CPGetHashParam(w.any(kContext), w.any(kHash), parameter, data, length, w.hashFlags());
-        });
-    },
-    [](World& w) {
-        w.fillCsp([&](BYTE* data, DWORD* length) {
-            const DWORD type = w.pick({PUBLICKEYBLOB, PRIVATEKEYBLOB, SIMPLEBLOB});
-            return CPExportKey(w.any(kContext), w.any(kKey), 0, type, 0, data, length);
-        });
-    },
-    [](World& w) {
-        w.fillCsp([&](BYTE* data, DWORD* length) {
-            return CPSignHash(w.any(kContext), w.any(kHash), w.keySpec(), nullptr, 0, data, length);
-        });
-    },
+    csp(CPGenKey, "context keyAlgorithm flags +key"),
+    csp(CPGetUserKey, "context keySpec +key"),
+    csp(CPImportKey, "context blob size key flags +key"),
+    csp(CPDeriveKey, "context aes hash flags +key"),
+    csp(CPCreateHash, "context hashAlgorithm key hashFlags +hash"),
+    csp(CPDuplicateHash, "context hash null hashFlags +hash"),
+    csp(CPSetKeyParam, "context key keyParameter keyValue null"),
+    csp(CPSetHashParam, "context hash setHashParameter hashValue hashFlags"),
+    csp(CPSetProvParam, "context pinParameter pin null"),
+    csp(CPHashData, "context hash bytes exactSize null"),
+    csp(CPEncrypt, "context key null bool oaep out plainLength capacity"),
+    csp(CPDecrypt, "context key null bool oaep bytes inOut"),
+    csp(CPVerifySignature, "context hash bytes size key null null"),
+    csp(CPGenRandom, "context capacity out"),
+    csp(CPHashSessionKey, "context hash key flags"),
+    csp(CPGetProvParam, "context upTo50 out length flags"),
+    csp(CPGetKeyParam, "context key upTo50 out length null"),
+    csp(CPGetHashParam, "context hash hashParameter out length hashFlags"),
+    csp(CPExportKey, "context key null blobType null out length"),
+    csp(CPSignHash, "context hash keySpec null null out length"),
 };
-
-constexpr std::array<const char*, 5> kKeyNames = {
-    "12121212121212121212121212121212", "15151515151515151515151515151515",
-    "16161616161616161616161616161616", "E1E1E1E1E1E1E1E1E1E1E1E1E1E1E1E1", ""};
-constexpr std::array<const char*, 7> kAlgorithms = {"RSA",       "ECDSA_P256", "ECDH_P256", "ECDH_P384",
-                                                    "ECDH_P521", "SHA256",     "AES"};
-constexpr std::array<const char*, 2> kFunctions = {"HASH", "SP800_56ACONCAT"};
 
 void enumerateAlgorithms(World& w) {
     DWORD count = kUntouched;
     NCryptAlgorithmName* list = nullptr;
     const bool done = kspCall([&] {
-        return KSPEnumAlgorithms(w.any(kProvider), w.pick({0, 1, 2, 4, 8, 16}), w.orNull(&count),
-                                 w.orNull(&list), 0);
+        return KSPEnumAlgorithms(w.any(kProvider), w.pick(std::array<DWORD, 6>{0, 1, 2, 4, 8, 16}),
+                                 w.orNull(&count), w.orNull(&list), 0);
     });
     require(done == (list != nullptr), "a list exactly with a success");
     if (!done) return;
@@ -337,7 +355,7 @@ void enumerateKeys(World& w) {
     void* const given = w.input.ConsumeBool() ? before : nullptr;
     void* cursor = given;
     const bool done = kspCall([&] {
-        return KSPEnumKeys(w.any(kProvider), nullptr, w.orNull(&name), w.orNull(&cursor), w.flags());
+        return KSPEnumKeys(w.any(kProvider), nullptr, w.orNull(&name), w.orNull(&cursor), chosen(w, "flags"));
     });
     require(done == (name != nullptr), "a name exactly with a success");
     // A token without keys leaves its caller a cursor, too.
@@ -348,133 +366,39 @@ void enumerateKeys(World& w) {
     w.blocks.push_back(reinterpret_cast<Handle>(name));
 }
 
-constexpr Step kKspSteps[] = {
-    [](World& w) { w.open(kProvider, [&](Handle* out) { return KSPOpenProvider(out, nullptr, 0); }); },
-    [](World& w) {
-        const ExactText name(anyOf(w.input, kKeyNames));
-        w.open(kKspKey, [&](Handle* out) {
-            return KSPOpenKey(w.any(kProvider), out, w.orNull(name.get()),
-                              w.pick({0, AT_KEYEXCHANGE, AT_SIGNATURE}), 0);
-        });
-    },
-    [](World& w) {
-        const ExactText name(anyOf(w.input, kKeyNames));
-        const ExactText algorithm(anyOf(w.input, kAlgorithms));
-        w.open(kKspKey, [&](Handle* out) {
-            return KSPCreatePersistedKey(w.any(kProvider), out, w.orNull(algorithm.get()),
-                                         w.orNull(name.get()), w.keySpec(), 0);
-        });
-    },
-    [](World& w) { kspCall([&] { return KSPFinalizeKey(w.any(kProvider), w.any(kKspKey), w.flags()); }); },
-    [](World& w) { kspCall([&] { return KSPDeleteKey(w.any(kProvider), w.any(kKspKey), w.flags()); }); },
-    [](World& w) {
-        const ExactText type(anyOf(w.input, kBlobNames));
-        const ExactBytes blob(w.bytes());
-        w.open(kKspKey, [&](Handle* out) {
-            return KSPImportKey(w.any(kProvider), w.any(kKspKey), w.orNull(type.get()), nullptr, out,
-                                w.orNull(blob.data()), w.orTooLong(blob.size()), 0);
-        });
-    },
-    [](World& w) {
-        w.open(kSecret, [&](Handle* out) {
-            return KSPSecretAgreement(w.any(kProvider), w.any(kKspKey), w.any(kKspKey), out, 0);
-        });
-    },
-    [](World& w) {
-        const ExactText property(anyOf(w.input, kPropertyNames));
-        // At least as long as what is read of a value whose length is not looked at.
-        Bytes value = w.bytes();
-        const DWORD length = w.orTooLong(static_cast<DWORD>(value.size()));
-        value.resize(std::max<std::size_t>(value.size(), 255));
-        const ExactBytes argument(value);
-        kspCall([&] {
-            return KSPSetKeyProperty(w.any(kProvider), w.any(kKspKey), w.orNull(property.get()),
-                                     w.orNull(argument.data()), length, 0);
-        });
-        kspCall([&] {
-            return KSPSetProviderProperty(w.any(kProvider), w.orNull(property.get()),
-                                          w.orNull(argument.data()), length, 0);
-        });
-    },
-    [](World& w) {
-        const ExactText property(anyOf(w.input, kPropertyNames));
-        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-            return KSPGetKeyProperty(w.any(kProvider), w.any(kKspKey), property.get(), data, capacity, size,
-                                     0);
-        });
-        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-            return KSPGetProviderProperty(w.any(kProvider), property.get(), data, capacity, size, 0);
-        });
-    },
-    [](World& w) {
-        const ExactText type(anyOf(w.input, kBlobNames));
-        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-            return KSPExportKey(w.any(kProvider), w.any(kKspKey), 0, type.get(), nullptr, data, capacity,
-                                size, 0);
-        });
-    },
-    [](World& w) {
-        const ExactBytes in(w.bytes());
-        const ExactText hash(anyOf(w.input, kAlgorithms));
-        BCRYPT_OAEP_PADDING_INFO padding{.pszAlgId = w.orNull(hash.get()), .pbLabel = nullptr, .cbLabel = 0};
-        const auto entryPoint = w.input.ConsumeBool() ? KSPEncrypt : KSPDecrypt;
-        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-            return entryPoint(w.any(kProvider), w.any(kKspKey), w.orNull(in.data()), w.orTooLong(in.size()),
-                              w.orNull(&padding), data, capacity, size, w.flags());
-        });
-    },
-    [](World& w) {
-        const ExactBytes hash(w.bytes(64));
-        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-            return KSPSignHash(w.any(kProvider), w.any(kKspKey), nullptr, w.orNull(hash.data()),
-                               w.orTooLong(hash.size()), data, capacity, size, w.flags());
-        });
-    },
-    [](World& w) {
-        const ExactBytes hash(w.bytes(64));
-        const ExactBytes signature(w.bytes());
-        kspCall([&] {
-            return KSPVerifySignature(w.any(kProvider), w.any(kKspKey), nullptr, w.orNull(hash.data()),
-                                      hash.size(), w.orNull(signature.data()), w.orTooLong(signature.size()),
-                                      w.flags());
-        });
-    },
-    [](World& w) {
-        const ExactText function(anyOf(w.input, kFunctions));
-        const ExactBytes value(w.bytes(40));
-        NCryptBuffer parameter{.cbBuffer = w.orTooLong(value.size()),
-                               .BufferType =
-                                   w.input.PickValueInArray<ULONG>({KDF_HASH_ALGORITHM, 0xD, 0xE, 1}),
-                               .pvBuffer = value.data()};
-        NCryptBufferDesc list{.ulVersion = 0, .cBuffers = 1, .pBuffers = w.orNull(&parameter)};
-        w.fillKsp([&](BYTE* data, DWORD capacity, DWORD* size) {
-            return KSPDeriveKey(0, w.any(kSecret), w.orNull(function.get()), w.orNull(&list), data, capacity,
-                                size, 0);
-        });
-    },
-    [](World& w) {
-        const ExactText algorithm(anyOf(w.input, kAlgorithms));
-        kspCall([&] { return KSPIsAlgSupported(w.any(kProvider), w.orNull(algorithm.get()), 0); });
-    },
+const Step kKspSteps[] = {
+    ksp(KSPOpenProvider, "+provider null null"),
+    ksp(KSPOpenKey, "provider +cngKey keyName keySpec null"),
+    ksp(KSPCreatePersistedKey, "provider +cngKey algorithm keyName keySpec null"),
+    ksp(KSPFinalizeKey, "provider cngKey flags"),
+    ksp(KSPDeleteKey, "provider cngKey flags"),
+    ksp(KSPImportKey, "provider cngKey blobName null +cngKey bytes size null"),
+    ksp(KSPSecretAgreement, "provider cngKey cngKey +secret null"),
+    ksp(KSPSetKeyProperty, "provider cngKey property value size null"),
+    ksp(KSPSetProviderProperty, "provider property value size null"),
+    ksp(KSPGetKeyProperty, "provider cngKey property out capacity length null"),
+    ksp(KSPGetProviderProperty, "provider property out capacity length null"),
+    ksp(KSPExportKey, "provider cngKey null blobName null out capacity length null"),
+    ksp(KSPEncrypt, "provider cngKey bytes size padding out capacity length flags"),
+    ksp(KSPDecrypt, "provider cngKey bytes size padding out capacity length flags"),
+    ksp(KSPSignHash, "provider cngKey null bytes size out capacity length flags"),
+    ksp(KSPVerifySignature, "provider cngKey null bytes exactSize bytes size flags"),
+    ksp(KSPDeriveKey, "null secret kdf parameters out capacity length null"),
+    ksp(KSPIsAlgSupported, "provider algorithm null"),
     enumerateAlgorithms,
     enumerateKeys,
-    [](World& w) {
-        kspCall([&] { return KSPPromptUser(w.any(kProvider), w.any(kKspKey), nullptr, w.flags()); });
-    },
-    [](World& w) {
-        require(!kspCall([&] { return KSPNotifyChangeKey(w.any(kProvider), nullptr, 0); }),
-                "it is not supported");
-    },
+    ksp(KSPPromptUser, "provider cngKey null flags"),
+    ksp(KSPNotifyChangeKey, "provider null null"),
 };
 
 // The library, the token and the user
 
-constexpr auto kLibrary = names(
-    "init", "getConnectedDeviceList", "initDevice", "getTokenInfo", "validatePassword", "getKeyPairList",
-    "generateKeyPair", "deleteKeyPair", "getCertificateList", "findCertificateForKey", "importCertificate",
-    "getCertificateDetails", "getFilesWithExtensionsAndConvertDER", "getAesKeyList", "importAesKey",
-    "signHash", "verifySignatureHash", "encrypt", "decrypt", "encrypt_aes", "decrypt_aes", "decryptSymetric",
-    "ecdhDerive", "generateRamdomNumber", "initHash", "updateHash", "finalHash", "updateKeyPairDetails");
+const std::vector<std::string> kLibrary =
+    wordsOf("init getConnectedDeviceList initDevice getTokenInfo validatePassword getKeyPairList "
+            "generateKeyPair deleteKeyPair getCertificateList findCertificateForKey importCertificate "
+            "getCertificateDetails getFilesWithExtensionsAndConvertDER getAesKeyList importAesKey signHash "
+            "verifySignatureHash encrypt decrypt encrypt_aes decrypt_aes decryptSymetric ecdhDerive "
+            "generateRamdomNumber initHash updateHash finalHash updateKeyPairDetails");
 
 // One function, or all of them, so that it does not take luck to meet the one that is called next.
 void scriptLibrary(World& w) {
@@ -487,10 +411,9 @@ void scriptLibrary(World& w) {
     script.throws = w.rarely();
     script.outOfMemory = w.rarely();
     script.onCall = w.rarely() ? w.input.ConsumeIntegralInRange(1, 3) : 0;
-    const char* only = w.input.PickValueInArray(kLibrary);
+    const auto only = w.input.ConsumeIntegralInRange<std::size_t>(0, kLibrary.size() - 1);
     const bool all = w.input.ConsumeBool();
-    for (const char* function : kLibrary)
-        if (all || function == only) library().script(std::string("veltra_") + function, script);
+    library().script(all ? std::string() : "veltra_" + kLibrary[only], script);
 }
 
 // What a record says of itself, the length of its contents above all, is the library's word and no more.
@@ -498,24 +421,16 @@ template <class Record>
 void changeOneOf(std::vector<Record>& records, std::uint32_t Record::*length, World& w) {
     if (records.empty()) return;
     Record& record = records[w.input.ConsumeIntegralInRange<std::size_t>(0, records.size() - 1)];
-    const DWORD value = w.pick({0, 1, 2, 8, 10, 129, 1025, 3073, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF});
+    const DWORD value =
+        w.pick(std::array<DWORD, 11>{0, 1, 2, 8, 10, 129, 1025, 3073, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF});
     const auto offset = w.input.ConsumeIntegralInRange<std::size_t>(0, sizeof(Record) / 4 - 1) * 4;
-    switch (w.input.ConsumeIntegralInRange(0, 3)) {
-    case 0:
-        record.*length = value;
-        break;
-    case 1:
-        record.credentialIdLength = value;
-        break;
-    case 2:
-        std::ranges::fill(record.label, 'L');
-        break;
-    default:
+    if (w.input.ConsumeBool()) (w.input.ConsumeBool() ? record.*length : record.credentialIdLength) = value;
+    if (w.input.ConsumeBool()) std::ranges::fill(record.label, 'L');
+    if (w.input.ConsumeBool())
         std::ranges::copy(bytesOf(value), reinterpret_cast<unsigned char*>(&record) + offset);
-    }
 }
 
-constexpr Step kWorldSteps[] = {
+const Step kWorldSteps[] = {
     scriptLibrary,
     scriptLibrary,
     scriptLibrary,
@@ -541,28 +456,27 @@ constexpr Step kWorldSteps[] = {
     // The application's window procedures run while the dialog is up, and may close what is in use.
     [](World& w) {
         prompt().whileAsked([&w] {
-            for (const Step step : kClosingSteps)
+            for (const Step& step : kClosingSteps)
                 step(w);
         });
     },
 };
 
+template <class Close>
+void closeAll(const std::vector<Handle>& handles, Close close) {
+    for (const Handle handle : handles)
+        require(close(handle), "what is open can be closed");
+}
+
 void closeAll(const World& w) {
     library().clearScripts();
-    for (const Handle block : w.blocks)
-        require(KSPFreeBuffer(reinterpret_cast<void*>(block)) == 0, "a block is freed");
-    for (const Handle key : w.live[kKspKey])
-        require(KSPFreeKey(0, key) == 0, "a key is freed");
-    for (const Handle secret : w.live[kSecret])
-        require(KSPFreeSecret(0, secret) == 0, "a secret is freed");
-    for (const Handle provider : w.live[kProvider])
-        require(KSPFreeProvider(provider) == 0, "a provider is freed");
-    for (const Handle hash : w.live[kHash])
-        require(CPDestroyHash(cspContext(), hash) != FALSE, "a hash is destroyed");
-    for (const Handle key : w.live[kKey])
-        require(CPDestroyKey(cspContext(), key) != FALSE, "a key is destroyed");
-    for (const Handle context : w.live[kContext])
-        require(CPReleaseContext(context, 0) != FALSE, "a context is released");
+    closeAll(w.blocks, [](Handle it) { return KSPFreeBuffer(reinterpret_cast<void*>(it)) == 0; });
+    closeAll(w.live[kKspKey], [](Handle it) { return KSPFreeKey(0, it) == 0; });
+    closeAll(w.live[kSecret], [](Handle it) { return KSPFreeSecret(0, it) == 0; });
+    closeAll(w.live[kProvider], [](Handle it) { return KSPFreeProvider(it) == 0; });
+    closeAll(w.live[kHash], [](Handle it) { return CPDestroyHash(cspContext(), it) != FALSE; });
+    closeAll(w.live[kKey], [](Handle it) { return CPDestroyKey(cspContext(), it) != FALSE; });
+    closeAll(w.live[kContext], [](Handle it) { return CPReleaseContext(it, 0) != FALSE; });
     if (!w.usedContainers) return;
     for (const char* container : kContainers)
         forgetContainer(container);
@@ -570,33 +484,22 @@ void closeAll(const World& w) {
 
 // One of each kind, so that nearly every step has something to work on.
 void openSome(World& w) {
-    w.open(kContext, [](Handle* out) { return CPAcquireContext(out, nullptr, 0, anyTable()); });
-    w.open(kProvider, [](Handle* out) { return KSPOpenProvider(out, nullptr, 0); });
+    csp(CPAcquireContext, "+context null null table")(w);
+    ksp(KSPOpenProvider, "+provider null null")(w);
     const Bytes secret = test::counting(32);
     w.live[kKey] = {openCspKey(secret), openCspKey(kKeyTypeEcP256), openCspKey(kKeyTypeRsa2048)};
     w.live[kKspKey] = {openKspKey(secret), openKspKey(kKeyTypeEcP256), openKspKey(kKeyTypeRsa2048)};
-    w.open(kHash, [&](Handle* out) { return CPCreateHash(w.any(kContext), CALG_SHA_256, 0, 0, out); });
+    csp(CPCreateHash, "context hashAlgorithm null null +hash")(w);
 }
 
 void playSequence(FuzzedDataProvider& input) {
     World world{.input = input};
     openSome(world);
     for (int count = 0; count < 64 && input.remaining_bytes() > 0; ++count) {
-        switch (input.ConsumeIntegralInRange(0, 7)) {
-        case 0:
-            input.PickValueInArray(kWorldSteps)(world);
-            break;
-        case 1:
-            input.PickValueInArray(kClosingSteps)(world);
-            break;
-        case 2:
-        case 3:
-        case 4:
-            input.PickValueInArray(kCspSteps)(world);
-            break;
-        default:
-            input.PickValueInArray(kKspSteps)(world);
-        }
+        static const std::span<const Step> kChoices[] = {kWorldSteps, kClosingSteps, kCspSteps, kCspSteps,
+                                                         kCspSteps,   kKspSteps,     kKspSteps, kKspSteps};
+        const std::span<const Step> steps = input.PickValueInArray(kChoices);
+        steps[input.ConsumeIntegralInRange<std::size_t>(0, steps.size() - 1)](world);
     }
     closeAll(world);
 }

@@ -13,13 +13,11 @@
 namespace veltra::test {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
 using Lines = std::vector<std::string>;
 
 Lines calls;
 std::map<std::string, LONG> statuses;
-bool hasMemory;
+bool hasMemory = true;
 
 std::string besideThisProgram(const std::string& file) {
     char path[MAX_PATH] = {};
@@ -42,10 +40,9 @@ void installStandIn(const std::string& missing = {}) {
     ASSERT_TRUE(out << file);
 }
 
-const std::string kRegister = "BCryptRegisterProvider";
-const std::string kUnregister = "BCryptUnregisterProvider";
-const std::string kAdd = "BCryptAddContextFunctionProvider";
-const std::string kRemove = "BCryptRemoveContextFunctionProvider";
+void removeStandIn() {
+    ASSERT_TRUE(DeleteFileA(besideThisProgram("bcrypt.dll").c_str()));
+}
 
 const std::string kName = "Veltra Cryptographic Provider CSP";
 const std::string kEntry = "table 1, context null, interface 10001, function KEY_STORAGE, provider " + kName;
@@ -56,95 +53,85 @@ const std::string kRegisterCall = "Register: provider " + kName +
                                   "flags 1 function KEY_STORAGE), kernel mode null";
 const std::string kAddCall = "Add: " + kEntry + ", position FFFFFFFF";
 
-const std::string kRegisterStarts = "DEBUG DllRegisterServer: Registering KSP via CNG API";
-const std::string kRegistered = "DEBUG DllRegisterServer: KSP registered successfully";
-const std::string kUnregisterStarts = "DEBUG DllUnregisterServer: Unregistering KSP via CNG API";
-const std::string kUnregistered = "DEBUG DllUnregisterServer: KSP unregistered successfully";
-
 class RegistrationTest : public testing::Test {
 protected:
     RegistrationTest() {
         useOwnLogFolder();
         setLogLevel(3);
-        statuses.clear();
-        hasMemory = true;
         installStandIn();
     }
-    ~RegistrationTest() override { DeleteFileA(besideThisProgram("bcrypt.dll").c_str()); }
 
-    /// Runs one of the two functions and expects this result, these calls of bcrypt.dll and these log lines.
-    static void expect(decltype(&DllRegisterServer) function, HRESULT result, const Lines& expectedCalls,
-                       const Lines& expectedLog) {
+    /// What one of the two functions answers, its calls of bcrypt.dll and how the log ends.
+    struct Answer {
+        HRESULT result = S_OK;
+        Lines calls;
+        std::string line;
+    };
+
+    static void expectBoth(const Answer& registering, const Answer& unregistering) {
+        expect(DllRegisterServer, "DllRegisterServer: Register", registering);
+        expect(DllUnregisterServer, "DllUnregisterServer: Unregister", unregistering);
+    }
+
+private:
+    static void expect(decltype(&DllRegisterServer) function, const std::string& start,
+                       const Answer& expected) {
         ASSERT_EQ(GetModuleHandleA("bcrypt.dll"), nullptr) << "a part of the system uses the stand-in";
         calls.clear();
         removeLog();
-        EXPECT_EQ(function(), result);
-        EXPECT_EQ(calls, expectedCalls);
+        EXPECT_EQ(function(), expected.result);
+        EXPECT_EQ(calls, expected.calls);
         Lines log;
         std::istringstream raw(readLog());
         for (std::string line; std::getline(raw, line);)
             log.push_back(withoutTime(line));
-        EXPECT_EQ(log, expectedLog);
+        EXPECT_THAT(log, testing::ElementsAre("DEBUG " + start + "ing KSP via CNG API", expected.line));
         EXPECT_EQ(GetModuleHandleA("bcrypt.dll"), nullptr) << "bcrypt.dll is released";
     }
 };
 
+const Lines kRemoval = {kRemoveCall, kUnregisterCall};
 const Lines kAllCalls = {kRemoveCall, kUnregisterCall, kRegisterCall, kAddCall};
-const HRESULT kFail = static_cast<HRESULT>(0x80004005);
 
-TEST_F(RegistrationTest, RegisteringRemovesTheOldEntryFirst) {
-    expect(DllRegisterServer, S_OK, kAllCalls, {kRegisterStarts, kRegistered});
-    expect(DllRegisterServer, S_OK, kAllCalls, {kRegisterStarts, kRegistered});
-    expect(DllUnregisterServer, S_OK, {kRemoveCall, kUnregisterCall}, {kUnregisterStarts, kUnregistered});
-}
-
-TEST_F(RegistrationTest, NothingToRemoveIsNoFailure) {
-    statuses = {{"Remove", static_cast<LONG>(0xC0000225)}, {"Unregister", static_cast<LONG>(0xC0000034)}};
-    expect(DllRegisterServer, S_OK, kAllCalls, {kRegisterStarts, kRegistered});
-    expect(DllUnregisterServer, S_OK, {kRemoveCall, kUnregisterCall}, {kUnregisterStarts, kUnregistered});
-}
-
-TEST_F(RegistrationTest, FailingStatusIsLoggedInDecimalBehind0xAndNothingIsTakenBack) {
-    statuses = {{"Register", static_cast<LONG>(0xC0000022)}};
-    expect(DllRegisterServer, static_cast<HRESULT>(0xD0000022), {kRemoveCall, kUnregisterCall, kRegisterCall},
-           {kRegisterStarts, "ERROR BCryptRegisterProvider failed: 0x-1073741790"});
-    statuses = {{"Add", static_cast<LONG>(0xC000000D)}};
-    expect(DllRegisterServer, static_cast<HRESULT>(0xD000000D), kAllCalls,
-           {kRegisterStarts, "ERROR BCryptAddContextFunctionProvider failed: 0x-1073741811"});
-    // An informational status is none.
+// Nothing is taken back when a call fails, and a removal that fails is no failure: there may be nothing to
+// remove. A failing status is logged in decimal behind "0x", an informational one is none. Only the function
+// that removes from the context may be missing; unregistering calls whichever is there.
+TEST_F(RegistrationTest, RegistersAndUnregisters) {
+    const Answer registered = {S_OK, kAllCalls, "DEBUG DllRegisterServer: KSP registered successfully"};
+    const std::string unregisteredLine = "DEBUG DllUnregisterServer: KSP unregistered successfully";
+    const Answer unregistered = {S_OK, kRemoval, unregisteredLine};
+    const Answer notFound = {E_FAIL, {}, "ERROR Failed to find BCrypt registration functions"};
+    const auto code = [](DWORD status) { return static_cast<LONG>(status); };
+    expectBoth(registered, unregistered);
+    statuses = {{"Remove", code(0xC0000225)}, {"Unregister", code(0xC0000034)}};
+    expectBoth(registered, unregistered);
     statuses = {{"Register", 0x40000000}, {"Add", 0x40000000}};
-    expect(DllRegisterServer, S_OK, kAllCalls, {kRegisterStarts, kRegistered});
-}
-
-TEST_F(RegistrationTest, OnlyTheFunctionThatRemovesFromTheContextMayBeMissing) {
-    const Lines notFound = {kRegisterStarts, "ERROR Failed to find BCrypt registration functions"};
-    const Lines unregistered = {kUnregisterStarts, kUnregistered};
-    for (const std::string& missing : {kRegister, kUnregister, kAdd}) {
-        SCOPED_TRACE(missing);
-        installStandIn(missing);
-        expect(DllRegisterServer, kFail, {}, notFound);
-    }
-    installStandIn(kRemove);
-    expect(DllRegisterServer, S_OK, {kUnregisterCall, kRegisterCall, kAddCall},
-           {kRegisterStarts, kRegistered});
-    // Unregistering calls whichever is there.
-    expect(DllUnregisterServer, S_OK, {kUnregisterCall}, unregistered);
-    installStandIn(kUnregister);
-    expect(DllUnregisterServer, S_OK, {kRemoveCall}, unregistered);
-}
-
-TEST_F(RegistrationTest, WithoutBcryptBothFail) {
-    ASSERT_TRUE(DeleteFileA(besideThisProgram("bcrypt.dll").c_str()));
-    expect(DllRegisterServer, kFail, {}, {kRegisterStarts, "ERROR Failed to load bcrypt.dll"});
-    expect(DllUnregisterServer, kFail, {},
-           {kUnregisterStarts, "ERROR DllUnregisterServer: LoadLibraryW failed to load bcrypt.dll"});
-}
-
-TEST_F(RegistrationTest, OutOfMemoryIsLoggedUnderTheFunctionsName) {
+    expectBoth(registered, unregistered);
+    statuses = {{"Register", code(0xC0000022)}};
+    expectBoth({code(0xD0000022),
+                {kRemoveCall, kUnregisterCall, kRegisterCall},
+                "ERROR BCryptRegisterProvider failed: 0x-1073741790"},
+               unregistered);
+    statuses = {{"Add", code(0xC000000D)}};
+    expectBoth({code(0xD000000D), kAllCalls, "ERROR BCryptAddContextFunctionProvider failed: 0x-1073741811"},
+               unregistered);
+    statuses.clear();
+    installStandIn("BCryptRegisterProvider");
+    expectBoth(notFound, unregistered);
+    installStandIn("BCryptAddContextFunctionProvider");
+    expectBoth(notFound, unregistered);
+    installStandIn("BCryptUnregisterProvider");
+    expectBoth(notFound, {S_OK, {kRemoveCall}, unregisteredLine});
+    installStandIn("BCryptRemoveContextFunctionProvider");
+    expectBoth({S_OK, {kUnregisterCall, kRegisterCall, kAddCall}, registered.line},
+               {S_OK, {kUnregisterCall}, unregisteredLine});
+    installStandIn();
     hasMemory = false;
-    expect(DllRegisterServer, E_OUTOFMEMORY, {}, {kRegisterStarts, "ERROR DllRegisterServer: out of memory"});
-    expect(DllUnregisterServer, E_OUTOFMEMORY, {},
-           {kUnregisterStarts, "ERROR DllUnregisterServer: out of memory"});
+    expectBoth({E_OUTOFMEMORY, {}, "ERROR DllRegisterServer: out of memory"},
+               {E_OUTOFMEMORY, {}, "ERROR DllUnregisterServer: out of memory"});
+    removeStandIn();
+    expectBoth({E_FAIL, {}, "ERROR Failed to load bcrypt.dll"},
+               {E_FAIL, {}, "ERROR DllUnregisterServer: LoadLibraryW failed to load bcrypt.dll"});
 }
 
 } // namespace

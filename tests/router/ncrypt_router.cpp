@@ -34,32 +34,23 @@ struct Provider {
     }
 };
 
-/// What a handle of the router stands for: a provider, or the provider's own handle of a key or a secret.
+enum class Kind { Provider, Key, Secret };
+
+/// What a handle that was given out stands for. It is the provider's own.
 struct Object {
     std::shared_ptr<Provider> provider;
-    NCRYPT_KEY_HANDLE key = 0;
-    NCRYPT_SECRET_HANDLE secret = 0;
+    Kind kind = Kind::Provider;
 };
 
 std::mutex mutex;
-std::map<NCRYPT_HANDLE, Object> objects;                 // by the router's handles
+std::map<NCRYPT_HANDLE, Object> objects;
 std::map<void*, std::shared_ptr<Provider>> givenBuffers; // which provider has to free them
-NCRYPT_HANDLE lastHandle = 0;
 
-NCRYPT_HANDLE addObject(Object object) {
-    const std::lock_guard lock(mutex);
-    lastHandle += 0x10;
-    objects.emplace(lastHandle, std::move(object));
-    return lastHandle;
-}
-
-/// Without a provider unless the handle is live and of this kind.
-Object find(NCRYPT_HANDLE handle, bool isKey, bool isSecret = false) {
+/// Null unless the handle is live and of this kind.
+std::shared_ptr<Provider> providerOf(NCRYPT_HANDLE handle, Kind kind) {
     const std::lock_guard lock(mutex);
     const auto found = objects.find(handle);
-    if (found == objects.end()) return {};
-    const Object& object = found->second;
-    return (object.key != 0) == isKey && (object.secret != 0) == isSecret ? object : Object();
+    return found != objects.end() && found->second.kind == kind ? found->second.provider : nullptr;
 }
 
 SECURITY_STATUS loadProvider(Provider& provider, LPCWSTR name, DWORD flags) {
@@ -74,29 +65,27 @@ SECURITY_STATUS loadProvider(Provider& provider, LPCWSTR name, DWORD flags) {
     return provider.functions->OpenProvider(&provider.inner, name, flags);
 }
 
-/// Forwards what takes a provider and a key.
+/// Forwards what takes a provider and a key, or a secret.
+template <auto Function, Kind Handle = Kind::Key, class... Arguments>
+SECURITY_STATUS withKey(NCRYPT_HANDLE handle, Arguments... arguments) {
+    const auto provider = providerOf(handle, Handle);
+    if (provider == nullptr) return NTE_INVALID_HANDLE;
+    return (provider->functions->*Function)(provider->inner, handle, arguments...);
+}
+
+/// Forwards what takes a provider.
 template <auto Function, class... Arguments>
-SECURITY_STATUS withKey(NCRYPT_KEY_HANDLE handle, Arguments... arguments) {
-    const Object key = find(handle, true);
-    if (key.provider == nullptr) return NTE_INVALID_HANDLE;
-    return (key.provider->functions->*Function)(key.provider->inner, key.key, arguments...);
+SECURITY_STATUS withProvider(NCRYPT_HANDLE handle, Arguments... arguments) {
+    const auto provider = providerOf(handle, Kind::Provider);
+    if (provider == nullptr) return NTE_INVALID_HANDLE;
+    return (provider->functions->*Function)(provider->inner, arguments...);
 }
 
-/// Forwards what takes a provider, or a key and its provider.
-template <auto OfProvider, auto OfKey, class... Arguments>
-SECURITY_STATUS withObject(NCRYPT_HANDLE handle, Arguments... arguments) {
-    const Object provider = find(handle, false);
-    if (provider.provider == nullptr) return withKey<OfKey>(handle, arguments...);
-    return (provider.provider->functions->*OfProvider)(provider.provider->inner, arguments...);
-}
-
-/// Runs `make(provider, place for the provider's handle)` and gives out a handle of the router for it.
-template <class Make>
-SECURITY_STATUS makeKey(NCRYPT_PROV_HANDLE handle, NCRYPT_KEY_HANDLE* key, const Make& make) {
-    Object made = find(handle, false);
-    if (made.provider == nullptr) return NTE_INVALID_HANDLE;
-    const SECURITY_STATUS status = make(*made.provider, key != nullptr ? &made.key : nullptr);
-    if (status == ERROR_SUCCESS && key != nullptr) *key = addObject(std::move(made));
+/// Remembers the object that a call with `parent` made.
+SECURITY_STATUS give(SECURITY_STATUS status, NCRYPT_HANDLE parent, const NCRYPT_HANDLE* made, Kind kind) {
+    if (status != ERROR_SUCCESS) return status;
+    const std::lock_guard lock(mutex);
+    objects[*made] = {.provider = objects[parent].provider, .kind = kind};
     return status;
 }
 
@@ -109,35 +98,33 @@ SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* phProvider,
     }
     auto provider = std::make_shared<Provider>();
     const SECURITY_STATUS status = loadProvider(*provider, pszProviderName, dwFlags);
-    if (status == ERROR_SUCCESS) *phProvider = addObject({.provider = std::move(provider)});
+    if (status != ERROR_SUCCESS) return status;
+    const std::lock_guard lock(mutex);
+    *phProvider = provider->inner;
+    objects[*phProvider] = {.provider = std::move(provider)};
     return status;
 }
 
 SECURITY_STATUS WINAPI NCryptOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey,
                                      LPCWSTR pszKeyName, DWORD dwLegacyKeySpec, DWORD dwFlags) {
-    return makeKey(hProvider, phKey, [&](const Provider& provider, NCRYPT_KEY_HANDLE* key) {
-        return provider.functions->OpenKey(provider.inner, key, pszKeyName, dwLegacyKeySpec, dwFlags);
-    });
+    return give(withProvider<&Functions::OpenKey>(hProvider, phKey, pszKeyName, dwLegacyKeySpec, dwFlags),
+                hProvider, phKey, Kind::Key);
 }
 
 SECURITY_STATUS WINAPI NCryptCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey,
                                                 LPCWSTR pszAlgId, LPCWSTR pszKeyName, DWORD dwLegacyKeySpec,
                                                 DWORD dwFlags) {
-    return makeKey(hProvider, phKey, [&](const Provider& provider, NCRYPT_KEY_HANDLE* key) {
-        return provider.functions->CreatePersistedKey(provider.inner, key, pszAlgId, pszKeyName,
-                                                      dwLegacyKeySpec, dwFlags);
-    });
+    return give(withProvider<&Functions::CreatePersistedKey>(hProvider, phKey, pszAlgId, pszKeyName,
+                                                             dwLegacyKeySpec, dwFlags),
+                hProvider, phKey, Kind::Key);
 }
 
 SECURITY_STATUS WINAPI NCryptImportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hImportKey,
                                        LPCWSTR pszBlobType, NCryptBufferDesc* pParameterList,
                                        NCRYPT_KEY_HANDLE* phKey, PBYTE pbData, DWORD cbData, DWORD dwFlags) {
-    const Object importKey = find(hImportKey, true);
-    if (hImportKey != 0 && importKey.provider == nullptr) return NTE_INVALID_HANDLE;
-    return makeKey(hProvider, phKey, [&](const Provider& provider, NCRYPT_KEY_HANDLE* key) {
-        return provider.functions->ImportKey(provider.inner, importKey.key, pszBlobType, pParameterList, key,
-                                             pbData, cbData, dwFlags);
-    });
+    return give(withProvider<&Functions::ImportKey>(hProvider, hImportKey, pszBlobType, pParameterList, phKey,
+                                                    pbData, cbData, dwFlags),
+                hProvider, phKey, Kind::Key);
 }
 
 SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
@@ -146,14 +133,19 @@ SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) 
 
 SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbOutput,
                                          DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return withObject<&Functions::GetProviderProperty, &Functions::GetKeyProperty>(
-        hObject, pszProperty, pbOutput, cbOutput, pcbResult, dwFlags);
+    if (providerOf(hObject, Kind::Provider) != nullptr) {
+        return withProvider<&Functions::GetProviderProperty>(hObject, pszProperty, pbOutput, cbOutput,
+                                                             pcbResult, dwFlags);
+    }
+    return withKey<&Functions::GetKeyProperty>(hObject, pszProperty, pbOutput, cbOutput, pcbResult, dwFlags);
 }
 
 SECURITY_STATUS WINAPI NCryptSetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbInput,
                                          DWORD cbInput, DWORD dwFlags) {
-    return withObject<&Functions::SetProviderProperty, &Functions::SetKeyProperty>(hObject, pszProperty,
-                                                                                   pbInput, cbInput, dwFlags);
+    if (providerOf(hObject, Kind::Provider) != nullptr) {
+        return withProvider<&Functions::SetProviderProperty>(hObject, pszProperty, pbInput, cbInput, dwFlags);
+    }
+    return withKey<&Functions::SetKeyProperty>(hObject, pszProperty, pbInput, cbInput, dwFlags);
 }
 
 SECURITY_STATUS WINAPI NCryptSignHash(NCRYPT_KEY_HANDLE hKey, VOID* pPaddingInfo, PBYTE pbHashValue,
@@ -185,21 +177,19 @@ SECURITY_STATUS WINAPI NCryptDecrypt(NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWOR
 SECURITY_STATUS WINAPI NCryptExportKey(NCRYPT_KEY_HANDLE hKey, NCRYPT_KEY_HANDLE hExportKey,
                                        LPCWSTR pszBlobType, NCryptBufferDesc* pParameterList, PBYTE pbOutput,
                                        DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    const Object exportKey = find(hExportKey, true);
-    if (hExportKey != 0 && exportKey.provider == nullptr) return NTE_INVALID_HANDLE;
-    return withKey<&Functions::ExportKey>(hKey, exportKey.key, pszBlobType, pParameterList, pbOutput,
-                                          cbOutput, pcbResult, dwFlags);
+    return withKey<&Functions::ExportKey>(hKey, hExportKey, pszBlobType, pParameterList, pbOutput, cbOutput,
+                                          pcbResult, dwFlags);
 }
 
 SECURITY_STATUS WINAPI NCryptEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszScope,
                                       NCryptKeyName** ppKeyName, PVOID* ppEnumState, DWORD dwFlags) {
-    const Object object = find(hProvider, false);
-    if (object.provider == nullptr) return NTE_INVALID_HANDLE;
-    const SECURITY_STATUS status = object.provider->functions->EnumKeys(object.provider->inner, pszScope,
-                                                                        ppKeyName, ppEnumState, dwFlags);
+    const auto provider = providerOf(hProvider, Kind::Provider);
+    if (provider == nullptr) return NTE_INVALID_HANDLE;
+    const SECURITY_STATUS status =
+        provider->functions->EnumKeys(provider->inner, pszScope, ppKeyName, ppEnumState, dwFlags);
     const std::lock_guard lock(mutex);
-    if (*ppEnumState != nullptr) givenBuffers[*ppEnumState] = object.provider;
-    if (status == ERROR_SUCCESS) givenBuffers[*ppKeyName] = object.provider;
+    if (*ppEnumState != nullptr) givenBuffers[*ppEnumState] = provider;
+    if (status == ERROR_SUCCESS) givenBuffers[*ppKeyName] = provider;
     return status;
 }
 
@@ -212,24 +202,15 @@ SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID pvInput) {
 
 SECURITY_STATUS WINAPI NCryptSecretAgreement(NCRYPT_KEY_HANDLE hPrivKey, NCRYPT_KEY_HANDLE hPubKey,
                                              NCRYPT_SECRET_HANDLE* phAgreedSecret, DWORD dwFlags) {
-    const Object own = find(hPrivKey, true);
-    const Object peer = find(hPubKey, true);
-    if (own.provider == nullptr || peer.provider == nullptr) return NTE_INVALID_HANDLE;
-    Object made{.provider = own.provider};
-    const SECURITY_STATUS status = own.provider->functions->SecretAgreement(own.provider->inner, own.key,
-                                                                            peer.key, &made.secret, dwFlags);
-    if (status == ERROR_SUCCESS) *phAgreedSecret = addObject(std::move(made));
-    return status;
+    return give(withKey<&Functions::SecretAgreement>(hPrivKey, hPubKey, phAgreedSecret, dwFlags), hPrivKey,
+                phAgreedSecret, Kind::Secret);
 }
 
 SECURITY_STATUS WINAPI NCryptDeriveKey(NCRYPT_SECRET_HANDLE hSharedSecret, LPCWSTR pwszKDF,
                                        NCryptBufferDesc* pParameterList, PBYTE pbDerivedKey,
                                        DWORD cbDerivedKey, DWORD* pcbResult, ULONG dwFlags) {
-    const Object object = find(hSharedSecret, false, true);
-    if (object.provider == nullptr) return NTE_INVALID_HANDLE;
-    return object.provider->functions->DeriveKey(object.provider->inner, object.secret, pwszKDF,
-                                                 pParameterList, pbDerivedKey, cbDerivedKey, pcbResult,
-                                                 dwFlags);
+    return withKey<&Functions::DeriveKey, Kind::Secret>(hSharedSecret, pwszKDF, pParameterList, pbDerivedKey,
+                                                        cbDerivedKey, pcbResult, dwFlags);
 }
 
 // Frees the handle too when it succeeds.
@@ -243,10 +224,9 @@ SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE hObject) {
     const auto node = objects.extract(hObject);
     lock.unlock();
     if (node.empty()) return NTE_INVALID_HANDLE;
-    const Object& object = node.mapped();
-    if (object.secret != 0)
-        return object.provider->functions->FreeSecret(object.provider->inner, object.secret);
+    const auto& [provider, kind] = node.mapped();
     // A provider goes with the last object that was made with it.
-    if (object.key == 0) return ERROR_SUCCESS;
-    return object.provider->functions->FreeKey(object.provider->inner, object.key);
+    if (kind == Kind::Provider) return ERROR_SUCCESS;
+    const auto free = kind == Kind::Key ? provider->functions->FreeKey : provider->functions->FreeSecret;
+    return free(provider->inner, hObject);
 }

@@ -44,4 +44,11 @@ inline std::vector<WCHAR> wideText(std::string_view ascii) {
     return text;
 }
 
+/// The bytes of wideText(ascii).
+inline Bytes wideBytes(std::string_view ascii) {
+    Bytes bytes(wideSize(ascii));
+    writeWide(ascii, bytes.data());
+    return bytes;
+}
+
 } // namespace veltra::test

@@ -24,17 +24,22 @@ StatusAnswer succeeded() {
     return {};
 }
 
+KspTest::KspTest() {
+    provider = openProvider();
+    library.clearCalls();
+}
+
 KspTest::~KspTest() {
     for (const NCRYPT_KEY_HANDLE key : keys_)
         LiveRecords<KSP_KEY>::take(key).reset();
-    for (const NCRYPT_PROV_HANDLE provider : providers_)
-        KSPFreeProvider(provider);
+    for (const NCRYPT_PROV_HANDLE opened : providers_)
+        KSPFreeProvider(opened);
 }
 
 NCRYPT_PROV_HANDLE KspTest::openProvider() {
-    NCRYPT_PROV_HANDLE provider = 0;
-    EXPECT_EQ(KSPOpenProvider(&provider, nullptr, 0), 0);
-    return providers_.emplace_back(provider);
+    NCRYPT_PROV_HANDLE opened = 0;
+    EXPECT_EQ(KSPOpenProvider(&opened, nullptr, 0), 0);
+    return providers_.emplace_back(opened);
 }
 
 StatusAnswer KspTest::call(const std::function<SECURITY_STATUS()>& entryPoint) {
@@ -45,6 +50,22 @@ StatusAnswer KspTest::call(const std::function<SECURITY_STATUS()>& entryPoint) {
     });
     EXPECT_EQ(answer.lastError, kUntouched);
     return {.status = status, .errors = std::move(answer.errors)};
+}
+
+Bytes KspTest::answered(const std::function<StatusAnswer(BYTE*, DWORD)>& ask, const std::string& tooSmall) {
+    EXPECT_EQ(ask(nullptr, 0), succeeded());
+    EXPECT_THAT(debugLines, Not(Contains(HasSubstr("exported")))) << "but its size";
+    const DWORD full = size;
+    Bytes out(full, 0xEE);
+    size = 0;
+    std::vector<std::string> lines;
+    if (!tooSmall.empty()) lines.push_back(tooSmall + std::to_string(full));
+    EXPECT_EQ(ask(out.data(), full - 1), failed(NTE_BUFFER_TOO_SMALL, lines));
+    EXPECT_EQ(size, full);
+    EXPECT_EQ(out, Bytes(full, 0xEE)) << "nothing is written";
+    EXPECT_EQ(ask(out.data(), full + 100), succeeded());
+    EXPECT_EQ(size, full);
+    return out;
 }
 
 NCRYPT_KEY_HANDLE KspTest::addKey(const VeltraKeyPair& pair) {

@@ -5,6 +5,8 @@
 #include "ksp/ksp_entry_points.h"
 #include "ksp/ksp_key.h"
 
+#include <type_traits>
+
 namespace veltra::test {
 
 /// What an entry point of the key storage provider answered: its status and the error lines it wrote.
@@ -26,6 +28,7 @@ StatusAnswer succeeded();
 /// freed behind the test.
 class KspTest : public ProviderTest {
 protected:
+    KspTest();
     ~KspTest() override;
 
     /// A provider that the fixture frees.
@@ -34,6 +37,16 @@ protected:
     /// Runs one call of an entry point and expects it to leave the last error alone. The debug lines it wrote
     /// are in debugLines.
     StatusAnswer call(const std::function<SECURITY_STATUS()>& entryPoint);
+    template <class... Parameters>
+    StatusAnswer call(SECURITY_STATUS(WINAPI* function)(Parameters...),
+                      std::type_identity_t<Parameters>... arguments) {
+        return call([&] { return function(arguments...); });
+    }
+
+    /// What `ask(out, capacity)`, which puts the length into `size`, answers in the end, after a query of its
+    /// size and a try with one byte too few, refused with this line and the size.
+    Bytes answered(const std::function<StatusAnswer(BYTE* out, DWORD capacity)>& ask,
+                   const std::string& tooSmall = {});
 
     /// A key object as KSPOpenKey makes it of this pair, made without it.
     NCRYPT_KEY_HANDLE addKey(const VeltraKeyPair& pair);
@@ -42,6 +55,9 @@ protected:
 
     /// Makes the PIN of the fixture's token known to the provider, as an earlier login would have.
     void storePinOfToken();
+
+    NCRYPT_PROV_HANDLE provider = 0;
+    DWORD size = 0; ///< what an entry point says of a length
 
 private:
     std::vector<NCRYPT_PROV_HANDLE> providers_;

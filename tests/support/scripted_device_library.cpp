@@ -3,6 +3,7 @@
 #include "foundation/windows.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -29,6 +30,7 @@ constexpr int kLongestRsaCiphertext = 512;
 
 constexpr std::size_t kSignatureBytes[] = {0, 128, 256, 384, 512, 64, 96, 132};
 constexpr std::size_t kPublicKeyBytes[] = {0, 128, 256, 384, 512, 65, 97, 133};
+constexpr std::size_t kDigestBytes[] = {0, 0, 20, 32, 48, 64, 28}; // by mechanism
 
 std::string hex(const unsigned char* bytes, std::size_t length) {
     static constexpr char kDigits[] = "0123456789ABCDEF";
@@ -85,8 +87,15 @@ std::string showAll(const char* name, const Value& value, const Rest&... rest) {
     return text;
 }
 
+/// What a failing call says of the length is nonsense.
+int failWithLength(const Script& script, int* outLength) {
+    *outLength = INT_MAX;
+    return script.result;
+}
+
 /// Hands out what the library allocates; at least as many bytes as a script says that there are.
 int handOut(const Bytes& bytes, const Script& script, unsigned char** out, int* outLength) {
+    if (script.result) return failWithLength(script, outLength);
     *outLength = script.length.value_or(static_cast<int>(bytes.size()));
     *out = nullptr;
     if (script.noBuffer) return kDeviceOk;
@@ -98,6 +107,7 @@ int handOut(const Bytes& bytes, const Script& script, unsigned char** out, int* 
 
 /// Fills the caller's buffer.
 int copyOut(const Bytes& bytes, const Script& script, unsigned char* out, int* outLength) {
+    if (script.result) return failWithLength(script, outLength);
     if (*outLength < static_cast<int>(bytes.size())) return kBufferTooSmall;
     std::copy(bytes.begin(), bytes.end(), out);
     *outLength = script.length.value_or(static_cast<int>(bytes.size()));
@@ -111,19 +121,6 @@ Bytes aesPlaintext(const unsigned char* in, int inLength) {
         plain.erase(plain.end() - plain.back(), plain.end());
     }
     return plain;
-}
-
-/// A copy of `list` for the calling thread, with the fault that `script` asks for.
-template <class Record>
-std::vector<Record>& listFor(std::map<std::thread::id, std::vector<Record>>& lists,
-                             const std::vector<Record>* list, const Script& script,
-                             std::uint32_t Record::*length) {
-    std::vector<Record>& copy = lists[std::this_thread::get_id()];
-    copy = list && !script.result ? *list : std::vector<Record>();
-    for (Record& record : copy)
-        if (script.length)
-            record.*length = record.credentialIdLength = static_cast<std::uint32_t>(*script.length);
-    return copy;
 }
 
 template <class Record>
@@ -186,7 +183,6 @@ void ScriptedDeviceLibrary::reset() {
     tokens_.clear();
     calls_.clear();
     scripts_.clear();
-    scriptedCall_ = {};
     hashes_.clear();
     caFiles.clear();
     generatedKeys_ = 0;
@@ -209,19 +205,18 @@ void ScriptedDeviceLibrary::setConnected(const std::string& serial, bool connect
 
 void ScriptedDeviceLibrary::script(const std::string& function, Script script) {
     const std::scoped_lock lock(mutex_);
-    scripts_.emplace(function, ScriptState{script});
+    scripts_.push_back({.function = function, .script = script});
 }
 
 void ScriptedDeviceLibrary::scriptCall(int n, Script script) {
     const std::scoped_lock lock(mutex_);
     script.onCall = n;
-    scriptedCall_ = {.script = script, .thread = std::this_thread::get_id()};
+    scripts_.push_back({.script = script, .thread = std::this_thread::get_id()});
 }
 
 void ScriptedDeviceLibrary::clearScripts() {
     const std::scoped_lock lock(mutex_);
     scripts_.clear();
-    scriptedCall_ = {};
 }
 
 void ScriptedDeviceLibrary::lookAtEveryCall(std::function<void(const std::string&)> look) {
@@ -250,17 +245,12 @@ void ScriptedDeviceLibrary::clearCalls() {
 }
 
 Bytes ScriptedDeviceLibrary::fakeDigest(int mechanism, const Bytes& data) {
-    static const std::map<int, std::size_t> kLengths = {{kMechanismSha1, 20},
-                                                        {kMechanismSha224, 28},
-                                                        {kMechanismSha256, 32},
-                                                        {kMechanismSha384, 48},
-                                                        {kMechanismSha512, 64}};
     // FNV-1a, drawn out to the length: every byte and the order of the bytes matter.
     std::uint64_t state = 0xCBF29CE484222325u ^ static_cast<std::uint64_t>(mechanism);
     const auto absorb = [&state](unsigned char byte) { state = (state ^ byte) * 0x100000001B3u; };
     for (const unsigned char byte : data)
         absorb(byte);
-    Bytes digest(kLengths.at(mechanism));
+    Bytes digest(kDigestBytes[mechanism]);
     for (unsigned char& byte : digest) {
         absorb(0xA5);
         byte = static_cast<unsigned char>(state >> 32);
@@ -270,15 +260,13 @@ Bytes ScriptedDeviceLibrary::fakeDigest(int mechanism, const Bytes& data) {
 
 Bytes ScriptedDeviceLibrary::fakeSignature(std::uint32_t keyType) {
     Bytes signature(kSignatureBytes[keyType]);
-    for (std::size_t i = 0; i < signature.size(); ++i)
-        signature[i] = static_cast<unsigned char>(i + 1);
+    std::iota(signature.begin(), signature.end(), static_cast<unsigned char>(1));
     return signature;
 }
 
 Bytes ScriptedDeviceLibrary::publicKeyOf(std::uint32_t keyType) {
     Bytes key(kPublicKeyBytes[keyType]);
-    for (std::size_t i = 0; i < key.size(); ++i)
-        key[i] = static_cast<unsigned char>(0xC0 + i);
+    std::iota(key.begin(), key.end(), static_cast<unsigned char>(0xC0));
     if (keyType >= kKeyTypeEcP256) key[0] = 4;
     return key;
 }
@@ -292,12 +280,9 @@ Bytes ScriptedDeviceLibrary::maskOf(Bytes bytes) {
 Bytes ScriptedDeviceLibrary::fakeCertificate(const std::string& commonName, const std::string& issuer,
                                              const std::string& subject) {
     const std::string text = commonName + "|" + issuer + "|" + subject;
-    Bytes der(4 + text.size());
-    der[0] = 0x30;
-    der[1] = 0x82;
-    der[2] = static_cast<unsigned char>(text.size() >> 8);
-    der[3] = static_cast<unsigned char>(text.size());
-    std::copy(text.begin(), text.end(), der.begin() + 4);
+    Bytes der = {0x30, 0x82, static_cast<unsigned char>(text.size() >> 8),
+                 static_cast<unsigned char>(text.size())};
+    der.insert(der.end(), text.begin(), text.end());
     return der;
 }
 
@@ -306,15 +291,13 @@ Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arg
     calls_.push_back({std::this_thread::get_id(), function, std::string(function) + "(" + arguments + ")"});
     if (look_) look_(calls_.back().text);
     Script merged;
-    const auto [first, last] = scripts_.equal_range(function);
-    for (auto it = first; it != last; ++it) {
-        ScriptState& state = it->second;
+    for (ScriptState& state : scripts_) {
+        const bool isOfFunction = state.function.empty() || state.function == function;
+        const bool isOfThread =
+            state.thread == std::thread::id() || state.thread == std::this_thread::get_id();
+        if (!isOfFunction || !isOfThread) continue;
         ++state.callsSeen;
         if (state.script.onCall == 0 || state.script.onCall == state.callsSeen) merged = state.script;
-    }
-    if (scriptedCall_.thread == std::this_thread::get_id() &&
-        ++scriptedCall_.callsSeen == scriptedCall_.script.onCall) {
-        merged = scriptedCall_.script;
     }
     if (merged.outOfMemory) throw std::bad_alloc();
     if (merged.throws) throw std::runtime_error(std::string("scripted fault in ") + function);
@@ -333,6 +316,8 @@ ScriptedDeviceLibrary::Hash* ScriptedDeviceLibrary::findHash(void* handle) {
 }
 
 namespace {
+
+using In = const unsigned char*; ///< bytes that a function is given
 
 /// What the library's functions do.
 class ScriptedFunctions final : public ScriptedDeviceLibrary {
@@ -376,8 +361,7 @@ public:
 
     std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char* serial, void* ctx) override {
         const Call call(*this, "veltra_getKeyPairList", ctx, "serial", serial);
-        const ScriptedToken* token = find(serial);
-        return listFor(keyPairLists_, token ? &token->keyPairs : nullptr, call.script,
+        return listFor(serial, call.script, keyPairLists_, &ScriptedToken::keyPairs,
                        &VeltraKeyPair::publicKeyLength);
     }
 
@@ -394,8 +378,7 @@ public:
         return kDeviceOk;
     }
 
-    int veltra_deleteKeyPair(const char* serial, const unsigned char* keyId, const char* pin, bool flag,
-                             void* ctx) override {
+    int veltra_deleteKeyPair(const char* serial, In keyId, const char* pin, bool flag, void* ctx) override {
         Call call(*this, "veltra_deleteKeyPair", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin,
                   "flag", flag);
         if (const int code = call.logIn(serial, pin)) return code;
@@ -404,9 +387,8 @@ public:
         return deleted ? kDeviceOk : kNoSuchKey;
     }
 
-    int veltra_updateKeyPairDetails(const char* serial, const unsigned char* keyId, const char* pin,
-                                    const char* label, const unsigned char* data, int length,
-                                    void* ctx) override {
+    int veltra_updateKeyPairDetails(const char* serial, In keyId, const char* pin, const char* label, In data,
+                                    int length, void* ctx) override {
         return Call(*this, "veltra_updateKeyPairDetails", ctx, "serial", serial, "key", KeyId{keyId}, "pin",
                     pin, "label", label, "data", Block{data, length})
             .script.result;
@@ -417,8 +399,7 @@ public:
         return certificatesOf(serial, call.script);
     }
 
-    VeltraCertificate* veltra_findCertificateForKey(const char* serial, const unsigned char* keyId,
-                                                    void* ctx) override {
+    VeltraCertificate* veltra_findCertificateForKey(const char* serial, In keyId, void* ctx) override {
         const Call call(*this, "veltra_findCertificateForKey", ctx, "serial", serial, "key", KeyId{keyId});
         for (VeltraCertificate& certificate : certificatesOf(serial, call.script))
             if (hasId(certificate, keyId)) return &certificate;
@@ -435,8 +416,7 @@ public:
         return kDeviceOk;
     }
 
-    int veltra_getCertificateDetails(const unsigned char* der, int length, CertificateDetails& out,
-                                     void* ctx) override {
+    int veltra_getCertificateDetails(In der, int length, CertificateDetails& out, void* ctx) override {
         const Call call(*this, "veltra_getCertificateDetails", ctx, "der", Block{der, length});
         if (call.script.result) return call.script.result;
         std::istringstream text(std::string(der + 4, der + std::max(length, 4)));
@@ -457,8 +437,7 @@ public:
 
     std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char* serial, void* ctx) override {
         const Call call(*this, "veltra_getAesKeyList", ctx, "serial", serial);
-        const ScriptedToken* token = find(serial);
-        return listFor(aesKeyLists_, token ? &token->aesKeys : nullptr, call.script,
+        return listFor(serial, call.script, aesKeyLists_, &ScriptedToken::aesKeys,
                        &VeltraSymmetricKey::keyLength);
     }
 
@@ -479,9 +458,8 @@ public:
         return kDeviceOk;
     }
 
-    int veltra_encrypt(EncryptionType type, PaddingMode padding, const unsigned char* in, int inLength,
-                       unsigned char* out, int* outLength, const unsigned char* key, int keyLength,
-                       void* ctx) override {
+    int veltra_encrypt(EncryptionType type, PaddingMode padding, In in, int inLength, unsigned char* out,
+                       int* outLength, In key, int keyLength, void* ctx) override {
         const Call call(*this, "veltra_encrypt", ctx, "type", type, "padding", padding, "in",
                         Block{in, inLength}, "out", outLength, "key", Block{key, keyLength});
         if (call.script.result) return call.script.result;
@@ -492,35 +470,32 @@ public:
         return copyOut(ciphertext, call.script, out, outLength);
     }
 
-    int veltra_decrypt(const char* serial, const unsigned char* keyId, const char* pin,
-                       const unsigned char* in, int inLength, unsigned char** out, int* outLength, bool flag,
-                       void* ctx) override {
+    int veltra_decrypt(const char* serial, In keyId, const char* pin, In in, int inLength,
+                       unsigned char** out, int* outLength, bool flag, void* ctx) override {
         Call call(*this, "veltra_decrypt", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "in",
                   Block{in, inLength}, "flag", flag);
         if (const int code = call.logIn(serial, pin)) return code;
         if (*in != 0) return kNotACiphertext;
-        const unsigned char* end = in + inLength;
-        const unsigned char* start = std::find_if(in, end, [](unsigned char byte) { return byte != 0; });
+        In end = in + inLength;
+        In start = std::find_if(in, end, [](unsigned char byte) { return byte != 0; });
         return handOut(maskOf(Bytes(start, end)), call.script, out, outLength);
     }
 
-    int veltra_encrypt_aes(const char* serial, EncryptionType type, const unsigned char* key, int keyLength,
-                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
-                           bool final, const unsigned char* iv, int ivLength, const unsigned char* extra,
-                           int extraLength, void* ctx) override {
+    int veltra_encrypt_aes(const char* serial, EncryptionType type, In key, int keyLength, In in,
+                           int inLength, unsigned char** out, int* outLength, bool final, In iv, int ivLength,
+                           In extra, int extraLength, void* ctx) override {
         const Call call(*this, "veltra_encrypt_aes", ctx, "serial", serial, "type", type, "key",
                         Block{key, keyLength}, "in", Block{in, inLength}, "final", final, "iv",
                         Block{iv, ivLength}, "extra", Block{extra, extraLength});
-        if (call.script.result) return call.script.result;
         Bytes plain(in, in + inLength);
         const std::size_t padding = kAesBlock - plain.size() % kAesBlock;
         if (final) plain.insert(plain.end(), padding, static_cast<unsigned char>(padding));
         return handOut(maskOf(plain), call.script, out, outLength);
     }
 
-    int veltra_decrypt_aes(const char* serial, const unsigned char* keyOrKeyId, int keyLength,
-                           const unsigned char* in, int inLength, unsigned char** out, int* outLength,
-                           bool flag, const unsigned char* iv, int ivLength, void* ctx) override {
+    int veltra_decrypt_aes(const char* serial, In keyOrKeyId, int keyLength, In in, int inLength,
+                           unsigned char** out, int* outLength, bool flag, In iv, int ivLength,
+                           void* ctx) override {
         const Call call(*this, "veltra_decrypt_aes", ctx, "serial", serial, "key",
                         Block{keyOrKeyId, keyLength}, "in", Block{in, inLength}, "flag", flag, "iv",
                         Block{iv, ivLength});
@@ -537,18 +512,15 @@ public:
         return handOut(plain, call.script, out, outLength);
     }
 
-    int veltra_decryptSymetric(const char* serial, const unsigned char* in, int inLength, unsigned char* out,
-                               int* outLength, const unsigned char* iv, int ivLength,
-                               const unsigned char* key, int keyLength, void* ctx) override {
+    int veltra_decryptSymetric(const char* serial, In in, int inLength, unsigned char* out, int* outLength,
+                               In iv, int ivLength, In key, int keyLength, void* ctx) override {
         const Call call(*this, "veltra_decryptSymetric", ctx, "serial", serial, "in", Block{in, inLength},
                         "out", outLength, "iv", Block{iv, ivLength}, "key", Block{key, keyLength});
-        if (call.script.result) return call.script.result;
         return copyOut(aesPlaintext(in, inLength), call.script, out, outLength);
     }
 
-    int veltra_ecdhDerive(const char* serial, const unsigned char* keyId, const char* pin,
-                          const unsigned char* peer, int peerLength, unsigned char** out, int* outLength,
-                          void* ctx) override {
+    int veltra_ecdhDerive(const char* serial, In keyId, const char* pin, In peer, int peerLength,
+                          unsigned char** out, int* outLength, void* ctx) override {
         Call call(*this, "veltra_ecdhDerive", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "peer",
                   Block{peer, peerLength});
         if (const int code = call.logIn(serial, pin)) return code;
@@ -565,9 +537,8 @@ public:
         return call.script.result;
     }
 
-    int veltra_signHash(const char* serial, const unsigned char* keyId, const char* pin,
-                        const unsigned char* hash, int hashLength, unsigned char* out, int* outLength,
-                        bool reserved, void* ctx, bool pss) override {
+    int veltra_signHash(const char* serial, In keyId, const char* pin, In hash, int hashLength,
+                        unsigned char* out, int* outLength, bool reserved, void* ctx, bool pss) override {
         Call call(*this, "veltra_signHash", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "hash",
                   Block{hash, hashLength}, "out", reserved ? "reserved" : show(outLength), "pss", pss);
         if (const int code = call.logIn(serial, pin)) return code;
@@ -577,10 +548,9 @@ public:
         return copyOut(fakeSignature(pair->keyType), call.script, out, outLength);
     }
 
-    int veltra_verifySignatureHash(unsigned int keyType, const char* serial, const unsigned char* hash,
-                                   int hashLength, const unsigned char* publicKey, int publicKeyLength,
-                                   const unsigned char* signature, int signatureLength, void* ctx,
-                                   bool pss) override {
+    int veltra_verifySignatureHash(unsigned int keyType, const char* serial, In hash, int hashLength,
+                                   In publicKey, int publicKeyLength, In signature, int signatureLength,
+                                   void* ctx, bool pss) override {
         const Call call(*this, "veltra_verifySignatureHash", ctx, "type", keyType, "serial", serial, "hash",
                         Block{hash, hashLength}, "key", Block{publicKey, publicKeyLength}, "signature",
                         Block{signature, signatureLength}, "pss", pss);
@@ -597,7 +567,7 @@ public:
         return kDeviceOk;
     }
 
-    int veltra_updateHash(void* hash, const unsigned char* data, int length, void* ctx) override {
+    int veltra_updateHash(void* hash, In data, int length, void* ctx) override {
         const Call call(*this, "veltra_updateHash", ctx, "hash", reinterpret_cast<std::uintptr_t>(hash),
                         "data", Block{data, length});
         if (call.script.result) return call.script.result;
@@ -610,7 +580,6 @@ public:
     int veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) override {
         const Call call(*this, "veltra_finalHash", ctx, "hash", reinterpret_cast<std::uintptr_t>(hash),
                         "capacity", inoutLength);
-        if (call.script.result) return call.script.result;
         const Hash* running = findHash(hash);
         if (!running) return kNoSuchHash;
         return copyOut(fakeDigest(running->mechanism, running->data), call.script, digest, inoutLength);
@@ -641,9 +610,21 @@ private:
 
     static std::string quoted(const char* label) { return "'" + std::string(label) + "'"; }
 
-    std::vector<VeltraCertificate>& certificatesOf(const char* serial, const Script& script) {
+    /// The calling thread's copy of a list, with the fault that `script` asks for.
+    template <class Record>
+    std::vector<Record>& listFor(const char* serial, const Script& script, Lists<Record>& lists,
+                                 std::vector<Record> ScriptedToken::*list, std::uint32_t Record::*length) {
         const ScriptedToken* token = find(serial);
-        return listFor(certificateLists_, token ? &token->certificates : nullptr, script,
+        std::vector<Record>& copy = lists[std::this_thread::get_id()];
+        copy = token && !script.result ? token->*list : std::vector<Record>();
+        for (Record& record : copy)
+            if (script.length)
+                record.*length = record.credentialIdLength = static_cast<std::uint32_t>(*script.length);
+        return copy;
+    }
+
+    std::vector<VeltraCertificate>& certificatesOf(const char* serial, const Script& script) {
+        return listFor(serial, script, certificateLists_, &ScriptedToken::certificates,
                        &VeltraCertificate::derLength);
     }
 };

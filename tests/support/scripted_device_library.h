@@ -77,7 +77,8 @@ public:
     ScriptedToken& addToken(const std::string& serial);
     void setConnected(const std::string& serial, bool connected);
 
-    /// Scripts the calls of `function` ("veltra_signHash"); several scripts of one function add up.
+    /// Scripts the calls of `function` ("veltra_signHash"), or of all when it is empty; several scripts add
+    /// up.
     void script(const std::string& function, Script script);
     /// Scripts the n-th call, of whatever function, that the current thread makes from now on. A list that a
     /// failing call gives is empty, and the script's length is that of every record of it.
@@ -111,9 +112,10 @@ protected:
         std::string text;
     };
     struct ScriptState {
+        std::string function = {}; ///< empty: all
         Script script;
+        std::thread::id thread = {}; ///< none: all
         int callsSeen = 0;
-        std::thread::id thread = {};
     };
     /// What each thread got last: a list stays as it is until its thread asks again.
     template <class Record>
@@ -133,8 +135,7 @@ protected:
     mutable std::mutex mutex_;
     std::vector<std::unique_ptr<ScriptedToken>> tokens_;
     std::vector<RecordedCall> calls_;
-    std::multimap<std::string, ScriptState> scripts_;
-    ScriptState scriptedCall_;
+    std::vector<ScriptState> scripts_;
     std::function<void(const std::string&)> look_;
     std::vector<Hash> hashes_;
     Lists<VeltraKeyPair> keyPairLists_;

@@ -90,7 +90,6 @@ const Values kOneUse = {0};
 /// A structure without content, as long as any that a caller describes a padding or a list with.
 constexpr std::array<std::uintptr_t, 4> kEmptyRecord = {};
 constexpr const char* kKeyName = "11111111111111111111111111111111";
-constexpr const WCHAR* kWideKeyName = L"11111111111111111111111111111111";
 const Bytes kSignature = ScriptedDeviceLibrary::fakeSignature(kKeyTypeRsa2048);
 const Bytes kCertificate = ScriptedDeviceLibrary::fakeCertificate("C", "CN=CA", "CN=C");
 
@@ -114,8 +113,12 @@ Bytes wrappedKey() {
 Argument::Argument(std::string word) : isOptional(word.back() == '?') {
     if (isOptional) word.pop_back();
     const std::size_t sign = std::min(word.find('='), word.size());
-    if (sign < word.size()) value = std::stoul(word.substr(sign + 1));
     name = word.substr(0, sign);
+    if (name == "text") {
+        text = wideText(word.substr(std::min(sign + 1, word.size())));
+    } else if (sign < word.size()) {
+        value = std::stoul(word.substr(sign + 1));
+    }
 }
 
 ULONG_PTR World::*Argument::object() const {
@@ -134,11 +137,11 @@ std::uintptr_t Argument::placeIn(World& w) const {
     return name == "record" ? addressOf(kEmptyRecord.data()) : 0;
 }
 
-std::uintptr_t Argument::in(World& w, std::uintptr_t choice, const WCHAR* text) const {
+std::uintptr_t Argument::in(World& w, std::uintptr_t choice) const {
     if (object()) return w.*object();
     if (placeIn(w) != 0) return placeIn(w);
     if (name == "choice") return choice;
-    if (name == "text") return addressOf(text);
+    if (name == "text") return addressOf(text.data());
     if (name == "size") return w.input.size();
     return name == "capacity" ? Output::kCapacity : value;
 }
@@ -154,8 +157,8 @@ DWORD WorkingCall::invoke(const Values& values) const {
     return failureOf(call(values));
 }
 
-std::vector<Argument> WorkingCall::split(const char* words) {
-    std::istringstream stream(words);
+std::vector<Argument> argumentsOf(std::string_view words) {
+    std::istringstream stream{std::string(words)};
     std::vector<Argument> all;
     for (std::string word; stream >> word;)
         all.emplace_back(word);
@@ -170,7 +173,7 @@ void WorkingCall::prepare(World& world) const {
 Values WorkingCall::valuesIn(World& world, std::uintptr_t choice) const {
     Values values;
     for (const Argument& argument : arguments)
-        values.push_back(argument.in(world, choice, text));
+        values.push_back(argument.in(world, choice));
     return values;
 }
 
@@ -196,23 +199,23 @@ std::vector<WorkingCall> cspCalls() {
     return {
         {"CPAcquireContext", CPAcquireContext, "handle input? flags data", terminated(kKeyName)},
         {"CPAcquireContext of a new token", CPAcquireContext, "handle input? flags data",
-         terminated("unknown"), kOneUse, L"", forgetToken},
+         terminated("unknown"), kOneUse, forgetToken},
         {"CPAcquireContext CRYPT_DELETEKEYSET", CPAcquireContext, "handle serial? =16 data", kNothing,
-         kOneUse, L"", mapContainer},
+         kOneUse, mapContainer},
         Call{"CPReleaseContext", CPReleaseContext, "context =0"}.but(Outcome::Spends),
         {"CPGetProvParam", CPGetProvParam, "context choice data? length flags=1", kNothing, numbers(PP_NAME)},
         {"PP_ENUMALGS", CPGetProvParam, "context =1 data? length =1"},
-        {"PP_CERTCHAIN", CPGetProvParam, "context =9 data? length flags", kNothing, kOneUse, L"",
+        {"PP_CERTCHAIN", CPGetProvParam, "context =9 data? length flags", kNothing, kOneUse,
          addRealCertificate},
         {"CPSetProvParam", CPSetProvParam, "context choice input? flags", kPin, numbers(PP_SIGNATURE_PIN),
-         L"", forgetStoredPin},
+         forgetStoredPin},
         {"CPGenKey", CPGenKey, "context choice flags=134217728 handle", kNothing, numbers(AT_KEYEXCHANGE)},
         {"CPGetUserKey", CPGetUserKey, "context choice handle", kNothing, numbers(AT_SIGNATURE)},
         {"CPGetKeyParam", CPGetKeyParam, "context rsaKey choice data? length flags", kNothing,
          numbers(KP_MODE)},
         {"KP_CERTIFICATE", CPGetKeyParam, "context rsaKey =26 data? length flags"},
         {"CPSetKeyParam KP_CERTIFICATE", CPSetKeyParam, "context rsaKey choice input? flags", kCertificate,
-         numbers(KP_CERTIFICATE), L"", addIssuers},
+         numbers(KP_CERTIFICATE), addIssuers},
         Call{"CPDestroyKey", CPDestroyKey, "context rsaKey"}.but(Outcome::Spends),
         {"CPDeriveKey", CPDeriveKey, "context choice hash flags handle", kNothing, numbers(CALG_AES_128)},
         {"CPExportKey", CPExportKey, "context rsaKey rsaKey? choice flags data? length", kNothing,
@@ -242,7 +245,7 @@ std::vector<WorkingCall> cspCalls() {
         {"CPSignHash", CPSignHash, "context hash choice text? flags data? length", kNothing,
          numbers(AT_KEYEXCHANGE)},
         {"CPSignHash with a login", CPSignHash, "context hash =1 text? flags data? length", kNothing, kOneUse,
-         L"", forgetStoredPin},
+         forgetStoredPin},
         {"CPVerifySignature", CPVerifySignature, "context hash input size rsaKey? text? flags",
          reversed(kSignature)},
         {"CPVerifySignature without a key", CPVerifySignature, "context hash input size =0 text? flags",
@@ -265,36 +268,36 @@ std::vector<WorkingCall> cngCalls() {
     const Values blobs = texts(L"KeyDataBlob", L"PUBLICBLOB", L"ECCPUBLICBLOB", L"CAPIPUBLICBLOB",
                                L"PRIVATEBLOB", L"CAPIPRIVATEBLOB", L"OpaqueKeyBlob", L"RSAPUBLICBLOB",
                                L"OpaqueTransport", L"PKCS8_PRIVATEKEY");
-    const char* const imports = "provider cngRsaKey? text count? handle input size flags";
     const Bytes aesBlob = joined({dwords({BCRYPT_KEY_DATA_BLOB_MAGIC, 1, 16}), kBlock, Bytes(30)});
     const Bytes rsaBlob = joined({dwords({BCRYPT_RSAPUBLIC_MAGIC, 2048, 0, 256, 0, 0}), Bytes(256)});
     const Bytes ecBlob = joined({dwords({BCRYPT_ECDSA_PUBLIC_P256_MAGIC, 32}), Bytes(64)});
     std::vector<Call> calls = {
         {"KSPOpenProvider", KSPOpenProvider, "handle text? flags"},
-        {"KSPOpenKey", KSPOpenKey, "provider handle text choice flags", kNothing, numbers(0), kWideKeyName},
-        {"KSPCreatePersistedKey", KSPCreatePersistedKey, "provider handle text text? choice flags", kNothing,
-         numbers(0), L"ECDSA_P256"},
+        {"KSPOpenKey", KSPOpenKey, "provider handle text=11111111111111111111111111111111 choice flags",
+         kNothing, numbers(0)},
+        {"KSPCreatePersistedKey", KSPCreatePersistedKey, "provider handle text=ECDSA_P256 text? choice flags",
+         kNothing, numbers(0)},
         {"KSPGetProviderProperty", KSPGetProviderProperty, "provider choice data? capacity length flags",
          kNothing, providerProperties},
-        {"KSPGetProviderProperty Name", KSPGetProviderProperty, "provider text data? capacity length flags",
-         kNothing, kOneUse, L"Name"},
+        {"KSPGetProviderProperty Name", KSPGetProviderProperty,
+         "provider text=Name data? capacity length flags"},
         {"KSPGetKeyProperty", KSPGetKeyProperty, "provider cngRsaKey choice data? capacity length flags",
          kNothing, keyProperties},
-        {"KSPGetKeyProperty Name", KSPGetKeyProperty, "provider cngEcKey text data? capacity length flags",
-         kNothing, kOneUse, L"Name"},
-        {"SmartCardKeyCertificate", KSPGetKeyProperty, "provider cngRsaKey text data? capacity length flags",
-         kNothing, kOneUse, L"SmartCardKeyCertificate"},
+        {"KSPGetKeyProperty Name", KSPGetKeyProperty,
+         "provider cngEcKey text=Name data? capacity length flags"},
+        {"KSPGetKeyProperty SmartCardKeyCertificate", KSPGetKeyProperty,
+         "provider cngRsaKey text=SmartCardKeyCertificate data? capacity length flags"},
         {"KSPSetProviderProperty", KSPSetProviderProperty, "provider choice input? size flags", kPin,
          texts(L"HWND Handle", L"SmartCardPin")},
-        {"KSPSetProviderProperty SmartCardPin", KSPSetProviderProperty, "provider text input =20 flags", kPin,
-         kOneUse, L"SmartCardPin", forgetStoredPin},
+        {"KSPSetProviderProperty SmartCardPin", KSPSetProviderProperty,
+         "provider text=SmartCardPin input =20 flags", kPin, kOneUse, forgetStoredPin},
         Call{"KSPSetKeyProperty", KSPSetKeyProperty, "provider cngAesKey choice input? size flags", kPin,
              keyProperties}
             .but(Outcome::NeverServed),
-        {"KSPSetKeyProperty SmartCardPin", KSPSetKeyProperty, "provider cngRsaKey text input =20 flags", kPin,
-         kOneUse, L"SmartCardPin", forgetStoredPin},
+        {"KSPSetKeyProperty SmartCardPin", KSPSetKeyProperty,
+         "provider cngRsaKey text=SmartCardPin input =20 flags", kPin, kOneUse, forgetStoredPin},
         {"KSPSetKeyProperty SmartCardKeyCertificate", KSPSetKeyProperty,
-         "provider cngRsaKey text input size flags", kCertificate, kOneUse, L"SmartCardKeyCertificate",
+         "provider cngRsaKey text=SmartCardKeyCertificate input size flags", kCertificate, kOneUse,
          addIssuers},
         {"KSPFinalizeKey", KSPFinalizeKey, "provider newKey flags"},
         {"KSPDeleteKey", KSPDeleteKey, "provider cngRsaKey flags"},
@@ -309,38 +312,41 @@ std::vector<WorkingCall> cngCalls() {
          ciphertextOf(kBlock)},
         {"KSPDecrypt AES", KSPDecrypt, "provider cngAesKey input size record? data? capacity length flags",
          kBlock},
-        {"KSPIsAlgSupported", KSPIsAlgSupported, "provider? text flags", kNothing, kOneUse, L"RSA"},
+        {"KSPIsAlgSupported", KSPIsAlgSupported, "provider? text=RSA flags"},
         {"KSPEnumAlgorithms", KSPEnumAlgorithms, "provider choice count handle flags", kNothing, numbers(0)},
         {"KSPEnumKeys", KSPEnumKeys, "provider text? handle second flags"},
         {"KSPImportKey", KSPImportKey, "provider cngRsaKey? choice count? handle input size flags", aesBlob,
          blobs},
-        {"KSPImportKey KeyDataBlob", KSPImportKey, imports, aesBlob, kOneUse, L"KeyDataBlob"},
-        {"KSPImportKey RSAPUBLICBLOB", KSPImportKey, imports, rsaBlob, kOneUse, L"RSAPUBLICBLOB"},
-        {"KSPImportKey ECCPUBLICBLOB", KSPImportKey, imports, ecBlob, kOneUse, L"ECCPUBLICBLOB"},
-        {"KSPImportKey CAPIPUBLICBLOB", KSPImportKey, imports,
-         makePublicKeyBlob(Bytes(256, 'M'), CALG_RSA_KEYX), kOneUse, L"CAPIPUBLICBLOB"},
-        {"KSPImportKey OpaqueKeyBlob", KSPImportKey, imports, wrappedKey(), kOneUse, L"OpaqueKeyBlob"},
+        {"KSPImportKey KeyDataBlob", KSPImportKey,
+         "provider cngRsaKey? text=KeyDataBlob count? handle input size flags", aesBlob},
+        {"KSPImportKey RSAPUBLICBLOB", KSPImportKey,
+         "provider cngRsaKey? text=RSAPUBLICBLOB count? handle input size flags", rsaBlob},
+        {"KSPImportKey ECCPUBLICBLOB", KSPImportKey,
+         "provider cngRsaKey? text=ECCPUBLICBLOB count? handle input size flags", ecBlob},
+        {"KSPImportKey CAPIPUBLICBLOB", KSPImportKey,
+         "provider cngRsaKey? text=CAPIPUBLICBLOB count? handle input size flags",
+         makePublicKeyBlob(Bytes(256, 'M'), CALG_RSA_KEYX)},
+        {"KSPImportKey OpaqueKeyBlob", KSPImportKey,
+         "provider cngRsaKey? text=OpaqueKeyBlob count? handle input size flags", wrappedKey()},
         {"KSPImportKey OpaqueTransport", KSPImportKey,
-         "provider cngRsaKey text count? handle input size flags", ciphertextOf(kBlock), kOneUse,
-         L"OpaqueTransport"},
-        {"KSPExportKey", KSPExportKey, "provider cngRsaKey newKey? text count? data? capacity length flags",
-         kNothing, kOneUse, L"RSAPUBLICBLOB"},
+         "provider cngRsaKey text=OpaqueTransport count? handle input size flags", ciphertextOf(kBlock)},
+        {"KSPExportKey", KSPExportKey,
+         "provider cngRsaKey newKey? text=RSAPUBLICBLOB count? data? capacity length flags"},
         Call{"KSPExportKey of an EC key", KSPExportKey,
              "provider cngEcKey newKey? choice count? data? capacity length flags", kNothing, blobs}
             .but(Outcome::NeverServed),
         {"KSPSignHash", KSPSignHash, "provider cngRsaKey count? input? size data? capacity length flags=2",
          Bytes(32)},
         {"KSPSignHash with a login", KSPSignHash,
-         "provider cngRsaKey count? input? size data? capacity length flags=2", Bytes(32), kOneUse, L"",
+         "provider cngRsaKey count? input? size data? capacity length flags=2", Bytes(32), kOneUse,
          forgetStoredPin},
-        {"KSPVerifySignature", KSPVerifySignature, "provider cngRsaKey count? input =32 input size flags=2",
-         kSignature},
-        {"KSPPromptUser", KSPPromptUser, "provider cngRsaKey? text? flags", kNothing, kOneUse, L"",
+        {"KSPVerifySignature", KSPVerifySignature,
+         "provider cngRsaKey count? input hashSize=32 input size flags=2", kSignature},
+        {"KSPPromptUser", KSPPromptUser, "provider cngRsaKey? text? flags", kNothing, kOneUse,
          forgetStoredPin},
         Call{"KSPNotifyChangeKey", KSPNotifyChangeKey, "provider? handle? flags"}.but(Outcome::NeverServed),
         {"KSPSecretAgreement", KSPSecretAgreement, "provider cngEcKey cngEcKey handle flags"},
-        {"KSPDeriveKey", KSPDeriveKey, "provider? secret text? record? data? capacity length flags", kNothing,
-         kOneUse, L"HASH"},
+        {"KSPDeriveKey", KSPDeriveKey, "provider? secret text=HASH? record? data? capacity length flags"},
         Call{"KSPFreeSecret", KSPFreeSecret, "provider? secret?"}.but(Outcome::Spends),
         {"GetKeyStorageInterface", GetKeyStorageInterface, "text? second flags"},
     };

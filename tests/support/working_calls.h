@@ -1,27 +1,25 @@
 #pragma once
 
 #include "support/both_front_ends.h"
+#include "support/invocation.h"
 
 #include "foundation/wide_text.h"
 
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace veltra::test {
 
-using Values = std::vector<std::uintptr_t>;
-
 /// An argument of a call, as a word. The name of an object or of a place in the world: with "?" behind it, it
-/// need not be there, or is not looked at. "text" and "text?": the row's text. "flags", "flags=N". "inOut":
+/// need not be there, or is not looked at. "text=NAME": this text. "flags", "flags=N". "inOut":
 /// the length of the input before and of the output after. "choice": which of several things the function
 /// does. "size": of the input. "capacity": of the output. "=N": a number that stays.
 struct Argument {
     explicit Argument(std::string word);
 
-    /// What it is in the world, with this choice and this text.
-    std::uintptr_t in(BothFrontEnds& world, std::uintptr_t choice, const WCHAR* text) const;
+    /// What it is in the world, with this choice.
+    std::uintptr_t in(BothFrontEnds& world, std::uintptr_t choice) const;
     /// The object that it names; null when it is none.
     ULONG_PTR BothFrontEnds::*object() const;
     /// The address of the place that it names; 0 when it is none.
@@ -30,29 +28,11 @@ struct Argument {
     std::string name;
     bool isOptional;
     std::uintptr_t value = 0;
+    std::vector<WCHAR> text;
 };
 
-inline std::uintptr_t addressOf(const void* pointer) {
-    return reinterpret_cast<std::uintptr_t>(pointer);
-}
-
-/// Calls a function with arguments of any type; what it returned.
-using Invocation = std::function<DWORD(const Values&)>;
-
-template <class Result, class... Parameters, std::size_t... Index>
-Invocation invocation(Result(WINAPI* function)(Parameters...), std::index_sequence<Index...>) {
-    return [function](const Values& values) {
-        const auto convert = []<class Parameter>(std::uintptr_t value, Parameter*) {
-            if constexpr (std::is_pointer_v<Parameter>) {
-                return reinterpret_cast<Parameter>(value);
-            } else {
-                return static_cast<Parameter>(value);
-            }
-        };
-        return static_cast<DWORD>(
-            function(convert(values.at(Index), static_cast<std::add_pointer_t<Parameters>>(nullptr))...));
-    };
-}
+/// The arguments that these words, with blanks between them, say.
+std::vector<Argument> argumentsOf(std::string_view words);
 
 /// What an invocation answers when the last error behind it is not as promised.
 constexpr DWORD kNoReason = 0xFFFFFFFF;
@@ -73,11 +53,9 @@ struct WorkingCall {
     template <class Result, class... Parameters>
     WorkingCall(
         const char* called, Result(WINAPI* function)(Parameters...), const char* words, Bytes bytes = {},
-        Values choice = {0}, const WCHAR* wide = L"",
-        void (*preparation)(BothFrontEnds&) = [](BothFrontEnds&) {})
-        : name(called), call(invocation(function, std::index_sequence_for<Parameters...>())),
-          arguments(split(words)), input(std::move(bytes)), choices(std::move(choice)), text(wide),
-          changeWorld(preparation) {}
+        Values choice = {0}, void (*preparation)(BothFrontEnds&) = [](BothFrontEnds&) {})
+        : name(called), call(invocation(function)), arguments(argumentsOf(words)), input(std::move(bytes)),
+          choices(std::move(choice)), changeWorld(preparation) {}
 
     void prepare(BothFrontEnds& world) const;
     /// Makes the call with kUntouched as the last error. 0 or the failure.
@@ -91,12 +69,8 @@ struct WorkingCall {
     std::vector<Argument> arguments;
     Bytes input;
     Values choices;
-    const WCHAR* text;
     void (*changeWorld)(BothFrontEnds&);
     Outcome outcome = Outcome::Served;
-
-private:
-    static std::vector<Argument> split(const char* words);
 };
 
 /// Calls of all entry points, in every use that has library calls of its own.

@@ -9,9 +9,6 @@
 namespace veltra::test {
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using EntryPoint = decltype(&KSPEncrypt);
 
 constexpr DWORD kPkcs1 = 2, kOaep = 4, kSilent = 0x40;
@@ -20,7 +17,6 @@ class KspEncryptionTest : public KspTest {
 protected:
     KspEncryptionTest() {
         setProcessIv({});
-        library.clearCalls();
         const Bytes masked = ScriptedDeviceLibrary::maskOf(abc);
         ciphertext.insert(ciphertext.end(), masked.begin(), masked.end());
     }
@@ -29,10 +25,9 @@ protected:
                      void* info = nullptr) {
         data.assign(capacity, 0xEE);
         length = 7;
-        const StatusAnswer answer = call([&] {
-            return function(provider, key, input.data(), static_cast<DWORD>(input.size()), info,
-                            capacity == 0 ? nullptr : data.data(), capacity, &length, flags);
-        });
+        const StatusAnswer answer =
+            call(function, provider, key, input.data(), static_cast<DWORD>(input.size()), info,
+                 capacity == 0 ? nullptr : data.data(), capacity, &length, flags);
         if (answer.status == 0) data.resize(length);
         return answer;
     }
@@ -40,7 +35,6 @@ protected:
         return run(KSPDecrypt, rsaKey, ciphertext, capacity, flags);
     }
 
-    const NCRYPT_PROV_HANDLE provider = openProvider();
     const NCRYPT_KEY_HANDLE rsaKey = addKey(token.addKeyPair(0x11));
     const NCRYPT_KEY_HANDLE aesKey = addSymmetricKey(std::string(16, 'K'));
     Bytes data;
@@ -49,41 +43,6 @@ protected:
     Bytes ciphertext = Bytes(253); ///< of `abc` under rsaKey
     void* const unreadable = reinterpret_cast<void*>(1);
 };
-
-TEST_F(KspEncryptionTest, RefusalsComeInTheirOrderAndTouchNothing) {
-    BYTE byte = 0;
-    for (const EntryPoint function : {&KSPEncrypt, &KSPDecrypt}) {
-        const std::string start = function == &KSPEncrypt ? "KSPEncrypt: " : "KSPDecrypt: ";
-        const auto refusal = [&](NCRYPT_HANDLE anyProvider, NCRYPT_HANDLE key, PBYTE input, DWORD inputLength,
-                                 DWORD capacity, DWORD* result) {
-            const StatusAnswer answer = call([&] {
-                return function(anyProvider, key, input, inputLength, nullptr, &byte, capacity, result,
-                                kOaep);
-            });
-            return std::pair(answer.status, answer.errors.size() == 1 ? answer.errors[0] : "");
-        };
-        const std::pair noProvider(NTE_INVALID_HANDLE, start + "provider handle is null or not initialized");
-        const std::pair noKey(NTE_INVALID_PARAMETER, start + "key handle or pcbResult is null");
-        const std::pair noInput(NTE_INVALID_PARAMETER, start + "pbInput is null or cbInput is zero");
-        const std::pair tooLarge(NTE_INVALID_PARAMETER, start + "a length is too large");
-        EXPECT_EQ(refusal(rsaKey, 0, nullptr, 0, 0, nullptr), noProvider);
-        EXPECT_EQ(refusal(provider, provider, nullptr, 0, 0, &length), noKey);
-        EXPECT_EQ(refusal(provider, rsaKey, nullptr, 0, 0, nullptr), noKey);
-        EXPECT_EQ(refusal(provider, rsaKey, nullptr, 1, 0, &length), noInput);
-        EXPECT_EQ(refusal(provider, aesKey, &byte, 0, 0, &length), noInput);
-        for (const NCRYPT_KEY_HANDLE key : {rsaKey, aesKey})
-            EXPECT_EQ(refusal(provider, key, &byte, 0x80000000, 256, &length), tooLarge);
-        if (function == &KSPEncrypt) {
-            EXPECT_EQ(refusal(provider, rsaKey, &byte, 1, 0x80000000, &length), tooLarge);
-        }
-    }
-    EXPECT_EQ(KSPDecrypt(provider, aesKey, &byte, 0x7FFFFFF0, nullptr, &byte, 1, &length, 0),
-              NTE_INVALID_PARAMETER)
-        << "the library counts the block that comes on top";
-    EXPECT_EQ(length, 0u);
-    EXPECT_THAT(library.calls(), IsEmpty());
-    EXPECT_THAT(prompt.seen(), IsEmpty());
-}
 
 TEST_F(KspEncryptionTest, CapacityThatTheLibraryIsNotToldMayBeAnything) {
     storePinOfToken();
@@ -103,7 +62,6 @@ TEST_F(KspEncryptionTest, EcKeysAreRefusedOnlyWhereTheirPointWouldBeEncodedAsAMo
         EXPECT_EQ(run(function, ecKey, abc, 0), succeeded());
         EXPECT_EQ(length, 32u);
     }
-    EXPECT_EQ(run(KSPEncrypt, ecKey, abc, 31).status, NTE_BUFFER_TOO_SMALL);
     EXPECT_EQ(run(KSPEncrypt, ecKey, abc, 32),
               failed(NTE_NOT_SUPPORTED, {"KSPEncrypt: an EC key does not encrypt"}));
     EXPECT_THAT(library.calls(), IsEmpty());
@@ -130,6 +88,7 @@ TEST_F(KspEncryptionTest, RsaPaddingTypeAndKeyFormReachTheLibrary) {
         if (name != "no name") info.pszAlgId = reinterpret_cast<LPCWSTR>(wide.c_str());
         void* structure = flags < kOaep ? unreadable : name == "-" ? nullptr : &info;
         EXPECT_EQ(run(KSPEncrypt, rsaKey, abc, 300, flags, structure), succeeded());
+        EXPECT_EQ(length, 300u);
         EXPECT_EQ(library.calls().back(), concat("veltra_encrypt(type=8, padding=", padding,
                                                  ", in=616263, out=300, key=3082..0001(294))"));
     }
@@ -206,9 +165,6 @@ TEST_F(KspEncryptionTest, OutputThatDoesNotFitAndFailuresOfAes) {
     EXPECT_EQ(run(KSPDecrypt, aesKey, block, 64),
               failed(NTE_INTERNAL_ERROR, {"KSP: Symmetric decryption failed: 4294967295"}));
     library.clearCalls();
-    EXPECT_EQ(run(KSPEncrypt, rsaKey, abc, 255),
-              failed(NTE_BUFFER_TOO_SMALL, {"KSPEncrypt: output buffer too small, required=256"}));
-    EXPECT_EQ(length, 256u);
     for (const auto& [function, input] : {std::pair{&KSPEncrypt, abc}, {&KSPDecrypt, Bytes()}}) {
         EXPECT_EQ(run(function, rsaKey, input, 0), succeeded()) << "decryption does not look at the input";
         EXPECT_EQ(length, 256u);
@@ -226,9 +182,7 @@ TEST_F(KspEncryptionTest, PaddingIsLoggedBeforeAnyCheckAndItsStructureReadOnlyFo
           {0x44u, nullptr, {"dwFlags=0x00000044 padding=OAEP"}},
           {kOaep, &unnamed, {"dwFlags=0x00000004 padding=OAEP", "OAEP hash algorithm=NONE/UNKNOWN"}},
           {0xABCDEF06, &named, {"dwFlags=0xABCDEF06 padding=PKCS1", "OAEP hash algorithm=SHA256"}}}) {
-        EXPECT_EQ(call([&, any = flags, structure = info] {
-                      return KSPDecrypt(0, 0, nullptr, 0, structure, nullptr, 0, nullptr, any);
-                  }).status,
+        EXPECT_EQ(call(KSPDecrypt, 0, 0, nullptr, 0, info, nullptr, 0, nullptr, flags).status,
                   NTE_INVALID_HANDLE);
         Lines expected = {"KSPDecrypt"};
         for (const std::string& line : lines)
@@ -271,23 +225,14 @@ TEST_F(KspEncryptionTest, RsaDecryptionVerifiesTheUserAndRetriesOnceAfterExpiry)
               failed(NTE_BUFFER_TOO_SMALL, {"KSPDecrypt: output buffer too small, required=3"}));
     EXPECT_EQ(length, 3u);
     EXPECT_EQ(data, Bytes(2, 0xEE));
-    // The second time the token has a session: nobody is asked, and there is no PIN to pass.
-    for (const char* newPin : {"1234", ""}) {
-        if (*newPin == '\0') token.logIn();
-        storePin(serial, Pin("old"));
-        library.clearCalls();
-        library.clearScripts();
-        library.script("veltra_decrypt", {.result = kDeviceSessionExpired, .onCall = 1});
-        EXPECT_EQ(decrypt(), succeeded());
-        EXPECT_THAT(debugLines, Contains("KSP: Decrypt SSO expired, re-prompting for PIN"));
-        const auto decryption = [&](const char* pin) {
-            return concat("veltra_decrypt(serial=", serial, ", key=1111..1111, pin=", pin,
-                          ", in=0000..3839(256), flag=1)");
-        };
-        EXPECT_THAT(library.calls("veltra_decrypt"), ElementsAre(decryption("old"), decryption(newPin)));
-    }
-    token.info.session.clear();
-    storePinOfToken();
+    storePin(serial, Pin("old"));
+    library.clearCalls();
+    library.script("veltra_decrypt", {.result = kDeviceSessionExpired, .onCall = 1});
+    EXPECT_EQ(decrypt(), succeeded());
+    EXPECT_THAT(debugLines, Contains("KSP: Decrypt SSO expired, re-prompting for PIN"));
+    const std::string start = concat("veltra_decrypt(serial=", serial, ", key=1111..1111, pin=");
+    EXPECT_THAT(library.calls("veltra_decrypt"), ElementsAre(start + "old, in=0000..3839(256), flag=1)",
+                                                             start + "1234, in=0000..3839(256), flag=1)"));
     library.script("veltra_decrypt", {.result = kDeviceSessionExpired});
     EXPECT_EQ(decrypt(), failed(NTE_INTERNAL_ERROR, {"KSP: Decrypt failed: 49"}));
     EXPECT_EQ(decrypt(), failed(NTE_FAIL, {refused + " after SSO expiry"}));

@@ -1,15 +1,15 @@
 #include "support/blob_bytes.h"
 #include "support/ksp_test.h"
 
+#include "certs/public_key_encoding.h"
+#include "foundation/secret.h"
 #include "foundation/text.h"
+#include "token/aes_keys.h"
 
-#include <climits>
+#include <algorithm>
 
 namespace veltra::test {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 const std::string kRsa = "BCRYPT_RSAPUBLIC_BLOB ", kEcc = "BCRYPT_ECCPUBLIC_BLOB ";
 const std::string kLegacy = "LEGACY_RSAPUBLIC_BLOB ", kData = "BCRYPT_KEY_DATA_BLOB ";
@@ -20,40 +20,50 @@ Bytes rsaBlob(DWORD bits, DWORD exponentLength, DWORD modulusLength, const Bytes
 }
 
 Bytes legacyBlob(DWORD bits, std::size_t modulusLength, DWORD magic = 0x31415352) {
-    return joined({dwords({0x0206, 0xA400, magic, bits, 0x010203}), counting(modulusLength)});
+    return joined({dwords({0x0206, 0xA400, magic, bits, 0x010203}), counting(modulusLength, 1)});
 }
 
 Bytes keyDataBlob(DWORD keyLength, const Bytes& key) {
     return joined({dwords({0x4D42444B, 9, keyLength}), key});
 }
 
-class KspKeyImportTest : public KspTest {
+class KspKeyBlobTest : public KspTest {
 protected:
-    KspKeyImportTest() : provider(openProvider()), importKey(addKey(token.addKeyPair(0x11))) {
-        storePinOfToken();
-    }
+    KspKeyBlobTest() { storePinOfToken(); }
+    ~KspKeyBlobTest() override { KSPFreeKey(0, imported); }
 
     StatusAnswer import(const std::string& type, const Bytes& blob, NCRYPT_KEY_HANDLE key = 0) {
         Bytes exact(blob); // with nothing behind it, so that the sanitizer sees every byte too many
         exact.reserve(1);
-        const auto size = static_cast<DWORD>(blob.size());
-        NCRYPT_KEY_HANDLE imported = 0;
+        KSPFreeKey(0, std::exchange(imported, 0));
         library.clearCalls();
-        const StatusAnswer answer = call([&] {
-            return KSPImportKey(provider, key, wideText(type).data(), nullptr, &imported, exact.data(), size,
-                                0);
-        });
-        record = LiveRecords<KSP_KEY>::take(imported);
+        const StatusAnswer answer = call(KSPImportKey, provider, key, wideText(type).data(), nullptr,
+                                         &imported, exact.data(), static_cast<DWORD>(blob.size()), 0);
+        record = liveKspKey(imported);
         EXPECT_EQ(record != nullptr, answer == succeeded()) << "a refused import makes no key";
         return answer;
     }
+    StatusAnswer ask(NCRYPT_KEY_HANDLE key, const std::string& type, BYTE* out = nullptr,
+                     DWORD capacity = 0) {
+        return call(KSPExportKey, provider, key, 0, wideText(type).data(), nullptr, out, capacity, &size, 0);
+    }
+    /// The blob in hexadecimal.
+    std::string exported(NCRYPT_KEY_HANDLE key, const std::string& type) {
+        const std::string name = type == "ECCPUBLICBLOB"    ? "BCRYPT_ECCPUBLIC_BLOB"
+                                 : type == "CAPIPUBLICBLOB" ? "LEGACY_RSAPUBLIC_BLOB output"
+                                                            : "BCRYPT_RSAPUBLIC_BLOB output";
+        return toHex(answered([&](BYTE* out, DWORD capacity) { return ask(key, type, out, capacity); },
+                              "KSPExportKey: " + name + " buffer too small, required="));
+    }
+    /// Imports a blob, and exports `exportedBlob`.
     void expectPublicKey(const std::string& type, const Bytes& blob, const std::array<std::uint32_t, 3>& kind,
-                         const Bytes& key, const std::string& line) {
+                         const Bytes& key, const std::string& line, const Bytes& exportedBlob) {
         ASSERT_EQ(import(type, joined({blob, {0xEE}})), succeeded()) << "bytes behind the key are ignored";
         EXPECT_EQ((std::array{record->keyType, record->keyUsage, record->bitLength}), kind);
         EXPECT_EQ(toHex(record->publicKeyBytes()), toHex(key));
         EXPECT_TRUE(record->persisted && !record->isSymmetric());
         EXPECT_EQ(debugLines.back(), line);
+        EXPECT_EQ(exported(imported, type), toHex(exportedBlob));
     }
     /// Imports an AES key, which goes to the token and stays in the key object.
     void expectAesKey(const std::string& type, const Bytes& blob, std::size_t length,
@@ -72,46 +82,41 @@ protected:
         EXPECT_EQ(std::vector(debugLines.begin() + 1, debugLines.end()), lines);
     }
 
-    const NCRYPT_PROV_HANDLE provider;
-    const NCRYPT_KEY_HANDLE importKey;
-    std::shared_ptr<KSP_KEY> record; ///< what the last import made
+    const NCRYPT_KEY_HANDLE importKey = addKey(token.addKeyPair(0x11));
+    NCRYPT_KEY_HANDLE imported = 0;  ///< what the last import made
+    std::shared_ptr<KSP_KEY> record; ///< behind it
 };
 
-TEST_F(KspKeyImportTest, ArgumentsInOrder) {
-    NCRYPT_KEY_HANDLE key = 0;
-    BYTE data = 0;
-    const auto type = wideText("RSAPUBLICBLOB");
-    const auto ask = [&](NCRYPT_PROV_HANDLE handle, LPCWSTR name, BYTE* bytes, NCRYPT_KEY_HANDLE* out,
-                         DWORD length = 1) {
-        return call([&] { return KSPImportKey(handle, 0, name, nullptr, out, bytes, length, 0); });
-    };
-    EXPECT_EQ(ask(importKey, nullptr, nullptr, nullptr),
-              failed(NTE_INVALID_HANDLE, {"KSPImportKey: provider handle is null or not initialized"}));
-    const StatusAnswer invalid = failed(NTE_INVALID_PARAMETER, {"KSPImportKey: invalid parameters"});
-    EXPECT_EQ(ask(provider, nullptr, &data, &key), invalid);
-    EXPECT_EQ(ask(provider, type.data(), nullptr, &key), invalid);
-    EXPECT_EQ(ask(provider, type.data(), &data, nullptr), invalid);
-    EXPECT_EQ(ask(provider, type.data(), &data, &key, INT_MAX + 1u).status, NTE_INVALID_PARAMETER);
-}
-
-TEST_F(KspKeyImportTest, RsaKeysLoseTheirExponentAndLegacyOnesClaimAnIdentifier) {
+// An exported exponent is always 65537, and an imported legacy key claims an identifier.
+TEST_F(KspKeyBlobTest, RsaKeysLoseTheirExponent) {
     for (const auto& [bits, type] : {std::pair{1024u, 1u}, {2048u, 2u}, {3072u, 3u}, {4096u, 4u}}) {
-        const Bytes modulus = counting(bits / 8);
+        const Bytes modulus = counting(bits / 8, 1), reversed(modulus.rbegin(), modulus.rend());
+        const Bytes blob = joined({dwords({0x31415352, bits, 3, bits / 8, 0, 0}), {1, 0, 1}, modulus});
         for (const char* name : {"RSAPUBLICBLOB", "PUBLICBLOB"}) {
             expectPublicKey(name, rsaBlob(bits, 3, bits / 8, joined({{3, 2, 1}, modulus})), {type, 0, bits},
-                            modulus, concat("KSP: RSA public key imported, bits=", bits));
+                            modulus, concat("KSP: RSA public key imported, bits=", bits), blob);
+            EXPECT_EQ(debugLines.back(), concat("KSP: Public key exported, bits=", bits));
             EXPECT_EQ(record->credentialIdLength, 0u);
+            record->setPublicKey(publicKeyToDer(toHex(modulus), "010001"));
+            EXPECT_EQ(exported(imported, name), toHex(blob)) << "of a key that is stored as DER";
         }
-        expectPublicKey("CAPIPUBLICBLOB", legacyBlob(bits, bits / 8), {type, 0, bits},
-                        Bytes(modulus.rbegin(), modulus.rend()),
-                        "KSP: Legacy RSA public key imported successfully");
-        EXPECT_EQ(debugLines[1], "KSP: Public exponent : 010203");
+        expectPublicKey("CAPIPUBLICBLOB", legacyBlob(bits, bits / 8), {type, 0, bits}, reversed,
+                        "KSP: Legacy RSA public key imported successfully",
+                        joined({dwords({0x0206, CALG_RSA_KEYX, 0x31415352, bits, 65537}), modulus}));
         EXPECT_EQ(record->credentialIdLength, 16u);
     }
+    EXPECT_EQ(import("CAPIPUBLICBLOB", legacyBlob(1024, 128)), succeeded());
+    EXPECT_EQ(debugLines[1], "KSP: Public exponent : 010203");
     EXPECT_EQ(import("PUBLICBLOB", rsaBlob(2048, 0, 1024, Bytes(1024))), succeeded()) << "fits";
+    record->setPublicKey(Bytes{0x30, 0x05, 0x01}); // begins as DER does, and is none
+    EXPECT_EQ(exported(imported, "PUBLICBLOB"),
+              toHex(dwords({0x31415352, 2048, 3, 3, 0, 0})) + "010001300501");
+    EXPECT_EQ(exported(imported, "CAPIPUBLICBLOB"),
+              toHex(dwords({0x0206, 0xA400, 0x31415352, 24, 65537})) + "010530");
 }
 
-TEST_F(KspKeyImportTest, EcKeysNeedNotFitTheirCurve) {
+TEST_F(KspKeyBlobTest, EcKeysNeedNotFitTheirCurve) {
+    const std::string name = "ECCPUBLICBLOB";
     struct Row {
         DWORD magic, keyLength;
         std::array<std::uint32_t, 3> kind;
@@ -125,14 +130,50 @@ TEST_F(KspKeyImportTest, EcKeysNeedNotFitTheirCurve) {
                            {0x31534345, 48, {5, 1, 256}},
                            {0x31534345, 511, {5, 1, 256}}}) {
         const Bytes point = counting(2 * row.keyLength, 1);
-        expectPublicKey("ECCPUBLICBLOB", joined({dwords({row.magic, row.keyLength}), point}), row.kind,
-                        joined({{4}, point}),
-                        concat("KSPImportKey: ECC public key imported, cbKey=", row.keyLength));
+        const Bytes blob = joined({dwords({row.magic, row.keyLength}), point});
+        expectPublicKey(name, blob, row.kind, joined({{4}, point}),
+                        concat("KSPImportKey: ECC public key imported, cbKey=", row.keyLength), blob);
+        EXPECT_THAT(debugLines,
+                    ElementsAre("KSPExportKey", "Enter to the BCRYPT_ECCPUBLIC_BLOB",
+                                concat("KSPExportKey: ECC public key exported, cbKey=", row.keyLength)));
         EXPECT_EQ(record->credentialIdLength, 0u) << "no key of the token";
+        for (const std::uint32_t signing : {kUsageBoth + 0u, 0u}) {
+            if (record->keyUsage == kUsageEncrypt) break;
+            record->keyUsage = signing;
+            EXPECT_EQ(exported(imported, name), toHex(blob));
+        }
     }
+    record->setPublicKey(Bytes{4, 1, 2, 3}); // half a byte too many
+    EXPECT_EQ(exported(imported, name), toHex(dwords({0x31534345, 1})) + "0102");
+    record->publicKey[0] = 2;
+    EXPECT_EQ(ask(imported, name),
+              failed(NTE_BAD_KEY, {"KSPExportKey: ECC public key not available or invalid format"}));
+    EXPECT_EQ(ask(importKey, name), failed(NTE_NOT_SUPPORTED, {"KSPExportKey: key is not ECC"}));
 }
 
-TEST_F(KspKeyImportTest, AesKeysAreStoredAndHeld) {
+TEST_F(KspKeyBlobTest, MissingPublicKeyComesFromTheToken) {
+    const std::string type = "ECCPUBLICBLOB";
+    const NCRYPT_KEY_HANDLE key = addKey(token.addKeyPair(0x32, kKeyTypeEcP256));
+    const std::string expected = exported(key, type);
+    EXPECT_THAT(library.calls("veltra_getKeyPairList"), IsEmpty());
+    liveKspKey(key)->publicKeyLength = 0;
+    EXPECT_EQ(exported(key, type), expected);
+    liveKspKey(key)->publicKeyLength = 0;
+    token.keyPairs[1].keyId[15] ^= 1;
+    const StatusAnswer none = failed(NTE_BAD_KEY, {"KSP: No public key data available for export"});
+    for (const char* name : {"RSAPUBLICBLOB", "PUBLICBLOB", "CAPIPUBLICBLOB", "ECCPUBLICBLOB"})
+        EXPECT_EQ(ask(key, name), none);
+    std::ranges::fill(token.keyPairs[0].keyId, 0);
+    EXPECT_EQ(ask(addKey(std::make_unique<KSP_KEY>()), "PUBLICBLOB"), none) << "no identifier";
+    for (const char* name : {"PRIVATEBLOB", "CAPIPRIVATEBLOB"}) {
+        EXPECT_EQ(ask(importKey, name),
+                  failed(NTE_NOT_SUPPORTED, {"KSPExportKey: private key export not supported"}));
+    }
+    for (const char* name : {"", "RSAPRIVATEBLOB", "KeyDataBlob", "publicblob"})
+        EXPECT_EQ(ask(importKey, name), failed(NTE_NOT_SUPPORTED, {"KSP: Unsupported blob type for export"}));
+}
+
+TEST_F(KspKeyBlobTest, AesKeysAreStoredAndHeld) {
     token.addAesKey(0xC1, kKeyTypeAes128);
     token.addAesKey(0xC2, kKeyTypeAes192Or256);
     liveKspKey(importKey)->recordFlag = true;
@@ -155,7 +196,24 @@ TEST_F(KspKeyImportTest, AesKeysAreStoredAndHeld) {
     }
 }
 
-TEST_F(KspKeyImportTest, WrappedKeysAreTriedWithEachListedKeyInOrder) {
+// What an imported key goes to the token in, and a buffer that is used again; the lifecycle tests look for
+// secrets in the whole process.
+TEST(SecretTypesTest, LeaveOnlyZeros) {
+    alignas(SymmetricKeyRecord) static unsigned char memory[sizeof(SymmetricKeyRecord)];
+    const volatile unsigned char* const bytes = memory;
+    auto* const record = new (memory) SymmetricKeyRecord;
+    ASSERT_TRUE(record->setMaterial(Bytes(32, 'S')));
+    EXPECT_THAT(Bytes(bytes, bytes + sizeof memory), Contains('S'));
+    record->~SymmetricKeyRecord();
+    EXPECT_THAT(Bytes(bytes, bytes + sizeof memory), testing::Each(0));
+    SecretBuffer buffer;
+    buffer.allocate(40);
+    std::fill_n(buffer.data(), 40, static_cast<unsigned char>('S'));
+    buffer.allocate(10); // in the same memory
+    EXPECT_THAT(Bytes(buffer.data(), buffer.data() + 40), testing::Each(0));
+}
+
+TEST_F(KspKeyBlobTest, WrappedKeysAreTriedWithEachListedKeyInOrder) {
     token.addAesKey(0xC1, kKeyTypeAes128);
     token.addAesKey(0xC2, 9).flag = 1; // not of an AES key's type
     token.addAesKey(0xC2, kKeyTypeAes128);
@@ -168,7 +226,7 @@ TEST_F(KspKeyImportTest, WrappedKeysAreTriedWithEachListedKeyInOrder) {
                             attempt + "C2C2..C2C2" + input + "1, iv=null(0))"));
 }
 
-TEST_F(KspKeyImportTest, BadBlobs) {
+TEST_F(KspKeyBlobTest, BadBlobs) {
     struct Row {
         const char* type;
         Bytes blob;
@@ -200,7 +258,7 @@ TEST_F(KspKeyImportTest, BadBlobs) {
     }
 }
 
-TEST_F(KspKeyImportTest, UnsupportedTypesAndSizes) {
+TEST_F(KspKeyBlobTest, UnsupportedTypesAndSizes) {
     const auto unsupported = [](const std::string& text) { return failed(NTE_NOT_SUPPORTED, {text}); };
     for (const char* name : {"", "rsapublicblob", "RSAPUBLICBLO", "RSAPRIVATEBLOB"})
         EXPECT_EQ(import(name, {1}, provider), unsupported("KSP: Unsupported blob type for import"));
@@ -218,7 +276,7 @@ TEST_F(KspKeyImportTest, UnsupportedTypesAndSizes) {
     }
 }
 
-TEST_F(KspKeyImportTest, WhatTheTokenRefuses) {
+TEST_F(KspKeyBlobTest, WhatTheTokenRefuses) {
     token.addAesKey(0xC2, kKeyTypeAes128);
     const auto wrapped = [](std::size_t length) {
         return ScriptedDeviceLibrary::maskOf(joined({{0xC2}, Bytes(length)}));
