@@ -63,6 +63,11 @@ protected:
         return run([&] { return entryPoint(arguments...); });
     }
 
+    /// The last call wrote each of these debug lines.
+    void expectLogged(const std::vector<std::string>& lines) const {
+        EXPECT_THAT(debugLines, testing::IsSupersetOf(lines));
+    }
+
     /// The lines written since the last look, without time stamps ("ERROR CPHashData: ..."). Lines of the
     /// device monitor's thread are left out: they come at any time.
     std::vector<std::string> takeLogLines();

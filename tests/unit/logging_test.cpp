@@ -1,3 +1,4 @@
+#include "support/blob_bytes.h"
 #include "support/log_file.h"
 #include "support/provider_test.h"
 
@@ -33,51 +34,46 @@ std::string formatted(const char* format, Fields... fields) {
     return text.data();
 }
 
+constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
 const std::string kDebugLine = "DEBUG a debug line";
 const std::string kErrorLine = "ERROR an error line";
 
-TEST_F(LoggingTest, EachLevelWritesItsLines) {
-    const auto expectLines = [&](DWORD level, const std::vector<std::string>& expected) {
+TEST_F(LoggingTest, LevelIsTheFirstWordOfAValueOfAnyTypeUpTo32Bytes) {
+    const auto expectLines = [&](const std::vector<std::string>& expected, DWORD level,
+                                 std::size_t length = 4, DWORD type = REG_BINARY) {
+        SCOPED_TRACE(level);
         removeLog();
         takeRawLogLines();
-        setLogLevel(level);
-        EXPECT_EQ(writeOneOfEach(), expected) << level;
+        Bytes value = littleEndian(level);
+        value.resize(length, 'x');
+        RegSetKeyValueA(HKEY_LOCAL_MACHINE, kSettingsKey, "logLevel", type, value.data(),
+                        static_cast<DWORD>(length));
+        EXPECT_EQ(writeOneOfEach(), expected);
         EXPECT_EQ(logFiles().empty(), expected.empty()) << "silence does not even make the file";
     };
-    expectLines(0, {});
-    expectLines(1, {});
-    expectLines(2, {kErrorLine});
-    expectLines(3, {kDebugLine, kErrorLine});
-    expectLines(4, {kErrorLine});
-    expectLines(0xFFFFFFFF, {kErrorLine});
+    const std::vector<std::string> both = {kDebugLine, kErrorLine}, error = {kErrorLine};
+    expectLines({}, 0, 4, REG_DWORD);
+    expectLines({}, 1);
+    expectLines(error, 2, 4, REG_DWORD);
+    expectLines(both, 3);
+    expectLines(error, 4);
+    expectLines(error, 0xFFFFFFFF);
+    expectLines(both, 3, 8, REG_QWORD);
+    expectLines(error, '3', 2, REG_SZ);
+    expectLines({}, 1, 32);
+    expectLines(error, 1, 33); // as without a value
     removeLogLevel();
-    EXPECT_THAT(writeOneOfEach(), ElementsAre(kErrorLine));
+    EXPECT_EQ(writeOneOfEach(), error);
 }
 
 // The key is kept open between the lines.
 TEST_F(LoggingTest, LevelIsReadFromTheKeyThatIsThereNow) {
     for (int round = 0; round < 2; ++round) {
-        RegDeleteKeyA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)");
+        RegDeleteKeyA(HKEY_LOCAL_MACHINE, kSettingsKey);
         EXPECT_THAT(writeOneOfEach(), ElementsAre(kErrorLine));
         setLogLevel(3);
         EXPECT_THAT(writeOneOfEach(), ElementsAre(kDebugLine, kErrorLine));
     }
-}
-
-TEST_F(LoggingTest, LevelIsTheFirstWordOfAnyValueTypeUpTo32Bytes) {
-    const auto expectLines = [&](DWORD type, const std::string& data,
-                                 const std::vector<std::string>& expected) {
-        RegSetKeyValueA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)", "logLevel", type, data.data(),
-                        static_cast<DWORD>(data.size()));
-        EXPECT_EQ(writeOneOfEach(), expected) << type;
-    };
-    const std::string three("\3\0\0\0", 4);
-    const std::string one("\1\0\0\0", 4);
-    expectLines(REG_BINARY, three, {kDebugLine, kErrorLine});
-    expectLines(REG_QWORD, three + std::string(4, '\0'), {kDebugLine, kErrorLine});
-    expectLines(REG_BINARY, one + std::string(28, 'x'), {});
-    expectLines(REG_BINARY, one + std::string(29, 'x'), {kErrorLine});
-    expectLines(REG_SZ, "3", {kErrorLine});
 }
 
 TEST_F(LoggingTest, LineAndFileNameHaveTheirForm) {

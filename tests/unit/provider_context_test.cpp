@@ -68,21 +68,15 @@ TEST_F(ProviderContextTest, WithoutAContainerTheFirstTokenIsOpened) {
     token.addKeyPair(0xAB);
     EXPECT_EQ(open(nullptr, CRYPT_NEWKEYSET | CRYPT_MACHINE_KEYSET), accepted());
     expectMonitorStarted();
-    EXPECT_THAT(
-        debugLines,
-        testing::IsSupersetOf({std::string("CPAcquireContext - dwFlags : 40"),
-                               std::string("CPAcquireContext - Container name not provided"),
-                               "CPAcquireContext: container= serial=" + serial + " silent=0, return TRUE"}));
+    expectLogged({"CPAcquireContext - dwFlags : 40", "CPAcquireContext - Container name not provided",
+                  "CPAcquireContext: container= serial=" + serial + " silent=0, return TRUE"});
     std::vector<std::string> calls = callsOfInitialisation();
     calls.emplace_back("veltra_getConnectedDeviceList(refresh=0)");
     calls.emplace_back("veltra_getKeyPairList(serial=" + serial + ")");
     EXPECT_EQ(library.calls(), calls);
     const auto context = liveContext(handle);
     ASSERT_NE(context, nullptr);
-    EXPECT_EQ(context->serial, serial);
-    EXPECT_EQ(context->keyName, "");
     EXPECT_EQ(context->fixedWord, 4096u);
-    EXPECT_EQ(context->silent, 0);
     EXPECT_FALSE(context->persistedContainer);
     EXPECT_THAT(context->keyList, ElementsAre(kId1, kLetters)) << "the token's order";
     library.clearCalls();
@@ -95,16 +89,12 @@ TEST_F(ProviderContextTest, TokenThatHoldsTheNamedKeyIsChosenIgnoringCaseElseThe
     library.addToken(second).addKeyPair(0xAB);
     const auto expectToken = [&](const std::string& container, const std::string& expected) {
         EXPECT_EQ(open(container.c_str(), CRYPT_SILENT), accepted());
-        EXPECT_THAT(debugLines,
-                    testing::IsSupersetOf({"CPAcquireContext - Container name : " + container,
-                                           concat("CPAcquireContext: container=", container,
-                                                  " serial=", expected, " silent=1, return TRUE")}));
+        expectLogged({"CPAcquireContext - Container name : " + container,
+                      concat("CPAcquireContext: container=", container, " serial=", expected,
+                             " silent=1, return TRUE")});
         const auto context = liveContext(handle);
         ASSERT_NE(context, nullptr);
-        EXPECT_EQ(context->serial, expected);
-        EXPECT_EQ(context->keyName, container);
         EXPECT_EQ(context->containerName, container);
-        EXPECT_EQ(context->silent, 1);
         EXPECT_EQ(context->persistedContainer, !container.empty());
     };
     expectToken("no key of any token", serial);
@@ -189,9 +179,7 @@ TEST_F(DeleteKeysetTest, NothingMappedSucceedsWithoutAToken) {
                 ElementsAre("CPAcquireContext", "CPAcquireContext - dwFlags : 16",
                             kDeleting + "container=(null)", kDeleting + "no container name, return TRUE"));
     EXPECT_EQ(deleteKeyset("unmapped", 0xF0000000), accepted()) << "deletion comes before a verify context";
-    EXPECT_THAT(debugLines,
-                testing::AllOf(Contains(kDeleting + "container=unmapped"),
-                               Contains(kDeleting + "no mapped keys for container, return TRUE")));
+    expectLogged({kDeleting + "container=unmapped", kDeleting + "no mapped keys for container, return TRUE"});
     EXPECT_THAT(library.calls(), IsEmpty());
 }
 
@@ -212,10 +200,9 @@ TEST_F(DeleteKeysetTest, DeletesTheMappedKeysInOrderAndGoesOnAfterAFailure) {
               (Answer{TRUE, kUntouched, {failure}}));
     EXPECT_EQ(handle, 0u);
     EXPECT_THAT(deletions(), ElementsAre(deletion("3333..3333", 1), deletion("2222..2222", 1)));
-    EXPECT_THAT(debugLines,
-                testing::AllOf(Contains(kDeleting + "deleting key " + kId2),
-                               Contains(kDeleting + "key " + kLowerCase + " not found on token, skip"),
-                               Contains(kDeleting + "done, return TRUE")));
+    expectLogged({kDeleting + "deleting key " + kId2,
+                  kDeleting + "key " + kLowerCase + " not found on token, skip",
+                  kDeleting + "done, return TRUE"});
     EXPECT_EQ(token.keyPairs.size(), 3u);
     EXPECT_EQ(readContainerValue(name), "");
     EXPECT_EQ(keyNameOfContainer(name), name) << "gone from the cache as well";

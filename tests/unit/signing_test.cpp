@@ -71,9 +71,8 @@ TEST_F(SigningTest, RsaSignaturesAreReversedAndEcSignaturesAreNot) {
             return;
         }
         EXPECT_EQ(sign(provider, hash), accepted());
-        EXPECT_THAT(debugLines, testing::AllOf(Contains("CPSignHash dwFlags : 0"),
-                                               Contains("CPSignHash hashAlgorithm : 32780"),
-                                               Contains(concat("CPSignHash key mechanism : ", type))));
+        expectLogged({"CPSignHash dwFlags : 0", "CPSignHash hashAlgorithm : 32780",
+                      concat("CPSignHash key mechanism : ", type)});
         const Bytes big = ScriptedDeviceLibrary::fakeSignature(type);
         EXPECT_EQ(signature, type <= kKeyTypeRsa4096 ? reversed(big) : big);
         EXPECT_EQ(verify(provider, hash, signature).result, TRUE);
