@@ -42,8 +42,9 @@ protected:
         return [=, this](const std::tuple<Parameters...>& arguments, std::int64_t code,
                          const std::string& error, const char* failing = nullptr, int onCall = 1) {
             if (failing != nullptr) library.script(failing, {.result = 7, .onCall = onCall});
+            const auto call = [&](auto... each) { return run(function, each...); };
             EXPECT_EQ(
-                run([&] { return std::apply(function, arguments); }),
+                std::apply(call, arguments),
                 refused(static_cast<DWORD>(code), linesOf((error.starts_with(':') ? name : "") + error)));
             library.clearScripts();
         };
