@@ -134,11 +134,11 @@ TEST_F(CspRefusalsTest, OfKeys) {
     derive({context, CALG_RC4, 0, 0, out}, NTE_BAD_HASH, "");
     derive({context, CALG_RC4, hash, 0, out}, NTE_BAD_ALGID, ": unsupported algorithm 0x26625");
     derive({context, CALG_AES_128, hash, 0, out}, NTE_FAIL, ": veltra_finalHash failed", "veltra_finalHash");
-    const auto import = refusing("CPImportKey", CPImportKey);
-    import({0, nullptr, 0, 0, 0, nullptr}, kInvalid, "CPImportKey - Input data is null");
-    import({0, data, 0, 0, 0, nullptr}, NTE_BAD_UID, "CPImportKey - Contest null or not initialised");
-    import({context, data, 0, 0, 0, nullptr}, kInvalid, "CPImportKey - phKey is null");
-    import({context, data, kTooLong, 0, 0, out}, NTE_BAD_LEN, "CPImportKey - Input data is too long");
+    const auto importKey = refusing("CPImportKey", CPImportKey);
+    importKey({0, nullptr, 0, 0, 0, nullptr}, kInvalid, "CPImportKey - Input data is null");
+    importKey({0, data, 0, 0, 0, nullptr}, NTE_BAD_UID, "CPImportKey - Contest null or not initialised");
+    importKey({context, data, 0, 0, 0, nullptr}, kInvalid, "CPImportKey - phKey is null");
+    importKey({context, data, kTooLong, 0, 0, out}, NTE_BAD_LEN, "CPImportKey - Input data is too long");
 }
 
 TEST_F(CspRefusalsTest, OfExports) {

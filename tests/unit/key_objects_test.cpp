@@ -142,7 +142,8 @@ TEST_F(UserKeyTest, WithoutAContainerOnlyTheExchangeKeyIsGivenOutUntilContainers
     const HCRYPTPROV provider = acquire();
     EXPECT_EQ(userKey(provider, AT_SIGNATURE), 0u);
     EXPECT_EQ(liveKey(userKey(provider, AT_KEYEXCHANGE))->algId, static_cast<ALG_ID>(CALG_RSA_KEYX));
-    EXPECT_THAT(takeLogLines(), Contains("DEBUG Key found (AT_KEYEXCHANGE, usage=1)"));
+    EXPECT_THAT(takeLogLines(), testing::IsSupersetOf({"DEBUG CPGetUserKey -> dwKeySpec : 1",
+                                                       "DEBUG Key found (AT_KEYEXCHANGE, usage=1)"}));
     liveContext(provider)->containersEnumerated = true;
     EXPECT_EQ(liveKey(userKey(provider, AT_SIGNATURE))->keyId[0], 0x11);
     EXPECT_EQ(userKey(provider, 3), 0u);
@@ -200,6 +201,7 @@ TEST_F(KeyParameterTest, OnlyTheModeIsStoredAndEverythingElseSucceedsAllTheSame)
     expectLine(KP_SALT, &value, "unhandled dwParam=2");
     expectLine(99, nullptr, "unhandled dwParam=99");
     EXPECT_EQ(keyParameter(provider, key, KP_MODE), value);
+    EXPECT_THAT(takeLogLines(), Contains("DEBUG CPGetKeyParam - key id : ")) << "as long as the identifier";
     for (const DWORD usage : {1u, 2u, 3u, 4u})
         EXPECT_EQ(keyParameter(provider, addKeyOf(CALG_RSA_SIGN, usage), KP_PERMISSIONS), 12 + usage % 4);
 }

@@ -34,13 +34,14 @@ protected:
         const auto context = liveContext(acquire(container.c_str()));
         return context ? context->keyName : "refused";
     }
-    /// What starts the device monitor, initialises the token and looks for it again.
-    std::vector<std::string> callsOfInitialisation() const {
-        return {"veltra_init(mode=0, kind=2)", "veltra_getConnectedDeviceList(refresh=0)",
-                "veltra_init(mode=0, kind=2)", "veltra_initDevice(serial=" + serial + ", reread=0)"};
-    }
-    void expectMonitorStarted() const {
+    /// The last call started the device monitor, or found it running, initialised the token, made
+    /// these two calls of the library and no more.
+    void expectInitialisationAnd(const std::string& next, const std::string& last) const {
         EXPECT_THAT(debugLines, Contains(testing::StartsWith("Monitor thread ")));
+        EXPECT_THAT(library.calls(),
+                    ElementsAre("veltra_init(mode=0, kind=2)", "veltra_getConnectedDeviceList(refresh=0)",
+                                "veltra_init(mode=0, kind=2)",
+                                "veltra_initDevice(serial=" + serial + ", reread=0)", next, last));
     }
 
     HCRYPTPROV handle = 0;
@@ -67,13 +68,10 @@ TEST_F(ProviderContextTest, WithoutAContainerTheFirstTokenIsOpened) {
     token.addKeyPair(0x11);
     token.addKeyPair(0xAB);
     EXPECT_EQ(open(nullptr, CRYPT_NEWKEYSET | CRYPT_MACHINE_KEYSET), accepted());
-    expectMonitorStarted();
     expectLogged({"CPAcquireContext - dwFlags : 40", "CPAcquireContext - Container name not provided",
                   "CPAcquireContext: container= serial=" + serial + " silent=0, return TRUE"});
-    std::vector<std::string> calls = callsOfInitialisation();
-    calls.emplace_back("veltra_getConnectedDeviceList(refresh=0)");
-    calls.emplace_back("veltra_getKeyPairList(serial=" + serial + ")");
-    EXPECT_EQ(library.calls(), calls);
+    expectInitialisationAnd("veltra_getConnectedDeviceList(refresh=0)",
+                            "veltra_getKeyPairList(serial=" + serial + ")");
     const auto context = liveContext(handle);
     ASSERT_NE(context, nullptr);
     EXPECT_EQ(context->fixedWord, 4096u);
@@ -214,11 +212,7 @@ TEST_F(DeleteKeysetTest, AlwaysWorksOnTheFirstTokenEvenIfItRefusesInitialisation
     storePinOfToken();
     library.script("veltra_initDevice", {.result = 5});
     EXPECT_EQ(deleteKeyset(mappedContainer(kId1), CRYPT_SILENT), accepted());
-    expectMonitorStarted();
-    std::vector<std::string> calls = callsOfInitialisation();
-    calls.emplace_back("veltra_getKeyPairList(serial=" + serial + ")");
-    calls.emplace_back(deletion("1111..1111", 0));
-    EXPECT_EQ(library.calls(), calls);
+    expectInitialisationAnd("veltra_getKeyPairList(serial=" + serial + ")", deletion("1111..1111", 0));
     EXPECT_TRUE(isInitialised(serial));
 }
 

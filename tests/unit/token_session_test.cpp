@@ -82,6 +82,9 @@ TEST_F(DeviceMonitorTest, PulledTokenIsForgottenAndOnlyThat) {
     startDeviceMonitor();
     EXPECT_TRUE(soon([&] { return polls() > 1; })) << "a poll that throws does not end it";
     EXPECT_TRUE(isInitialised(serial)) << "and erases nothing";
+    const std::string failed = "Device monitor: a poll of the connected tokens failed", log = readLog();
+    EXPECT_THAT(log, HasSubstr(failed));
+    EXPECT_EQ(log.find(failed), log.rfind(failed)) << "the first one of a row is reported";
     library.clearScripts();
     library.setConnected(serial, false);
     library.setConnected(neverKnown, false);

@@ -48,15 +48,15 @@ TEST_F(UserVerificationTest, AsksOncePerTokenAndProcess) {
 
 TEST_F(UserVerificationTest, LoggedInTokenIsNotAskedForAndKeepsAnEmptyPin) {
     token.logIn();
-    EXPECT_EQ(ensure(), accepted());
-    EXPECT_THAT(debugLines, Contains("loginUser: SSO already validated, return TRUE"));
+    for (int i = 0; i < 2; ++i) { // an empty PIN is not usable: the session is tested again
+        library.clearCalls();
+        EXPECT_EQ(ensure(), accepted());
+        expectLogged({"loginUser: SSO already validated, return TRUE"});
+        EXPECT_THAT(library.calls(), ElementsAre("veltra_getTokenInfo(serial=" + serial + ")"));
+    }
     EXPECT_THAT(prompt.seen(), IsEmpty());
     EXPECT_TRUE(isPinValidated(serial));
     EXPECT_EQ(storedPin(), "");
-
-    library.clearCalls();
-    EXPECT_EQ(ensure(), accepted()) << "an empty PIN is not usable: the session is tested again";
-    EXPECT_THAT(library.calls(), ElementsAre("veltra_getTokenInfo(serial=" + serial + ")"));
 }
 
 TEST_F(UserVerificationTest, SilentContextFailsBeforeTheSessionIsLookedAtUnlessItLogsInByItself) {
