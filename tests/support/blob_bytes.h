@@ -22,6 +22,10 @@ inline Bytes joined(std::initializer_list<Bytes> parts) {
     return out;
 }
 
+inline Bytes bytesOf(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
 /// `words` as little-endian DWORDs.
 inline Bytes dwords(std::initializer_list<DWORD> words) {
     Bytes out;

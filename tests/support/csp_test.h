@@ -15,6 +15,10 @@ protected:
 
     /// A context that the fixture releases; 0 when it is refused.
     HCRYPTPROV acquire(const char* container = nullptr, DWORD flags = 0);
+    /// A context whose container is the key pair `digit` ('1': 0x11).
+    HCRYPTPROV acquireKey(char digit, DWORD flags = 0) {
+        return acquire(std::string(32, digit).c_str(), flags);
+    }
     BOOL tryAcquire(HCRYPTPROV* context, const char* container, DWORD flags);
 
     HCRYPTHASH createHash(HCRYPTPROV context, ALG_ID algorithm, HCRYPTKEY key = 0);

@@ -7,7 +7,9 @@
 #include <array>
 #include <atomic>
 #include <ostream>
+#include <sstream>
 #include <string_view>
+#include <utility>
 
 namespace veltra::test {
 
@@ -53,6 +55,14 @@ Answer accepted(DWORD lastError) {
     return {TRUE, lastError, {}};
 }
 
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
 void runOnThreads(int count, const std::function<void()>& body) {
     SharedBody shared{.run = body};
     std::vector<HANDLE> threads;
@@ -66,15 +76,10 @@ void runOnThreads(int count, const std::function<void()>& body) {
 }
 
 void writeContainerValue(const std::string& container, const std::string& data, DWORD type) {
-    HKEY key = nullptr;
-    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_CURRENT_USER, kContainersKey, 0, nullptr, 0, KEY_SET_VALUE,
-                                             nullptr, &key, nullptr));
     // A zero behind the data would be taken along as its terminator.
     const std::string unterminated = data + 'x';
-    EXPECT_EQ(ERROR_SUCCESS, RegSetValueExA(key, container.c_str(), 0, type,
-                                            reinterpret_cast<const BYTE*>(unterminated.data()),
-                                            static_cast<DWORD>(data.size())));
-    RegCloseKey(key);
+    EXPECT_EQ(ERROR_SUCCESS, RegSetKeyValueA(HKEY_CURRENT_USER, kContainersKey, container.c_str(), type,
+                                             unterminated.data(), static_cast<DWORD>(data.size())));
 }
 
 std::string readContainerValue(const std::string& container) {
@@ -118,11 +123,6 @@ Answer ProviderTest::run(const std::function<BOOL()>& call) {
     return answer;
 }
 
-void ProviderTest::expectRefused(const std::vector<Refusal>& rows) {
-    for (const Refusal& row : rows)
-        EXPECT_EQ(run(row.call), refused(static_cast<DWORD>(row.lastError), {row.error}));
-}
-
 std::vector<std::string> ProviderTest::takeLogLines() {
     std::vector<std::string> lines;
     for (const std::string& raw : takeRawLogLines()) {
@@ -135,13 +135,7 @@ std::vector<std::string> ProviderTest::takeLogLines() {
 std::vector<std::string> ProviderTest::takeRawLogLines() {
     const std::string text = readLog();
     if (text.size() < logOffset_) logOffset_ = 0; // removed since the last look
-    std::vector<std::string> lines;
-    for (std::size_t end = text.find('\n', logOffset_); end != std::string::npos;
-         end = text.find('\n', logOffset_)) {
-        lines.push_back(text.substr(logOffset_, end - logOffset_));
-        logOffset_ = end + 1;
-    }
-    return lines;
+    return linesOf(text.substr(std::exchange(logOffset_, text.size())));
 }
 
 std::string ProviderTest::freshName(const std::string& stem) {

@@ -10,6 +10,7 @@
 #include <functional>
 #include <iosfwd>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace veltra::test {
@@ -27,19 +28,13 @@ std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 /// FALSE, with this last error and exactly these error lines.
 Answer refused(DWORD lastError, std::vector<std::string> errors);
 
-/// A call that is refused with this last error, given as a Win32 code or as an HRESULT, and this one error
-/// line.
-struct Refusal {
-    std::function<BOOL()> call;
-    std::int64_t lastError = 0;
-    std::string error;
-};
-
 /// The last error that run() sets in front of the call.
 constexpr DWORD kUntouched = 0xCAFE;
 
 /// TRUE with this last error and no error line.
 Answer accepted(DWORD lastError = kUntouched);
+
+std::vector<std::string> linesOf(const std::string& text);
 
 /// Runs `body` on `count` threads at once and returns when all have ended.
 void runOnThreads(int count, const std::function<void()>& body);
@@ -63,7 +58,15 @@ protected:
 
     /// Runs one call of an entry point and collects its answer. The debug lines it wrote are in debugLines.
     Answer run(const std::function<BOOL()>& call);
-    void expectRefused(const std::vector<Refusal>& rows);
+    template <class... Parameters>
+    Answer run(BOOL(WINAPI* entryPoint)(Parameters...), std::type_identity_t<Parameters>... arguments) {
+        return run([&] { return entryPoint(arguments...); });
+    }
+
+    /// The last call wrote each of these debug lines.
+    void expectLogged(const std::vector<std::string>& lines) const {
+        EXPECT_THAT(debugLines, testing::IsSupersetOf(lines));
+    }
 
     /// The lines written since the last look, without time stamps ("ERROR CPHashData: ..."). Lines of the
     /// device monitor's thread are left out: they come at any time.

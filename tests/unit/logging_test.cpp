@@ -1,3 +1,4 @@
+#include "support/blob_bytes.h"
 #include "support/log_file.h"
 #include "support/provider_test.h"
 
@@ -33,56 +34,45 @@ std::string formatted(const char* format, Fields... fields) {
     return text.data();
 }
 
+constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
 const std::string kDebugLine = "DEBUG a debug line";
 const std::string kErrorLine = "ERROR an error line";
 
-TEST_F(LoggingTest, EachLevelWritesItsLines) {
-    const std::pair<DWORD, std::vector<std::string>> kRows[] = {
-        {0, {}},           {1, {}},           {2, {kErrorLine}},           {3, {kDebugLine, kErrorLine}},
-        {4, {kErrorLine}}, {5, {kErrorLine}}, {0xFFFFFFFFu, {kErrorLine}},
-    };
-    for (const auto& [level, expected] : kRows) {
+TEST_F(LoggingTest, LevelIsTheFirstWordOfAValueOfAnyTypeUpTo32Bytes) {
+    const auto expectLines = [&](const std::vector<std::string>& expected, DWORD level,
+                                 std::size_t length = 4, DWORD type = REG_BINARY) {
         SCOPED_TRACE(level);
         removeLog();
         takeRawLogLines();
-        setLogLevel(level);
+        Bytes value = littleEndian(level);
+        value.resize(length, 'x');
+        RegSetKeyValueA(HKEY_LOCAL_MACHINE, kSettingsKey, "logLevel", type, value.data(),
+                        static_cast<DWORD>(length));
         EXPECT_EQ(writeOneOfEach(), expected);
         EXPECT_EQ(logFiles().empty(), expected.empty()) << "silence does not even make the file";
-    }
+    };
+    const std::vector<std::string> both = {kDebugLine, kErrorLine}, error = {kErrorLine};
+    expectLines({}, 0, 4, REG_DWORD);
+    expectLines({}, 1);
+    expectLines(error, 2, 4, REG_DWORD);
+    expectLines(both, 3);
+    expectLines(error, 4);
+    expectLines(error, 0xFFFFFFFF);
+    expectLines(both, 3, 8, REG_QWORD);
+    expectLines(error, '3', 2, REG_SZ);
+    expectLines({}, 1, 32);
+    expectLines(error, 1, 33); // as without a value
     removeLogLevel();
-    EXPECT_THAT(writeOneOfEach(), ElementsAre(kErrorLine));
+    EXPECT_EQ(writeOneOfEach(), error);
 }
 
 // The key is kept open between the lines.
 TEST_F(LoggingTest, LevelIsReadFromTheKeyThatIsThereNow) {
     for (int round = 0; round < 2; ++round) {
-        RegDeleteKeyA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)");
+        RegDeleteKeyA(HKEY_LOCAL_MACHINE, kSettingsKey);
         EXPECT_THAT(writeOneOfEach(), ElementsAre(kErrorLine));
         setLogLevel(3);
         EXPECT_THAT(writeOneOfEach(), ElementsAre(kDebugLine, kErrorLine));
-    }
-}
-
-TEST_F(LoggingTest, LevelIsTheFirstWordOfAnyValueTypeUpTo32Bytes) {
-    struct Row {
-        DWORD type;
-        std::string data;
-        std::vector<std::string> expected;
-    };
-    const std::string three("\3\0\0\0", 4);
-    const std::string one("\1\0\0\0", 4);
-    const Row kRows[] = {
-        {REG_BINARY, three, {kDebugLine, kErrorLine}},
-        {REG_QWORD, three + std::string(4, '\0'), {kDebugLine, kErrorLine}},
-        {REG_BINARY, one + std::string(28, 'x'), {}},
-        {REG_BINARY, one + std::string(29, 'x'), {kErrorLine}},
-        {REG_SZ, "3", {kErrorLine}},
-    };
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.type);
-        RegSetKeyValueA(HKEY_LOCAL_MACHINE, R"(Software\Quenmark\Veltra)", "logLevel", row.type,
-                        row.data.data(), static_cast<DWORD>(row.data.size()));
-        EXPECT_EQ(writeOneOfEach(), row.expected);
     }
 }
 
@@ -94,45 +84,29 @@ TEST_F(LoggingTest, LineAndFileNameHaveTheirForm) {
     Utils::debug("");
     GetLocalTime(&after);
     auto lines = takeRawLogLines();
-    ASSERT_THAT(lines, SizeIs(2));
     const auto stamp = [](const SYSTEMTIME& time) {
         return formatted("%02u/%02u::%02u:%02u", time.wDay, time.wMonth, time.wHour, time.wMinute);
     };
-    EXPECT_THAT(lines[0].substr(0, 12), testing::AnyOf(stamp(before), stamp(after)));
+    EXPECT_THAT(lines.at(0).substr(0, 12), testing::AnyOf(stamp(before), stamp(after)));
     for (std::string& line : lines)
-        std::replace_if(
-            line.begin(), line.end(), [](char letter) { return letter >= '0' && letter <= '9'; }, '9');
+        std::ranges::replace_if(
+            line, [](char letter) { return letter >= '0' && letter <= '9'; }, '9');
     EXPECT_THAT(lines, ElementsAre("99/99::99:99:99:999-> ->ERROR ::=>CPAcquireContext: \xE2\x80\x94 text",
                                    "99/99::99:99:99:999-> ->DEBUG ::=>"));
     const std::string date = formatted("%04u-%02u-%02u", before.wYear, before.wMonth, before.wDay);
     EXPECT_THAT(logFiles(), ElementsAre(temporaryFolder() + "Quenmark\\veltra_unit_tests\\" + date + ".LOG"));
-    EXPECT_EQ(Utils::getProcessName(), "veltra_unit_tests");
 }
 
-TEST_F(LoggingTest, MessageIsTakenOverAndTheCallersLastErrorKept) {
-    for (const DWORD level : {1u, 3u}) {
-        setLogLevel(level);
-        std::string message = "some text that is long enough to live on the heap";
-        SetLastError(1234);
-        Utils::debug(std::move(message));
-        EXPECT_EQ(GetLastError(), 1234u);
-        EXPECT_EQ(message, "");
-    }
-}
-
-TEST_F(LoggingTest, WritesWhileAnotherHoldsTheFile) {
+TEST_F(LoggingTest, WritesWhileAnotherHasTheFileOpenAndShares) {
     Utils::error("make the file");
-    HANDLE other = CreateFileA(logFiles().at(0).c_str(), GENERIC_READ | GENERIC_WRITE,
-                               FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-    ASSERT_NE(other, INVALID_HANDLE_VALUE);
     takeLogLines();
-    EXPECT_THAT(writeOneOfEach(), ElementsAre(kDebugLine, kErrorLine));
-    CloseHandle(other);
-    other = CreateFileA(logFiles().at(0).c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    ASSERT_NE(other, INVALID_HANDLE_VALUE);
-    Utils::error("lost");
-    CloseHandle(other);
-    EXPECT_THAT(takeLogLines(), IsEmpty()) << "lost where nobody else may open it, and no more";
+    for (const DWORD shared : {FILE_SHARE_READ | FILE_SHARE_WRITE, 0}) {
+        const UniqueHandle other = ownFile(
+            CreateFileA(logFiles().at(0).c_str(), GENERIC_READ, shared, nullptr, OPEN_EXISTING, 0, nullptr));
+        ASSERT_TRUE(other);
+        Utils::error("kept or lost");
+    }
+    EXPECT_THAT(takeLogLines(), ElementsAre("ERROR kept or lost"));
 }
 
 /// A link at `path` to a device that takes no byte: a full disk. Wine only, which runs programs of the host.
@@ -180,53 +154,38 @@ std::vector<DWORD> answersOfBothFrontEnds() {
 }
 
 TEST_F(LoggingTest, NoFaultOfTheLogReachesTheCaller) {
-    struct Row {
-        const char* name;
-        std::function<void(const std::string& folder, const std::string& file)> arrange;
-    };
-    const Row kRows[] = {
-        {"full disk", [](const auto&, const auto& file) { putFullDiskAt(file); }},
-        {"read-only disk", [](const auto&, const auto&) { SetEnvironmentVariableA("TMP", "Z:\\proc"); }},
-        {"a file in the place of the folder",
-         [](const auto& folder, const auto&) {
-             RemoveDirectoryA(folder.c_str());
-             CloseHandle(CreateFileA(folder.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
-         }},
-        {"a folder in the place of the file",
-         [](const auto&, const auto& file) { CreateDirectoryA(file.c_str(), nullptr); }},
-    };
     const std::vector<DWORD> expected = answersOfBothFrontEnds();
     const std::string file = logFiles().at(0).substr(temporaryFolder().size());
     const std::string folder = file.substr(0, file.find_last_of('\\'));
     const std::string home = temporaryFolder();
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
+    // In a new temporary folder, which `arrange` makes unfit for the log.
+    const auto expectAnswers = [&](void (*arrange)(const std::string& folder, const std::string& file),
+                                   const char* complaint = "\nUnable to write log") {
         stopDeviceMonitor(); // which the last answers started, and which would write a line in between
         const std::string place = home + freshName("faulty") + "\\";
         Utils::createFolderPath(place + "/Quenmark/veltra_unit_tests");
         testing::internal::CaptureStdout();
         SetEnvironmentVariableA("TMP", place.c_str());
-        row.arrange(place + folder, place + file);
+        arrange(place + folder, place + file);
         const ULONGLONG begin = GetTickCount64();
         EXPECT_EQ(answersOfBothFrontEnds(), expected);
         EXPECT_LT(GetTickCount64() - begin, 1000u);
-        EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\nUnable to write log"));
+        EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr(complaint));
         SetEnvironmentVariableA("TMP", home.c_str());
         takeLogLines();
         EXPECT_THAT(writeOneOfEach(), ElementsAre(kDebugLine, kErrorLine)) << "the next line is written";
-    }
-}
-
-// The log then goes to the root of the drive, where the test leaves nothing behind.
-TEST_F(LoggingTest, NorDoesAMissingTemporaryFolder) {
-    const std::vector<DWORD> expected = answersOfBothFrontEnds();
-    const std::string home = temporaryFolder();
-    const std::string file = logFiles().at(0).substr(home.size());
-    testing::internal::CaptureStdout();
-    SetEnvironmentVariableA("TMP", (home + "missing").c_str());
-    EXPECT_EQ(answersOfBothFrontEnds(), expected);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\nUnable to getLogBaseFolderPath"));
-    SetEnvironmentVariableA("TMP", home.c_str());
+    };
+    expectAnswers([](const auto&, const auto& diskFull) { putFullDiskAt(diskFull); });
+    expectAnswers([](const auto&, const auto&) { SetEnvironmentVariableA("TMP", "Z:\\proc"); }); // read-only
+    expectAnswers([](const auto& fileInstead, const auto&) {
+        RemoveDirectoryA(fileInstead.c_str());
+        CloseHandle(CreateFileA(fileInstead.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+    });
+    expectAnswers(
+        [](const auto&, const auto& folderInstead) { CreateDirectoryA(folderInstead.c_str(), nullptr); });
+    // Without a temporary folder the log goes to the root of the drive, where nothing is left behind.
+    expectAnswers([](const auto&, const auto&) { SetEnvironmentVariableA("TMP", "Z:\\missing"); },
+                  "\nUnable to getLogBaseFolderPath");
     DeleteFileA(("/" + file).c_str());
     RemoveDirectoryA("/Quenmark/veltra_unit_tests");
     RemoveDirectoryA("/Quenmark");
@@ -251,35 +210,25 @@ TEST_F(LoggingTest, LevelMayChangeAtAnyTime) {
     });
 }
 
-TEST_F(LoggingTest, FolderQuestionsTakeOnlyFoldersForFolders) {
+TEST_F(LoggingTest, OnlyAFolderThatIsThereCanHoldTheLog) {
     Utils::error("make the file");
-    ASSERT_THAT(logFiles(), SizeIs(1));
-    const std::string file = logFiles()[0];
-    EXPECT_FALSE(Utils::isFolderExists(file.c_str()));
-    EXPECT_FALSE(Utils::isFolderExists("C:\\no such folder"));
-    EXPECT_TRUE(Utils::isFolderExists(temporaryFolder().c_str()));
-
-    std::array<char, 1024> buffer{};
-    EXPECT_EQ(Utils::getLogBaseFolderPath(buffer.data(), buffer.size()), 0);
-    EXPECT_EQ(buffer.data(), temporaryFolder());
     const std::string folder = temporaryFolder();
-    for (const std::string& unusable : {file, folder + "missing"}) {
-        SetEnvironmentVariableA("TMP", unusable.c_str());
+    std::array<char, 1024> buffer{};
+    const auto expectFolder = [&](const std::string& temporary, std::size_t capacity,
+                                  const std::string& found) {
+        SetEnvironmentVariableA("TMP", temporary.c_str());
         buffer.fill('x');
-        EXPECT_EQ(Utils::getLogBaseFolderPath(buffer.data(), buffer.size()), -1) << unusable;
-        EXPECT_STREQ(buffer.data(), "") << unusable;
-    }
-    SetEnvironmentVariableA("TMP", folder.c_str());
-    buffer.fill('x');
-    EXPECT_EQ(Utils::getLogBaseFolderPath(buffer.data(), 4), -1) << "a buffer too small for the folder";
-    EXPECT_STREQ(buffer.data(), "");
-}
-
-TEST_F(LoggingTest, EveryFolderAlongAPathIsCreated) {
-    const std::string path = temporaryFolder() + "one/two/three/";
+        EXPECT_EQ(Utils::getLogBaseFolderPath(buffer.data(), capacity), found.empty() ? -1 : 0);
+        EXPECT_EQ(buffer.data(), found);
+    };
+    const std::string file = logFiles().at(0);
+    expectFolder(file, 1024, "");
+    expectFolder(folder + "missing", 1024, "");
+    expectFolder(folder, 4, ""); // too small a buffer
+    expectFolder(folder, 1024, folder);
+    const std::string path = folder + "one/two/three/";
     Utils::createFolderPath(path);
     EXPECT_TRUE(Utils::isFolderExists(path.c_str()));
-    EXPECT_EQ(Utils::createFolder(path.c_str()), 0) << "it is there already";
 }
 
 } // namespace

@@ -30,7 +30,23 @@ TEST(DerReaderTest, LengthsMustBeTheShortestAndFit) {
     }
 }
 
-TEST(DerReaderTest, ModulusOfAStoredPublicKey) {
+TEST(PublicKeyEncodingTest, DerOfAModulusAndAnExponent) {
+    const std::string algorithm = "300D06092A864886F70D0101010500", exponent = "0203010001";
+    const auto expectDer = [&](const std::string& modulus, const char* publicExponent,
+                               const std::string& der) {
+        EXPECT_EQ(toHex(publicKeyToDer(modulus, publicExponent)), der) << modulus;
+    };
+    const std::string c2048 = toHex(Bytes(256, 0xC0)), f1024 = toHex(Bytes(128, 0xFF));
+    expectDer(c2048, "010001", "30820122" + algorithm + "0382010F003082010A0282010100" + c2048 + exponent);
+    expectDer(f1024, "010001", "30819F" + algorithm + "03818D0030818902818100" + f1024 + exponent);
+    expectDer("0000C0", "010001", "301E" + algorithm + "030D00300A02030000C0" + exponent); // zeros are kept
+    expectDer("0Xf", "0x1", "301A" + algorithm + "030900300602010F020101");
+    expectDer("1gZ2", "010001", "301D" + algorithm + "030C00300902021002" + exponent); // no digits: zeros
+    expectDer("", "010001", "301B" + algorithm + "030A0030070200" + exponent);
+    EXPECT_THAT(rsaPublicKeyAsDer({}, {"der", "raw"}), IsEmpty()) << "passed on as if it were DER";
+}
+
+TEST(PublicKeyEncodingTest, ModulusOfAStoredPublicKey) {
     const std::string rsa = "301C300D06092A864886F70D0101010500";
     for (const std::string& der :
          {toHex(publicKeyToDer("41", "010001")), toHex(publicKeyToDer("000041", "010001")),
