@@ -4,8 +4,10 @@
 #include <new>
 
 // The linker turns a call of SYMBOL into one of __wrap_SYMBOL, and __real_SYMBOL is what it was. std::size_t
-// is unsigned long long in one of the two builds and unsigned long in the other.
-#ifdef __MINGW32__
+// is another type in each of the three builds, and 32-bit Windows puts a _ before the names of C.
+#if defined __MINGW32__ && defined __i386__
+#define VELTRA_MANGLED(prefix, rest) "_" prefix "_Znwj" rest
+#elif defined __MINGW32__
 #define VELTRA_MANGLED(prefix, rest) prefix "_Znwy" rest
 #else
 #define VELTRA_MANGLED(prefix, rest) prefix "_Znwm" rest
