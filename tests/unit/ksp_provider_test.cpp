@@ -73,7 +73,7 @@ TEST_F(KspProviderTest, ProviderOpenedWithoutATokenStaysUnbound) {
     EXPECT_THAT(debugLines, ElementsAre("KSPOpenProvider", kMonitorRuns,
                                         "KSP: No token connected, opening provider without device"));
     library.setConnected(serial, true);
-    EXPECT_EQ(set(L"SmartCardPin", "1234", 5).status, NTE_VALIDATION_FAILED);
+    EXPECT_EQ(set(L"SmartCardPin", "1234", 5).status, kValidationFailed);
     EXPECT_THAT(library.calls("veltra_validatePassword"),
                 ElementsAre("veltra_validatePassword(serial=, pin=1234, mode=1, remaining=0)"));
     EXPECT_EQ(KSPFreeProvider(provider), 0);
@@ -147,7 +147,7 @@ TEST_F(KspProviderTest, RefusedPinIsNotStored) {
                                       {sevens.c_str(), sevens.substr(0, 255)}}) {
         library.clearCalls();
         EXPECT_EQ(set(L"SmartCardPin", value, 10),
-                  failed(NTE_VALIDATION_FAILED, {"KSP: PIN validation failed: 73"}));
+                  failed(kValidationFailed, {"KSP: PIN validation failed: 73"}));
         EXPECT_EQ(library.calls("veltra_validatePassword"), validationOf(read));
         EXPECT_FALSE(isPinValidated(serial));
         EXPECT_EQ(getPin(serial).view(), "");
