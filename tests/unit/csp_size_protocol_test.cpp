@@ -66,14 +66,14 @@ TEST_F(CspSizeProtocolTest, HashParameters) {
     };
     const Bytes value(32, 7);
     ASSERT_TRUE(CPSetHashParam(world.context, world.hash, HP_HASHVAL, value.data(), 0));
-    const HMAC_INFO info{CALG_SHA_256, nullptr, 0, nullptr, 0};
-    const auto* const bytes = reinterpret_cast<const BYTE*>(&info);
+    Bytes info = dwords({CALG_SHA_256}); // no inner or outer string, and nothing between the members
+    info.resize(sizeof(HMAC_INFO));
     expect(world.hash, HP_ALGID, dwords({CALG_SHA_256}), "HP_ALGID buffer too small",
            {"CPGetHashParam dwParam : 1", "CPGetHashParam mechanism : 3", "Get hash param success"});
     expect(world.hash, HP_HASHSIZE, dwords({32}), "HP_HASHSIZE buffer too small",
            {"Get hash param hashSize : 32"});
     expect(world.hash, HP_HASHVAL, value, "HP_HASHVAL buffer too small for cached hash value");
-    expect(world.hmac, HP_HMAC_INFO, {bytes, bytes + sizeof info}, "HP_HMAC_INFO buffer too small");
+    expect(world.hmac, HP_HMAC_INFO, info, "HP_HMAC_INFO buffer too small");
 }
 
 TEST_F(CspSizeProtocolTest, KeyParameters) {
