@@ -77,7 +77,8 @@ BothFrontEnds::BothFrontEnds(const std::string& serial)
     storePin(serial, Pin(token.pin));
     const LPCWSTR rsaName = L"11111111111111111111111111111111";
     const LPCWSTR ecName = L"22222222222222222222222222222222";
-    static constexpr HMAC_INFO hmacInfo{CALG_SHA_256, nullptr, 0, nullptr, 0}; // static: nothing between members
+    // Static: there are zeros between its members.
+    static constexpr HMAC_INFO hmacInfo{CALG_SHA_256, nullptr, 0, nullptr, 0};
     const BYTE byte = 'x';
     aesKey = addAesKey(&KEY_HANDLE::keyBits);
     cngAesKey = addAesKey(&KSP_KEY::bitLength);
