@@ -1,7 +1,12 @@
-// What applications hand to the key storage provider: key blobs.
+// What applications hand to the key storage provider: key blobs, properties, parameter lists.
 
 #include "fuzz/entry_calls.h"
 #include "support/blob_bytes.h"
+
+#include "ksp/ksp_secret.h"
+
+#include <array>
+#include <climits>
 
 namespace veltra::fuzz {
 namespace {
@@ -83,6 +88,182 @@ std::vector<Bytes> blobSeeds() {
 }
 
 const Target importKeyTarget("ksp_import_key", importKey, blobSeeds);
+
+// KSPSetKeyProperty, and what a key object does with the properties that it got
+
+// A length above INT_MAX is refused or not looked at; the value's first bytes may be read all the same.
+void setProperty(FuzzedDataProvider& input, NCRYPT_KEY_HANDLE key) {
+    const std::string name = anyOf(input, kPropertyNames);
+    const ExactText property(name);
+    const bool claimsTooMuch = input.ConsumeIntegral<BYTE>() == 0xFF;
+    const auto length =
+        input.ConsumeIntegralInRange<std::size_t>(0, input.ConsumeBool() ? 16 : kCertificateCapacity + 1);
+    Bytes value = input.ConsumeBytes<unsigned char>(length);
+    const auto claimed = static_cast<DWORD>(claimsTooMuch ? INT_MAX + std::size_t{1} + length : value.size());
+    // The PIN is text, of which at most 255 bytes are read.
+    if (claimsTooMuch || name == "SmartCardPin") value.resize(255);
+    const ExactBytes exact(value);
+    BYTE* const data = input.ConsumeIntegral<BYTE>() == 0xFF ? nullptr : exact.data();
+    kspCall([&] { return KSPSetKeyProperty(kspProvider(), key, property.get(), data, claimed, 0); });
+}
+
+NCRYPT_KEY_HANDLE createKey(FuzzedDataProvider& input) {
+    static constexpr std::array<const char*, 8> kAlgorithms = {
+        "RSA", "ECDSA_P256", "ECDSA_P384", "ECDSA_P521", "ECDH_P256", "ECDH_P384", "ECDH_P521", "AES"};
+    const ExactText algorithm(anyOf(input, kAlgorithms));
+    const auto keySpec = input.PickValueInArray<DWORD>({0, AT_SIGNATURE, AT_KEYEXCHANGE});
+    NCRYPT_KEY_HANDLE key = 0;
+    kspCall([&] { return KSPCreatePersistedKey(kspProvider(), &key, algorithm.get(), nullptr, keySpec, 0); });
+    return key;
+}
+
+void setKeyProperty(FuzzedDataProvider& input) {
+    const bool isNew = input.ConsumeBool();
+    const NCRYPT_KEY_HANDLE key = isNew ? createKey(input) : openAnyKey(input);
+    for (int count = input.ConsumeIntegralInRange(1, 6); count > 0 && input.remaining_bytes() > 0; --count)
+        setProperty(input, key);
+    kspCall([&] { return KSPFinalizeKey(kspProvider(), key, 0); });
+    useKspKey(key);
+    require(freeKey(key), "a key is freed");
+}
+
+std::vector<Bytes> propertySeeds() {
+    std::vector<Bytes> seeds;
+    const auto wide = [](const char* text) {
+        const std::vector<WCHAR> characters = test::wideText(text);
+        const auto* first = reinterpret_cast<const unsigned char*>(characters.data());
+        return Bytes(first, first + 2 * characters.size());
+    };
+    const std::array<Bytes, 7> values = {ScriptedDeviceLibrary::fakeCertificate("name", "CN=a", "CN=b"),
+                                         {'1', '2', '3', '4', 0},
+                                         counting(8),
+                                         dwords({3072}),
+                                         dwords({3}),
+                                         wide("ChainingModeECB"),
+                                         counting(16)};
+    for (BYTE name = 0; name < std::size(kPropertyNames); ++name) {
+        const Bytes& value = values[std::min<std::size_t>(name, values.size() - 1)];
+        for (const int keyType : {0, 1, 4, 7, 9}) {
+            const auto length = static_cast<BYTE>(value.size());
+            // Backwards: not new, its type, one property, its name, no claim, up to 3073 bytes, so many, no
+            // null.
+            seeds.push_back(join(value, Bytes{0, length, 0, 0, 0, name, 0, static_cast<BYTE>(keyType), 0}));
+        }
+    }
+    return seeds;
+}
+
+const Target propertyTarget("ksp_set_key_property", setKeyProperty, propertySeeds);
+
+// KSPDeriveKey against the rule for it written down once more
+
+struct KdfHash {
+    std::string_view name;
+    int mechanism;
+};
+
+constexpr std::array<KdfHash, 5> kKdfHashes = {{{"SHA256", kMechanismSha256},
+                                                {"SHA1", kMechanismSha1},
+                                                {"SHA384", kMechanismSha384},
+                                                {"SHA512", kMechanismSha512},
+                                                {"SHA224", kMechanismSha224}}};
+
+/// A parameter list, and what is expected of it.
+struct ParameterList {
+    std::vector<ExactBytes> values;
+    std::vector<NCryptBuffer> buffers;
+    std::string hashName;
+    Bytes labels;
+    Bytes contexts;
+    bool isNameTooLong = false;  ///< of the last buffer that names a hash
+    bool isInputTooLong = false; ///< a label or a context
+};
+
+Bytes anyValue(FuzzedDataProvider& input) {
+    if (input.ConsumeBool()) {
+        return anyBytes(input, 40);
+    }
+    const std::vector<WCHAR> name = test::wideText(input.PickValueInArray(kKdfHashes).name);
+    const auto* first = reinterpret_cast<const unsigned char*>(name.data());
+    return {first, first + 2 * name.size()};
+}
+
+void addBuffer(FuzzedDataProvider& input, ParameterList& list) {
+    const auto type =
+        input.PickValueInArray<ULONG>({KDF_HASH_ALGORITHM, kKdfLabel, kKdfContext, 1, 2, 3, 0xFFFFFFFF});
+    const Bytes value = anyValue(input);
+    const auto oddity = input.ConsumeIntegral<BYTE>();
+    const bool isNull = oddity == 0xFF;
+    const bool claimsTooMuch = oddity == 0xFE;
+    const ExactBytes& exact = list.values.emplace_back(value);
+    list.buffers.push_back({.cbBuffer = claimsTooMuch ? ULONG{INT_MAX} + 1 : exact.size(),
+                            .BufferType = type,
+                            .pvBuffer = isNull ? nullptr : exact.data()});
+    if (isNull || (value.empty() && !claimsTooMuch)) return;
+    if (type == KDF_HASH_ALGORITHM) list.isNameTooLong = claimsTooMuch;
+    if (type == kKdfLabel || type == kKdfContext) list.isInputTooLong = list.isInputTooLong || claimsTooMuch;
+    if (type == KDF_HASH_ALGORITHM) list.hashName = fromWideBytes(value);
+    if (type == kKdfLabel) list.labels = join(list.labels, value);
+    if (type == kKdfContext) list.contexts = join(list.contexts, value);
+}
+
+Bytes expectedDigest(const ParameterList& list, bool concatenates, const Bytes& secret) {
+    const auto* const named = std::ranges::find(kKdfHashes, list.hashName, &KdfHash::name);
+    const int mechanism = named != kKdfHashes.end() ? named->mechanism : kMechanismSha256;
+    return ScriptedDeviceLibrary::fakeDigest(
+        mechanism, concatenates ? join(list.labels, list.contexts, secret) : secret);
+}
+
+void deriveKey(FuzzedDataProvider& input) {
+    static constexpr std::array<const char*, 4> kFunctions = {"SP800_56ACONCAT", "HASH", "HMAC", "TRUNCATE"};
+    const std::string function = anyOf(input, kFunctions);
+    auto record = std::make_shared<KSP_SECRET>();
+    const Bytes secret = anyBytes(input, kSecretCapacity);
+    std::ranges::copy(secret, record->secret.data());
+    record->secretLength = static_cast<std::uint32_t>(secret.size());
+    record->deviceSerial = token().serial;
+    record->firmwareVersion = "2.0.0";
+    const NCRYPT_SECRET_HANDLE handle = LiveRecords<KSP_SECRET>::add(std::move(record));
+    ParameterList list;
+    for (int count = input.ConsumeIntegralInRange(0, 6); count > 0; --count)
+        addBuffer(input, list);
+    NCryptBufferDesc description{
+        .ulVersion = 0, .cBuffers = static_cast<ULONG>(list.buffers.size()), .pBuffers = list.buffers.data()};
+
+    const ExactText name(function);
+    const ExactBytes out(input.ConsumeIntegralInRange<std::size_t>(0, 70));
+    BYTE* const data = input.ConsumeBool() ? nullptr : out.data();
+    DWORD size = kUntouched;
+    const bool done = kspCall([&] {
+        return KSPDeriveKey(kspProvider(), handle, name.get(), &description, data, out.size(), &size, 0);
+    });
+    const bool hasRoom = data == nullptr || out.size() != 0;
+    const bool concatenates = function == kFunctions[0];
+    const bool isTooLong = list.isNameTooLong || (concatenates && list.isInputTooLong);
+    require(done == (!secret.empty() && !isTooLong && hasRoom), "a key is derived exactly when it can be");
+    if (done) {
+        const Bytes digest = expectedDigest(list, concatenates, secret);
+        require(size == (out.size() != 0 ? std::min<std::size_t>(out.size(), digest.size()) : digest.size()),
+                "the length of the key");
+        require(data == nullptr || std::equal(data, data + size, digest.begin()), "the key");
+    }
+    require(kspCall([&] { return KSPFreeSecret(kspProvider(), handle); }), "a secret is freed");
+}
+
+std::vector<Bytes> deriveSeeds() {
+    std::vector<Bytes> seeds;
+    for (const BYTE function : {BYTE{0}, BYTE{1}}) {
+        for (BYTE hash = 0; hash < kKdfHashes.size(); ++hash) {
+            // Backwards: function, 32 bytes of secret, three buffers (a hash by its name, a label and a
+            // context of ten bytes), 32 bytes of key into a buffer.
+            seeds.push_back(
+                join(counting(52), Bytes{0, 32, 0, 10, 1, 2, 0, 10, 1, 1, 0, hash, 0, 0, 3, 32, function}));
+        }
+    }
+    return seeds;
+}
+
+const Target deriveTarget("ksp_derive_key", deriveKey, deriveSeeds);
 
 } // namespace
 } // namespace veltra::fuzz
