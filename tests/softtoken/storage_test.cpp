@@ -13,12 +13,16 @@
 #include <map>
 #include <thread>
 
-// The import table's entries of this program, through which the core library reaches the system.
-extern "C" {
-extern decltype(&WriteFile) __imp_WriteFile;
-extern decltype(&FlushFileBuffers) __imp_FlushFileBuffers;
-extern decltype(&MoveFileExW) __imp_MoveFileExW;
-}
+// The import table's entries of this program, through which the core library reaches the system. On 32-bit
+// Windows their names have the size of the arguments.
+#ifdef __i386__
+#define VELTRA_IMPORT(name, argumentBytes) __asm__("__imp__" #name "@" #argumentBytes)
+#else
+#define VELTRA_IMPORT(name, argumentBytes) __asm__("__imp_" #name)
+#endif
+extern decltype(&WriteFile) importedWriteFile VELTRA_IMPORT(WriteFile, 20);
+extern decltype(&FlushFileBuffers) importedFlushFileBuffers VELTRA_IMPORT(FlushFileBuffers, 4);
+extern decltype(&MoveFileExW) importedMoveFileExW VELTRA_IMPORT(MoveFileExW, 12);
 
 namespace veltra::softtoken::test {
 
@@ -31,16 +35,16 @@ public:
     explicit WatchedCalls(std::size_t failing) {
         failing_ = failing;
         names_.clear();
-        replace(__imp_WriteFile, write);
-        replace(__imp_FlushFileBuffers, flush);
-        replace(__imp_MoveFileExW, move);
+        replace(importedWriteFile, write);
+        replace(importedFlushFileBuffers, flush);
+        replace(importedMoveFileExW, move);
     }
     WatchedCalls(const WatchedCalls&) = delete;
     WatchedCalls& operator=(const WatchedCalls&) = delete;
     ~WatchedCalls() {
-        replace(__imp_WriteFile, realWrite_);
-        replace(__imp_FlushFileBuffers, realFlush_);
-        replace(__imp_MoveFileExW, realMove_);
+        replace(importedWriteFile, realWrite_);
+        replace(importedFlushFileBuffers, realFlush_);
+        replace(importedMoveFileExW, realMove_);
     }
     static std::vector<std::string> names() { return names_; }
 
@@ -70,9 +74,9 @@ private:
 
     static inline std::size_t failing_;
     static inline std::vector<std::string> names_;
-    static inline const auto realWrite_ = __imp_WriteFile;
-    static inline const auto realFlush_ = __imp_FlushFileBuffers;
-    static inline const auto realMove_ = __imp_MoveFileExW;
+    static inline const auto realWrite_ = importedWriteFile;
+    static inline const auto realFlush_ = importedFlushFileBuffers;
+    static inline const auto realMove_ = importedMoveFileExW;
 };
 
 Expression numberRecord(std::uint64_t number) {
