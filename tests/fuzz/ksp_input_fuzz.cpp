@@ -48,43 +48,25 @@ void importKey(FuzzedDataProvider& input) {
 }
 
 std::vector<Bytes> blobSeeds() {
-    const auto seed = [](BYTE name, BYTE importKey, BYTE keyType, const Bytes& blob) {
-        return join(blob, Bytes{name, importKey, keyType});
+    const Bytes key = counting(32, 1);
+    const Bytes masked = ScriptedDeviceLibrary::maskOf(key);
+    const auto rsa = [](DWORD length) {
+        return joined({dwords({0x31415352, 2048, 3, length, 0, 0}), {1, 0, 1}, counting(length, 0x80)});
     };
-    std::vector<Bytes> seeds;
-    for (const DWORD bits : {1024U, 2048U, 3072U, 4096U}) {
-        const Bytes rsa =
-            joined({dwords({0x31415352, bits, 3, bits / 8, 0, 0}), {1, 0, 1}, counting(bits / 8, 0x80)});
-        seeds.push_back(seed(0, 0, 1, rsa));
-        seeds.push_back(seed(1, 0, 1, rsa));
-        seeds.push_back(seed(
-            3, 0, 1,
-            joined({dwords({0x206, CALG_RSA_KEYX, 0x31415352, bits, 65537}), counting(bits / 8, 0x80)})));
-    }
-    BYTE curve = 0;
-    for (const DWORD length : {32U, 48U, 66U}) {
-        for (const DWORD family : {0x314B4345U, 0x31534345U}) {
-            const DWORD magic = family + (curve << 25);
-            seeds.push_back(seed(2, 0, static_cast<BYTE>(4 + curve),
-                                 joined({dwords({magic, length}), counting(2 * length)})));
-        }
-        ++curve;
-    }
-    // As long as a key object allows, longer, and so long that it could not go unnoticed.
-    for (const DWORD length : {1022U, 1026U, 2048U}) {
-        const Bytes body = counting(length, 0x41);
-        seeds.push_back(seed(0, 0, 1, joined({dwords({0x31415352, 4096, 3, length, 0, 0}), Bytes(3), body})));
-        seeds.push_back(seed(2, 0, 4, joined({dwords({0x314B4345, length / 2}), body})));
-    }
-    for (const std::size_t length : {16U, 24U, 32U}) {
-        const Bytes key = counting(length, 1);
-        const Bytes masked = ScriptedDeviceLibrary::maskOf(key);
-        seeds.push_back(seed(4, 0, 1, joined({dwords({0x4D42444B, 1, static_cast<DWORD>(length)}), key})));
-        seeds.push_back(seed(5, 0, 1, joined({ScriptedDeviceLibrary::maskOf({0xA1}), masked})));
-        seeds.push_back(seed(6, 1, 1, joined({Bytes(256 - length), masked})));
-        seeds.push_back(seed(7, 1, 2, joined({Bytes(1), masked})));
-    }
-    return seeds;
+    const auto ec = [](DWORD length) {
+        return joined({dwords({0x314B4345, length}), counting(std::size_t{2} * length)});
+    };
+    // The name's place, the import key, an RSA or an EC key. Keys so long that it could not go unnoticed,
+    // too.
+    return {join(rsa(256), Bytes{0, 0, 1}),
+            join(rsa(2048), Bytes{1, 0, 1}),
+            join(ec(32), Bytes{2, 0, 4}),
+            join(ec(1024), Bytes{2, 0, 4}),
+            join(dwords({0x206, CALG_RSA_KEYX, 0x31415352, 2048, 65537}), counting(256), Bytes{3, 0, 1}),
+            join(dwords({0x4D42444B, 1, 32}), key, Bytes{4, 0, 1}),
+            join(ScriptedDeviceLibrary::maskOf({0xA1}), masked, Bytes{5, 0, 1}),
+            join(Bytes(256 - key.size()), masked, Bytes{6, 1, 1}),
+            join(Bytes(1), masked, Bytes{7, 1, 2})};
 }
 
 const Target importKeyTarget("ksp_import_key", importKey, blobSeeds);
@@ -108,12 +90,9 @@ void setProperty(FuzzedDataProvider& input, NCRYPT_KEY_HANDLE key) {
 }
 
 NCRYPT_KEY_HANDLE createKey(FuzzedDataProvider& input) {
-    static constexpr std::array<const char*, 8> kAlgorithms = {
-        "RSA", "ECDSA_P256", "ECDSA_P384", "ECDSA_P521", "ECDH_P256", "ECDH_P384", "ECDH_P521", "AES"};
-    const ExactText algorithm(anyOf(input, kAlgorithms));
-    const auto keySpec = input.PickValueInArray<DWORD>({0, AT_SIGNATURE, AT_KEYEXCHANGE});
+    const ExactText algorithm(input.PickValueInArray({"RSA", "ECDSA_P256", "ECDH_P521"}));
     NCRYPT_KEY_HANDLE key = 0;
-    kspCall([&] { return KSPCreatePersistedKey(kspProvider(), &key, algorithm.get(), nullptr, keySpec, 0); });
+    kspCall([&] { return KSPCreatePersistedKey(kspProvider(), &key, algorithm.get(), nullptr, 0, 0); });
     return key;
 }
 
@@ -128,28 +107,13 @@ void setKeyProperty(FuzzedDataProvider& input) {
 }
 
 std::vector<Bytes> propertySeeds() {
+    const Bytes value = ScriptedDeviceLibrary::fakeCertificate("name", "CN=a", "CN=b");
     std::vector<Bytes> seeds;
-    const auto wide = [](const char* text) {
-        const std::vector<WCHAR> characters = test::wideText(text);
-        const auto* first = reinterpret_cast<const unsigned char*>(characters.data());
-        return Bytes(first, first + 2 * characters.size());
-    };
-    const std::array<Bytes, 7> values = {ScriptedDeviceLibrary::fakeCertificate("name", "CN=a", "CN=b"),
-                                         {'1', '2', '3', '4', 0},
-                                         counting(8),
-                                         dwords({3072}),
-                                         dwords({3}),
-                                         wide("ChainingModeECB"),
-                                         counting(16)};
-    for (BYTE name = 0; name < std::size(kPropertyNames); ++name) {
-        const Bytes& value = values[std::min<std::size_t>(name, values.size() - 1)];
-        for (const int keyType : {0, 1, 4, 7, 9}) {
-            const auto length = static_cast<BYTE>(value.size());
-            // Backwards: not new, its type, one property, its name, no claim, up to 3073 bytes, so many, no
-            // null.
-            seeds.push_back(join(value, Bytes{0, length, 0, 0, 0, name, 0, static_cast<BYTE>(keyType), 0}));
-        }
-    }
+    // Backwards: not new, its type, one property, its name, no claim, up to 3073 bytes, so many, no null.
+    for (BYTE name = 0; name < std::size(kPropertyNames); ++name)
+        for (const BYTE keyType : {BYTE{1}, BYTE{4}, BYTE{9}})
+            seeds.push_back(
+                join(value, Bytes{0, static_cast<BYTE>(value.size()), 0, 0, 0, name, 0, keyType, 0}));
     return seeds;
 }
 
