@@ -268,8 +268,8 @@ TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
     const auto freeCngKey = [&](NCRYPT_KEY_HANDLE key) -> Release {
         return [this, key] { EXPECT_EQ(KSPFreeKey(provider, key), 0); };
     };
-    const auto setInCryptoApi = [&](DWORD parameter) {
-        givePin([&](BYTE* pin) { CPSetProvParam(context, parameter, pin, 0); });
+    const auto setInCryptoApi = [&] {
+        givePin([&](BYTE* pin) { CPSetProvParam(context, PP_SIGNATURE_PIN, pin, 0); });
         return forget;
     };
     const auto setInCng = [&] {
@@ -344,8 +344,7 @@ TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
              freeCngKey(cngKey)();
              return nullptr;
          }},
-        {kPin, "CPSetProvParam, for signatures", [&] { return setInCryptoApi(PP_SIGNATURE_PIN); }},
-        {kPin, "CPSetProvParam, for decryption", [&] { return setInCryptoApi(PP_KEYEXCHANGE_PIN); }},
+        {kPin, "CPSetProvParam", setInCryptoApi},
         {kPin, "KSPSetProviderProperty", setInCng},
         {kPin, "KSPSetKeyProperty",
          [&] {
@@ -364,7 +363,7 @@ TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
              typePinAndPress(IDCANCEL);
              typePinAndPress(0);
              library.pinAnswer = kWrongPin;
-             setInCryptoApi(PP_SIGNATURE_PIN);
+             setInCryptoApi();
              setInCng();
              typePinAndPress(IDOK);
              library.pinAnswer = kDeviceOk;

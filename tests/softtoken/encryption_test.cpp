@@ -223,23 +223,15 @@ TEST(KeyAgreement, NeedsAPointOfTheKeysCurve) {
         const Bytes peer = generateKeyPair(kind).publicKey;
         EXPECT_EQ(ecdhSecret(kind, privateKey, peer).size(), kind.numberLength);
 
-        const auto parity = static_cast<unsigned char>(2 | (peer.back() & 1));
         const KeyKind& other = *findKeyKind(type == kKeyTypeEcP256 ? kKeyTypeEcP384 : kKeyTypeEcP256);
         std::vector<Bytes> points = {{}, {0}, {4}, Bytes(peer.size()), generateKeyPair(other).publicKey};
-        const auto add = [&](auto change) { change(points.emplace_back(peer)); };
-        add([](Bytes& point) { point[1] ^= 1; });
-        add([](Bytes& point) { point.back() ^= 1; });
-        add([](Bytes& point) { point.pop_back(); });
-        add([](Bytes& point) { point.push_back(0); });
-        add([](Bytes& point) {
-            std::fill(point.begin() + 1, point.end(), static_cast<unsigned char>(0xFF));
-        });
-        add([](Bytes& point) { std::fill(point.begin() + 1, point.end(), static_cast<unsigned char>(0)); });
-        add([&](Bytes& point) { point[0] = 4 ^ parity; }); // hybrid
-        add([&](Bytes& point) {                            // compressed
-            point[0] = parity;
-            point.resize(1 + kind.numberLength);
-        });
+        points.push_back(peer);
+        points.back().back() ^= 1;
+        points.emplace_back(peer).pop_back();
+        points.emplace_back(peer).push_back(0);
+        Bytes& compressed = points.emplace_back(peer);
+        compressed[0] = static_cast<unsigned char>(2 | (peer.back() & 1));
+        compressed.resize(1 + kind.numberLength);
         for (const Bytes& point : points)
             EXPECT_EQ(failureOf([&] { ecdhSecret(kind, privateKey, point); }), Failure::BadArgument)
                 << toHex(point);

@@ -298,14 +298,6 @@ TEST_F(DamageTest, CopiesOfObjectsUnderOtherNamesAndInOtherTokensAreUseless) {
         Failure::Damaged);
 }
 
-TEST_F(DamageTest, AFolderThatIsAFileIsReported) {
-    fs::remove_all(TokenFolder(kSerial).path() / "keys");
-    store(TokenFolder(kSerial).path() / "keys", Bytes(3));
-    EXPECT_TRUE(keyPairs(kSerial).empty());
-    EXPECT_THAT(reported_, testing::HasSubstr("keys cannot be read"));
-    EXPECT_EQ(aesKeys(kSerial).size(), 2u);
-}
-
 TEST_F(DamageTest, TheLowerOfTwoCountersOfAttemptsCountsAndWithoutBothNobodyGetsIn) {
     const fs::path retries = TokenFolder(kSerial).path() / "retries";
     const Bytes full = contentOf(retries);
