@@ -1,91 +1,63 @@
 // A small stand-in for the system's ncrypt.dll, for test programs that are written as applications are: those
-// NCrypt* functions that they call, by their documented contracts. It finds the provider's DLL beside the
-// program instead of in the system's configuration, gets its function table, and forwards each call with the
-// handles that the provider made. Like the system, it keeps a provider open until its last key, secret and
-// buffer is freed, and refuses handles that it did not give out.
+// NCrypt* functions that they call, by their documented contracts, for one thread at a time. It finds the
+// provider's DLL beside the program instead of in the system's configuration, gets its function table, and
+// forwards each call with the handles that the provider made. Like the system it refuses handles that it did
+// not give out.
 
-#include "foundation/win_handle.h"
 #include "ksp/key_storage_interface.h"
 
+#include <bit>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <string_view>
-#include <utility>
 
 namespace {
 
-using veltra::UniqueModule;
 using Functions = NCRYPT_KEY_STORAGE_FUNCTION_TABLE;
 
 constexpr std::wstring_view kProviderName = L"Veltra Cryptographic Provider CSP";
 
-/// An open provider, shared by its handle and the keys that were made with it.
-struct Provider {
-    UniqueModule module;
-    Functions* functions = nullptr;
-    NCRYPT_PROV_HANDLE inner = 0;
+enum class Kind { None, Provider, Key, Secret };
 
-    Provider() = default;
-    Provider(const Provider&) = delete;
-    Provider& operator=(const Provider&) = delete;
-    ~Provider() {
-        if (inner != 0) functions->FreeProvider(inner);
-    }
-};
-
-enum class Kind { Provider, Key, Secret };
-
-/// What a handle that was given out stands for. It is the provider's own.
+/// What a handle that was given out stands for, and the provider's handle. It is the provider's own.
 struct Object {
-    std::shared_ptr<Provider> provider;
-    Kind kind = Kind::Provider;
+    Kind kind = Kind::None;
+    NCRYPT_PROV_HANDLE provider = 0;
 };
 
-std::mutex mutex;
 std::map<NCRYPT_HANDLE, Object> objects;
-std::map<void*, std::shared_ptr<Provider>> givenBuffers; // which provider has to free them
+Functions* functions = nullptr;
 
-/// Null unless the handle is live and of this kind.
-std::shared_ptr<Provider> providerOf(NCRYPT_HANDLE handle, Kind kind) {
-    const std::lock_guard lock(mutex);
+Object objectOf(NCRYPT_HANDLE handle) {
     const auto found = objects.find(handle);
-    return found != objects.end() && found->second.kind == kind ? found->second.provider : nullptr;
+    return found == objects.end() ? Object() : found->second;
 }
 
-SECURITY_STATUS loadProvider(Provider& provider, LPCWSTR name, DWORD flags) {
-    provider.module.reset(LoadLibraryW(L"VeltraCSP.dll"));
-    if (!provider.module) return NTE_PROV_DLL_NOT_FOUND;
-    const auto getInterface = reinterpret_cast<decltype(&GetKeyStorageInterface)>(
-        reinterpret_cast<void*>(GetProcAddress(provider.module.get(), "GetKeyStorageInterface")));
-    if (getInterface == nullptr) return NTE_PROVIDER_DLL_FAIL;
-    const SECURITY_STATUS status = getInterface(name, &provider.functions, flags);
-    if (status != ERROR_SUCCESS) return status;
-    if (provider.functions->Version.MajorVersion != 1) return NTE_PROVIDER_DLL_FAIL;
-    return provider.functions->OpenProvider(&provider.inner, name, flags);
+SECURITY_STATUS loadProvider(LPCWSTR name, DWORD flags) {
+    const HMODULE module = LoadLibraryW(L"VeltraCSP.dll");
+    if (module == nullptr) return NTE_PROV_DLL_NOT_FOUND;
+    const auto getInterface =
+        std::bit_cast<decltype(&GetKeyStorageInterface)>(GetProcAddress(module, "GetKeyStorageInterface"));
+    return getInterface == nullptr ? NTE_PROVIDER_DLL_FAIL : getInterface(name, &functions, flags);
 }
 
 /// Forwards what takes a provider and a key, or a secret.
 template <auto Function, Kind Handle = Kind::Key, class... Arguments>
 SECURITY_STATUS withKey(NCRYPT_HANDLE handle, Arguments... arguments) {
-    const auto provider = providerOf(handle, Handle);
-    if (provider == nullptr) return NTE_INVALID_HANDLE;
-    return (provider->functions->*Function)(provider->inner, handle, arguments...);
+    const Object object = objectOf(handle);
+    if (object.kind != Handle) return NTE_INVALID_HANDLE;
+    return (functions->*Function)(object.provider, handle, arguments...);
 }
 
 /// Forwards what takes a provider.
 template <auto Function, class... Arguments>
 SECURITY_STATUS withProvider(NCRYPT_HANDLE handle, Arguments... arguments) {
-    const auto provider = providerOf(handle, Kind::Provider);
-    if (provider == nullptr) return NTE_INVALID_HANDLE;
-    return (provider->functions->*Function)(provider->inner, arguments...);
+    if (objectOf(handle).kind != Kind::Provider) return NTE_INVALID_HANDLE;
+    return (functions->*Function)(handle, arguments...);
 }
 
 /// Remembers the object that a call with `parent` made.
 SECURITY_STATUS give(SECURITY_STATUS status, NCRYPT_HANDLE parent, const NCRYPT_HANDLE* made, Kind kind) {
-    if (status != ERROR_SUCCESS) return status;
-    const std::lock_guard lock(mutex);
-    objects[*made] = {.provider = objects[parent].provider, .kind = kind};
+    if (status == ERROR_SUCCESS) objects[*made] = {.kind = kind, .provider = objectOf(parent).provider};
     return status;
 }
 
@@ -96,12 +68,9 @@ SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* phProvider,
     if (phProvider == nullptr || pszProviderName == nullptr || pszProviderName != kProviderName) {
         return NTE_INVALID_PARAMETER;
     }
-    auto provider = std::make_shared<Provider>();
-    const SECURITY_STATUS status = loadProvider(*provider, pszProviderName, dwFlags);
-    if (status != ERROR_SUCCESS) return status;
-    const std::lock_guard lock(mutex);
-    *phProvider = provider->inner;
-    objects[*phProvider] = {.provider = std::move(provider)};
+    SECURITY_STATUS status = loadProvider(pszProviderName, dwFlags);
+    if (status == ERROR_SUCCESS) status = functions->OpenProvider(phProvider, pszProviderName, dwFlags);
+    if (status == ERROR_SUCCESS) objects[*phProvider] = {.kind = Kind::Provider, .provider = *phProvider};
     return status;
 }
 
@@ -133,7 +102,7 @@ SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) 
 
 SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbOutput,
                                          DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    if (providerOf(hObject, Kind::Provider) != nullptr) {
+    if (objectOf(hObject).kind == Kind::Provider) {
         return withProvider<&Functions::GetProviderProperty>(hObject, pszProperty, pbOutput, cbOutput,
                                                              pcbResult, dwFlags);
     }
@@ -142,7 +111,7 @@ SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszPrope
 
 SECURITY_STATUS WINAPI NCryptSetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbInput,
                                          DWORD cbInput, DWORD dwFlags) {
-    if (providerOf(hObject, Kind::Provider) != nullptr) {
+    if (objectOf(hObject).kind == Kind::Provider) {
         return withProvider<&Functions::SetProviderProperty>(hObject, pszProperty, pbInput, cbInput, dwFlags);
     }
     return withKey<&Functions::SetKeyProperty>(hObject, pszProperty, pbInput, cbInput, dwFlags);
@@ -183,21 +152,11 @@ SECURITY_STATUS WINAPI NCryptExportKey(NCRYPT_KEY_HANDLE hKey, NCRYPT_KEY_HANDLE
 
 SECURITY_STATUS WINAPI NCryptEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszScope,
                                       NCryptKeyName** ppKeyName, PVOID* ppEnumState, DWORD dwFlags) {
-    const auto provider = providerOf(hProvider, Kind::Provider);
-    if (provider == nullptr) return NTE_INVALID_HANDLE;
-    const SECURITY_STATUS status =
-        provider->functions->EnumKeys(provider->inner, pszScope, ppKeyName, ppEnumState, dwFlags);
-    const std::lock_guard lock(mutex);
-    if (*ppEnumState != nullptr) givenBuffers[*ppEnumState] = provider;
-    if (status == ERROR_SUCCESS) givenBuffers[*ppKeyName] = provider;
-    return status;
+    return withProvider<&Functions::EnumKeys>(hProvider, pszScope, ppKeyName, ppEnumState, dwFlags);
 }
 
 SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID pvInput) {
-    std::unique_lock lock(mutex);
-    const auto node = givenBuffers.extract(pvInput);
-    lock.unlock();
-    return node.empty() ? NTE_INVALID_PARAMETER : node.mapped()->functions->FreeBuffer(pvInput);
+    return functions->FreeBuffer(pvInput);
 }
 
 SECURITY_STATUS WINAPI NCryptSecretAgreement(NCRYPT_KEY_HANDLE hPrivKey, NCRYPT_KEY_HANDLE hPubKey,
@@ -220,13 +179,16 @@ SECURITY_STATUS WINAPI NCryptDeleteKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
 }
 
 SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE hObject) {
-    std::unique_lock lock(mutex);
-    const auto node = objects.extract(hObject);
-    lock.unlock();
-    if (node.empty()) return NTE_INVALID_HANDLE;
-    const auto& [provider, kind] = node.mapped();
-    // A provider goes with the last object that was made with it.
-    if (kind == Kind::Provider) return ERROR_SUCCESS;
-    const auto free = kind == Kind::Key ? provider->functions->FreeKey : provider->functions->FreeSecret;
-    return free(provider->inner, hObject);
+    const Object object = objectOf(hObject);
+    objects.erase(hObject);
+    switch (object.kind) {
+    case Kind::Provider:
+        return functions->FreeProvider(hObject);
+    case Kind::Key:
+        return functions->FreeKey(object.provider, hObject);
+    case Kind::Secret:
+        return functions->FreeSecret(object.provider, hObject);
+    default:
+        return NTE_INVALID_HANDLE;
+    }
 }
