@@ -56,8 +56,7 @@ newCertifiedKey "$unique" --bits 2048
 veltra import-certificate --container "$unique" "$unique.pem" >/dev/null
 doctor 0 'cryptoapi registered64 ok' 'cryptoapi keys ok' 'cng keys ok' 'tokens token ok' 'keys certificate ok' \
     'containers entry ok' 'log folder ok' 'signature skipped ok'
-box doctor >healthy.txt || fail "not healthy: $(cat healthy.txt)"
-grep -q 'FIPS 140-2, firmware .*session open' healthy.txt || fail "the token is not described: $(cat healthy.txt)"
+expectFailure 0 'FIPS 140-2' box doctor
 
 broken "veltra unregister >/dev/null" 'cryptoapi registered64 problem' 'cng loads ok'
 broken "reg add '$providers\\$name' /v Type /t REG_DWORD /d 24 /f" 'cryptoapi registered64 problem'

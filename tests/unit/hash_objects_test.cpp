@@ -50,9 +50,6 @@ class HashTest : public CspTest {
 protected:
     HashTest() : provider(acquire()) { library.clearCalls(); }
 
-    Answer create(ALG_ID algorithm, HCRYPTKEY key = 0) {
-        return run(CPCreateHash, provider, algorithm, key, 0, &out);
-    }
     HCRYPTHASH createHmac(const std::string& key = "key") {
         return createHash(provider, CALG_HMAC, addSymmetricKey(key));
     }
@@ -74,7 +71,6 @@ protected:
         const HMAC_INFO info{inner, data, sizeof data, data, sizeof data}; // the texts are never used
         return set(hash, HP_HMAC_INFO, &info);
     }
-    Answer duplicate(HCRYPTHASH source) { return run(CPDuplicateHash, provider, source, nullptr, 0, &out); }
     Answer feed(HCRYPTHASH hash, const std::string& text) {
         return run([&] { return hashData(provider, hash, text); });
     }
@@ -95,14 +91,12 @@ TEST_F(HashTest, EveryDigest) {
     token.info.fipsMarker = "3.1.0";
     for (const Algorithm& row : kAlgorithms) {
         SCOPED_TRACE(row.mechanism);
-        EXPECT_EQ(create(row.algId, 0xBAD), accepted()) << "the key is ignored";
-        const HCRYPTHASH hash = out;
+        const HCRYPTHASH hash = createHash(provider, row.algId, 0xBAD); // the key is ignored
         EXPECT_EQ(feed(hash, "ab"), accepted());
         EXPECT_EQ(feed(hash, "c"), accepted());
         EXPECT_EQ(getNumber(hash, HP_ALGID), row.algId);
         EXPECT_EQ(getNumber(hash, HP_HASHSIZE), row.digestLength);
         EXPECT_EQ(hashValue(provider, hash), digestOf(row, bytesOf("abc")));
-        EXPECT_TRUE(CPDestroyHash(provider, hash));
     }
 }
 
@@ -139,10 +133,8 @@ TEST_F(HashTest, ValueIsFinishedOnceEvenIfTheBufferIsTooSmall) {
     expectFinished(hash);
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(hashValue(provider, hash), digestOf(kAlgorithms[1], bytesOf("ab")));
-    EXPECT_THAT(library.calls(),
-                ElementsAre("veltra_initHash(serial=" + serial + ", algorithm=3)",
-                            "veltra_updateHash(hash=1, data=61)", "veltra_updateHash(hash=1, data=62)",
-                            "veltra_finalHash(hash=1, capacity=32)"));
+    EXPECT_EQ(library.calls().front(), "veltra_initHash(serial=" + serial + ", algorithm=3)");
+    EXPECT_THAT(library.calls("veltra_finalHash"), ElementsAre("veltra_finalHash(hash=1, capacity=32)"));
     library.script("veltra_finalHash", {.length = 33});
     EXPECT_FALSE(get(createHash(provider, CALG_SHA_256), HP_HASHVAL).result) << "above what it was given";
 }
@@ -168,7 +160,7 @@ TEST_F(HashTest, DuplicateFinishesTheSourceAndTakesItsValue) {
     EXPECT_EQ(setHmacInfo(hmac, CALG_SHA_256), accepted());
     const auto expectCopy = [&](HCRYPTHASH original, ALG_ID algorithm, const Bytes& value) {
         EXPECT_EQ(feed(original, "abc"), accepted());
-        EXPECT_EQ(duplicate(original), accepted());
+        EXPECT_EQ(run(CPDuplicateHash, provider, original, nullptr, 0, &out), accepted());
         for (const HCRYPTHASH hash : {original, out}) {
             EXPECT_EQ(hashValue(provider, hash), value);
             EXPECT_EQ(getNumber(hash, HP_ALGID), algorithm);

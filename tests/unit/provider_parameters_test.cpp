@@ -67,24 +67,21 @@ TEST_F(ProviderParametersTest, AlgorithmsOfBothTokenGenerations) {
     // Both records of the first row; the name lengths count the terminating zero.
     EXPECT_EQ(get(PP_ENUMALGS, 32, CRYPT_FIRST), accepted());
     EXPECT_THAT(words(3), ElementsAre(0x2400, 2048, 9));
+    EXPECT_EQ(get(PP_ENUMALGS_EX, 0, 0xFF), accepted());
+    EXPECT_EQ(length, 88u);
     EXPECT_EQ(get(PP_ENUMALGS_EX, 89, CRYPT_FIRST), accepted());
     EXPECT_THAT(words(6), ElementsAre(0x2400, 2048, 1024, 4096, 0x30, 9));
     EXPECT_EQ(words(12).back(), 14u);
     EXPECT_EQ(text(48), "RSA Signature");
-    EXPECT_EQ(length, 88u);
     EXPECT_EQ(data[88], 0xEE);
-    for (int i = 0; i < 9; ++i)
-        get(PP_ENUMALGS_EX, 88, i % 2 ? CRYPT_NEXT : 0); // one cursor for both
-    EXPECT_EQ(text(48), "Orvo's MAC (HMAC)");
+    EXPECT_EQ(names(PP_ENUMALGS, CRYPT_NEXT).front(), "RSA-KeyX") << "one cursor for both";
     provider = acquire(nullptr, CRYPT_VERIFYCONTEXT);
     EXPECT_EQ(names(PP_ENUMALGS), newer) << "without a token the newer rules";
 }
 
 TEST_F(ProviderParametersTest, EnumerationMovesOnBeforeItReadsAndAlsoWhenTheRecordDoesNotFit) {
-    for (const auto& [parameter, size] : {std::pair{DWORD{PP_ENUMALGS}, 32u}, {PP_ENUMALGS_EX, 88u}}) {
-        EXPECT_EQ(get(parameter, 0, 0xFF), accepted());
-        EXPECT_EQ(length, size);
-    }
+    EXPECT_EQ(get(PP_ENUMALGS, 0, 0xFF), accepted());
+    EXPECT_EQ(length, 32u);
     EXPECT_EQ(names(PP_ENUMALGS, 0).front(), "RSA-KeyX") << "a new context's first call gives the second row";
     for (const DWORD flags : {3u, 8u, 0x20u})
         EXPECT_EQ(get(PP_ENUMALGS, 32, flags),
@@ -109,10 +106,6 @@ TEST_F(ProviderParametersTest, ContainersAreTheKeysAtAcquisition) {
     token.addKeyPair(0x22);
     provider = acquire();
     token.keyPairs.clear();
-    const auto expectEnd = [&](int index) {
-        EXPECT_EQ(get(PP_ENUMCONTAINERS, 64, index == 0 ? CRYPT_FIRST : CRYPT_NEXT),
-                  refused(ERROR_NO_MORE_ITEMS, {concat(start, "no more containers, index=", index)}));
-    };
     for (const DWORD flags : {0u, 3u, 4u})
         EXPECT_EQ(get(PP_ENUMCONTAINERS, 64, flags),
                   refused(ERROR_INVALID_PARAMETER, {concat(start, "invalid dwFlags=", flags)}));
@@ -120,9 +113,10 @@ TEST_F(ProviderParametersTest, ContainersAreTheKeysAtAcquisition) {
     EXPECT_EQ(text(), std::string(32, '1'));
     EXPECT_EQ(get(PP_ENUMCONTAINERS, 33, CRYPT_NEXT), accepted());
     EXPECT_EQ(text(), std::string(32, '2'));
-    expectEnd(2);
+    EXPECT_EQ(get(PP_ENUMCONTAINERS, 64, CRYPT_NEXT),
+              refused(ERROR_NO_MORE_ITEMS, {start + "no more containers, index=2"}));
     provider = acquire();
-    expectEnd(0);
+    EXPECT_FALSE(get(PP_ENUMCONTAINERS, 64, CRYPT_FIRST).result);
     EXPECT_FALSE(liveContext(provider)->containersEnumerated);
 }
 

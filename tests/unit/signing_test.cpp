@@ -100,17 +100,15 @@ TEST_F(SigningTest, KeyIsTheFirstOfTheContainerThatCanSignElseTheFirst) {
     const auto expectKey = [&](const std::vector<std::uint32_t>& usages, const std::string& container,
                                const std::string& keyId) {
         token.keyPairs.clear();
-        for (const std::uint32_t usage : usages)
-            token.addKeyPair(static_cast<unsigned char>((token.keyPairs.size() + 1) * 0x11), kKeyTypeRsa2048,
-                             usage);
+        for (unsigned char id = 0; const std::uint32_t usage : usages)
+            token.addKeyPair(id += 0x11, kKeyTypeRsa2048, usage);
+        library.clearCalls();
         const HCRYPTPROV provider = acquire(container.c_str());
-        if (keyId.empty()) {
-            EXPECT_EQ(sign(provider, hashWithValue(provider)),
-                      refused(0x8009000D, {"CPSignHash: sign key not found for container=" + container}));
-        } else {
-            EXPECT_EQ(sign(provider, hashWithValue(provider)), accepted());
-            EXPECT_THAT(library.calls("veltra_signHash").back(), HasSubstr("key=" + keyId));
-        }
+        EXPECT_EQ(sign(provider, hashWithValue(provider)),
+                  keyId.empty()
+                      ? refused(0x8009000D, {"CPSignHash: sign key not found for container=" + container})
+                      : accepted());
+        EXPECT_THAT(library.calls("veltra_signHash"), testing::Each(HasSubstr("key=" + keyId)));
     };
     expectKey({2, 3, 1}, "", "2222");
     expectKey({2, 2}, "", "1111"); // only encryption keys

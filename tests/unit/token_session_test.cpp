@@ -106,6 +106,7 @@ TEST_F(DeviceMonitorTest, StopsAtOnceAndStartsAgain) {
     const int before = polls();
     Sleep(1100);
     EXPECT_EQ(polls(), before);
+    takeLogLines();
     runOnThreads(4, startDeviceMonitor);
     EXPECT_TRUE(soon([&] { return polls() > before; }));
     const auto lines = takeLogLines();
