@@ -63,131 +63,123 @@ SECURITY_STATUS give(SECURITY_STATUS status, NCRYPT_HANDLE parent, const NCRYPT_
 
 } // namespace
 
-SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* phProvider, LPCWSTR pszProviderName,
-                                                 DWORD dwFlags) {
-    if (phProvider == nullptr || pszProviderName == nullptr || pszProviderName != kProviderName) {
+SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* provider, LPCWSTR name, DWORD flags) {
+    if (provider == nullptr || name == nullptr || name != kProviderName) {
         return NTE_INVALID_PARAMETER;
     }
-    SECURITY_STATUS status = loadProvider(pszProviderName, dwFlags);
-    if (status == ERROR_SUCCESS) status = functions->OpenProvider(phProvider, pszProviderName, dwFlags);
-    if (status == ERROR_SUCCESS) objects[*phProvider] = {.kind = Kind::Provider, .provider = *phProvider};
+    SECURITY_STATUS status = loadProvider(name, flags);
+    if (status == ERROR_SUCCESS) status = functions->OpenProvider(provider, name, flags);
+    if (status == ERROR_SUCCESS) objects[*provider] = {.kind = Kind::Provider, .provider = *provider};
     return status;
 }
 
-SECURITY_STATUS WINAPI NCryptOpenKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey,
-                                     LPCWSTR pszKeyName, DWORD dwLegacyKeySpec, DWORD dwFlags) {
-    return give(withProvider<&Functions::OpenKey>(hProvider, phKey, pszKeyName, dwLegacyKeySpec, dwFlags),
-                hProvider, phKey, Kind::Key);
+SECURITY_STATUS WINAPI NCryptOpenKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE* key, LPCWSTR name,
+                                     DWORD keySpec, DWORD flags) {
+    return give(withProvider<&Functions::OpenKey>(provider, key, name, keySpec, flags), provider, key,
+                Kind::Key);
 }
 
-SECURITY_STATUS WINAPI NCryptCreatePersistedKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE* phKey,
-                                                LPCWSTR pszAlgId, LPCWSTR pszKeyName, DWORD dwLegacyKeySpec,
-                                                DWORD dwFlags) {
-    return give(withProvider<&Functions::CreatePersistedKey>(hProvider, phKey, pszAlgId, pszKeyName,
-                                                             dwLegacyKeySpec, dwFlags),
-                hProvider, phKey, Kind::Key);
+SECURITY_STATUS WINAPI NCryptCreatePersistedKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE* key,
+                                                LPCWSTR algorithm, LPCWSTR name, DWORD keySpec, DWORD flags) {
+    return give(withProvider<&Functions::CreatePersistedKey>(provider, key, algorithm, name, keySpec, flags),
+                provider, key, Kind::Key);
 }
 
-SECURITY_STATUS WINAPI NCryptImportKey(NCRYPT_PROV_HANDLE hProvider, NCRYPT_KEY_HANDLE hImportKey,
-                                       LPCWSTR pszBlobType, NCryptBufferDesc* pParameterList,
-                                       NCRYPT_KEY_HANDLE* phKey, PBYTE pbData, DWORD cbData, DWORD dwFlags) {
-    return give(withProvider<&Functions::ImportKey>(hProvider, hImportKey, pszBlobType, pParameterList, phKey,
-                                                    pbData, cbData, dwFlags),
-                hProvider, phKey, Kind::Key);
+SECURITY_STATUS WINAPI NCryptImportKey(NCRYPT_PROV_HANDLE provider, NCRYPT_KEY_HANDLE importKey, LPCWSTR type,
+                                       NCryptBufferDesc* parameters, NCRYPT_KEY_HANDLE* key, PBYTE data,
+                                       DWORD length, DWORD flags) {
+    return give(
+        withProvider<&Functions::ImportKey>(provider, importKey, type, parameters, key, data, length, flags),
+        provider, key, Kind::Key);
 }
 
-SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
-    return withKey<&Functions::FinalizeKey>(hKey, dwFlags);
+SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE key, DWORD flags) {
+    return withKey<&Functions::FinalizeKey>(key, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbOutput,
-                                         DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    if (objectOf(hObject).kind == Kind::Provider) {
-        return withProvider<&Functions::GetProviderProperty>(hObject, pszProperty, pbOutput, cbOutput,
-                                                             pcbResult, dwFlags);
+SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE handle, LPCWSTR property, PBYTE output, DWORD capacity,
+                                         DWORD* length, DWORD flags) {
+    if (objectOf(handle).kind == Kind::Provider) {
+        return withProvider<&Functions::GetProviderProperty>(handle, property, output, capacity, length,
+                                                             flags);
     }
-    return withKey<&Functions::GetKeyProperty>(hObject, pszProperty, pbOutput, cbOutput, pcbResult, dwFlags);
+    return withKey<&Functions::GetKeyProperty>(handle, property, output, capacity, length, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptSetProperty(NCRYPT_HANDLE hObject, LPCWSTR pszProperty, PBYTE pbInput,
-                                         DWORD cbInput, DWORD dwFlags) {
-    if (objectOf(hObject).kind == Kind::Provider) {
-        return withProvider<&Functions::SetProviderProperty>(hObject, pszProperty, pbInput, cbInput, dwFlags);
+SECURITY_STATUS WINAPI NCryptSetProperty(NCRYPT_HANDLE handle, LPCWSTR property, PBYTE input,
+                                         DWORD inputLength, DWORD flags) {
+    if (objectOf(handle).kind == Kind::Provider) {
+        return withProvider<&Functions::SetProviderProperty>(handle, property, input, inputLength, flags);
     }
-    return withKey<&Functions::SetKeyProperty>(hObject, pszProperty, pbInput, cbInput, dwFlags);
+    return withKey<&Functions::SetKeyProperty>(handle, property, input, inputLength, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptSignHash(NCRYPT_KEY_HANDLE hKey, VOID* pPaddingInfo, PBYTE pbHashValue,
-                                      DWORD cbHashValue, PBYTE pbSignature, DWORD cbSignature,
-                                      DWORD* pcbResult, DWORD dwFlags) {
-    return withKey<&Functions::SignHash>(hKey, pPaddingInfo, pbHashValue, cbHashValue, pbSignature,
-                                         cbSignature, pcbResult, dwFlags);
+SECURITY_STATUS WINAPI NCryptSignHash(NCRYPT_KEY_HANDLE key, VOID* padding, PBYTE hash, DWORD hashLength,
+                                      PBYTE signature, DWORD signatureLength, DWORD* length, DWORD flags) {
+    return withKey<&Functions::SignHash>(key, padding, hash, hashLength, signature, signatureLength, length,
+                                         flags);
 }
 
-SECURITY_STATUS WINAPI NCryptVerifySignature(NCRYPT_KEY_HANDLE hKey, VOID* pPaddingInfo, PBYTE pbHashValue,
-                                             DWORD cbHashValue, PBYTE pbSignature, DWORD cbSignature,
-                                             DWORD dwFlags) {
-    return withKey<&Functions::VerifySignature>(hKey, pPaddingInfo, pbHashValue, cbHashValue, pbSignature,
-                                                cbSignature, dwFlags);
+SECURITY_STATUS WINAPI NCryptVerifySignature(NCRYPT_KEY_HANDLE key, VOID* padding, PBYTE hash,
+                                             DWORD hashLength, PBYTE signature, DWORD signatureLength,
+                                             DWORD flags) {
+    return withKey<&Functions::VerifySignature>(key, padding, hash, hashLength, signature, signatureLength,
+                                                flags);
 }
 
-SECURITY_STATUS WINAPI NCryptEncrypt(NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput, VOID* pPaddingInfo,
-                                     PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return withKey<&Functions::Encrypt>(hKey, pbInput, cbInput, pPaddingInfo, pbOutput, cbOutput, pcbResult,
-                                        dwFlags);
+SECURITY_STATUS WINAPI NCryptEncrypt(NCRYPT_KEY_HANDLE key, PBYTE input, DWORD inputLength, VOID* padding,
+                                     PBYTE output, DWORD capacity, DWORD* length, DWORD flags) {
+    return withKey<&Functions::Encrypt>(key, input, inputLength, padding, output, capacity, length, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptDecrypt(NCRYPT_KEY_HANDLE hKey, PBYTE pbInput, DWORD cbInput, VOID* pPaddingInfo,
-                                     PBYTE pbOutput, DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return withKey<&Functions::Decrypt>(hKey, pbInput, cbInput, pPaddingInfo, pbOutput, cbOutput, pcbResult,
-                                        dwFlags);
+SECURITY_STATUS WINAPI NCryptDecrypt(NCRYPT_KEY_HANDLE key, PBYTE input, DWORD inputLength, VOID* padding,
+                                     PBYTE output, DWORD capacity, DWORD* length, DWORD flags) {
+    return withKey<&Functions::Decrypt>(key, input, inputLength, padding, output, capacity, length, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptExportKey(NCRYPT_KEY_HANDLE hKey, NCRYPT_KEY_HANDLE hExportKey,
-                                       LPCWSTR pszBlobType, NCryptBufferDesc* pParameterList, PBYTE pbOutput,
-                                       DWORD cbOutput, DWORD* pcbResult, DWORD dwFlags) {
-    return withKey<&Functions::ExportKey>(hKey, hExportKey, pszBlobType, pParameterList, pbOutput, cbOutput,
-                                          pcbResult, dwFlags);
+SECURITY_STATUS WINAPI NCryptExportKey(NCRYPT_KEY_HANDLE key, NCRYPT_KEY_HANDLE exportKey, LPCWSTR type,
+                                       NCryptBufferDesc* parameters, PBYTE output, DWORD capacity,
+                                       DWORD* length, DWORD flags) {
+    return withKey<&Functions::ExportKey>(key, exportKey, type, parameters, output, capacity, length, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptEnumKeys(NCRYPT_PROV_HANDLE hProvider, LPCWSTR pszScope,
-                                      NCryptKeyName** ppKeyName, PVOID* ppEnumState, DWORD dwFlags) {
-    return withProvider<&Functions::EnumKeys>(hProvider, pszScope, ppKeyName, ppEnumState, dwFlags);
+SECURITY_STATUS WINAPI NCryptEnumKeys(NCRYPT_PROV_HANDLE provider, LPCWSTR scope, NCryptKeyName** name,
+                                      PVOID* cursor, DWORD flags) {
+    return withProvider<&Functions::EnumKeys>(provider, scope, name, cursor, flags);
 }
 
-SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID pvInput) {
-    return functions->FreeBuffer(pvInput);
+SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID buffer) {
+    return functions->FreeBuffer(buffer);
 }
 
-SECURITY_STATUS WINAPI NCryptSecretAgreement(NCRYPT_KEY_HANDLE hPrivKey, NCRYPT_KEY_HANDLE hPubKey,
-                                             NCRYPT_SECRET_HANDLE* phAgreedSecret, DWORD dwFlags) {
-    return give(withKey<&Functions::SecretAgreement>(hPrivKey, hPubKey, phAgreedSecret, dwFlags), hPrivKey,
-                phAgreedSecret, Kind::Secret);
+SECURITY_STATUS WINAPI NCryptSecretAgreement(NCRYPT_KEY_HANDLE key, NCRYPT_KEY_HANDLE peer,
+                                             NCRYPT_SECRET_HANDLE* secret, DWORD flags) {
+    return give(withKey<&Functions::SecretAgreement>(key, peer, secret, flags), key, secret, Kind::Secret);
 }
 
-SECURITY_STATUS WINAPI NCryptDeriveKey(NCRYPT_SECRET_HANDLE hSharedSecret, LPCWSTR pwszKDF,
-                                       NCryptBufferDesc* pParameterList, PBYTE pbDerivedKey,
-                                       DWORD cbDerivedKey, DWORD* pcbResult, ULONG dwFlags) {
-    return withKey<&Functions::DeriveKey, Kind::Secret>(hSharedSecret, pwszKDF, pParameterList, pbDerivedKey,
-                                                        cbDerivedKey, pcbResult, dwFlags);
+SECURITY_STATUS WINAPI NCryptDeriveKey(NCRYPT_SECRET_HANDLE secret, LPCWSTR function,
+                                       NCryptBufferDesc* parameters, PBYTE output, DWORD capacity,
+                                       DWORD* length, ULONG flags) {
+    return withKey<&Functions::DeriveKey, Kind::Secret>(secret, function, parameters, output, capacity,
+                                                        length, flags);
 }
 
 // Frees the handle too when it succeeds.
-SECURITY_STATUS WINAPI NCryptDeleteKey(NCRYPT_KEY_HANDLE hKey, DWORD dwFlags) {
-    const SECURITY_STATUS status = withKey<&Functions::DeleteKey>(hKey, dwFlags);
-    return status == ERROR_SUCCESS ? NCryptFreeObject(hKey) : status;
+SECURITY_STATUS WINAPI NCryptDeleteKey(NCRYPT_KEY_HANDLE key, DWORD flags) {
+    const SECURITY_STATUS status = withKey<&Functions::DeleteKey>(key, flags);
+    return status == ERROR_SUCCESS ? NCryptFreeObject(key) : status;
 }
 
-SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE hObject) {
-    const Object object = objectOf(hObject);
-    objects.erase(hObject);
+SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE handle) {
+    const Object object = objectOf(handle);
+    objects.erase(handle);
     switch (object.kind) {
     case Kind::Provider:
-        return functions->FreeProvider(hObject);
+        return functions->FreeProvider(handle);
     case Kind::Key:
-        return functions->FreeKey(object.provider, hObject);
+        return functions->FreeKey(object.provider, handle);
     case Kind::Secret:
-        return functions->FreeSecret(object.provider, hObject);
+        return functions->FreeSecret(object.provider, handle);
     default:
         return NTE_INVALID_HANDLE;
     }

@@ -195,23 +195,5 @@ TEST_F(LoggingTest, LevelMayChangeAtAnyTime) {
     });
 }
 
-TEST_F(LoggingTest, OnlyAFolderThatIsThereCanHoldTheLog) {
-    Utils::error("make the file");
-    const std::string folder = temporaryFolder();
-    std::array<char, 1024> buffer{};
-    const auto expectFolder = [&](const std::string& temporary, std::size_t capacity,
-                                  const std::string& found) {
-        SetEnvironmentVariableA("TMP", temporary.c_str());
-        buffer.fill('x');
-        EXPECT_EQ(Utils::getLogBaseFolderPath(buffer.data(), capacity), found.empty() ? -1 : 0);
-        EXPECT_EQ(buffer.data(), found);
-    };
-    const std::string file = logFiles().at(0);
-    expectFolder(file, 1024, "");
-    expectFolder(folder + "missing", 1024, "");
-    expectFolder(folder, 4, ""); // too small a buffer
-    expectFolder(folder, 1024, folder);
-}
-
 } // namespace
 } // namespace veltra::test
