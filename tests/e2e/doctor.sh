@@ -73,6 +73,20 @@ for way in crash exit hang; do
 done
 seconds=60
 
+# The device library of 32-bit programs, which have a provider of their own.
+mkdir box32
+cp "$veltraRoot/build/release-x86/bin/VeltraCSP.dll" box32
+reg add "$providers\\$name" /v 'Image Path' /d "$(windowsPath box32/VeltraCSP.dll)" /f /reg:32
+reg add "$providers\\$name" /v Type /t REG_DWORD /d 1 /f /reg:32
+doctor 0 'cryptoapi registered32 ok' 'library file32 note'
+for file in release-x86:VeltraDSCLibrary.dll:0:ok release:VeltraDSCLibrary.dll:1:problem \
+    release-x86:VeltraCSP.dll:1:problem; do
+    IFS=: read -r preset source exit status <<<"$file"
+    cp "$veltraRoot/build/$preset/bin/$source" box32/VeltraDSCLibrary.dll
+    doctor "$exit" "library file32 $status"
+done
+reg delete "$providers\\$name" /f /reg:32
+
 # An entry of the map that names a key which is gone, and damaged ones.
 number=0
 for options in "/d 00112233445566778899AABBCCDDEEFF" "/t REG_BINARY /d 0102" "/d ,,," \
