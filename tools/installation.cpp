@@ -89,7 +89,7 @@ std::set<std::string> exportedNames(const std::filesystem::path& file) {
     std::set<std::string> names;
     std::ifstream stream(file, std::ios::binary);
     std::vector<char> image{std::istreambuf_iterator(stream), {}};
-    const auto headers = fileBits(file) != 0 ? ImageNtHeader(image.data()) : nullptr;
+    auto* const headers = fileBits(file) != 0 ? ImageNtHeader(image.data()) : nullptr;
     if (headers == nullptr) return names;
     const auto at = [&](DWORD address) { return ImageRvaToVa(headers, image.data(), address, nullptr); };
     ULONG length = 0;
