@@ -19,7 +19,8 @@ class LoadedDeviceLibrary final : public DeviceLibrary {
 public:
     /// Binds every export to the address that `find` gives for its name, null for none. Returns the names of
     /// those that are missing.
-    std::vector<const char*> bind(const std::function<FARPROC(const char*)>& find) {
+    template <class Find>
+    std::vector<const char*> bind(const Find& find) {
         std::vector<const char*> missing;
         const auto bindExport = [&](auto*& function, const char* name) {
             const FARPROC address = find(name);
