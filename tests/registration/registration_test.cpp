@@ -33,26 +33,21 @@ NTSTATUS called(const char* call) {
 }
 
 void expectEntry(ULONG table, LPCWSTR context, ULONG interfaceId, LPCWSTR function, LPCWSTR provider) {
-    EXPECT_EQ(table, 1u);
-    EXPECT_EQ(context, nullptr);
-    EXPECT_EQ(interfaceId, kInterface);
+    EXPECT_TRUE(table == 1 && context == nullptr && interfaceId == kInterface);
     EXPECT_STREQ(function, kFunction);
     EXPECT_STREQ(provider, kName);
 }
 
 NTSTATUS WINAPI registerProvider(LPCWSTR name, ULONG flags, CRYPT_PROVIDER_REG* provider) {
+    const CRYPT_IMAGE_REG& image = *provider->pUM;
+    const CRYPT_INTERFACE_REG& keyStorage = *image.rgpInterfaces[0];
     EXPECT_STREQ(name, kName);
-    EXPECT_EQ(flags, 0u);
-    EXPECT_EQ(provider->cAliases, 0u);
-    EXPECT_EQ(provider->rgpszAliases, nullptr);
-    EXPECT_EQ(provider->pKM, nullptr);
-    EXPECT_STREQ(provider->pUM->pszImage, L"VeltraCSP.dll");
-    EXPECT_EQ(provider->pUM->cInterfaces, 1u);
-    const CRYPT_INTERFACE_REG& keyStorage = *provider->pUM->rgpInterfaces[0];
-    EXPECT_EQ(keyStorage.dwInterface, kInterface);
-    EXPECT_EQ(keyStorage.dwFlags, 1u);
-    EXPECT_EQ(keyStorage.cFunctions, 1u);
+    EXPECT_STREQ(image.pszImage, L"VeltraCSP.dll");
     EXPECT_STREQ(keyStorage.rgpszFunctions[0], kFunction);
+    EXPECT_TRUE(flags == 0 && provider->cAliases == 0 && provider->rgpszAliases == nullptr &&
+                provider->pKM == nullptr && image.cInterfaces == 1);
+    EXPECT_TRUE(keyStorage.dwInterface == kInterface && keyStorage.dwFlags == 1 &&
+                keyStorage.cFunctions == 1);
     return called("Register");
 }
 
