@@ -46,7 +46,7 @@ for bits in 4096 3072 2048; do
     hashes=sha256
     [ $bits != 2048 ] || hashes='sha256 sha384 sha512 sha1'
     for hash in $hashes; do
-        for frontEnd in veltra cng; do judge $frontEnd $hash --; done
+        for frontEnd in cng veltra; do judge $frontEnd $hash --; done
         judge cng $hash -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:digest -- --pss
     done
 done
