@@ -1,5 +1,5 @@
 // cng PIN: what an application does with a token through CNG, from the keys to their deletion. The pieces of
-// docs/application-guide.md are from here.
+// docs/application-guide.md are from here; the test e2e_examples runs it.
 
 #include <windows.h>
 

@@ -103,6 +103,7 @@ makeTheirs() {
     openssl genpkey -quiet -algorithm "$1" -pkeyopt "$2" -out theirs.pem
     openssl pkey -in theirs.pem -pubout -out theirs.pub
 }
+hexOf() { od -An -v -tx1 "$1" | tr -d ' \n'; }
 
 # A file of some length with every byte value, and a copy whose last byte is another.
 makeDocument() {

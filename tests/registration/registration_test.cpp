@@ -1,79 +1,64 @@
+#include "registration/bcrypt_calls.h"
 #include "registration/registration.h"
 #include "support/googletest.h"
 #include "support/log_file.h"
 
-#include "foundation/cng.h"
-
-#include <bit>
+#include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <new>
-#include <set>
+#include <sstream>
 
 namespace veltra::test {
 namespace {
 
 using Lines = std::vector<std::string>;
 
-const WCHAR* const kName = L"Veltra Cryptographic Provider CSP";
-const WCHAR* const kFunction = L"KEY_STORAGE";
-constexpr ULONG kInterface = 0x10001;
-constexpr const char* kModule = "msacm32.dll"; ///< loaded in the place of bcrypt.dll
-
-bool isThere = true;
-bool hasMemory = true;
-std::set<std::string> missing;
-std::map<std::string, NTSTATUS> statuses;
 Lines calls;
+std::map<std::string, LONG> statuses;
+bool hasMemory = true;
 
-NTSTATUS called(const char* call) {
-    if (!hasMemory) throw std::bad_alloc();
-    calls.emplace_back(call);
-    const auto found = statuses.find(call);
-    return found == statuses.end() ? 0 : found->second;
+std::string besideThisProgram(const std::string& file) {
+    char path[MAX_PATH] = {};
+    GetModuleFileNameA(nullptr, path, MAX_PATH);
+    return std::string(path).substr(0, std::string(path).find_last_of('\\') + 1) + file;
 }
 
-void expectEntry(ULONG table, LPCWSTR context, ULONG interfaceId, LPCWSTR function, LPCWSTR provider) {
-    EXPECT_TRUE(table == 1 && context == nullptr && interfaceId == kInterface);
-    EXPECT_STREQ(function, kFunction);
-    EXPECT_STREQ(provider, kName);
+/// Puts the stand-in in front, without the export `missing`: the name's last letter is changed in the file,
+/// which keeps the names in order.
+void installStandIn(const std::string& missing = {}) {
+    std::ifstream in(besideThisProgram("bcrypt_stand_in.dll"), std::ios::binary);
+    std::string file{std::istreambuf_iterator<char>(in), {}};
+    ASSERT_FALSE(file.empty());
+    if (!missing.empty()) {
+        const std::size_t name = file.find(missing);
+        ASSERT_NE(name, std::string::npos);
+        file[name + missing.size() - 1] = '_';
+    }
+    std::ofstream out(besideThisProgram("bcrypt.dll"), std::ios::binary | std::ios::trunc);
+    ASSERT_TRUE(out << file);
 }
 
-NTSTATUS WINAPI registerProvider(LPCWSTR name, ULONG flags, CRYPT_PROVIDER_REG* provider) {
-    const CRYPT_IMAGE_REG& image = *provider->pUM;
-    const CRYPT_INTERFACE_REG& keyStorage = *image.rgpInterfaces[0];
-    EXPECT_STREQ(name, kName);
-    EXPECT_STREQ(image.pszImage, L"VeltraCSP.dll");
-    EXPECT_STREQ(keyStorage.rgpszFunctions[0], kFunction);
-    EXPECT_TRUE(flags == 0 && provider->cAliases == 0 && provider->rgpszAliases == nullptr &&
-                provider->pKM == nullptr && image.cInterfaces == 1);
-    EXPECT_TRUE(keyStorage.dwInterface == kInterface && keyStorage.dwFlags == 1 &&
-                keyStorage.cFunctions == 1);
-    return called("Register");
+void removeStandIn() {
+    ASSERT_TRUE(DeleteFileA(besideThisProgram("bcrypt.dll").c_str()));
 }
 
-NTSTATUS WINAPI unregisterProvider(LPCWSTR name) {
-    EXPECT_STREQ(name, kName);
-    return called("Unregister");
-}
-
-NTSTATUS WINAPI addToContext(ULONG table, LPCWSTR context, ULONG interfaceId, LPCWSTR function,
-                             LPCWSTR provider, ULONG position) {
-    expectEntry(table, context, interfaceId, function, provider);
-    EXPECT_EQ(position, 0xFFFFFFFF);
-    return called("Add");
-}
-
-NTSTATUS WINAPI removeFromContext(ULONG table, LPCWSTR context, ULONG interfaceId, LPCWSTR function,
-                                  LPCWSTR provider) {
-    expectEntry(table, context, interfaceId, function, provider);
-    return called("Remove");
-}
+const std::string kName = "Veltra Cryptographic Provider CSP";
+const std::string kEntry = "table 1, context null, interface 10001, function KEY_STORAGE, provider " + kName;
+const std::string kRemoveCall = "Remove: " + kEntry;
+const std::string kUnregisterCall = "Unregister: provider " + kName;
+const std::string kRegisterCall = "Register: provider " + kName +
+                                  ", flags 0, aliases 0 null, user mode VeltraCSP.dll (interface 10001 "
+                                  "flags 1 function KEY_STORAGE), kernel mode null";
+const std::string kAddCall = "Add: " + kEntry + ", position FFFFFFFF";
 
 class RegistrationTest : public testing::Test {
 protected:
     RegistrationTest() {
         useOwnLogFolder();
         setLogLevel(3);
+        installStandIn();
     }
 
     /// What one of the two functions answers, its calls of bcrypt.dll and how the log ends.
@@ -91,24 +76,31 @@ protected:
 private:
     static void expect(decltype(&DllRegisterServer) function, const std::string& start,
                        const Answer& expected) {
+        ASSERT_EQ(GetModuleHandleA("bcrypt.dll"), nullptr) << "a part of the system uses the stand-in";
         calls.clear();
         removeLog();
         EXPECT_EQ(function(), expected.result);
         EXPECT_EQ(calls, expected.calls);
-        Lines log = linesOf(readLog());
-        std::ranges::transform(log, log.begin(), withoutTime);
+        Lines log;
+        std::istringstream raw(readLog());
+        for (std::string line; std::getline(raw, line);)
+            log.push_back(withoutTime(line));
         EXPECT_THAT(log, testing::ElementsAre("DEBUG " + start + "ing KSP via CNG API", expected.line));
-        EXPECT_EQ(GetModuleHandleA(kModule), nullptr) << "bcrypt.dll is released";
+        EXPECT_EQ(GetModuleHandleA("bcrypt.dll"), nullptr) << "bcrypt.dll is released";
     }
 };
+
+const Lines kRemoval = {kRemoveCall, kUnregisterCall};
+const Lines kAllCalls = {kRemoveCall, kUnregisterCall, kRegisterCall, kAddCall};
 
 // Nothing is taken back when a call fails, and a removal that fails is no failure: there may be nothing to
 // remove. A failing status is logged in decimal behind "0x", an informational one is none. Only the function
 // that removes from the context may be missing; unregistering calls whichever is there.
 TEST_F(RegistrationTest, RegistersAndUnregisters) {
-    const Lines removal = {"Remove", "Unregister"}, all = {"Remove", "Unregister", "Register", "Add"};
-    const Answer registered = {S_OK, all, "DEBUG DllRegisterServer: KSP registered successfully"};
-    const Answer unregistered = {S_OK, removal, "DEBUG DllUnregisterServer: KSP unregistered successfully"};
+    const Answer registered = {S_OK, kAllCalls, "DEBUG DllRegisterServer: KSP registered successfully"};
+    const std::string unregisteredLine = "DEBUG DllUnregisterServer: KSP unregistered successfully";
+    const Answer unregistered = {S_OK, kRemoval, unregisteredLine};
+    const Answer notFound = {E_FAIL, {}, "ERROR Failed to find BCrypt registration functions"};
     const auto code = [](DWORD status) { return static_cast<LONG>(status); };
     expectBoth(registered, unregistered);
     statuses = {{"Remove", code(0xC0000225)}, {"Unregister", code(0xC0000034)}};
@@ -117,55 +109,38 @@ TEST_F(RegistrationTest, RegistersAndUnregisters) {
     expectBoth(registered, unregistered);
     statuses = {{"Register", code(0xC0000022)}};
     expectBoth({code(0xD0000022),
-                {"Remove", "Unregister", "Register"},
+                {kRemoveCall, kUnregisterCall, kRegisterCall},
                 "ERROR BCryptRegisterProvider failed: 0x-1073741790"},
                unregistered);
     statuses = {{"Add", code(0xC000000D)}};
-    expectBoth({code(0xD000000D), all, "ERROR BCryptAddContextFunctionProvider failed: 0x-1073741811"},
+    expectBoth({code(0xD000000D), kAllCalls, "ERROR BCryptAddContextFunctionProvider failed: 0x-1073741811"},
                unregistered);
     statuses.clear();
-    for (const char* name :
-         {"BCryptRegisterProvider", "BCryptAddContextFunctionProvider", "BCryptUnregisterProvider"}) {
-        missing = {name};
-        const bool removes = missing.contains("BCryptUnregisterProvider");
-        expectBoth({E_FAIL, {}, "ERROR Failed to find BCrypt registration functions"},
-                   {S_OK, removes ? Lines{"Remove"} : removal, unregistered.line});
-    }
-    missing = {"BCryptRemoveContextFunctionProvider"};
-    expectBoth({S_OK, {"Unregister", "Register", "Add"}, registered.line},
-               {S_OK, {"Unregister"}, unregistered.line});
-    missing.clear();
+    installStandIn("BCryptRegisterProvider");
+    expectBoth(notFound, unregistered);
+    installStandIn("BCryptAddContextFunctionProvider");
+    expectBoth(notFound, unregistered);
+    installStandIn("BCryptUnregisterProvider");
+    expectBoth(notFound, {S_OK, {kRemoveCall}, unregisteredLine});
+    installStandIn("BCryptRemoveContextFunctionProvider");
+    expectBoth({S_OK, {kUnregisterCall, kRegisterCall, kAddCall}, registered.line},
+               {S_OK, {kUnregisterCall}, unregisteredLine});
+    installStandIn();
     hasMemory = false;
     expectBoth({E_OUTOFMEMORY, {}, "ERROR DllRegisterServer: out of memory"},
                {E_OUTOFMEMORY, {}, "ERROR DllUnregisterServer: out of memory"});
-    isThere = false;
+    removeStandIn();
     expectBoth({E_FAIL, {}, "ERROR Failed to load bcrypt.dll"},
                {E_FAIL, {}, "ERROR DllUnregisterServer: LoadLibraryW failed to load bcrypt.dll"});
-}
-
-HMODULE WINAPI loadStandIn(LPCWSTR name) {
-    EXPECT_STREQ(name, L"bcrypt.dll");
-    return isThere ? LoadLibraryA(kModule) : nullptr;
-}
-
-FARPROC WINAPI findInStandIn(HMODULE module, LPCSTR name) {
-    static const std::map<std::string, FARPROC> functions = {
-        {"BCryptRegisterProvider", std::bit_cast<FARPROC>(&registerProvider)},
-        {"BCryptUnregisterProvider", std::bit_cast<FARPROC>(&unregisterProvider)},
-        {"BCryptAddContextFunctionProvider", std::bit_cast<FARPROC>(&addToContext)},
-        {"BCryptRemoveContextFunctionProvider", std::bit_cast<FARPROC>(&removeFromContext)}};
-    EXPECT_EQ(module, GetModuleHandleA(kModule));
-    return missing.contains(name) ? nullptr : functions.at(name);
 }
 
 } // namespace
 } // namespace veltra::test
 
-// What registration.cpp calls in the place of LoadLibraryW and GetProcAddress, by the linker's names of
-// imports.
-extern "C" {
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-auto* __imp_loadStandIn = &veltra::test::loadStandIn;
-auto* __imp_findInStandIn = &veltra::test::findInStandIn;
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+LONG bcryptCalled(const char* call) {
+    if (!veltra::test::hasMemory) throw std::bad_alloc();
+    const std::string line = call;
+    veltra::test::calls.push_back(line);
+    const auto found = veltra::test::statuses.find(line.substr(0, line.find(':')));
+    return found == veltra::test::statuses.end() ? 0 : found->second;
 }

@@ -130,6 +130,11 @@ TEST_F(EncryptionTest, RsaCiphertextIsLittleEndianAndComesBack) {
         EXPECT_THAT(library.calls().back(), testing::StartsWith(concat("veltra_encrypt(type=", type)));
     }
     EXPECT_EQ(rsaEncryptionType(4096), EncryptionType::Rsa4096) << "more bytes than there can be";
+    liveKey(rsaKey)->algId = kEcAlgId;
+    liveKey(rsaKey)->publicKey[0] = 0x04;
+    liveKey(rsaKey)->publicKeyLength = 65;
+    encrypt(rsaKey, abc, 256);
+    EXPECT_THAT(library.calls().back(), testing::EndsWith("key=0430..3030(65))")) << "a point is no modulus";
 }
 
 TEST_F(EncryptionTest, Pkcs1DecryptionIsForFips1402TokensAndRefusedBeforeThePinIsAsked) {

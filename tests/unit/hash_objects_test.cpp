@@ -239,6 +239,11 @@ TEST_F(HashTest, DerivedKeyIsTheLeadingBytesOfTheHashValueFilledUpWithZeros) {
     expectKey(hash, CALG_AES_192, 24, digestOf(kAlgorithms[3], {}));
     EXPECT_EQ(liveHash(hash)->finalized, 0) << "the hash is not marked finished: deliberate";
     EXPECT_EQ(library.calls().back(), "veltra_finalHash(hash=1, capacity=128)");
+    EXPECT_EQ(feed(hash, "more"), accepted());
+    library.script("veltra_finalHash", {.length = 65});
+    EXPECT_FALSE(get(hash, HP_HASHVAL).result);
+    expectKey(hash, CALG_AES_192, 24, digestOf(kAlgorithms[3], {})); // what failed has not touched the value
+    library.script("veltra_finalHash", {});
     token.info.fipsMarker = "3.1";
     expectKey(createHash(provider, CALG_SHA1), CALG_AES_256, 32, digestOf(kAlgorithms[0], {}));
     expectKey(hashWithValue(provider, 0x22), CALG_AES_128, 16, Bytes(32, 0x22)); // a value that was set
