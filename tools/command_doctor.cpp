@@ -38,6 +38,9 @@ public:
         examineCryptoApi();
         examineCng();
         const ProbeResult library = examineLibrary();
+        for (const RegistryView& view : kRegistryViews) {
+            if (!view.isOwn() && !otherRegistered_.empty()) examineOtherLibrary(view);
+        }
         examineTokens(library);
         examineKeys(library);
         examineContainerMap();
@@ -132,7 +135,7 @@ private:
                            registerAdvice, details);
         } else {
             diagnosis_.ok(id, who + "registered, " + versionedPath(path, fileVersion(file)), details);
-            if (view.isOwn()) registered_ = file;
+            (view.isOwn() ? registered_ : otherRegistered_) = file;
         }
     }
 
@@ -200,10 +203,19 @@ private:
 
     // The device library and what it tells.
 
+    static constexpr const char* kWhere =
+        "install the token maker's software, or put VeltraDSCLibrary.dll beside VeltraCSP.dll";
+    static constexpr const char* kReplaceLibrary =
+        "the library is too old or another one; install the token maker's present software";
+
+    static std::string joined(const Json& texts) {
+        std::string all;
+        for (const Json& one : texts)
+            all += (all.empty() ? "" : ", ") + one.get<std::string>();
+        return all;
+    }
+
     ProbeResult examineLibrary() {
-        constexpr const char* kWhere =
-            "install the token maker's software, or put VeltraDSCLibrary.dll beside "
-            "VeltraCSP.dll";
         diagnosis_.section("library", "Device library");
         ProbeResult result = probe("library", registered_.empty() ? providerFile_ : registered_);
         const Json* library = result.find("library");
@@ -224,13 +236,8 @@ private:
         if (missing.empty()) {
             diagnosis_.ok("complete", "has every function that the provider needs");
         } else {
-            std::string names;
-            for (const Json& name : missing)
-                names += (names.empty() ? "" : ", ") + name.get<std::string>();
-            diagnosis_.add(
-                Status::Problem, "complete", "lacks " + names,
-                "the library is too old or another one; install the token maker's present software",
-                {{"missing", missing}});
+            diagnosis_.add(Status::Problem, "complete", "lacks " + joined(missing), kReplaceLibrary,
+                           {{"missing", missing}});
             return result;
         }
         const bool ended =
@@ -245,6 +252,32 @@ private:
             diagnosis_.ok("answers", "answers");
         }
         return result;
+    }
+
+    /// What the provider of the other kind of programs finds, which are registered.
+    void examineOtherLibrary(const RegistryView& view) {
+        const std::string id = concat("file", view.bits);
+        const std::string who = std::string(view.programs) + ": ";
+        const ProbeResult result = probe("other-library", otherRegistered_);
+        if (!reportEnd(result, id, "the device library of " + std::string(view.programs), kWhere)) return;
+        const Json* library = result.find("library");
+        if (library == nullptr) {
+            diagnosis_.add(Status::Note, id,
+                           who + "no VeltraDSCLibrary.dll beside their provider or in the system's folder",
+                           kWhere);
+            return;
+        }
+        const std::string path = versionedPath(text(*library, "path"), text(*library, "version"));
+        const Json missing = library->value("missing", Json::array());
+        if (library->value("bits", 0u) != view.bits) {
+            diagnosis_.add(Status::Problem, id, concat(who, path, " is no ", view.bits, "-bit DLL"), kWhere,
+                           *library);
+        } else if (!missing.empty()) {
+            diagnosis_.add(Status::Problem, id, who + path + " lacks " + joined(missing), kReplaceLibrary,
+                           *library);
+        } else {
+            diagnosis_.ok(id, who + path + ", has every function that the provider needs", *library);
+        }
     }
 
     void examineTokens(const ProbeResult& library) {
@@ -471,9 +504,10 @@ private:
     DoctorOptions options_;
     Output& out_;
     Diagnosis diagnosis_;
-    std::filesystem::path registered_;   ///< the DLL that CryptoAPI loads; empty: none
-    std::filesystem::path providerFile_; ///< the DLL that was examined for CNG
-    std::vector<Json> keys_;             ///< on all tokens
+    std::filesystem::path registered_;      ///< the DLL that CryptoAPI loads; empty: none
+    std::filesystem::path otherRegistered_; ///< the same for programs of the other kind, 32 or 64 bits
+    std::filesystem::path providerFile_;    ///< the DLL that was examined for CNG
+    std::vector<Json> keys_;                ///< on all tokens
 };
 
 } // namespace

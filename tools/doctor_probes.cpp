@@ -116,6 +116,24 @@ void probeLibrary(const ProbeReport& report, const ProviderChoice& provider, con
     }
 }
 
+/// The library that programs of the other kind get. This program cannot load it: the file is read.
+void probeOtherLibrary(const ProbeReport& report, const ProviderChoice& provider, const DoctorOptions&) {
+    report.step("reading the file of the device library");
+    constexpr unsigned kOtherBits = sizeof(void*) == 8 ? 32 : 64;
+    for (const std::filesystem::path& folder : {provider.dll.parent_path(), systemFolder(kOtherBits)}) {
+        const std::filesystem::path file = folder / "VeltraDSCLibrary.dll";
+        std::error_code ignored;
+        if (folder.empty() || !std::filesystem::exists(file, ignored)) continue;
+        const std::set<std::string> names = exportedNames(file);
+        report.fact("library",
+                    {{"path", toUtf8(file.native())},
+                     {"version", fileVersion(file)},
+                     {"bits", fileBits(file)},
+                     {"missing", missingExports([&](const char* name) { return names.contains(name); })}});
+        return;
+    }
+}
+
 // The two interfaces.
 
 void probeCryptoApi(const ProbeReport& report, const ProviderChoice& provider, const DoctorOptions&) {
@@ -201,10 +219,13 @@ struct Probe {
     void (*run)(const ProbeReport&, const ProviderChoice&, const DoctorOptions&);
 };
 
-constexpr std::array kProbes = {
-    Probe{"library", probeLibrary}, Probe{"cryptoapi", probeCryptoApi},
-    Probe{"cng", probeCng},         Probe{"cng-registration", probeCngRegistration},
-    Probe{"router", probeRouter},   Probe{"signature", probeSignature}};
+constexpr std::array kProbes = {Probe{"library", probeLibrary},
+                                Probe{"other-library", probeOtherLibrary},
+                                Probe{"cryptoapi", probeCryptoApi},
+                                Probe{"cng", probeCng},
+                                Probe{"cng-registration", probeCngRegistration},
+                                Probe{"router", probeRouter},
+                                Probe{"signature", probeSignature}};
 
 } // namespace
 

@@ -5,10 +5,13 @@
 #include "foundation/text.h"
 #include "foundation/win_handle.h"
 
+#include <dbghelp.h>
+
 #include <bit>
 #include <cstddef>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <vector>
 
 namespace veltra {
@@ -80,6 +83,37 @@ unsigned fileBits(const std::filesystem::path& file) {
                            read(headers, start.e_lfanew) && headers.Signature == IMAGE_NT_SIGNATURE;
     if (!isProgram) return 0;
     return headers.FileHeader.Machine == IMAGE_FILE_MACHINE_I386 ? 32 : 64;
+}
+
+std::set<std::string> exportedNames(const std::filesystem::path& file) {
+    std::set<std::string> names;
+    std::ifstream stream(file, std::ios::binary);
+    std::vector<char> image{std::istreambuf_iterator(stream), {}};
+    auto* const headers = fileBits(file) != 0 ? ImageNtHeader(image.data()) : nullptr;
+    if (headers == nullptr) return names;
+    const auto at = [&](DWORD address) { return ImageRvaToVa(headers, image.data(), address, nullptr); };
+    ULONG length = 0;
+    const auto* exports = static_cast<const IMAGE_EXPORT_DIRECTORY*>(
+        ImageDirectoryEntryToData(image.data(), FALSE, IMAGE_DIRECTORY_ENTRY_EXPORT, &length));
+    if (exports != nullptr) {
+        const auto* addresses = static_cast<const DWORD*>(at(exports->AddressOfNames));
+        for (DWORD i = 0; addresses != nullptr && i < exports->NumberOfNames; ++i) {
+            if (const void* text = at(addresses[i])) names.insert(static_cast<const char*>(text));
+        }
+    }
+    return names;
+}
+
+std::filesystem::path systemFolder(unsigned bits) {
+    std::wstring folder(kPathCapacity, L'\0');
+    const bool isOwn = bits == 8 * sizeof(void*);
+    if (!isOwn && bits == 64) { // under this name 32-bit programs see it
+        folder.resize(GetWindowsDirectoryW(folder.data(), kPathCapacity));
+        return std::filesystem::path(folder) / "Sysnative";
+    }
+    folder.resize(isOwn ? GetSystemDirectoryW(folder.data(), kPathCapacity)
+                        : GetSystemWow64DirectoryW(folder.data(), kPathCapacity));
+    return folder;
 }
 
 std::string platformName() {

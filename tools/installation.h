@@ -5,6 +5,7 @@
 #include <array>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace veltra {
@@ -43,6 +44,13 @@ std::string fileVersion(const std::filesystem::path& file);
 
 /// 64 or 32 for a program file (PE) of that kind, 0 for any other file.
 unsigned fileBits(const std::filesystem::path& file);
+
+/// The names that a program file (PE) of either kind exports. A file that cannot be read as one has none; a
+/// damaged one may crash: for a probe.
+std::set<std::string> exportedNames(const std::filesystem::path& file);
+
+/// The folder of the system's DLLs for 64- or 32-bit programs.
+std::filesystem::path systemFolder(unsigned bits);
 
 /// Whether the platform is Wine, and which: "Wine 8.0"; "Windows" for all others, with the version.
 std::string platformName();

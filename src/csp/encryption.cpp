@@ -7,6 +7,7 @@
 #include "csp/key_handle.h"
 #include "foundation/device_library.h"
 #include "foundation/library_buffer.h"
+#include "foundation/secret.h"
 #include "token/aes_encryption.h"
 #include "token/aes_keys.h"
 #include "token/crypto_policy.h"
@@ -78,27 +79,35 @@ Outcome encryptSymmetric(const CSP_CONTEXT& context, const KEY_HANDLE& key, bool
     return success();
 }
 
+constexpr std::size_t kLongestRsaCiphertext = 512; // of RSA 4096
+
 // The count of public key bytes is compared with sizes in bits: deliberate, and so nearly always RSA 2048.
 EncryptionType rsaTypeFor(const KEY_HANDLE& key) {
     return rsaEncryptionType(key.publicKeyLength);
 }
 
+// An EC key's point is handed over as it is, for the library to refuse: it must never be encoded as a
+// modulus.
+Bytes encryptionKeyOf(const KEY_HANDLE& key) {
+    const std::span<const unsigned char> stored = key.publicKeyBytes();
+    if (key.algId == kEcAlgId) return {stored.begin(), stored.end()};
+    return rsaPublicKeyAsDer(stored, {"CSP: Public key is already DER encoded",
+                                      "CSP: Public key is raw modulus, converting to DER"});
+}
+
 Outcome encryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flags, DWORD outputLength,
                    const DataBuffer& buffer) {
-    const Bytes publicKey =
-        rsaPublicKeyAsDer(key.publicKeyBytes(), {"CSP: Public key is already DER encoded",
-                                                 "CSP: Public key is raw modulus, converting to DER"});
+    const Bytes publicKey = encryptionKeyOf(key);
     const PaddingMode padding = (flags & CRYPT_OAEP) != 0 ? PaddingMode::OaepSha1 : PaddingMode::Pkcs1;
-    Bytes output(outputLength);
+    // The type that the library is told is hardly that of a small key: it has room for what that type gives.
+    SecretBuffer output;
+    output.allocate(std::max<std::size_t>(outputLength, kLongestRsaCiphertext));
     std::uint32_t length = 0;
     const int code = encryptForKey(rsaTypeFor(key), padding, {buffer.data, buffer.inputLength}, publicKey,
-                                   output, length, context.libraryContext);
-    if (code == kDeviceOk) {
-        std::reverse_copy(output.begin(), output.begin() + length, buffer.data);
-        *buffer.outputLength = length;
-    }
-    wipe(output.data(), output.size());
+                                   {output.data(), outputLength}, length, context.libraryContext);
     if (code != kDeviceOk) return refuse(NTE_PROVIDER_DLL_FAIL, concat("Encrypt data failed: ", code));
+    std::reverse_copy(output.data(), output.data() + length, buffer.data);
+    *buffer.outputLength = length;
     Utils::debug("CPEncrypt - return success");
     return success();
 }

@@ -37,7 +37,10 @@ int startDeviceHash(const CSP_CONTEXT& context, std::uint32_t mechanism, void** 
 
 int finishDeviceHash(const CSP_CONTEXT& context, void* deviceHash, unsigned char* digest,
                      std::uint32_t capacity, std::uint32_t& length) {
-    return finishDeviceHash(deviceHash, {digest, capacity}, length, context.libraryContext);
+    SecretBytes<kHashValueCapacity> written;
+    const int code = finishDeviceHash(deviceHash, {written.data(), capacity}, length, context.libraryContext);
+    if (code == kDeviceOk) std::copy_n(written.data(), length, digest);
+    return code;
 }
 
 } // namespace veltra

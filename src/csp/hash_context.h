@@ -62,8 +62,9 @@ inline std::shared_ptr<HASH_CONTEXT> liveHash(HCRYPTHASH handle) {
     return LiveRecords<HASH_CONTEXT>::find(handle);
 }
 
-/// Finishes `deviceHash` into `digest`, a buffer of `capacity` bytes. On success `length` is the number of
-/// bytes written; a length that does not fit `capacity` is a failure. Returns the library's code.
+/// Finishes `deviceHash` into `digest`, a buffer of `capacity` bytes, at most kHashValueCapacity. On success
+/// `length` is the number of bytes written; a length that does not fit `capacity` is a failure. A failure
+/// leaves `digest` as it was. Returns the library's code.
 int finishDeviceHash(const CSP_CONTEXT& context, void* deviceHash, unsigned char* digest,
                      std::uint32_t capacity, std::uint32_t& length);
 

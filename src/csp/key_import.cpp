@@ -19,6 +19,7 @@
 #include <array>
 #include <climits>
 #include <cstring>
+#include <new>
 
 namespace veltra {
 
@@ -64,7 +65,11 @@ Outcome importPublicKey(Blob blob, HCRYPTKEY* phKey) {
     const std::size_t modulusLength = header.bitlen / 8;
     const std::size_t required = modulusLength + kPublicKeyBlobModulusOffset;
     if (blob.size() < required) return refuseSize(required);
-    Bytes modulus(modulusLength);
+    const std::unique_ptr<unsigned char[]> memory(new (std::nothrow) unsigned char[modulusLength]);
+    if (!memory) {
+        return refuse(NTE_NO_MEMORY, "CPImportKey PUBLICKEYBLOB: failed to allocate beModulus buffer");
+    }
+    const std::span modulus(memory.get(), modulusLength);
     copyPublicKeyBlobModulus(blob, modulus);
     const std::array<unsigned char, 3> exponent = exponentBytes(header.pubexp);
     Utils::debug("Public exponent : ", toHex(exponent));

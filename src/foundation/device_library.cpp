@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <bit>
+#include <functional>
 
 namespace veltra {
 
@@ -16,12 +17,13 @@ namespace {
 /// The exports of a loaded device library.
 class LoadedDeviceLibrary final : public DeviceLibrary {
 public:
-    /// Binds every export of `module`, which stays loaded until the process ends. Returns the names of those
-    /// that are missing.
-    std::vector<const char*> bind(HMODULE module) {
+    /// Binds every export to the address that `find` gives for its name, null for none. Returns the names of
+    /// those that are missing.
+    template <class Find>
+    std::vector<const char*> bind(const Find& find) {
         std::vector<const char*> missing;
         const auto bindExport = [&](auto*& function, const char* name) {
-            const FARPROC address = GetProcAddress(module, name);
+            const FARPROC address = find(name);
             if (address == nullptr) missing.push_back(name);
             function = std::bit_cast<std::remove_reference_t<decltype(function)>>(address);
         };
@@ -243,12 +245,18 @@ DeviceLibraryBinding bindDeviceLibrary(const std::wstring& folder) {
     if (!module) return binding;
     binding.file = moduleFile(module.get());
     auto library = std::make_unique<LoadedDeviceLibrary>();
-    binding.missingExports = library->bind(module.get());
+    binding.missingExports =
+        library->bind([&](const char* name) { return GetProcAddress(module.get(), name); });
     if (binding.missingExports.empty()) {
         binding.library = std::move(library);
         static_cast<void>(module.release());
     }
     return binding;
+}
+
+std::vector<const char*> missingExports(const std::function<bool(const char*)>& has) {
+    const auto anyAddress = std::bit_cast<FARPROC>(&missingExports); // is asked for, and never called
+    return LoadedDeviceLibrary().bind([&](const char* name) { return has(name) ? anyAddress : nullptr; });
 }
 
 DeviceLibrary& deviceLibrary() {

@@ -2,7 +2,10 @@
 
 #include "foundation/device_library.h"
 
+#include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace veltra {
 
@@ -18,5 +21,9 @@ struct DeviceLibraryBinding {
 /// none) in the place of this module's folder, and binds it. A library that is bound stays loaded until the
 /// process ends.
 DeviceLibraryBinding bindDeviceLibrary(const std::wstring& folder);
+
+/// Which of the exports that a device library must have are not among those that `has` knows: for a file that
+/// this process cannot load.
+std::vector<const char*> missingExports(const std::function<bool(const char*)>& has);
 
 } // namespace veltra

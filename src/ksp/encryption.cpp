@@ -36,10 +36,12 @@ using Input = std::span<const unsigned char>;
 /// The hash that a BCRYPT_OAEP_PADDING_INFO names. Nothing when the structure or the name in it is missing.
 std::optional<std::string> oaepHashName(const void* paddingInfo) {
     if (paddingInfo == nullptr) return std::nullopt;
-    BCRYPT_OAEP_PADDING_INFO info{};
-    std::memcpy(&info, paddingInfo, sizeof(info));
-    if (info.pszAlgId == nullptr) return std::nullopt;
-    return fromWide(info.pszAlgId);
+    // The name comes first, and no more is read: with the flags of both paddings it may be a shorter
+    // BCRYPT_PKCS1_PADDING_INFO.
+    LPCWSTR name = nullptr;
+    std::memcpy(&name, paddingInfo, sizeof(name));
+    if (name == nullptr) return std::nullopt;
+    return fromWide(name);
 }
 
 // Whoever sets the flags of both paddings encrypts with OAEP but is taken for PKCS#1 in decryption:

@@ -8,6 +8,12 @@ int lengthOf(std::span<const unsigned char> bytes) {
     return static_cast<int>(bytes.size());
 }
 
+// What is empty is for the library to refuse, but it gets no null pointer.
+const unsigned char* dataOf(std::span<const unsigned char> bytes) {
+    static constexpr unsigned char kNothing = 0;
+    return bytes.empty() ? &kNothing : bytes.data();
+}
+
 } // namespace
 
 int signWithKey(const TokenKey& key, const Pin& pin, std::span<const unsigned char> hash, bool pss,
@@ -46,8 +52,8 @@ int verifySignature(const std::string& serial, const VerificationKey& key,
                     std::span<const unsigned char> hash, std::span<const unsigned char> signature, bool pss,
                     void* libraryContext) {
     return deviceLibrary().veltra_verifySignatureHash(
-        key.keyType, serial.c_str(), hash.data(), lengthOf(hash), key.bytes.data(), lengthOf(key.bytes),
-        signature.data(), lengthOf(signature), libraryContext, pss);
+        key.keyType, serial.c_str(), hash.data(), lengthOf(hash), dataOf(key.bytes), lengthOf(key.bytes),
+        dataOf(signature), lengthOf(signature), libraryContext, pss);
 }
 
 EncryptionType rsaEncryptionType(std::uint32_t bits) {
@@ -66,12 +72,9 @@ EncryptionType rsaEncryptionType(std::uint32_t bits) {
 int encryptForKey(EncryptionType type, PaddingMode padding, std::span<const unsigned char> plaintext,
                   std::span<const unsigned char> publicKey, std::span<unsigned char> ciphertext,
                   std::uint32_t& length, void* libraryContext) {
-    // A key object may have no public key: that is for the library to refuse, but it gets no null pointer.
-    static constexpr unsigned char kNothing = 0;
-    const unsigned char* const keyBytes = publicKey.empty() ? &kNothing : publicKey.data();
     int reported = lengthOf(ciphertext);
     const int result = deviceLibrary().veltra_encrypt(type, padding, plaintext.data(), lengthOf(plaintext),
-                                                      ciphertext.data(), &reported, keyBytes,
+                                                      ciphertext.data(), &reported, dataOf(publicKey),
                                                       lengthOf(publicKey), libraryContext);
     const int code = checkReportedLength(result, reported, ciphertext.size());
     if (code == kDeviceOk) length = static_cast<std::uint32_t>(reported);

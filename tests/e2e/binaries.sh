@@ -12,8 +12,8 @@ expected=(
 )
 
 # Not bcrypt.dll: the provider loads it for its registration only.
-systemLibraries=$(printf '%s\n' advapi32.dll crypt32.dll kernel32.dll msvcrt.dll shell32.dll user32.dll version.dll \
-    ws2_32.dll | LC_ALL=C sort)
+systemLibraries=$(printf '%s\n' advapi32.dll crypt32.dll dbghelp.dll kernel32.dll msvcrt.dll shell32.dll user32.dll \
+    version.dll ws2_32.dll | LC_ALL=C sort)
 
 # checkPrograms FOLDER FORMAT PROPERTY...: of the files $programs in FOLDER, whose header is of this FORMAT and has each
 # PROPERTY.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <sstream>
 
 namespace veltra::test {
 
@@ -66,6 +67,14 @@ std::string readLog() {
 void removeLog() {
     for (const std::string& path : logFiles())
         DeleteFileA(path.c_str());
+}
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
 }
 
 std::string withoutTime(const std::string& line) {

@@ -20,6 +20,8 @@ std::vector<std::string> logFiles();
 std::string readLog();
 void removeLog();
 
+std::vector<std::string> linesOf(const std::string& text);
+
 /// "ERROR CPHashData: ..." of a line "15/11::06:57:53:123-> ->ERROR ::=>CPHashData: ...".
 std::string withoutTime(const std::string& line);
 

@@ -7,7 +7,6 @@
 #include <array>
 #include <atomic>
 #include <ostream>
-#include <sstream>
 #include <string_view>
 #include <utility>
 
@@ -53,14 +52,6 @@ Answer refused(DWORD lastError, std::vector<std::string> errors) {
 
 Answer accepted(DWORD lastError) {
     return {TRUE, lastError, {}};
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(line);
-    return lines;
 }
 
 void runOnThreads(int count, const std::function<void()>& body) {

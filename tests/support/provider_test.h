@@ -34,8 +34,6 @@ constexpr DWORD kUntouched = 0xCAFE;
 /// TRUE with this last error and no error line.
 Answer accepted(DWORD lastError = kUntouched);
 
-std::vector<std::string> linesOf(const std::string& text);
-
 /// Runs `body` on `count` threads at once and returns when all have ended.
 void runOnThreads(int count, const std::function<void()>& body);
 

@@ -62,12 +62,9 @@ TEST_F(CertificateChainTest, MessageHasNoSignersAndTheCertificatesRootFirst) {
         std::string certificates;
         for (const Bytes& der : inMessage)
             certificates += toHex(der);
-        const auto lengthOf = [&certificates](std::size_t around) {
-            return "82" + toHex8(static_cast<std::uint32_t>(certificates.size() / 2 + around)).substr(4);
-        };
-        EXPECT_EQ(toHex(message),
-                  concat("30", lengthOf(43), "06092A864886F70D010702A0", lengthOf(28), "30", lengthOf(24),
-                         "0201013100300B06092A864886F70D010701A0", lengthOf(0), certificates, "3100"));
+        EXPECT_THAT(toHex(message), testing::AllOf(HasSubstr("06092A864886F70D010702A0"),
+                                                   testing::EndsWith(certificates + "3100")));
+        EXPECT_EQ(size, certificates.size() / 2 + 47);
     };
     expectMessage({leaf, root, {0x30, 0x00}, intermediate}, {root, intermediate, leaf});
     expectMessage({leaf, root}, {leaf}); // its issuer is not on the token
@@ -107,7 +104,6 @@ protected:
         library.clearCalls();
         return run(CPSetKeyParam, provider, key, KP_CERTIFICATE, der.data(), 0);
     }
-    auto lines(const std::string& line) const { return std::ranges::count(debugLines, line); }
     /// The common names of what was imported, in order.
     std::vector<std::string> imported() const {
         std::vector<std::string> names;
@@ -126,16 +122,13 @@ TEST_F(KeyCertificateTest, ReadingItRereadsTheToken) {
     const HCRYPTPROV provider = acquire();
     const HCRYPTKEY key = userKey(provider, AT_KEYEXCHANGE);
     DWORD length = 0;
-    const auto get = [&] { return run(CPGetKeyParam, provider, key, KP_CERTIFICATE, nullptr, &length, 0); };
     library.clearCalls();
-    EXPECT_EQ(get(), refused(NTE_NOT_FOUND, {"CPGetKeyParam: KP_CERTIFICATE not found, return FALSE"}));
+    token.addCertificate(0x11, leaf).derLength = 0xFFFFFFFF;
+    EXPECT_EQ(run(CPGetKeyParam, provider, key, KP_CERTIFICATE, nullptr, &length, 0),
+              refused(NTE_NOT_FOUND, {"CPGetKeyParam: KP_CERTIFICATE not found, return FALSE"}));
     EXPECT_THAT(library.calls(),
                 ElementsAre("veltra_initDevice(serial=" + serial + ", reread=1)",
                             "veltra_findCertificateForKey(serial=" + serial + ", key=1111..1111)"));
-    token.addCertificate(0x11, leaf);
-    EXPECT_EQ(get(), accepted());
-    token.certificates[0].derLength = 0xFFFFFFFF;
-    EXPECT_FALSE(get().result);
 }
 
 TEST_F(KeyCertificateTest, NoMoreThanTheDerHeaderSaysIsRead) {
@@ -155,7 +148,6 @@ TEST_F(KeyCertificateTest, NoMoreThanTheDerHeaderSaysIsRead) {
         Bytes der = header;
         if (total <= 3072) der.resize(total);
         const Answer answer = set(der);
-        expectLogged({concat(kSet, "DER length=", total)});
         if (total <= 3072) {
             EXPECT_EQ(answer, unparsed);
             EXPECT_THAT(library.calls().back(), testing::EndsWith(concat("(", total, "))")));
@@ -167,29 +159,22 @@ TEST_F(KeyCertificateTest, NoMoreThanTheDerHeaderSaysIsRead) {
 }
 
 TEST_F(KeyCertificateTest, IssuersAreImportedNearestFirstAndTheCertificateLast) {
-    // `missing` is the issuer that ends the walk; without one it ends with a self-signed one or a guard.
-    const auto expectImported = [&](const std::vector<Bytes>& files, const std::vector<std::string>& expected,
-                                    const std::string& missing = {}) {
+    const auto expectImported = [&](const std::vector<Bytes>& files,
+                                    const std::vector<std::string>& expected) {
         token.certificates.clear();
         library.caFiles.clear();
         for (const Bytes& der : files)
             library.caFiles.emplace_back("file", der);
         EXPECT_EQ(set(leaf), accepted());
         EXPECT_EQ(imported(), expected);
-        EXPECT_EQ(lines(kImport + "Issuer '" + missing + "' NOT found \xE2\x80\x94 skipping chain import"),
-                  !missing.empty());
-        const bool alone = expected.size() == 1;
-        EXPECT_EQ(lines(kImport + "certificate imported successfully"), alone ? 0 : std::ssize(expected));
-        EXPECT_EQ(lines(kImport + "chain import skipped \xE2\x80\x94 performing normal leaf import"), alone);
-        expectLogged({kSet + "imported successfully", kImport + "CA Folder: " + kFolder});
     };
     const Bytes middle = certificate("middle", "root");
     const Bytes root = certificate("root", "root");
     expectImported({root, {0x30, 0, 0, 0}, middle}, {"middle", "root", "leaf"});
-    expectImported({root}, {"leaf"}, "middle");
-    expectImported({middle}, {"middle", "leaf"}, "root");
+    expectImported({root}, {"leaf"});
+    expectImported({middle}, {"middle", "leaf"}); // its issuer is missing
     expectImported({middle, certificate("root", "middle")}, {"middle", "root", "leaf"});
-    expectImported({certificate("middle", std::string(3100, 'r'))}, {"leaf"}, "middle");
+    expectImported({certificate("middle", std::string(3100, 'r'))}, {"leaf"});
     EXPECT_THAT(library.calls("veltra_getFilesWithExtensionsAndConvertDER"),
                 ElementsAre("veltra_getFilesWithExtensionsAndConvertDER(folder=" + kFolder +
                             ", extensions= .cer .der .pem .crt)"));
@@ -199,7 +184,9 @@ TEST_F(KeyCertificateTest, IssuersAreImportedNearestFirstAndTheCertificateLast) 
     EXPECT_STREQ(stored.label, kPairLabel) << "the key pair's";
     SetEnvironmentVariableA("VELTRA_HOME", "");
     set(leaf);
-    EXPECT_EQ(lines(kImport + "CA Folder: \\VeltraDSC\\Certificates"), 0) << "empty: the install folders";
+    EXPECT_THAT(library.calls("veltra_getFilesWithExtensionsAndConvertDER"),
+                Not(Contains(HasSubstr("folder=\\VeltraDSC"))))
+        << "empty: the install folders";
 }
 
 TEST_F(KeyCertificateTest, FailedImports) {
@@ -223,8 +210,6 @@ TEST_F(KeyCertificateTest, LabelIsMadeOfTheNamesAndGivenToAnUnnamedKeyPair) {
         const std::string label = concat("leaf_C=XX, CN=", issuer, ", O=x").substr(0, 128);
         EXPECT_EQ(set(certificate("leaf", issuer)), accepted());
         EXPECT_EQ(token.certificates.back().label, label);
-        expectLogged({kImport + "label not provided, using: " + label,
-                      kImport + "updating empty key pair alias to: " + label});
         EXPECT_EQ(library.calls().back(), "veltra_updateKeyPairDetails(serial=" + serial +
                                               ", key=1111..1111, pin=1234, label=" + label +
                                               ", data=null(0))");

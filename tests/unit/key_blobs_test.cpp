@@ -50,8 +50,6 @@ TEST_F(KeyExportTest, BlobHasTheTokensModulusReversed) {
         EXPECT_EQ(length, expected.size());
         length = 5000;
         EXPECT_EQ(exports(blob.data()), accepted(ERROR_SUCCESS));
-        EXPECT_THAT(debugLines, ElementsAre("CPExportKey", "dwBlobType : 6", "dwFlags : 4294967295",
-                                            "key usage : 9216", "Exportkey return status : 1"));
         EXPECT_EQ(length, expected.size());
         EXPECT_EQ(blob, expected);
     }
@@ -112,17 +110,12 @@ TEST_F(KeyImportTest, LengthsAndTypes) {
                       ? notImplemented
                       : refused(kBadType, {concat("CPImportKey - Unsupported type : ", type)}));
     }
-    EXPECT_THAT(debugLines,
-                ElementsAre("CPImportKey", "Input length : 14", "Input flag : 240",
-                            "CPImportKey - input type : 255", "CPImportKey - input version : 9",
-                            "CPImportKey - input alg : 26128", "CPImportKey - input data length : 2"));
 }
 
 TEST_F(KeyImportTest, PublicKeysReportTheTokensCodeAsTheirAlgorithm) {
     for (const auto& [bits, code] : {std::pair{1024u, 1u}, {2048u, 2u}, {3072u, 3u}, {4096u, 4u}}) {
         const Bytes blob = publicKeyBlob(bits, bits / 8 + 3); // bytes beyond are ignored
         ASSERT_EQ(import(blob), accepted());
-        expectLogged({"Public exponent : 010001", "PUBLICKEYBLOB imported successfully"});
         expectKey(code, bits, noId);
         const Bytes modulus(std::reverse_iterator(blob.end() - 3), std::reverse_iterator(blob.begin() + 20));
         EXPECT_EQ(Bytes(record->publicKey, record->publicKey + record->publicKeyLength),
@@ -165,8 +158,6 @@ TEST_F(KeyImportTest, SessionKeysAreDecryptedInEitherByteOrder) {
         EXPECT_EQ(toHex({record->symmetricKey.data(), record->symmetricKeyLength}),
                   toHex(Bytes(keyLength, 'S')));
         EXPECT_EQ(record->keyUsage, 0u);
-        expectLogged({"Input key id : " + std::string(32, '1'), "Output key id : " + noId,
-                      "SIMPLEBLOB imported successfully (AES)"});
     };
     expectSessionKey(CALG_AES_128, 16, 8);
     expectSessionKey(CALG_AES_192, 24, 10);
@@ -190,7 +181,6 @@ TEST_F(KeyImportTest, PlaintextKeysAreStoredOnTheToken) {
     for (const auto& [algorithm, type] : {std::pair{0x660Eu, 8}, {0x660Fu, 10}, {0x6610u, 10}}) {
         ASSERT_EQ(import(blobOf(PLAINTEXTKEYBLOB, algorithm, Bytes(24, 0x4B))), accepted());
         EXPECT_EQ(library.calls(), std::vector{storing("4B4B..4B4B(24)", type)});
-        EXPECT_THAT(debugLines, Contains("PLAINTEXTKEYBLOB imported successfully (AES)"));
         expectStoredKey(algorithm);
     }
     EXPECT_EQ(import(blobOf(PLAINTEXTKEYBLOB, CALG_RC4, Bytes(16))),
@@ -220,9 +210,6 @@ TEST_F(KeyImportTest, WrappedKeysAreTriedWithEveryAesKeyAndLoseTheirLastFourByte
                                                  attempt + "C1C1..C1C1" + input + "0, iv=null(0))",
                                                  attempt + "C2C2..C2C2" + input + "1, iv=null(0))",
                                                  storing("5757..5757(32)", type)));
-        expectLogged({"SYMMETRICWRAPKEYBLOB: wrapped key length = 33",
-                      "Successfully unwrapped key with KEK: C2C2C2C2C2C2C2C2C2C2C2C2C2C2C2C2",
-                      "SYMMETRICWRAPKEYBLOB imported successfully"});
         expectStoredKey(algorithm);
     }
     const Answer noKey =

@@ -8,6 +8,7 @@
 #include "token/device_state.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace veltra::test {
 namespace {
@@ -112,17 +113,17 @@ TEST_F(KspProviderTest, PropertiesThatAreAnsweredAndThatAreNot) {
     }
 }
 
-TEST_F(KspProviderTest, WindowHandleIsTakenFromEightBytesAndClearedByLess) {
+TEST_F(KspProviderTest, WindowHandleIsTakenFromItsWholeSizeAndClearedByLess) {
     const BYTE unaligned[10] = {0xEE, 1, 2, 3, 4, 5, 6, 7, 8, 0xEE};
-    const auto window = [&] {
-        return reinterpret_cast<std::uintptr_t>(liveProvider(provider)->parentWindow.load());
-    };
-    const std::pair<const void*, DWORD> kClearing[] = {{unaligned, 7}, {nullptr, 8}};
+    HWND given = nullptr;
+    std::memcpy(&given, unaligned + 1, sizeof given);
+    const std::pair<const void*, DWORD> kClearing[] = {{unaligned, sizeof given - 1},
+                                                       {nullptr, sizeof given}};
     for (const auto& [value, length] : kClearing) {
-        EXPECT_EQ(set(L"HWND Handle", unaligned + 1, 9), succeeded());
-        EXPECT_EQ(window(), 0x0807060504030201u);
+        EXPECT_EQ(set(L"HWND Handle", unaligned + 1, sizeof given + 1), succeeded());
+        EXPECT_EQ(liveProvider(provider)->parentWindow.load(), given);
         EXPECT_EQ(set(L"HWND Handle", value, length), succeeded());
-        EXPECT_EQ(window(), 0u);
+        EXPECT_EQ(liveProvider(provider)->parentWindow.load(), nullptr);
     }
 }
 

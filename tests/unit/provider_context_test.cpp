@@ -34,14 +34,11 @@ protected:
         const auto context = liveContext(acquire(container.c_str()));
         return context ? context->keyName : "refused";
     }
-    /// The last call started the device monitor, or found it running, initialised the token, made
-    /// these two calls of the library and no more.
-    void expectInitialisationAnd(const std::string& next, const std::string& last) const {
+    /// The last call started the device monitor, or found it running, and initialised the token.
+    void expectInitialisation() const {
         EXPECT_THAT(debugLines, Contains(testing::StartsWith("Monitor thread ")));
-        EXPECT_THAT(library.calls(),
-                    ElementsAre("veltra_init(mode=0, kind=2)", "veltra_getConnectedDeviceList(refresh=0)",
-                                "veltra_init(mode=0, kind=2)",
-                                "veltra_initDevice(serial=" + serial + ", reread=0)", next, last));
+        EXPECT_THAT(library.calls("veltra_initDevice"),
+                    ElementsAre("veltra_initDevice(serial=" + serial + ", reread=0)"));
     }
 
     HCRYPTPROV handle = 0;
@@ -51,15 +48,11 @@ TEST_F(ProviderContextTest, AnyOfTheTopFourBitsMakesAVerifyContextThatTouchesNoT
     token.connected = false;
     for (const DWORD flags : {0xF0000000u, 0x10000000u, 0x20000000u, 0x40000000u, 0x80000040u}) {
         EXPECT_EQ(open("name", flags), accepted());
-        EXPECT_THAT(debugLines,
-                    ElementsAre("CPAcquireContext", concat("CPAcquireContext - dwFlags : ", flags),
-                                concat("CPAcquireContext - isSilent : ", flags & 0x40 ? 1 : 0),
-                                "CPAcquireContext: CRYPT_VERIFYCONTEXT, no token required, return TRUE"));
         const auto context = liveContext(handle);
         ASSERT_NE(context, nullptr);
         EXPECT_EQ(context->serial + context->containerName, "");
         EXPECT_EQ(context->fixedWord, 0u);
-        EXPECT_EQ(context->initialised, 1);
+        EXPECT_EQ(context->silent != 0, (flags & CRYPT_SILENT) != 0);
     }
     EXPECT_THAT(library.calls(), IsEmpty());
 }
@@ -68,10 +61,7 @@ TEST_F(ProviderContextTest, WithoutAContainerTheFirstTokenIsOpened) {
     token.addKeyPair(0x11);
     token.addKeyPair(0xAB);
     EXPECT_EQ(open(nullptr, CRYPT_NEWKEYSET | CRYPT_MACHINE_KEYSET), accepted());
-    expectLogged({"CPAcquireContext - dwFlags : 40", "CPAcquireContext - Container name not provided",
-                  "CPAcquireContext: container= serial=" + serial + " silent=0, return TRUE"});
-    expectInitialisationAnd("veltra_getConnectedDeviceList(refresh=0)",
-                            "veltra_getKeyPairList(serial=" + serial + ")");
+    expectInitialisation();
     const auto context = liveContext(handle);
     ASSERT_NE(context, nullptr);
     EXPECT_EQ(context->fixedWord, 4096u);
@@ -87,16 +77,13 @@ TEST_F(ProviderContextTest, TokenThatHoldsTheNamedKeyIsChosenIgnoringCaseElseThe
     library.addToken(second).addKeyPair(0xAB);
     const auto expectToken = [&](const std::string& container, const std::string& expected) {
         EXPECT_EQ(open(container.c_str(), CRYPT_SILENT), accepted());
-        expectLogged({"CPAcquireContext - Container name : " + container,
-                      concat("CPAcquireContext: container=", container, " serial=", expected,
-                             " silent=1, return TRUE")});
         const auto context = liveContext(handle);
         ASSERT_NE(context, nullptr);
+        EXPECT_EQ(context->serial, expected);
         EXPECT_EQ(context->containerName, container);
         EXPECT_EQ(context->persistedContainer, !container.empty());
     };
     expectToken("no key of any token", serial);
-    EXPECT_THAT(debugLines, Contains("Acquire Context :: Key List is empty"));
     token.addKeyPair(0x11);
     expectToken(kLetters, second);
     expectToken(kLowerCase, second);
@@ -130,12 +117,8 @@ TEST_F(ProviderContextTest, ContainerMapGivesTheFirstKeyNameAndIsCached) {
     const std::string both = kId2 + "," + kId1;
     const std::string name = mappedContainer(both + std::string(1, '\0'));
     EXPECT_EQ(keyNameOfContainer(name), kId2);
-    EXPECT_THAT(takeLogLines(),
-                Contains("DEBUG CPAcquireContext - resolved container (registry) " + name + " -> " + kId2));
     writeContainerValue(name, kId1);
     EXPECT_EQ(keyNameOfContainer(name), kId2) << "the cache comes first";
-    EXPECT_THAT(takeLogLines(),
-                Contains("DEBUG CPAcquireContext - resolved container " + name + " -> " + kId2));
 }
 
 TEST_F(ProviderContextTest, RegistryDataIsNotTrusted) {
@@ -173,11 +156,7 @@ const std::string kDeleting = "CPAcquireContext: CRYPT_DELETEKEYSET ";
 
 TEST_F(DeleteKeysetTest, NothingMappedSucceedsWithoutAToken) {
     EXPECT_EQ(open(nullptr, CRYPT_DELETEKEYSET), accepted());
-    EXPECT_THAT(debugLines,
-                ElementsAre("CPAcquireContext", "CPAcquireContext - dwFlags : 16",
-                            kDeleting + "container=(null)", kDeleting + "no container name, return TRUE"));
     EXPECT_EQ(deleteKeyset("unmapped", 0xF0000000), accepted()) << "deletion comes before a verify context";
-    expectLogged({kDeleting + "container=unmapped", kDeleting + "no mapped keys for container, return TRUE"});
     EXPECT_THAT(library.calls(), IsEmpty());
 }
 
@@ -198,9 +177,6 @@ TEST_F(DeleteKeysetTest, DeletesTheMappedKeysInOrderAndGoesOnAfterAFailure) {
               (Answer{TRUE, kUntouched, {failure}}));
     EXPECT_EQ(handle, 0u);
     EXPECT_THAT(deletions(), ElementsAre(deletion("3333..3333", 1), deletion("2222..2222", 1)));
-    expectLogged({kDeleting + "deleting key " + kId2,
-                  kDeleting + "key " + kLowerCase + " not found on token, skip",
-                  kDeleting + "done, return TRUE"});
     EXPECT_EQ(token.keyPairs.size(), 3u);
     EXPECT_EQ(readContainerValue(name), "");
     EXPECT_EQ(keyNameOfContainer(name), name) << "gone from the cache as well";
@@ -212,7 +188,8 @@ TEST_F(DeleteKeysetTest, AlwaysWorksOnTheFirstTokenEvenIfItRefusesInitialisation
     storePinOfToken();
     library.script("veltra_initDevice", {.result = 5});
     EXPECT_EQ(deleteKeyset(mappedContainer(kId1), CRYPT_SILENT), accepted());
-    expectInitialisationAnd("veltra_getKeyPairList(serial=" + serial + ")", deletion("1111..1111", 0));
+    expectInitialisation();
+    EXPECT_THAT(deletions(), ElementsAre(deletion("1111..1111", 0)));
     EXPECT_TRUE(isInitialised(serial));
 }
 
@@ -226,7 +203,7 @@ TEST_F(DeleteKeysetTest, RefusalsLeaveTheMapAlone) {
               refused(NTE_SILENT_CONTEXT, {kDeleting + "CRYPT_SILENT set, cannot prompt for PIN"}));
     EXPECT_EQ(deleteKeyset(name).errors.back(), kDeleting + "PIN validation failed");
     EXPECT_THAT(prompt.seen(), ElementsAre("ask"));
-    EXPECT_THAT(deletions(), IsEmpty());
+    EXPECT_EQ(token.keyPairs.size(), 1u);
     EXPECT_EQ(readContainerValue(name), kId1);
 }
 

@@ -4,7 +4,6 @@
 #include "foundation/text.h"
 #include "token/random_numbers.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace veltra::test {
@@ -33,7 +32,6 @@ protected:
         std::memcpy(all.data(), data.data(), count * sizeof(DWORD));
         return all;
     }
-    auto lines(const std::string& line) const { return std::ranges::count(debugLines, line); }
 
     /// The short names that an enumeration gives, starting with these flags; `last` is what ended it.
     std::vector<std::string> names(DWORD parameter, DWORD flags = CRYPT_FIRST) {
@@ -68,29 +66,22 @@ TEST_F(ProviderParametersTest, AlgorithmsOfBothTokenGenerations) {
     }
     // Both records of the first row; the name lengths count the terminating zero.
     EXPECT_EQ(get(PP_ENUMALGS, 32, CRYPT_FIRST), accepted());
-    EXPECT_EQ(lines("CPGetProvParam: returned algorithm -> RSA-Sign"), 1);
     EXPECT_THAT(words(3), ElementsAre(0x2400, 2048, 9));
+    EXPECT_EQ(get(PP_ENUMALGS_EX, 0, 0xFF), accepted());
+    EXPECT_EQ(length, 88u);
     EXPECT_EQ(get(PP_ENUMALGS_EX, 89, CRYPT_FIRST), accepted());
-    EXPECT_EQ(lines("CPGetProvParam: returned EX algorithm -> RSA-Sign"), 1);
     EXPECT_THAT(words(6), ElementsAre(0x2400, 2048, 1024, 4096, 0x30, 9));
     EXPECT_EQ(words(12).back(), 14u);
     EXPECT_EQ(text(48), "RSA Signature");
-    EXPECT_EQ(length, 88u);
     EXPECT_EQ(data[88], 0xEE);
-    for (int i = 0; i < 9; ++i)
-        get(PP_ENUMALGS_EX, 88, i % 2 ? CRYPT_NEXT : 0); // one cursor for both
-    EXPECT_EQ(text(48), "Orvo's MAC (HMAC)");
+    EXPECT_EQ(names(PP_ENUMALGS, CRYPT_NEXT).front(), "RSA-KeyX") << "one cursor for both";
     provider = acquire(nullptr, CRYPT_VERIFYCONTEXT);
     EXPECT_EQ(names(PP_ENUMALGS), newer) << "without a token the newer rules";
-    EXPECT_EQ(get(PP_ENUMALGS_EX, 88, CRYPT_FIRST), accepted());
-    EXPECT_EQ(words(3).back(), 2048u);
 }
 
 TEST_F(ProviderParametersTest, EnumerationMovesOnBeforeItReadsAndAlsoWhenTheRecordDoesNotFit) {
-    for (const auto& [parameter, size] : {std::pair{DWORD{PP_ENUMALGS}, 32u}, {PP_ENUMALGS_EX, 88u}}) {
-        EXPECT_EQ(get(parameter, 0, 0xFF), accepted());
-        EXPECT_EQ(length, size);
-    }
+    EXPECT_EQ(get(PP_ENUMALGS, 0, 0xFF), accepted());
+    EXPECT_EQ(length, 32u);
     EXPECT_EQ(names(PP_ENUMALGS, 0).front(), "RSA-KeyX") << "a new context's first call gives the second row";
     for (const DWORD flags : {3u, 8u, 0x20u})
         EXPECT_EQ(get(PP_ENUMALGS, 32, flags),
@@ -106,8 +97,6 @@ TEST_F(ProviderParametersTest, EnumerationMovesOnBeforeItReadsAndAlsoWhenTheReco
     EXPECT_THAT(names(PP_ENUMEX_SIGNING_PROT),
                 ElementsAre("RSA-Sign", "RSA-KeyX", "SHA-256", "SHA-384", "SHA-512"));
     EXPECT_EQ(last, refused(ERROR_NO_MORE_ITEMS, {"CPGetProvParam: PP_ENUMEX_SIGNING_PROT no more items"}));
-    get(PP_ENUMEX_SIGNING_PROT, 0, CRYPT_FIRST);
-    EXPECT_EQ(lines("CPGetProvParam: PP_ENUMEX_SIGNING_PROT index=5"), 1) << "a size query leaves it alone";
     EXPECT_EQ(names(PP_ENUMALGS, CRYPT_NEXT).front(), "RSA-KeyX") << "the signing rows have their own cursor";
 }
 
@@ -117,10 +106,6 @@ TEST_F(ProviderParametersTest, ContainersAreTheKeysAtAcquisition) {
     token.addKeyPair(0x22);
     provider = acquire();
     token.keyPairs.clear();
-    const auto expectEnd = [&](int index) {
-        EXPECT_EQ(get(PP_ENUMCONTAINERS, 64, index == 0 ? CRYPT_FIRST : CRYPT_NEXT),
-                  refused(ERROR_NO_MORE_ITEMS, {concat(start, "no more containers, index=", index)}));
-    };
     for (const DWORD flags : {0u, 3u, 4u})
         EXPECT_EQ(get(PP_ENUMCONTAINERS, 64, flags),
                   refused(ERROR_INVALID_PARAMETER, {concat(start, "invalid dwFlags=", flags)}));
@@ -128,21 +113,18 @@ TEST_F(ProviderParametersTest, ContainersAreTheKeysAtAcquisition) {
     EXPECT_EQ(text(), std::string(32, '1'));
     EXPECT_EQ(get(PP_ENUMCONTAINERS, 33, CRYPT_NEXT), accepted());
     EXPECT_EQ(text(), std::string(32, '2'));
-    expectEnd(2);
+    EXPECT_EQ(get(PP_ENUMCONTAINERS, 64, CRYPT_NEXT),
+              refused(ERROR_NO_MORE_ITEMS, {start + "no more containers, index=2"}));
     provider = acquire();
-    expectEnd(0);
+    EXPECT_FALSE(get(PP_ENUMCONTAINERS, 64, CRYPT_FIRST).result);
     EXPECT_FALSE(liveContext(provider)->containersEnumerated);
 }
 
 TEST_F(ProviderParametersTest, AcceptedPinIsStoredSoThatNothingPrompts) {
     EXPECT_EQ(set(PP_SIGNATURE_PIN, "1234"), accepted());
-    EXPECT_EQ(lines("CPSetProvParam - input param : 33") + lines("CPSetProvParam - passwordLength : 4"), 2);
     EXPECT_THAT(library.calls("veltra_validatePassword"),
                 ElementsAre("veltra_validatePassword(serial=" + serial + ", pin=1234, mode=1, remaining=0)"));
     EXPECT_EQ(storedPin(), "1234");
-    HCRYPTKEY key = 0;
-    EXPECT_TRUE(CPGenKey(acquire(nullptr, CRYPT_SILENT), CALG_RSA_SIGN, 0, &key));
-    CPDestroyKey(provider, key);
     const HWND window = reinterpret_cast<HWND>(0x1234);
     EXPECT_EQ(set(PP_CLIENT_HWND, &window), accepted());
     EXPECT_EQ(liveContext(provider)->ownerWindow, window);
@@ -163,7 +145,6 @@ TEST_F(ProviderParametersTest, RandomNumbersComeFromTheTokenUntilItIsSwitchedOff
     for (const DWORD value : {0u, 5u, 0u}) {
         const DWORD stored = value != 0;
         EXPECT_EQ(set(PP_USE_HARDWARE_RNG, &value), accepted());
-        EXPECT_EQ(lines(concat("CPSetProvParam: PP_USE_HARDWARE_RNG set to ", stored)), 1);
         expectRandom(serial, stored ? 0 : 1);
         get(PP_USE_HARDWARE_RNG, 4);
         EXPECT_THAT(words(1), ElementsAre(stored));
@@ -171,7 +152,6 @@ TEST_F(ProviderParametersTest, RandomNumbersComeFromTheTokenUntilItIsSwitchedOff
     setHardwareRandom(true);
     provider = acquire(nullptr, CRYPT_VERIFYCONTEXT);
     expectRandom("", 1);
-    EXPECT_EQ(lines("CPGenRandom: no token, using software RNG"), 1);
     library.script("veltra_generateRamdomNumber", {.result = 4});
     EXPECT_EQ(run(CPGenRandom, provider, 7, data.data()),
               refused(0x8009001D, {"CPGenRandom: software RNG failed: 4"}));

@@ -1,22 +1,23 @@
-# Signatures through the key storage provider: RSA with PKCS#1 v1.5 and PSS, ECDSA on three curves, certificates and
-# CMS messages; OpenSSL on the other side.
+# Signatures through both front ends: RSA with PKCS#1 v1.5, and through the key storage provider PSS and ECDSA on three
+# curves, certificates and CMS messages; OpenSSL on the other side.
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-# judge HASH OPENSSL-OPTION... -- VELTRA-OPTION...: OpenSSL and the provider on each other's signatures with the key of
-# $name. The private key that OpenSSL has is in theirs.pem; the provider knows its public part, theirs.pub, alone.
+# judge FRONT-END HASH OPENSSL-OPTION... -- VELTRA-OPTION...: OpenSSL and the provider on each other's signatures with
+# the key of $name. The private key that OpenSSL has is in theirs.pem; the provider knows its public part, theirs.pub,
+# alone.
 judge() {
-    local hash=$1 theirs=()
-    shift
+    local frontEnd=$1 hash=$2 theirs=()
+    shift 2
     while [ "$1" != -- ]; do theirs+=("$1") && shift; done
     shift
-    cng sign document --container "$key" --raw --hash "$hash" --out document.sig "$@"
+    "$frontEnd" sign document --container "$key" --raw --hash "$hash" --out document.sig "$@"
     openssl dgst "-$hash" "${theirs[@]}" -verify key.pub -signature document.sig document >openssl.log 2>&1 ||
         fail "OpenSSL refuses $hash and $* with $name: $(cat openssl.log)"
-    expectExit 0 cng verify document --raw --signature document.sig --hash "$hash" --container "$key" "$@"
+    expectExit 0 "$frontEnd" verify document --raw --signature document.sig --hash "$hash" --container "$key" "$@"
 
     openssl dgst "-$hash" "${theirs[@]}" -sign theirs.pem -out theirs.sig document
-    expectExit 0 cng verify document --raw --signature theirs.sig --hash "$hash" --public-key theirs.pub "$@"
-    expectFailure 3 "does NOT verify" cng verify document.changed --raw --signature theirs.sig --hash "$hash" \
+    expectExit 0 "$frontEnd" verify document --raw --signature theirs.sig --hash "$hash" --public-key theirs.pub "$@"
+    expectFailure 3 "does NOT verify" "$frontEnd" verify document.changed --raw --signature theirs.sig --hash "$hash" \
         --public-key theirs.pub "$@"
 }
 
@@ -45,8 +46,8 @@ for bits in 4096 3072 2048; do
     hashes=sha256
     [ $bits != 2048 ] || hashes='sha256 sha384 sha512 sha1'
     for hash in $hashes; do
-        judge $hash --
-        judge $hash -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:digest -- --pss
+        for frontEnd in cng veltra; do judge $frontEnd $hash --; done
+        judge cng $hash -sigopt rsa_padding_mode:pss -sigopt rsa_pss_saltlen:digest -- --pss
     done
 done
 judgeCertificate
@@ -56,7 +57,7 @@ for curve in P256:prime256v1:64:sha512 P384:secp384r1:96:sha384 P521:secp521r1:1
     IFS=: read -r name opensslName length hash <<<"$curve"
     newCngKey --algorithm "ECDSA_$name"
     makeTheirs EC "ec_paramgen_curve:$opensslName"
-    judge "$hash" -- --der
+    judge cng "$hash" -- --der
     cng sign document --container "$key" --raw --out document.sig
     [ "$(stat -c %s document.sig)" -eq "$length" ] || fail "r and s on $name have not $length bytes"
     judgeCertificate
