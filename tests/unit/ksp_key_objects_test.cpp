@@ -38,6 +38,14 @@ protected:
     PVOID state = nullptr;
 };
 
+TEST_F(KspKeyTest, FreeingNeverFailsAndFreesOnlyKeys) {
+    const NCRYPT_KEY_HANDLE live = addKey(VeltraKeyPair{});
+    for (const NCRYPT_KEY_HANDLE any : {NCRYPT_KEY_HANDLE{0}, provider, live, live})
+        EXPECT_EQ(call(KSPFreeKey, 0, any), succeeded());
+    EXPECT_EQ(liveKspKey(live), nullptr);
+    EXPECT_NE(liveProvider(provider), nullptr);
+}
+
 TEST_F(KspKeyTest, OpenedKeyIsTheTokensRecord) {
     token.addKeyPair(0x22);
     VeltraKeyPair& pair = token.addKeyPair(0x11, kKeyTypeRsa3072, kUsageBoth);

@@ -220,8 +220,13 @@ TEST_F(KspProviderTest, EnumeratedAlgorithmsAreOneBlock) {
                       kAll[row.first + i]);
         }
         EXPECT_EQ(call(KSPFreeBuffer, list), succeeded());
-        EXPECT_THAT(debugLines, ElementsAre("KSPFreeBuffer"));
         EXPECT_EQ(LiveRecords<void>::find(reinterpret_cast<std::uintptr_t>(list)), nullptr);
+        for (void* const freedOrForeign :
+             {static_cast<void*>(list), static_cast<void*>(&size), reinterpret_cast<void*>(provider)}) {
+            EXPECT_EQ(call(KSPFreeBuffer, freedOrForeign), succeeded());
+            EXPECT_THAT(debugLines, ElementsAre("KSPFreeBuffer"));
+        }
+        EXPECT_NE(liveProvider(provider), nullptr);
     }
 }
 

@@ -194,5 +194,14 @@ TEST_F(KspSecretTest, DerivationRefusals) {
     EXPECT_EQ(size, 77u);
 }
 
+TEST_F(KspSecretTest, SecretOutlivesItsProviderAndIsFreedOnce) {
+    const NCRYPT_SECRET_HANDLE secret = newSecret();
+    EXPECT_EQ(KSPFreeProvider(provider), 0);
+    expectDerived("", {}, 32, kMechanismSha256, kSecret);
+    for (const NCRYPT_SECRET_HANDLE handle : {secret, secret, NCRYPT_SECRET_HANDLE{0}})
+        EXPECT_EQ(call(KSPFreeSecret, 0, handle), succeeded());
+    EXPECT_EQ(derive("", {}, 32).status, NTE_INVALID_PARAMETER);
+}
+
 } // namespace
 } // namespace veltra::test
