@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
+#include <list>
 
 namespace veltra::test {
 namespace {
@@ -121,14 +122,16 @@ private:
     // So many that what is allocated afterwards does not cover a copy of them all.
     static constexpr std::size_t kAesKeys = 100;
 
-    int handOut(unsigned char** out, int* outLength) const {
+    int handOut(unsigned char** out, int* outLength) {
         *out = static_cast<unsigned char*>(std::malloc(kLength * repeats));
         for (std::size_t i = 0; i < repeats; ++i)
             kKey.copyTo(*out + i * kLength);
         *outLength = static_cast<int>(kLength * repeats);
+        fences_.emplace_back(kLength);
         return kDeviceOk;
     }
 
+    std::list<Bytes> fences_; ///< behind what was handed out: the heap gives its free end back to the system
     std::vector<VeltraKeyPair> pairs_;
     std::vector<VeltraSymmetricKey> aesKeys_;
 };
