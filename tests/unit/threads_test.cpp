@@ -20,6 +20,7 @@ namespace veltra::test {
 namespace {
 
 constexpr int kWorkers = 8;
+constexpr int kShare = 10;             ///< signatures of each thread
 constexpr ULONGLONG kPatience = 20000; ///< milliseconds after which a lock counts as held for good
 
 std::atomic<int> locksHeld = 0;
@@ -72,7 +73,11 @@ protected:
         library.lookAtEveryCall(nullptr);
     }
 
-    bool isTime() const { return GetTickCount64() < end_; }
+    /// For the time that is asked for, and on a busy machine until every thread has had its share.
+    bool isTime() const {
+        return GetTickCount64() < end_ ||
+               std::ranges::any_of(signatures, [](int count) { return count <= kShare; });
+    }
 
     void runWorker(int number) {
         const auto owner = static_cast<std::size_t>(number % 2);
@@ -191,7 +196,7 @@ private:
     const ULONGLONG end_ = GetTickCount64() + duration();
 };
 
-// A deadlock is found by the time limit of the test program.
+// A deadlock, and a thread that gets no signatures, are found by the time limit of the test program.
 TEST_F(ThreadsTest, TwoTokensBothFrontEnds) {
     std::atomic<int> started = 0;
     runOnThreads(kWorkers + 1, [&] {
@@ -201,8 +206,6 @@ TEST_F(ThreadsTest, TwoTokensBothFrontEnds) {
     EXPECT_EQ(locksHeld, 0) << "the lock was held in a library call, a dialog or a log line";
     EXPECT_EQ(wrongSignatures, 0);
     EXPECT_EQ(strangers, 0) << "the PIN or key of one token was used on the other";
-    for (const auto& count : signatures)
-        EXPECT_GT(count, 10);
     EXPECT_GT(generated, 0);
     EXPECT_GT(deleted, 0);
     EXPECT_GT(threadPrompt.asked(), 0);
