@@ -254,7 +254,7 @@ private:
         return result;
     }
 
-    /// What the provider of the other kind of programs finds, which are registered.
+    /// The device library that programs of the other kind find, if their provider is registered.
     void examineOtherLibrary(const RegistryView& view) {
         const std::string id = concat("file", view.bits);
         const std::string who = std::string(view.programs) + ": ";
@@ -270,8 +270,8 @@ private:
         const std::string path = versionedPath(text(*library, "path"), text(*library, "version"));
         const Json missing = library->value("missing", Json::array());
         if (library->value("bits", 0u) != view.bits) {
-            diagnosis_.add(Status::Problem, id, concat(who, path, " is no ", view.bits, "-bit DLL"), kWhere,
-                           *library);
+            diagnosis_.add(Status::Problem, id, concat(who, path, " is no ", view.bits, "-bit DLL"),
+                           concat("put the ", view.bits, "-bit VeltraDSCLibrary.dll in its place"), *library);
         } else if (!missing.empty()) {
             diagnosis_.add(Status::Problem, id, who + path + " lacks " + joined(missing), kReplaceLibrary,
                            *library);

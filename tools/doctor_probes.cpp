@@ -116,22 +116,27 @@ void probeLibrary(const ProbeReport& report, const ProviderChoice& provider, con
     }
 }
 
-/// The library that programs of the other kind get. This program cannot load it: the file is read.
+/// The library that programs of the other kind get, which pass over one that they cannot load. Neither can
+/// this program: the file is read.
 void probeOtherLibrary(const ProbeReport& report, const ProviderChoice& provider, const DoctorOptions&) {
     report.step("reading the file of the device library");
     constexpr unsigned kOtherBits = sizeof(void*) == 8 ? 32 : 64;
+    std::filesystem::path found;
     for (const std::filesystem::path& folder : {provider.dll.parent_path(), systemFolder(kOtherBits)}) {
         const std::filesystem::path file = folder / "VeltraDSCLibrary.dll";
         std::error_code ignored;
         if (folder.empty() || !std::filesystem::exists(file, ignored)) continue;
-        const std::set<std::string> names = exportedNames(file);
-        report.fact("library",
-                    {{"path", toUtf8(file.native())},
-                     {"version", fileVersion(file)},
-                     {"bits", fileBits(file)},
-                     {"missing", missingExports([&](const char* name) { return names.contains(name); })}});
-        return;
+        const bool isRight = fileBits(file) == kOtherBits;
+        if (found.empty() || isRight) found = file;
+        if (isRight) break;
     }
+    if (found.empty()) return;
+    const std::set<std::string> names = exportedNames(found);
+    report.fact("library",
+                {{"path", toUtf8(found.native())},
+                 {"version", fileVersion(found)},
+                 {"bits", fileBits(found)},
+                 {"missing", missingExports([&](const char* name) { return names.contains(name); })}});
 }
 
 // The two interfaces.

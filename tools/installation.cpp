@@ -7,11 +7,13 @@
 
 #include <dbghelp.h>
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <string_view>
 #include <vector>
 
 namespace veltra {
@@ -91,15 +93,29 @@ std::set<std::string> exportedNames(const std::filesystem::path& file) {
     std::vector<char> image{std::istreambuf_iterator(stream), {}};
     auto* const headers = fileBits(file) != 0 ? ImageNtHeader(image.data()) : nullptr;
     if (headers == nullptr) return names;
-    const auto at = [&](DWORD address) { return ImageRvaToVa(headers, image.data(), address, nullptr); };
+    // What the file has of the image from `address` on; empty where it does not reach.
+    const auto at = [&](DWORD address) -> std::string_view {
+        const auto* first = static_cast<const char*>(ImageRvaToVa(headers, image.data(), address, nullptr));
+        const char* const end = image.data() + image.size();
+        if (first == nullptr || first < image.data() || first > end) return {};
+        return {first, static_cast<std::size_t>(end - first)};
+    };
     ULONG length = 0;
-    const auto* exports = static_cast<const IMAGE_EXPORT_DIRECTORY*>(
+    const auto* directory = static_cast<const char*>(
         ImageDirectoryEntryToData(image.data(), FALSE, IMAGE_DIRECTORY_ENTRY_EXPORT, &length));
-    if (exports != nullptr) {
-        const auto* addresses = static_cast<const DWORD*>(at(exports->AddressOfNames));
-        for (DWORD i = 0; addresses != nullptr && i < exports->NumberOfNames; ++i) {
-            if (const void* text = at(addresses[i])) names.insert(static_cast<const char*>(text));
-        }
+    IMAGE_EXPORT_DIRECTORY exports{};
+    if (directory == nullptr || directory < image.data() || directory > image.data() + image.size() ||
+        static_cast<std::size_t>(image.data() + image.size() - directory) < sizeof exports) {
+        return names;
+    }
+    std::memcpy(&exports, directory, sizeof exports);
+    const std::string_view addresses = at(exports.AddressOfNames);
+    const std::size_t count = std::min<std::size_t>(exports.NumberOfNames, addresses.size() / sizeof(DWORD));
+    for (std::size_t i = 0; i < count; ++i) {
+        DWORD address = 0;
+        std::memcpy(&address, addresses.data() + i * sizeof address, sizeof address);
+        const std::string_view text = at(address);
+        names.emplace(text.substr(0, text.find('\0')));
     }
     return names;
 }
@@ -107,7 +123,7 @@ std::set<std::string> exportedNames(const std::filesystem::path& file) {
 std::filesystem::path systemFolder(unsigned bits) {
     std::wstring folder(kPathCapacity, L'\0');
     const bool isOwn = bits == 8 * sizeof(void*);
-    if (!isOwn && bits == 64) { // under this name 32-bit programs see it
+    if (!isOwn && bits == 64) { // the name under which 32-bit programs see it
         folder.resize(GetWindowsDirectoryW(folder.data(), kPathCapacity));
         return std::filesystem::path(folder) / "Sysnative";
     }

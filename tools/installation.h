@@ -45,11 +45,11 @@ std::string fileVersion(const std::filesystem::path& file);
 /// 64 or 32 for a program file (PE) of that kind, 0 for any other file.
 unsigned fileBits(const std::filesystem::path& file);
 
-/// The names that a program file (PE) of either kind exports. A file that cannot be read as one has none; a
-/// damaged one may crash: for a probe.
+/// The names that a program file (PE) of either kind exports, as far as the file has them. The system's
+/// functions that read it need not be proof against a damaged one: for a probe.
 std::set<std::string> exportedNames(const std::filesystem::path& file);
 
-/// The folder of the system's DLLs for 64- or 32-bit programs.
+/// The folder of the system's DLLs for 64- or 32-bit programs; empty when the system does not tell it.
 std::filesystem::path systemFolder(unsigned bits);
 
 /// Whether the platform is Wine, and which: "Wine 8.0"; "Windows" for all others, with the version.

@@ -99,7 +99,8 @@ Outcome encryptRsa(const CSP_CONTEXT& context, const KEY_HANDLE& key, DWORD flag
                    const DataBuffer& buffer) {
     const Bytes publicKey = encryptionKeyOf(key);
     const PaddingMode padding = (flags & CRYPT_OAEP) != 0 ? PaddingMode::OaepSha1 : PaddingMode::Pkcs1;
-    // The type that the library is told is hardly that of a small key: it has room for what that type gives.
+    // The library may be told a larger type than the key has (rsaTypeFor), so there is room for the longest
+    // ciphertext; the capacity that it is told stays the key's.
     SecretBuffer output;
     output.allocate(std::max<std::size_t>(outputLength, kLongestRsaCiphertext));
     std::uint32_t length = 0;

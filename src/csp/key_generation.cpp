@@ -78,7 +78,7 @@ Outcome generateKey(CSP_CONTEXT& context, const KeyKind& kind, DWORD bits, HCRYP
     }
     writeHex(pair.keyId, name.data());
     key->fillFrom(pair);
-    key->tokenFlag = false; // taken from the token's list only, by CPGetUserKey: deliberate
+    key->tokenFlag = 0; // only CPGetUserKey takes it, from the token's list: deliberate
     if (context.persistedContainer) recordInContainer(context, name);
     context.keyName.swap(name);
     context.signatureKey.fill(pair.keyId);

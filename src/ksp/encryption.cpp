@@ -116,8 +116,8 @@ SECURITY_STATUS encryptWithAes(const KSP_PROVIDER& provider, const KSP_KEY& key,
 // stays.
 SECURITY_STATUS encryptWithRsa(const KSP_PROVIDER& provider, const KSP_KEY& key, PaddingMode padding,
                                Input input, const PropertyOutput& out) {
-    // Here, and here only, the public key is taken for an RSA key's: a point must never be encoded as a
-    // modulus.
+    // In this front end here only, the public key is taken for an RSA key's: a point must never be encoded as
+    // a modulus.
     if (isEcKeyType(key.keyType)) return refuse(NTE_NOT_SUPPORTED, "KSPEncrypt: an EC key does not encrypt");
     const std::vector<unsigned char> publicKey = rsaPublicKeyAsDer(
         key.publicKeyBytes(), {.alreadyDer = "KSP: Public key is already DER encoded",

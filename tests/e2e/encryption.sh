@@ -88,6 +88,6 @@ done
 [ "$(agree --label 'a label' --length 16)" = "$(digest sha256 <secret.bin | cut -c 1-32)" ] ||
     fail "a short key is not the front of the digest"
 cng derive-key --container "$key" --peer theirs.pub --length 64 --out derived.bin
-[ "$(od -An -v -tx1 derived.bin | tr -d ' \n')" = "$(digest sha256 <secret.bin)" ] || fail "a key longer than the digest"
+[ "$(hexOf derived.bin)" = "$(digest sha256 <secret.bin)" ] || fail "a key longer than the digest"
 softtoken set E2E-CNGENC --firmware 1.5.3
 expectFailure 1 NTE_NOT_SUPPORTED agree

@@ -96,7 +96,7 @@ std::vector<Bytes> certificateSeeds() {
 
 const Target certificateTarget("csp_set_certificate", setCertificate, certificateSeeds);
 
-// CPSetHashParam, and the set-up of HMAC against RFC 2104 written down once more.
+// HMAC, against RFC 2104 written down once more.
 
 struct InnerHash {
     ALG_ID algId;

@@ -56,8 +56,8 @@ std::vector<Bytes> blobSeeds() {
     const auto ec = [](DWORD length) {
         return joined({dwords({0x314B4345, length}), counting(std::size_t{2} * length)});
     };
-    // The name's place, the import key, an RSA or an EC key. Keys so long that it could not go unnoticed,
-    // too.
+    // Behind each blob: its name's place, the import key, the kind of key. Two of the blobs are far longer
+    // than a key object, so that an overrun cannot go unnoticed.
     return {join(rsa(256), Bytes{0, 0, 1}),
             join(rsa(2048), Bytes{1, 0, 1}),
             join(ec(32), Bytes{2, 0, 4}),

@@ -88,6 +88,8 @@ TEST_F(ModuleTest, CryptoApiReachesTheTokenOnManyThreads) {
     for (HANDLE& thread : threads)
         thread = CreateThread(nullptr, 0, useCryptoApi, nullptr, 0, nullptr);
     EXPECT_EQ(WaitForMultipleObjects(4, threads.data(), TRUE, INFINITE), WAIT_OBJECT_0);
+    for (HANDLE thread : threads)
+        CloseHandle(thread);
     EXPECT_NE(GetModuleHandleA("VeltraCSP.dll"), nullptr) << "the system took another module";
 }
 

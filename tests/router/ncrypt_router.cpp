@@ -149,7 +149,7 @@ SECURITY_STATUS WINAPI NCryptEnumKeys(NCRYPT_PROV_HANDLE provider, LPCWSTR scope
 }
 
 SECURITY_STATUS WINAPI NCryptFreeBuffer(PVOID buffer) {
-    return functions->FreeBuffer(buffer);
+    return functions == nullptr ? NTE_INVALID_PARAMETER : functions->FreeBuffer(buffer);
 }
 
 SECURITY_STATUS WINAPI NCryptSecretAgreement(NCRYPT_KEY_HANDLE key, NCRYPT_KEY_HANDLE peer,

@@ -229,6 +229,7 @@ TEST(KeyAgreement, NeedsAPointOfTheKeysCurve) {
         points.back().back() ^= 1;
         points.emplace_back(peer).pop_back();
         points.emplace_back(peer).push_back(0);
+        points.emplace_back(peer)[0] = static_cast<unsigned char>(6 | (peer.back() & 1)); // hybrid
         Bytes& compressed = points.emplace_back(peer);
         compressed[0] = static_cast<unsigned char>(2 | (peer.back() & 1));
         compressed.resize(1 + kind.numberLength);

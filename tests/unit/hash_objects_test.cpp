@@ -232,6 +232,7 @@ TEST_F(HashTest, DerivedKeyIsTheLeadingBytesOfTheHashValueFilledUpWithZeros) {
             EXPECT_EQ(key->keyBits, keyLength * 8);
             EXPECT_EQ(key->algId, algorithm);
             EXPECT_EQ(key->keyUsage, 3u);
+            EXPECT_EQ(key->mode + key->keyIdLength + key->publicKeyLength, 0u);
             EXPECT_TRUE(CPDestroyKey(provider, out));
         }
     };

@@ -151,6 +151,7 @@ private:
             freed_ = World(freshName("Freed")).liveHandles();
             world_ = std::make_unique<World>(freshName("Hostile"));
             objects_ = world_->liveHandles().size();
+            EXPECT_TRUE(std::ranges::any_of(freed_, [](auto handle) { return kindOf(handle) == 0; }));
         }
         return *world_;
     }

@@ -38,11 +38,13 @@ TEST_F(GenKeyTest, KindsAndLengths) {
         EXPECT_EQ(keyParameter(provider, key, KP_ALGID), algId);
         EXPECT_EQ(keyParameter(provider, key, KP_KEYLEN), keyBits);
         EXPECT_EQ(keyParameter(provider, key, KP_MODE), 0u) << "unlike a key that is opened: deliberate";
+        EXPECT_EQ(liveKey(key)->tokenFlag, 0) << "the token's flag is not taken: deliberate";
         EXPECT_THAT(library.calls("veltra_generateKeyPair"),
                     ElementsAre(concat("veltra_generateKeyPair(serial=", serial, ", pin=1234, type=", type,
                                        ", usage=", usage, ", label='')")));
     };
     expectKey(CALG_RSA_SIGN, 0, CALG_RSA_SIGN, 2048, 2, 1);
+    expectKey(CALG_RSA_KEYX, 0, CALG_RSA_KEYX, 2048, 2, 2);
     expectKey(CALG_RSA_KEYX, 1025, CALG_RSA_KEYX, 1025, 2, 2);
     expectKey(AT_SIGNATURE, 3072, CALG_RSA_SIGN, 3072, 3, 1);
     expectKey(AT_KEYEXCHANGE, 4096, CALG_RSA_KEYX, 4096, 4, 2);
@@ -175,6 +177,7 @@ TEST_F(KeyParameterTest, OnlyTheModeIsStoredAndEverythingElseSucceedsAllTheSame)
     for (const DWORD parameter : {KP_PADDING, KP_PERMISSIONS, KP_SALT, 99})
         for (const void* data : {static_cast<const void*>(&value), static_cast<const void*>(nullptr)})
             EXPECT_EQ(set(key, parameter, data, 5), accepted()) << parameter;
+    EXPECT_EQ(keyParameter(provider, key, KP_PERMISSIONS), 12u);
     EXPECT_EQ(set(key, KP_MODE, nullptr), accepted());
     EXPECT_EQ(keyParameter(provider, key, KP_MODE), 0u);
     EXPECT_EQ(set(key, KP_MODE, &value), accepted());

@@ -252,6 +252,83 @@ TEST_F(LibraryFaultTest, EveryLibraryCallFailsOnceInEveryWay) {
     }
 }
 
+// As administrators search for them, the odd ones too.
+TEST_F(LibraryFaultTest, DebugLinesOfCryptoApiHaveTheirSpelling) {
+    constexpr const char* kLines = R"(After decrypting data
+After reversing encrypted data
+CPAcquireContext - Container name : unknown
+CPAcquireContext - isSilent : 0
+CPAcquireContext: CRYPT_DELETEKEYSET deleting key 11111111111111111111111111111111
+CPAcquireContext: CRYPT_DELETEKEYSET done, return TRUE
+CPCreateHash: HMAC
+CPDecrypt - decrypted data : 09090909090909
+CPDecrypt - dwFlags : 0x00000000 padding=PKCS1 (defaulting to OAEP)
+CPDecrypt - dwFlags : 0x00000040 padding=OAEP
+CPDecrypt - usage : 3
+CPDecrypt input iv : 00000000000000000000000000000000
+CPDecrypt input key : 4B4B4B4B4B4B4B4B4B4B4B4B4B4B4B4B
+CPDecrypt- return
+CPDeriveKey: derived 128-bit key for algId=0x26126
+CPDuplicateHash: source finalized before duplication, hashLen=32
+CPEncrypt - return success
+CPEncrypt: symmetric encryption success, length=32
+CPEncrypt: symmetric encryption, keyLen=16
+CPGetHashParam dwParam : 2
+CPGetHashParam mechanism : 3
+CPGetHashParam: HMAC finalized successfully
+CPGetKeyParam - KP_MODE = 1
+CPGetKeyParam - dwparam : 26
+CPGetKeyParam - key id : 11111111111111111111111111111111
+CPGetKeyParam: KP_CERTIFICATE copied, len=15, return TRUE
+CPGetProvParam input : 9
+CPGetProvParam out length : 363
+CPGetProvParam return success
+CPGetProvParam: returned algorithm -> RSA-Sign
+CPGetUserKey -> dwKeySpec : 2
+CPGetUserKey: algo=9216 keyUsage=3 bits=2048, return TRUE
+CPImportKey - input alg : 41984
+CPImportKey - input data length : 264
+CPImportKey - input type : 11
+CPImportKey - input version : 2
+CPSetHashParam: HMAC initialized with inner hash algo=3
+CPSetKeyParam: KP_CERTIFICATE DER length=16
+CPSetKeyParam: KP_CERTIFICATE imported successfully
+CPSetProvParam - input param : 33
+CPSetProvParam - passwordLength : 19
+CPSignHash hashAlgorithm : 32780
+CPSignHash key mechanism : 2
+CPSignHash: using stored credentialId=11111111111111111111111111111111
+CPVerifySignature: RSA raw modulus, converting to DER
+CSP: Public key is raw modulus, converting to DER
+Crete hash algorithm : 3
+Crete hash algorithm input : 32780
+Exportkey return status : 1
+Hash obtained using CPGetHashParam
+Key generated successfully, Algid=41984 bits=2048
+PLAINTEXTKEYBLOB imported successfully (AES)
+PUBLICKEYBLOB imported successfully
+Public exponent : 010001
+SIMPLEBLOB imported successfully (AES)
+SYMMETRICWRAPKEYBLOB: wrapped key length = 17
+Set key param  dwParam : 26
+Set key param key algo : 41984
+Successfully unwrapped key with KEK: 33333333333333333333333333333333
+ensurePasswordValidated: password not validated or empty -- ask for PIN
+ensurePasswordValidated: password set, return true
+key exhange
+key usage : 41984
+loginUser: enter
+loginUser: password validated, return TRUE
+)";
+    std::vector<std::string> seen;
+    for (const WorkingCall& scenario : scenarios()) {
+        perform(scenario, *prepared(scenario, kEverything));
+        seen.insert(seen.end(), debugLines.begin(), debugLines.end());
+    }
+    for (const std::string& line : linesOf(kLines))
+        EXPECT_THAT(seen, testing::Contains(line));
+}
+
 TEST_F(LibraryFaultTest, EveryAllocationFailsOnce) {
     for (const WorkingCall& scenario : scenarios()) {
         const Reply undisturbed = perform(scenario, *prepared(scenario));

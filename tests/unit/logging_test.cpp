@@ -74,6 +74,8 @@ TEST_F(LoggingTest, LineAndFileNameHaveTheirForm) {
     Utils::debug("");
     std::vector<std::string> lines = takeRawLogLines();
     lines.push_back(logFiles().at(0));
+    const std::string date = lines.back().substr(lines.back().size() - sizeof "2026-11-23.LOG" + 1);
+    EXPECT_EQ(lines[0].substr(0, 5), date.substr(8, 2) + "/" + date.substr(5, 2));
     for (std::string& line : lines)
         std::ranges::replace_if(
             line, [](char letter) { return letter >= '0' && letter <= '9'; }, '9');

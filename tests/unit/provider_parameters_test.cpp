@@ -77,6 +77,8 @@ TEST_F(ProviderParametersTest, AlgorithmsOfBothTokenGenerations) {
     EXPECT_EQ(names(PP_ENUMALGS, CRYPT_NEXT).front(), "RSA-KeyX") << "one cursor for both";
     provider = acquire(nullptr, CRYPT_VERIFYCONTEXT);
     EXPECT_EQ(names(PP_ENUMALGS), newer) << "without a token the newer rules";
+    EXPECT_EQ(get(PP_ENUMALGS_EX, 88, CRYPT_FIRST), accepted());
+    EXPECT_EQ(words(3).back(), 2048u);
 }
 
 TEST_F(ProviderParametersTest, EnumerationMovesOnBeforeItReadsAndAlsoWhenTheRecordDoesNotFit) {
@@ -97,6 +99,9 @@ TEST_F(ProviderParametersTest, EnumerationMovesOnBeforeItReadsAndAlsoWhenTheReco
     EXPECT_THAT(names(PP_ENUMEX_SIGNING_PROT),
                 ElementsAre("RSA-Sign", "RSA-KeyX", "SHA-256", "SHA-384", "SHA-512"));
     EXPECT_EQ(last, refused(ERROR_NO_MORE_ITEMS, {"CPGetProvParam: PP_ENUMEX_SIGNING_PROT no more items"}));
+    get(PP_ENUMEX_SIGNING_PROT, 0, CRYPT_FIRST);
+    EXPECT_FALSE(get(PP_ENUMEX_SIGNING_PROT, 88, CRYPT_NEXT).result)
+        << "a size query leaves the cursor alone";
     EXPECT_EQ(names(PP_ENUMALGS, CRYPT_NEXT).front(), "RSA-KeyX") << "the signing rows have their own cursor";
 }
 
