@@ -5,23 +5,8 @@
 
 #include "foundation/windows.h"
 #include "session.h"
-#include "token_operations.h"
 
 namespace veltra::softtoken::test {
-
-namespace {
-
-Failure signElsewhere(const VeltraKeyPair& key, const char* pin) {
-    return failureOf(
-        [&] { softtoken::sign(kSerial, key.keyId, pin, Bytes(32), 512, SignatureScheme::Pkcs1); });
-}
-
-void plugInAgain() {
-    setPlugged(TokenFolder(kSerial), false);
-    setPlugged(TokenFolder(kSerial), true);
-}
-
-} // namespace
 
 TEST_F(SoftTokenTest, WrongPinsCountDownToALockThatTheRightPinDoesNotOpen) {
     create("T3", 3);
@@ -68,21 +53,16 @@ TEST_F(SoftTokenTest, WhatIsNoAttemptCostsNone) {
 }
 
 TEST_F(SoftTokenTest, PinUsingOperationsNeedASessionAndItsPin) {
-    std::uint32_t left = 0;
-    validatePin(kSerial, kPin, left);
-    VeltraKeyPair ec{};
-    ec.keyType = kKeyTypeEcP256;
-    VeltraKeyPair rsa{};
+    ASSERT_EQ(logIn(), 0);
+    const VeltraKeyPair ec = generate(kKeyTypeEcP256);
+    const VeltraKeyPair rsa = generate(kKeyTypeRsa2048);
     VeltraSymmetricKey aes = aesRecord(Bytes(16, 0x5A));
-    generateKeyPair(kSerial, kPin, ec);
-    generateKeyPair(kSerial, kPin, rsa);
-    importAesKey(kSerial, kPin, aes);
-
+    ASSERT_EQ(veltra_importAesKey(kSerial, kPin, &aes, nullptr), 0);
+    LibraryOutput out;
     const auto expectAll = [&](int expected, const char* pin) {
         VeltraKeyPair key = ec;
         VeltraSymmetricKey aesKey = aesRecord(Bytes(16));
         VeltraCertificate certificate = certificateRecord(leaf_, 1);
-        LibraryOutput out;
         const int results[] = {
             sign(ec, pin),
             veltra_generateKeyPair(kSerial, pin, &key, nullptr),
@@ -94,18 +74,17 @@ TEST_F(SoftTokenTest, PinUsingOperationsNeedASessionAndItsPin) {
             veltra_decrypt(kSerial, rsa.keyId, pin, rsa.publicKey, 256, &out.data, &out.length, false,
                            nullptr)};
         EXPECT_THAT(results, testing::Each(expected));
-        EXPECT_TRUE(out.isEmpty());
     };
+    expectAll(static_cast<int>(Failure::WrongPin), kWrongPin);
+    EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts);
+    EXPECT_EQ(sign(ec, ""), 0);
+    plugInAgain();
     expectAll(kDeviceSessionExpired, kPin);
-    LibraryOutput out;
     EXPECT_EQ(veltra_decrypt_aes(kSerial, aes.keyId, 16, rsa.publicKey, 32, &out.data, &out.length, false,
                                  nullptr, 0, nullptr),
               kDeviceSessionExpired)
         << "unwrapping uses a key of the token";
-    ASSERT_EQ(logIn(), 0);
-    expectAll(static_cast<int>(Failure::WrongPin), kWrongPin);
-    EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts);
-    EXPECT_EQ(sign(ec, ""), 0);
+    EXPECT_TRUE(out.isEmpty());
     EXPECT_EQ(veltra_getKeyPairList(kSerial, nullptr).size(), 2u);
 }
 
@@ -129,42 +108,39 @@ TEST_F(SoftTokenTest, ASessionEndsWithItsTimeWithUnpluggingAndWithItsToken) {
     plugInAgain();
     EXPECT_EQ(sign(key), kDeviceSessionExpired);
 
-    ASSERT_EQ(logIn(), 0);
     setPlugged(TokenFolder(kSerial), false);
     EXPECT_TRUE(veltra_getConnectedDeviceList(false, nullptr).empty());
     EXPECT_TRUE(veltra_getTokenInfo(kSerial, nullptr).model.empty());
     EXPECT_TRUE(veltra_getKeyPairList(kSerial, nullptr).empty());
-    expectRefusals({veltra_initDevice(kSerial, false, nullptr), sign(key)});
+    expectRefusals({veltra_initDevice(kSerial, false, nullptr), logIn()});
 }
 
 TEST_F(SoftTokenTest, SingleSignOnWorksInEveryProcessUntilItsTimeIsUp) {
     ASSERT_EQ(logIn(), 0);
     const VeltraKeyPair key = generate(kKeyTypeEcP256);
-    const auto isSignedOn = [&] {
+    const fs::path file = TokenFolder(kSerial).path() / kSingleSignOnFile;
+    std::uint32_t left = 0;
+    const auto isSignedOn = [] {
         const TokenInfo info = veltra_getTokenInfo(kSerial, nullptr);
         return info.session == "single sign-on" && info.words[3] == 1 && info.words[4] == 1;
     };
     EXPECT_FALSE(isSignedOn());
-    std::uint32_t left = 0;
     softtoken::logIn(kSerial, kPin, 600, left);
     EXPECT_TRUE(isSignedOn());
     for (const char* pin : {"", kPin})
-        EXPECT_EQ(signElsewhere(key, pin), kNoFailure);
-    EXPECT_EQ(signElsewhere(key, kWrongPin), Failure::WrongPin);
-
-    softtoken::logIn(kSerial, kPin, 1, left);
-    const fs::path file = TokenFolder(kSerial).path() / kSingleSignOnFile;
-    Sleep(1100);
-    EXPECT_FALSE(isSignedOn());
-    EXPECT_EQ(signElsewhere(key, ""), Failure::SessionExpired);
-    EXPECT_FALSE(fs::exists(file));
-
-    softtoken::logIn(kSerial, kPin, 600, left);
+        EXPECT_EQ(signInCore(key.keyId, pin), kNoFailure);
+    EXPECT_EQ(signInCore(key.keyId, kWrongPin), Failure::WrongPin);
     const Bytes session = contentOf(file);
     plugInAgain();
     EXPECT_FALSE(isSignedOn());
     store(file, session);
-    EXPECT_EQ(signElsewhere(key, ""), Failure::SessionExpired) << "it was for the time before the unplugging";
+    EXPECT_EQ(signInCore(key.keyId, ""), Failure::SessionExpired) << "it was for before the unplugging";
+
+    softtoken::logIn(kSerial, kPin, 1, left);
+    Sleep(1100);
+    EXPECT_FALSE(isSignedOn());
+    EXPECT_EQ(signInCore(key.keyId, ""), Failure::SessionExpired);
+    EXPECT_FALSE(fs::exists(file));
 }
 
 } // namespace veltra::softtoken::test

@@ -10,13 +10,6 @@
 
 namespace veltra::softtoken::test {
 
-Bytes fromHex(std::string_view text) {
-    Bytes bytes;
-    for (std::size_t i = 0; i < text.size(); i += 2)
-        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(text.substr(i, 2)), nullptr, 16)));
-    return bytes;
-}
-
 Bytes fromBase64(const char* text) {
     Bytes bytes(4096);
     auto length = static_cast<DWORD>(bytes.size());
@@ -100,12 +93,30 @@ int SoftTokenTest::sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes&
     return result;
 }
 
-int SoftTokenTest::verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature,
-                          bool pss) {
-    const Bytes publicKey = key.keyType == kKeyTypeRsa2048 ? rsaKeyDer(publicKeyOf(key)) : publicKeyOf(key);
-    return veltra_verifySignatureHash(key.keyType, "", hashOf(hashLength).data(),
-                                      static_cast<int>(hashLength), publicKey.data(), lengthOf(publicKey),
-                                      signature.data(), lengthOf(signature), nullptr, pss);
+Failure SoftTokenTest::signInCore(BytesView keyId, const char* pin, const char* serial) {
+    return failureOf([&] {
+        EXPECT_EQ(softtoken::sign(serial, keyId, pin, Bytes(32), 64, SignatureScheme::Pkcs1).size(), 64u);
+    });
+}
+
+void SoftTokenTest::plugInAgain() {
+    setPlugged(TokenFolder(kSerial), false);
+    setPlugged(TokenFolder(kSerial), true);
+}
+
+VeltraSymmetricKey SoftTokenTest::aesRecord(const Bytes& material) {
+    VeltraSymmetricKey record{};
+    std::ranges::copy(material, record.key);
+    record.keyLength = static_cast<std::uint32_t>(material.size());
+    return record;
+}
+
+VeltraCertificate SoftTokenTest::certificateRecord(const Bytes& der, unsigned char keyIdByte) {
+    VeltraCertificate record{};
+    std::ranges::copy(der, record.der);
+    record.derLength = static_cast<std::uint32_t>(der.size());
+    std::ranges::fill(record.keyId, keyIdByte);
+    return record;
 }
 
 Bytes SoftTokenTest::hashOf(std::size_t length) {

@@ -3,6 +3,8 @@
 #include "support/googletest.h"
 
 #include "foundation/device_library_contract.h"
+#include "foundation/text.h"
+#include "token_operations.h"
 #include "token_store.h"
 
 #include <algorithm>
@@ -23,8 +25,6 @@ inline int lengthOf(BytesView bytes) {
     return static_cast<int>(bytes.size());
 }
 
-/// Of an even number of hexadecimal digits.
-Bytes fromHex(std::string_view text);
 Bytes fromBase64(const char* text);
 Bytes contentOf(const fs::path& path);
 void store(const fs::path& path, BytesView content);
@@ -97,28 +97,15 @@ protected:
         Bytes signature;
         return sign(key, 32, signature, false, pin);
     }
-    /// veltra_verifySignatureHash over the same hash as sign().
-    static int verify(const VeltraKeyPair& key, std::size_t hashLength, const Bytes& signature, bool pss);
+    /// A signature of a P-256 key by the core library.
+    static Failure signInCore(BytesView keyId, const char* pin, const char* serial = kSerial);
+    static void plugInAgain();
 
     /// A record for veltra_importAesKey.
-    static VeltraSymmetricKey aesRecord(const Bytes& material) {
-        VeltraSymmetricKey record{};
-        std::ranges::copy(material, record.key);
-        record.keyLength = static_cast<std::uint32_t>(material.size());
-        return record;
-    }
+    static VeltraSymmetricKey aesRecord(const Bytes& material);
     /// A record for veltra_importCertificate, whose key identifier is `keyIdByte` repeated.
-    static VeltraCertificate certificateRecord(const Bytes& der, unsigned char keyIdByte) {
-        VeltraCertificate record{};
-        std::ranges::copy(der, record.der);
-        record.derLength = static_cast<std::uint32_t>(der.size());
-        std::ranges::fill(record.keyId, keyIdByte);
-        return record;
-    }
+    static VeltraCertificate certificateRecord(const Bytes& der, unsigned char keyIdByte);
 
-    static Bytes publicKeyOf(const VeltraKeyPair& key) {
-        return {key.publicKey, key.publicKey + key.publicKeyLength};
-    }
     /// SubjectPublicKeyInfo of an RSA-2048 key with exponent 65537.
     static Bytes rsaKeyDer(BytesView modulus) {
         return fromHex("30820122300D06092A864886F70D01010105000382010F003082010A0282010100" + toHex(modulus) +

@@ -87,36 +87,19 @@ std::optional<std::uint64_t> readNumber(const fs::path& path) {
     return readRecord(path, "number", [](const Expression& record) { return record.number("value"); });
 }
 
-std::string folderOf(const fs::path& file) {
-    return file.parent_path().filename().string();
-}
-
-/// The kind of the record in a file of a token.
-std::string kindOf(const fs::path& file) {
-    if (file.extension() == ".key") return folderOf(file) == "keys" ? "key-pair" : "aes-key";
-    return file.extension() == ".certificate" ? "certificate" : file.stem().string();
-}
-
-constexpr const char* kFolder = "replaced by a folder";
-constexpr const char* kDamages[] = {
-    "empty", "cut", "continued", "oversized", "bit flipped", "of another kind", "without fields", kFolder};
-
-/// The content of a file of a token with this damage.
-Bytes damaged(const fs::path& file, const std::string& damage) {
-    Bytes content = contentOf(file);
-    if (damage == "empty" || damage == kFolder) return {};
-    if (damage == "cut") content.resize(content.size() / 2);
-    if (damage == "continued") content.push_back(' ');
-    if (damage == "oversized") content.assign(100'000, '(');
-    if (damage == "bit flipped") content[content.size() * 2 / 3] ^= 0x01;
-    if (damage == "of another kind" || damage == "without fields") {
-        const std::string kind = damage == "without fields" ? kindOf(file) : "other";
-        const fs::path scratch = homeFolder() / "scratch";
-        writeRecord(scratch, Expression::build(("(" + kind + " (x y))").c_str()), Overwrite::Allowed);
-        content = contentOf(scratch);
-    }
-    return content;
-}
+/// What is damaged about a file; null for one that is replaced by a folder.
+struct Damage {
+    const char* name;
+    void (*change)(Bytes& content);
+};
+constexpr Damage kDamages[] = {
+    {"empty", [](Bytes& content) { content.clear(); }},
+    {"cut", [](Bytes& content) { content.resize(content.size() / 2); }},
+    {"continued", [](Bytes& content) { content.push_back(' '); }},
+    {"oversized", [](Bytes& content) { content.assign(100'000, '('); }},
+    {"bit flipped", [](Bytes& content) { content[content.size() * 2 / 3] ^= 0x01; }},
+    {"of another kind", [](Bytes& content) { content = contentOf(homeFolder() / "other"); }},
+    {"replaced by a folder", nullptr}};
 
 } // namespace
 
@@ -153,8 +136,8 @@ TEST_F(SoftTokenTest, AFileIsReplacedAsAWholeAndFlushedOrNotAtAll) {
 }
 
 TEST_F(SoftTokenTest, WhatAKilledProcessLeftBehindIsClearedAway) {
-    fs::create_directories(home_ / ".new-T2" / "keys");
-    fs::create_directories(home_ / ".deleted-1" / "keys");
+    for (const char* folder : {".new-T2", ".deleted-1"})
+        fs::create_directories(home_ / folder / "keys");
     const fs::path temporary = TokenFolder(kSerial).path() / "keys" / "1.key.tmp";
     store(temporary, Bytes(9));
     static_cast<void>(TokenFolder(kSerial).lock());
@@ -191,8 +174,9 @@ protected:
 
     void open() { validatePin(kSerial, kPin, attempts_); }
 
-    /// Everything that can be done with what is there, and the attempts to change what is damaged.
-    void useToken(const std::vector<fs::path>& damaged) {
+    /// Everything that can be done with what is there, which is so many objects of each kind, and the
+    /// attempts to change what is damaged.
+    void useToken(const std::vector<fs::path>& damaged, std::size_t left) {
         EXPECT_EQ(connectedSerials(), std::vector<std::string>{kSerial});
         static_cast<void>(tokenInfo(kSerial));
         EXPECT_EQ(failureOf([&] { validatePin(kSerial, kWrongPin, attempts_); }), Failure::WrongPin);
@@ -203,39 +187,28 @@ protected:
         PinVault(token.path()).change(token.description().tokenId, kPin, kOtherPin);
         EXPECT_EQ(failureOf([&] { open(); }), Failure::WrongPin);
         validatePin(kSerial, kOtherPin, attempts_);
-        std::map<std::string, std::size_t> left{{"keys", 2}, {"aes-keys", 2}, {"certificates", 2}};
-        for (const fs::path& file : damaged)
-            --left[folderOf(file)];
-        const auto keys = keyPairs(kSerial);
-        EXPECT_EQ(keys.size(), left["keys"]);
-        for (const VeltraKeyPair& key : keys) {
-            EXPECT_EQ(
-                softtoken::sign(kSerial, key.keyId, kOtherPin, Bytes(32), 64, SignatureScheme::Pkcs1).size(),
-                64u);
+        EXPECT_EQ(keyPairs(kSerial).size(), left);
+        for (const VeltraKeyPair& key : keyPairs(kSerial)) {
+            EXPECT_EQ(signInCore(key.keyId, kOtherPin), kNoFailure);
             renameKeyPair(kSerial, key.keyId, kOtherPin, "renamed");
         }
-        const auto symmetricKeys = aesKeys(kSerial);
-        EXPECT_EQ(symmetricKeys.size(), left["aes-keys"]);
-        for (const VeltraSymmetricKey& key : symmetricKeys)
+        EXPECT_EQ(aesKeys(kSerial).size(), left);
+        for (const VeltraSymmetricKey& key : aesKeys(kSerial))
             EXPECT_EQ(unwrapWithTokenKey(kSerial, key.keyId, kWrapped)->size(), 16u);
-        EXPECT_EQ(certificates(kSerial).size(), left["certificates"]);
-        for (const fs::path& file : damaged)
-            changeDamaged(file);
-        if (damaged.front().filename() == kSingleSignOnFile) return; // ends with unplugging
-        setPlugged(token, false);
-        setPlugged(token, true);
-        validatePin(kSerial, kOtherPin, attempts_);
-    }
-
-    void changeDamaged(const fs::path& file) {
-        if (folderOf(file) == "keys") {
-            const Bytes keyId = fromHex(file.stem().string());
+        EXPECT_EQ(certificates(kSerial).size(), left);
+        for (const fs::path& file : damaged) {
+            const std::string name = file.stem().string();
+            if (name.size() != 2 * kKeyIdLength) continue;
+            const Bytes keyId = fromHex(name);
             EXPECT_NE(failureOf([&] { deleteKeyPair(kSerial, keyId, kOtherPin); }), kNoFailure);
             EXPECT_NE(failureOf([&] { renameKeyPair(kSerial, keyId, kOtherPin, "x"); }), kNoFailure);
-        } else if (folderOf(file) == "certificates") {
-            VeltraCertificate record = certificateRecord(leaf_, fromHex(file.stem().string()).front());
+            if (file.extension() != ".certificate") continue;
+            VeltraCertificate record = certificateRecord(leaf_, keyId.front());
             EXPECT_NE(failureOf([&] { importCertificate(kSerial, kOtherPin, record); }), kNoFailure);
         }
+        if (damaged.front().filename() == kSingleSignOnFile) return; // ends with unplugging
+        plugInAgain();
+        validatePin(kSerial, kOtherPin, attempts_);
     }
 
     // RFC 3394, 4.1.
@@ -249,32 +222,36 @@ protected:
 
 TEST_F(DamageTest, ADamagedFileCostsItsObjectAndAMessageNeverTheTokenAndIsNotTouched) {
     const fs::path token = TokenFolder(kSerial).path();
-    // Damaged at the same time; of what there are two, the other one is a witness.
-    const std::vector<fs::path> groups[] = {
-        {token / "token", token / "pin", token / "retries", *fs::directory_iterator(token / "keys"),
-         *fs::directory_iterator(token / "aes-keys"), *fs::directory_iterator(token / "certificates")},
-        {token / "token.copy", token / "pin.copy", token / "retries.copy"},
-        {token / kSingleSignOnFile}};
+    const auto firstIn = [&](const char* folder) { return fs::directory_iterator(token / folder)->path(); };
+    // Damaged at the same time, and how many objects of each kind are left then.
+    const std::pair<std::vector<fs::path>, std::size_t> groups[] = {
+        {{token / "token", token / "pin", token / "retries", firstIn("keys"), firstIn("aes-keys"),
+          firstIn("certificates")},
+         1},
+        {{token / "token.copy", token / "pin.copy", token / "retries.copy"}, 2},
+        {{token / kSingleSignOnFile}, 2}};
+    writeRecord(home_ / "other", numberRecord(1), Overwrite::Allowed);
     const fs::path saved = home_ / ".saved";
     fs::copy(token, saved, fs::copy_options::recursive);
-    for (const auto& files : groups) {
-        for (const char* damage : kDamages) {
-            SCOPED_TRACE(files.front().filename().string() + " and others: " + damage);
+    for (const auto& [files, left] : groups) {
+        for (const Damage& damage : kDamages) {
+            SCOPED_TRACE(files.front().filename().string() + " and others: " + damage.name);
             std::map<fs::path, Bytes> contents;
             for (const fs::path& file : files) {
-                contents[file] = damaged(file, damage);
-                fs::remove(file);
-                if (damage == kFolder)
-                    fs::create_directory(file);
-                else
+                if (damage.change != nullptr) {
+                    damage.change(contents[file] = contentOf(file));
                     store(file, contents[file]);
+                } else {
+                    fs::remove(file);
+                    fs::create_directory(file);
+                }
             }
             reported_.clear();
-            useToken(files);
-            for (const auto& [file, content] : contents) {
+            useToken(files, left);
+            for (const fs::path& file : files) {
                 EXPECT_THAT(reported_, testing::HasSubstr(file.filename().string() + " is damaged"));
-                EXPECT_TRUE(contentOf(file) == content && fs::is_directory(file) == (damage == kFolder))
-                    << file;
+                EXPECT_TRUE(contentOf(file) == contents[file]) << file;
+                EXPECT_EQ(fs::is_directory(file), damage.change == nullptr) << file;
             }
             fs::remove_all(token);
             fs::copy(saved, token, fs::copy_options::recursive);
@@ -293,9 +270,7 @@ TEST_F(DamageTest, CopiesOfObjectsUnderOtherNamesAndInOtherTokensAreUseless) {
     create("T2");
     validatePin("T2", kPin, attempts_);
     fs::copy_file(file, TokenFolder("T2").path() / "keys" / file.filename());
-    EXPECT_EQ(
-        failureOf([&] { softtoken::sign("T2", key.keyId, kPin, Bytes(32), 64, SignatureScheme::Pkcs1); }),
-        Failure::Damaged);
+    EXPECT_EQ(signInCore(key.keyId, kPin, "T2"), Failure::Damaged);
 }
 
 TEST_F(DamageTest, TheLowerOfTwoCountersOfAttemptsCountsAndWithoutBothNobodyGetsIn) {

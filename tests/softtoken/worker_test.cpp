@@ -7,10 +7,8 @@
 #include "token_operations.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <random>
 #include <set>
 #include <sstream>
@@ -23,9 +21,9 @@ namespace {
 constexpr const char* kNoPin = ""; // the session knows it
 constexpr DWORD kPatience = 60'000;
 
-/// Uses the token as a program does, in its single-sign-on session, and writes into a file what it is about
-/// to do and what came of it: "begin OPERATION ID", then "done OPERATION ID|ATTEMPTS-LEFT" or "failed
-/// OPERATION CODE".
+/// Uses the token as a program does, in its single-sign-on session, and writes into a journal what it is
+/// about to do and what came of it: "begin OPERATION KEY", then "done OPERATION KEY" or "failed OPERATION
+/// KEY".
 class Worker {
 public:
     /// `mine`: the keys that it may change. Others may use the token, too, unless it `triesTheRightPin`.
@@ -34,69 +32,54 @@ public:
 
     void step() {
         const unsigned choice = random_() % 16;
-        if (mine_.size() < 2 || (choice < 6 && mine_.size() < 7)) return generate();
-        const std::size_t index = random_() % mine_.size();
-        const VeltraKeyPair key = mine_[index];
+        if (mine_.size() < 2 || (choice < 6 && mine_.size() < 7)) {
+            return attempt("generate", "-", [&](std::string& id) {
+                VeltraKeyPair& made = mine_.emplace_back();
+                made.keyType = kKeyTypeEcP256;
+                generateKeyPair(kSerial, kNoPin, made);
+                id = toHex(made.keyId);
+            });
+        }
+        const auto chosen = mine_.begin() + static_cast<std::ptrdiff_t>(random_() % mine_.size());
+        const VeltraKeyPair key = *chosen;
         if (choice < 9) {
-            mine_.erase(mine_.begin() + static_cast<std::ptrdiff_t>(index));
-            attempt("delete", toHex(key.keyId), [&](std::string&) {
-                return veltra_deleteKeyPair(kSerial, key.keyId, kNoPin, false, nullptr);
-            });
+            mine_.erase(chosen);
+            attempt("delete", toHex(key.keyId),
+                    [&](std::string&) { deleteKeyPair(kSerial, key.keyId, kNoPin); });
         } else if (choice < 11) {
-            attempt("rename", toHex(key.keyId), [&](std::string&) {
-                return veltra_updateKeyPairDetails(kSerial, key.keyId, kNoPin, "renamed", nullptr, 0,
-                                                   nullptr);
-            });
+            attempt("rename", toHex(key.keyId),
+                    [&](std::string&) { renameKeyPair(kSerial, key.keyId, kNoPin, "renamed"); });
         } else if (choice < 12) {
-            importAes();
+            attempt("import", "-", [&](std::string& id) {
+                VeltraSymmetricKey made{};
+                made.keyLength = 32;
+                importAesKey(kSerial, kNoPin, made);
+                id = toHex(made.keyId);
+            });
         } else {
-            tryPin(choice < 15 || !triesTheRightPin_ ? kWrongPin : kPin);
+            const bool right = choice == 15 && triesTheRightPin_;
+            attempt(right ? "right-pin" : "wrong-pin", "-", [&](std::string&) {
+                std::uint32_t left = 0;
+                const Failure code = failureOf([&] { validatePin(kSerial, right ? kPin : kWrongPin, left); });
+                if (code != (right ? kNoFailure : Failure::WrongPin)) throw TokenError(code, "unexpected");
+            });
         }
     }
 
 private:
+    /// `call` throws when it fails and may change which key is written down.
+    template <class Call>
+    void attempt(const char* operation, std::string key, Call call) {
+        say("begin", operation, key);
+        const Failure failure = failureOf([&] { call(key); });
+        say(failure == kNoFailure ? "done" : "failed", operation, key);
+    }
+
     /// In one piece, and at once: a process that is killed keeps no buffer.
-    void say(const std::string& what, const std::string& operation, const std::string& about) {
-        const std::string line = what + " " + operation + " " + about + "\n";
+    void say(const std::string& what, const std::string& operation, const std::string& key) {
+        const std::string line = what + " " + operation + " " + key + "\n";
         DWORD written = 0;
         WriteFile(journal_, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
-    }
-
-    /// `call` returns a result code and may change what is written down about it.
-    template <class Call>
-    void attempt(const char* operation, std::string about, Call call) {
-        say("begin", operation, about);
-        const int code = call(about);
-        say(code == 0 ? "done" : "failed", operation, code == 0 ? about : std::to_string(code));
-    }
-
-    void generate() {
-        attempt("generate", "-", [&](std::string& id) {
-            VeltraKeyPair& key = mine_.emplace_back();
-            key.keyType = kKeyTypeEcP256;
-            const int code = veltra_generateKeyPair(kSerial, kNoPin, &key, nullptr);
-            id = toHex(key.keyId);
-            return code;
-        });
-    }
-
-    void importAes() {
-        attempt("import", "-", [&](std::string& id) {
-            VeltraSymmetricKey key{};
-            key.keyLength = 32;
-            const int code = veltra_importAesKey(kSerial, kNoPin, &key, nullptr);
-            id = toHex(key.keyId);
-            return code;
-        });
-    }
-
-    void tryPin(const std::string& pin) {
-        attempt(pin == kPin ? "right-pin" : "wrong-pin", "-", [&](std::string& attemptsLeft) {
-            int left = -1;
-            const int code = veltra_validatePassword(kSerial, pin.c_str(), 1, &left, nullptr);
-            attemptsLeft = std::to_string(left);
-            return (code == 0) == (pin == kPin) ? 0 : -1;
-        });
     }
 
     HANDLE journal_;
@@ -112,16 +95,14 @@ TEST(TokenWorker, DISABLED_Works) {
     std::istringstream arguments(veltra::test::argumentOfThisChild());
     std::string path;
     unsigned seed = 0;
-    unsigned threadCount = 0;
     int steps = 0;
-    arguments >> path >> seed >> threadCount >> steps;
+    arguments >> path >> seed >> steps;
     HANDLE journal = CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                                  FILE_ATTRIBUTE_NORMAL, nullptr);
     const bool endless = steps == 0;
-    unsigned char byte = 0;
-    veltra_generateRamdomNumber("", 1, &byte, true, nullptr); // the first one takes long
+    randomBytes(1); // the first one takes long
     std::vector<std::thread> threads;
-    for (unsigned i = 0; i < threadCount; ++i) {
+    for (unsigned i = 0; i < (endless ? 1u : 2u); ++i) {
         threads.emplace_back([=] {
             Worker worker(journal, seed + i, endless ? keyPairs(kSerial) : std::vector<VeltraKeyPair>(),
                           endless);
@@ -134,100 +115,8 @@ TEST(TokenWorker, DISABLED_Works) {
     ExitProcess(0);
 }
 
-namespace {
-
-class WorkerProcess {
-public:
-    WorkerProcess(fs::path journal, unsigned seed, int threads, int steps)
-        : journal_(std::move(journal)),
-          process_("TokenWorker.DISABLED_Works", journal_.string() + " " + std::to_string(seed) + " " +
-                                                     std::to_string(threads) + " " + std::to_string(steps)) {}
-
-    /// Kills it a moment after it has written so many lines.
-    void killAfter(std::size_t lines, DWORD milliseconds) {
-        const ULONGLONG start = GetTickCount64();
-        while (journal().size() < lines && process_.exitCodeWithin(1) == STILL_ACTIVE) {
-            if (GetTickCount64() - start > kPatience) {
-                ADD_FAILURE() << "it hangs";
-                break;
-            }
-        }
-        Sleep(milliseconds);
-        process_.kill();
-    }
-
-    void waitForEnd() const { EXPECT_EQ(process_.exitCodeWithin(kPatience), 0u); }
-
-    [[nodiscard]] std::vector<std::string> journal() const {
-        std::vector<std::string> lines;
-        std::ifstream file(journal_);
-        for (std::string line; std::getline(file, line);)
-            lines.push_back(line);
-        return lines;
-    }
-
-private:
-    fs::path journal_;
-    veltra::test::ChildProcess process_;
-};
-
-/// What the token must hold according to the journals.
-struct Expectation {
-    std::set<std::string> keys; ///< of both kinds
-    std::uint32_t attempts = kMaxAttempts;
-    std::string begun, about; ///< the operation whose result was not reported
-
-    void replay(const std::vector<std::string>& journal) {
-        for (const std::string& entry : journal) {
-            std::istringstream words(entry);
-            std::string what, operation;
-            words >> what >> operation >> about;
-            EXPECT_TRUE(what == "begin" || what == "done") << entry;
-            begun = what == "begin" ? operation : "";
-            if (what == "begin") continue;
-            if (operation == "generate" || operation == "import") keys.insert(about);
-            if (operation == "delete") keys.erase(about);
-            if (operation == "wrong-pin") --attempts;
-            if (operation == "right-pin") attempts = kMaxAttempts;
-        }
-    }
-
-    /// Compares with the token on disk, where the operation whose result is not known may have happened or
-    /// not, and goes on from there.
-    void check() {
-        SCOPED_TRACE("unknown: " + begun + " " + about);
-        std::set<std::string> found;
-        for (const VeltraKeyPair& key : keyPairs(kSerial)) {
-            found.insert(toHex(key.keyId));
-            EXPECT_EQ(sign(kSerial, key.keyId, kNoPin, Bytes(32), 64, SignatureScheme::Pkcs1).size(), 64u);
-        }
-        for (const VeltraSymmetricKey& key : aesKeys(kSerial))
-            found.insert(toHex(key.keyId));
-        std::vector<std::string> lost, surplus;
-        std::ranges::set_difference(keys, found, std::back_inserter(lost));
-        std::ranges::set_difference(found, keys, std::back_inserter(surplus));
-        if (begun == "delete") std::erase(lost, about);
-        EXPECT_THAT(lost, testing::IsEmpty());
-        EXPECT_LE(surplus.size(), begun == "generate" || begun == "import" ? 1u : 0u)
-            << "something is there that was deleted or never made";
-
-        const std::uint32_t left = attemptsOnDisk();
-        const bool counted = left + 1 == attempts && (begun == "wrong-pin" || begun == "right-pin");
-        EXPECT_TRUE(left == attempts || counted || (left == kMaxAttempts && begun == "right-pin"))
-            << left << " instead of " << attempts;
-        keys = found;
-        attempts = left;
-        begun.clear();
-    }
-};
-
-int numberFromEnvironment(const char* name, int otherwise) {
-    const char* text = std::getenv(name);
-    return text == nullptr ? otherwise : std::atoi(text);
-}
-
-} // namespace
-
+/// A token with a session for all processes, and what it must hold according to the journals of those that
+/// used it.
 class WorkerTest : public SoftTokenTest {
 protected:
     WorkerTest() {
@@ -237,54 +126,100 @@ protected:
         softtoken::logIn(kSerial, kPin, 3600, left);
     }
 
-    [[nodiscard]] WorkerProcess start(unsigned seed, int threads, int steps) const {
-        return {home_ / (".journal" + std::to_string(seed)), seed, threads, steps};
+    /// What makes a process write into the journal.
+    [[nodiscard]] static std::string work(const fs::path& journal, unsigned seed, int steps) {
+        return journal.string() + " " + std::to_string(seed) + " " + std::to_string(steps);
     }
 
-    std::ptrdiff_t temporaryFiles() const {
-        const fs::recursive_directory_iterator all(home_);
-        return std::ranges::count_if(all, [](const auto& it) { return it.path().extension() == ".tmp"; });
+    static std::vector<std::string> linesOf(const fs::path& journal) {
+        std::vector<std::string> lines;
+        std::ifstream file(journal);
+        for (std::string line; std::getline(file, line);)
+            lines.push_back(line);
+        return lines;
     }
 
-    Expectation expected_;
+    void replay(const fs::path& journal) {
+        for (const std::string& line : linesOf(journal)) {
+            std::istringstream words(line);
+            std::string what, operation;
+            words >> what >> operation >> key_;
+            EXPECT_TRUE(what == "begin" || what == "done") << line;
+            begun_ = what == "begin" ? operation : "";
+            if (what == "begin") continue;
+            if (operation == "generate" || operation == "import") keys_.insert(key_);
+            if (operation == "delete") keys_.erase(key_);
+            if (operation == "wrong-pin") --attempts_;
+            if (operation == "right-pin") attempts_ = kMaxAttempts;
+        }
+    }
+
+    /// Compares with the token on disk, where the operation whose result is not known may have happened or
+    /// not, and goes on from there.
+    void check() {
+        SCOPED_TRACE("unknown: " + begun_ + " " + key_);
+        std::set<std::string> found;
+        for (const VeltraKeyPair& key : keyPairs(kSerial)) {
+            found.insert(toHex(key.keyId));
+            EXPECT_EQ(signInCore(key.keyId, kNoPin), kNoFailure);
+        }
+        for (const VeltraSymmetricKey& key : aesKeys(kSerial))
+            found.insert(toHex(key.keyId));
+        std::vector<std::string> lost, surplus;
+        std::ranges::set_difference(keys_, found, std::back_inserter(lost));
+        std::ranges::set_difference(found, keys_, std::back_inserter(surplus));
+        if (begun_ == "delete") std::erase(lost, key_);
+        EXPECT_THAT(lost, testing::IsEmpty());
+        EXPECT_LE(surplus.size(), begun_ == "generate" || begun_ == "import" ? 1u : 0u)
+            << "something is there that was deleted or never made";
+
+        const std::uint32_t left = attemptsOnDisk();
+        const bool counted = left + 1 == attempts_ && begun_.ends_with("-pin");
+        EXPECT_TRUE(left == attempts_ || counted || (left == kMaxAttempts && begun_ == "right-pin"))
+            << left << " instead of " << attempts_;
+        keys_ = found;
+        attempts_ = left;
+        begun_.clear();
+    }
+
+    std::set<std::string> keys_; ///< of both kinds
+    std::uint32_t attempts_ = kMaxAttempts;
+    std::string begun_, key_; ///< the operation whose result was not reported
 };
 
-// VELTRA_KILLS and VELTRA_KILL_SEED repeat it with other numbers.
+// VELTRA_KILLS repeats it with another number.
 TEST_F(WorkerTest, KillingAProcessLosesNothingThatItReportedAndWinsNoPinAttempt) {
-    const int kills = numberFromEnvironment("VELTRA_KILLS", 20);
-    const auto seed = static_cast<unsigned>(numberFromEnvironment("VELTRA_KILL_SEED", 20261));
-    std::mt19937 random(seed);
-    std::map<std::string, int> cut;
-    std::size_t reported = 0;
-    std::ptrdiff_t leftBehind = 0;
+    const char* wanted = std::getenv("VELTRA_KILLS");
+    const int kills = wanted == nullptr ? 20 : std::atoi(wanted);
+    std::mt19937 random(20261);
     for (int i = 0; i < kills && !HasFailure(); ++i) {
-        SCOPED_TRACE(testing::Message() << "kill " << i << " of seed " << seed);
-        WorkerProcess worker = start(static_cast<unsigned>(random()), 1, 0);
-        worker.killAfter(1 + random() % 16, random() % 20);
-        expected_.replay(worker.journal());
-        reported += worker.journal().size() / 2;
-        ++cut[expected_.begun];
-        leftBehind += temporaryFiles();
-        expected_.check();
+        SCOPED_TRACE(testing::Message() << "kill " << i);
+        const fs::path journal = home_ / (".journal" + std::to_string(i));
+        const veltra::test::ChildProcess worker("TokenWorker.DISABLED_Works",
+                                                work(journal, static_cast<unsigned>(random()), 0));
+        const ULONGLONG end = GetTickCount64() + kPatience;
+        for (const std::size_t lines = 1 + random() % 16; linesOf(journal).size() < lines;)
+            ASSERT_TRUE(worker.exitCodeWithin(1) == STILL_ACTIVE && GetTickCount64() < end);
+        Sleep(random() % 20);
+        worker.kill();
+        replay(journal);
+        check();
     }
-    std::printf("%d kills with seed %u, %zu operations reported, %td temporary files; in the middle of",
-                kills, seed, reported, leftBehind);
-    for (const auto& [operation, count] : cut)
-        std::printf(" %s: %d", operation.empty() ? "nothing" : operation.c_str(), count);
-    std::printf("\n");
     static_cast<void>(TokenFolder(kSerial).lock());
-    EXPECT_EQ(temporaryFiles(), 0) << "the next to modify the token clears them away";
+    for (const auto& entry : fs::recursive_directory_iterator(home_))
+        EXPECT_NE(entry.path().extension(), kTemporaryExtension) << "the next writer clears them away";
 }
 
 TEST_F(WorkerTest, ProcessesAndTheirThreadsShareAToken) {
-    const WorkerProcess workers[] = {start(1, 2, 12), start(3, 2, 12)};
-    for (const WorkerProcess& worker : workers) {
-        worker.waitForEnd();
-        expected_.replay(worker.journal());
-    }
-    EXPECT_FALSE(expected_.keys.empty());
-    EXPECT_LT(expected_.attempts, kMaxAttempts);
-    expected_.check();
+    const fs::path journals[] = {home_ / ".journal1", home_ / ".journal3"};
+    const veltra::test::ChildProcess first("TokenWorker.DISABLED_Works", work(journals[0], 1, 12));
+    const veltra::test::ChildProcess second("TokenWorker.DISABLED_Works", work(journals[1], 3, 12));
+    EXPECT_EQ(first.exitCodeWithin(kPatience) + second.exitCodeWithin(kPatience), 0u);
+    for (const fs::path& journal : journals)
+        replay(journal);
+    EXPECT_FALSE(keys_.empty());
+    EXPECT_LT(attempts_, kMaxAttempts);
+    check();
 }
 
 } // namespace veltra::softtoken::test
