@@ -13,7 +13,7 @@
 #include <bit>
 #include <deque>
 #include <future>
-#include <sstream>
+#include <set>
 #include <thread>
 
 namespace veltra::test {
@@ -27,12 +27,7 @@ constexpr DWORD kPatience = 30000; ///< milliseconds
 class LoadedProvider {
 public:
     explicit LoadedProvider(const std::string& folder = programFolder())
-        : module_(LoadLibraryA((folder + "VeltraCSP.dll").c_str())) {
-        bind(acquire_, "CPAcquireContext");
-        bind(release_, "CPReleaseContext");
-        bind(generate_, "CPGenKey");
-        bind(interface_, "GetKeyStorageInterface");
-    }
+        : module_(LoadLibraryA((folder + "VeltraCSP.dll").c_str())) {}
     LoadedProvider(const LoadedProvider&) = delete;
     LoadedProvider& operator=(const LoadedProvider&) = delete;
     ~LoadedProvider() { FreeLibrary(module_); }
@@ -40,34 +35,33 @@ public:
     HCRYPTPROV acquire(DWORD flags) const {
         HCRYPTPROV context = 0;
         std::uintptr_t table = 0;
-        acquire_(&context, nullptr, flags, reinterpret_cast<VTableProvStruc*>(&table));
+        function<decltype(CPAcquireContext)>("CPAcquireContext")(&context, nullptr, flags,
+                                                                 reinterpret_cast<VTableProvStruc*>(&table));
         return context;
     }
-    bool release(HCRYPTPROV context) const { return release_(context, 0) != FALSE; }
+    bool release(HCRYPTPROV context) const {
+        return function<decltype(CPReleaseContext)>("CPReleaseContext")(context, 0) != FALSE;
+    }
     /// What CNG is handed out without the module being in use.
     bool hasFunctionsOfCng() const {
         NCRYPT_KEY_STORAGE_FUNCTION_TABLE* functions = nullptr;
-        return interface_(nullptr, &functions, 0) == 0 && functions->OpenProvider != nullptr;
+        function<decltype(GetKeyStorageInterface)>("GetKeyStorageInterface")(nullptr, &functions, 0);
+        return functions != nullptr && functions->OpenProvider != nullptr;
     }
     /// Verifies the user and then refuses the length: what the last error tells apart.
     DWORD verifyUser(HCRYPTPROV context) const {
         HCRYPTKEY key = 0;
-        generate_(context, AT_SIGNATURE, 1024u << 16, &key);
+        function<decltype(CPGenKey)>("CPGenKey")(context, AT_SIGNATURE, 1024u << 16, &key);
         return GetLastError();
     }
 
 private:
     template <class Function>
-    void bind(Function*& function, const char* name) {
-        function = std::bit_cast<Function*>(GetProcAddress(module_, name));
-        EXPECT_NE(function, nullptr) << name;
+    Function* function(const char* name) const {
+        return std::bit_cast<Function*>(GetProcAddress(module_, name));
     }
 
     HMODULE module_;
-    decltype(&CPAcquireContext) acquire_ = nullptr;
-    decltype(&CPReleaseContext) release_ = nullptr;
-    decltype(&CPGenKey) generate_ = nullptr;
-    decltype(&GetKeyStorageInterface) interface_ = nullptr;
 };
 
 bool isLoaded() {
@@ -76,19 +70,16 @@ bool isLoaded() {
 
 /// How many lines of the log have this text.
 std::ptrdiff_t linesWith(const std::string& text) {
-    std::istringstream log(readLog());
-    std::ptrdiff_t count = 0;
-    for (std::string line; std::getline(log, line);)
-        count += line.find(text) != std::string::npos;
-    return count;
+    return std::ranges::count_if(
+        linesOf(readLog()), [&](const std::string& line) { return line.find(text) != std::string::npos; });
 }
 
 /// A folder with a copy of VeltraCSP.dll and, as its device library, one of this file.
-std::string folderWithLibrary(const std::string& library) {
+std::string folderWithLibrary(const char* library) {
     std::string folder = temporaryFolder() + "provider\\";
     CreateDirectoryA(folder.c_str(), nullptr);
-    for (const auto& [from, to] : {std::pair<std::string, const char*>{"VeltraCSP.dll", "VeltraCSP.dll"},
-                                   {library, "VeltraDSCLibrary.dll"}})
+    for (const auto& [from, to] :
+         {std::pair{"VeltraCSP.dll", "VeltraCSP.dll"}, {library, "VeltraDSCLibrary.dll"}})
         EXPECT_TRUE(CopyFileA((programFolder() + from).c_str(), (folder + to).c_str(), FALSE)) << from;
     return folder;
 }
@@ -226,22 +217,18 @@ TEST(LogWriter, DISABLED_Writes) {
 }
 
 TEST_F(ModuleLifecycleTest, ManyProcessesWriteOneLogWithoutATornOrLostLine) {
-    std::vector<std::string> expected;
+    std::multiset<std::string> expected;
     std::deque<ChildProcess> children;
     for (int writer = 0; writer < kLogWriters; ++writer) {
         children.emplace_back("LogWriter.DISABLED_Writes", std::to_string(writer));
         for (int line = 0; line < 2 * kLogLines; ++line)
-            expected.push_back("ERROR " +
-                               logLine(std::to_string(writer), line / kLogLines, line % kLogLines));
+            expected.insert("ERROR " + logLine(std::to_string(writer), line / kLogLines, line % kLogLines));
     }
     for (const ChildProcess& child : children)
         EXPECT_EQ(child.exitCodeWithin(kPatience), 7u);
-    std::vector<std::string> found;
-    std::istringstream log(readLog());
-    for (std::string line; std::getline(log, line);)
-        found.push_back(withoutTime(line));
-    std::ranges::sort(expected);
-    std::ranges::sort(found);
+    std::multiset<std::string> found;
+    for (const std::string& line : linesOf(readLog()))
+        found.insert(withoutTime(line));
     EXPECT_EQ(found, expected);
 }
 

@@ -35,6 +35,10 @@ constexpr DWORD kRoom = 2048; ///< bytes for a plaintext
 
 /// A token whose every secret is the key marker. Keeps no copy of anything.
 class StandInLibrary final : public MissingDeviceLibrary {
+    using Text = const char*;
+    using Input = const unsigned char*;
+    using Output = unsigned char*;
+
 public:
     StandInLibrary() {
         for (const auto& [type, id] : {std::pair{kKeyTypeRsa2048, 0x11}, {kKeyTypeEcP256, 0x22}}) {
@@ -60,59 +64,51 @@ public:
     std::vector<std::string> veltra_getConnectedDeviceList(bool, void*) override {
         return connected ? std::vector{kSerial} : std::vector<std::string>();
     }
-    int veltra_initDevice(const char*, bool, void*) override { return kDeviceOk; }
-    TokenInfo veltra_getTokenInfo(const char*, void*) override {
+    int veltra_initDevice(Text, bool, void*) override { return kDeviceOk; }
+    TokenInfo veltra_getTokenInfo(Text, void*) override {
         TokenInfo info;
         info.fipsMarker = "FI1";
         info.firmwareVersion = "2.0.0";
         return info;
     }
-    int veltra_validatePassword(const char*, const char*, int, int*, void*) override { return pinAnswer; }
-    std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char*, void*) override { return pairs_; }
+    int veltra_validatePassword(Text, Text, int, int*, void*) override { return pinAnswer; }
+    std::vector<VeltraKeyPair>& veltra_getKeyPairList(Text, void*) override { return pairs_; }
     // The library's own copy is there only while its caller makes one.
-    std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char*, void*) override {
+    std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(Text, void*) override {
         for (VeltraSymmetricKey& key : aesKeys_)
             kKey.copyTo(key.key);
         return aesKeys_;
     }
-    int veltra_importAesKey(const char*, const char*, VeltraSymmetricKey*, void*) override {
-        return kDeviceOk;
-    }
-    int veltra_signHash(const char*, const unsigned char*, const char*, const unsigned char*, int,
-                        unsigned char*, int*, bool, void*, bool) override {
+    int veltra_importAesKey(Text, Text, VeltraSymmetricKey*, void*) override { return kDeviceOk; }
+    int veltra_signHash(Text, Input, Text, Input, int, Output, int*, bool, void*, bool) override {
         return signAnswer;
     }
-    int veltra_decrypt(const char*, const unsigned char*, const char*, const unsigned char*, int,
-                       unsigned char** out, int* outLength, bool, void*) override {
-        return handOut(out, outLength);
+    int veltra_decrypt(Text, Input, Text, Input, int, Output* out, int* length, bool, void*) override {
+        return handOut(out, length);
     }
-    int veltra_encrypt_aes(const char*, EncryptionType, const unsigned char*, int, const unsigned char*, int,
-                           unsigned char** out, int* outLength, bool, const unsigned char*, int,
-                           const unsigned char*, int, void*) override {
-        return handOut(out, outLength);
+    int veltra_encrypt_aes(Text, EncryptionType, Input, int, Input, int, Output* out, int* length, bool,
+                           Input, int, Input, int, void*) override {
+        return handOut(out, length);
     }
-    int veltra_decrypt_aes(const char*, const unsigned char*, int, const unsigned char*, int,
-                           unsigned char** out, int* outLength, bool, const unsigned char*, int,
+    int veltra_decrypt_aes(Text, Input, int, Input, int, Output* out, int* length, bool, Input, int,
                            void*) override {
         for (VeltraSymmetricKey& key : aesKeys_)
             wipe(key.key, kLength);
-        return handOut(out, outLength);
+        return handOut(out, length);
     }
-    int veltra_decryptSymetric(const char*, const unsigned char*, int, unsigned char* out, int* outLength,
-                               const unsigned char*, int, const unsigned char*, int, void*) override {
-        int length = 0;
-        for (; length + static_cast<int>(kLength) <= *outLength; length += kLength)
-            kKey.copyTo(out + length);
-        *outLength = length;
+    int veltra_decryptSymetric(Text, Input, int, Output out, int* length, Input, int, Input, int,
+                               void*) override {
+        const int room = std::exchange(*length, 0);
+        for (; *length + static_cast<int>(kLength) <= room; *length += kLength)
+            kKey.copyTo(out + *length);
         return kDeviceOk;
     }
-    int veltra_ecdhDerive(const char*, const unsigned char*, const char*, const unsigned char*, int,
-                          unsigned char** out, int* outLength, void*) override {
-        return handOut(out, outLength);
+    int veltra_ecdhDerive(Text, Input, Text, Input, int, Output* out, int* length, void*) override {
+        return handOut(out, length);
     }
-    int veltra_initHash(const char*, int, void**, void*) override { return kDeviceOk; }
-    int veltra_updateHash(void*, const unsigned char*, int, void*) override { return kDeviceOk; }
-    int veltra_finalHash(void*, unsigned char* digest, int* length, void*) override {
+    int veltra_initHash(Text, int, void**, void*) override { return kDeviceOk; }
+    int veltra_updateHash(void*, Input, int, void*) override { return kDeviceOk; }
+    int veltra_finalHash(void*, Output digest, int* length, void*) override {
         kKey.copyTo(digest);
         *length = kLength;
         return kDeviceOk;
@@ -122,11 +118,11 @@ private:
     // So many that what is allocated afterwards does not cover a copy of them all.
     static constexpr std::size_t kAesKeys = 100;
 
-    int handOut(unsigned char** out, int* outLength) {
-        *out = static_cast<unsigned char*>(std::malloc(kLength * repeats));
+    int handOut(Output* out, int* length) {
+        *out = static_cast<Output>(std::malloc(kLength * repeats));
         for (std::size_t i = 0; i < repeats; ++i)
             kKey.copyTo(*out + i * kLength);
-        *outLength = static_cast<int>(kLength * repeats);
+        *length = static_cast<int>(kLength * repeats);
         fences_.emplace_back(kLength);
         return kDeviceOk;
     }
@@ -168,14 +164,14 @@ protected:
     /// again.
     void sign(int code) {
         library.signAnswer = code;
-        HCRYPTHASH hash = 0;
+        HCRYPTHASH document = 0;
         const Bytes value(kLength);
-        EXPECT_TRUE(CPCreateHash(context, CALG_SHA_256, 0, 0, &hash) &&
-                    CPSetHashParam(context, hash, HP_HASHVAL, value.data(), 0));
+        EXPECT_TRUE(CPCreateHash(context, CALG_SHA_256, 0, 0, &document) &&
+                    CPSetHashParam(context, document, HP_HASHVAL, value.data(), 0));
         Bytes signature(256);
         auto length = static_cast<DWORD>(signature.size());
-        CPSignHash(context, hash, AT_KEYEXCHANGE, nullptr, 0, signature.data(), &length);
-        EXPECT_TRUE(CPDestroyHash(context, hash));
+        CPSignHash(context, document, AT_KEYEXCHANGE, nullptr, 0, signature.data(), &length);
+        EXPECT_TRUE(CPDestroyHash(context, document));
     }
 
     /// The dialog, in which the user types the PIN, and which he leaves with this button.
@@ -199,28 +195,19 @@ protected:
         setPinPrompt(&cancels_);
     }
 
-    /// A blob of CryptoAPI: its header, two words, and the key in clear or 256 bytes of anything.
-    HCRYPTKEY importKey(DWORD type, bool clear) {
+    /// Imports a blob of CryptoAPI: its header, two words, and the key in clear or 256 bytes of anything.
+    void importKey(DWORD type, bool clear) {
         SecretBytes<268> blob;
         std::ranges::copy(dwords({type | CUR_BLOB_VERSION << 8, CALG_AES_256, kLength}), blob.data());
         if (clear) kKey.copyTo(blob.data() + 12);
-        HCRYPTKEY key = 0;
         EXPECT_TRUE(CPImportKey(context, blob.data(), clear ? 12 + kLength : blob.size(), rsaKey, 0, &key));
-        return key;
     }
-    /// A blob of CNG: of the type that holds the key in clear, and filled with it for every type.
-    NCRYPT_KEY_HANDLE importCngKey(LPCWSTR type) {
+    /// Imports a blob of CNG: of the type that holds the key in clear, and filled with it for every type.
+    void importCngKey(LPCWSTR type) {
         SecretBytes<12 + kLength> blob;
         std::ranges::copy(dwords({BCRYPT_KEY_DATA_BLOB_MAGIC, 1, kLength}), blob.data());
         kKey.copyTo(blob.data() + 12);
-        NCRYPT_KEY_HANDLE key = 0;
-        EXPECT_EQ(KSPImportKey(provider, cngRsaKey, type, nullptr, &key, blob.data(), blob.size(), 0), 0);
-        return key;
-    }
-    HCRYPTHASH createHash(ALG_ID algorithm, HCRYPTKEY key) {
-        HCRYPTHASH hash = 0;
-        EXPECT_TRUE(CPCreateHash(context, algorithm, key, 0, &hash));
-        return hash;
+        EXPECT_EQ(KSPImportKey(provider, cngRsaKey, type, nullptr, &cngKey, blob.data(), blob.size(), 0), 0);
     }
     /// Hands the PIN to `function(pin)`, and the rest of the program has none of it.
     template <class Function>
@@ -229,17 +216,16 @@ protected:
         function(pin.data());
     }
 
-    static void expectNoPinInLog() {
-        givePin([](const BYTE* clear) {
-            const std::string pin(boundedText(reinterpret_cast<const char*>(clear), kLength));
-            const std::string log = readLog();
-            std::string wide(pin.size() * 2, '\0');
-            for (std::size_t i = 0; i < pin.size(); ++i)
-                wide[i * 2] = pin[i];
-            EXPECT_THAT(log, HasSubstr("CPSetProvParam - passwordLength : 32")) << "the most verbose level";
-            for (const std::string& form : {pin, wide, toHex({clear, kLength})})
-                EXPECT_THAT(log, Not(HasSubstr(form)));
-        });
+    /// Releases all that keeps a secret: the handles below, and the PIN, because the user is asked again and
+    /// cancels.
+    void release() {
+        sign(kDeviceSessionExpired);
+        EXPECT_TRUE(key == 0 || CPDestroyKey(context, key));
+        EXPECT_TRUE(hash == 0 || CPDestroyHash(context, hash));
+        EXPECT_TRUE(cngKey == 0 || KSPFreeKey(provider, cngKey) == 0);
+        EXPECT_TRUE(secret == 0 || KSPFreeSecret(provider, secret) == 0);
+        key = hash = cngKey = secret = 0;
+        storePin(kSerial, Pin("1234"));
     }
 
     StandInLibrary library;
@@ -248,85 +234,61 @@ protected:
     NCRYPT_PROV_HANDLE provider = 0;
     NCRYPT_KEY_HANDLE cngRsaKey = 0;
     NCRYPT_KEY_HANDLE cngEcKey = 0;
+    ULONG_PTR key = 0, hash = 0, cngKey = 0, secret = 0;
 
 private:
     ScriptedPinPrompt cancels_;
 };
 
 TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
-    using Release = std::function<void()>;
-    struct Way {
-        const SecretMarker& secret;
-        const char* name;
-        std::function<Release()> use; ///< what releases what it keeps; null: it keeps nothing
-    };
-    // The user is asked again and cancels.
-    const Release forget = [&] { sign(kDeviceSessionExpired); };
-    const auto destroyKey = [&](HCRYPTKEY key) -> Release {
-        return [this, key] { EXPECT_TRUE(CPDestroyKey(context, key)); };
-    };
-    const auto destroyHash = [&](HCRYPTHASH hash) -> Release {
-        return [this, hash] { EXPECT_TRUE(CPDestroyHash(context, hash)); };
-    };
-    const auto freeCngKey = [&](NCRYPT_KEY_HANDLE key) -> Release {
-        return [this, key] { EXPECT_EQ(KSPFreeKey(provider, key), 0); };
-    };
     const auto setInCryptoApi = [&] {
         givePin([&](BYTE* pin) { CPSetProvParam(context, PP_SIGNATURE_PIN, pin, 0); });
-        return forget;
     };
     const auto setInCng = [&] {
         givePin([&](BYTE* pin) { KSPSetProviderProperty(provider, L"SmartCardPin", pin, kLength, 0); });
-        return forget;
     };
-    const Way kWays[] = {
-        {kKey, "SIMPLEBLOB", [&] { return destroyKey(importKey(SIMPLEBLOB, false)); }},
-        {kKey, "PLAINTEXTKEYBLOB, SYMMETRICWRAPKEYBLOB: on the token only",
+    struct {
+        const SecretMarker& marker;
+        bool isKept; ///< until release()
+        const char* name;
+        std::function<void()> use;
+    } const kWays[] = {
+        {kKey, true, "SIMPLEBLOB", [&] { importKey(SIMPLEBLOB, false); }},
+        {kKey, false, "PLAINTEXTKEYBLOB", [&] { importKey(PLAINTEXTKEYBLOB, true); }},
+        {kKey, false, "SYMMETRICWRAPKEYBLOB", [&] { importKey(SYMMETRICWRAPKEYBLOB, false); }},
+        {kKey, true, "key of an HMAC, its value, and a copy",
          [&] {
-             destroyKey(importKey(PLAINTEXTKEYBLOB, true))();
-             destroyKey(importKey(SYMMETRICWRAPKEYBLOB, false))();
-             return nullptr;
-         }},
-        {kKey, "key of an HMAC, its value, and a copy",
-         [&] {
-             const HCRYPTKEY key = importKey(SIMPLEBLOB, false);
-             const HCRYPTHASH hash = createHash(CALG_HMAC, key);
-             destroyKey(key)();
+             importKey(SIMPLEBLOB, false);
              const HMAC_INFO info{CALG_SHA_256, nullptr, 0, nullptr, 0};
              SecretBytes<kLength> value;
              DWORD length = kLength;
              HCRYPTHASH copy = 0;
              EXPECT_TRUE(
+                 CPCreateHash(context, CALG_HMAC, key, 0, &hash) &&
                  CPSetHashParam(context, hash, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0) &&
                  CPGetHashParam(context, hash, HP_HASHVAL, value.data(), &length, 0) &&
-                 CPDuplicateHash(context, hash, nullptr, 0, &copy));
-             destroyHash(hash)();
-             return destroyHash(copy);
+                 CPDuplicateHash(context, hash, nullptr, 0, &copy) && CPDestroyHash(context, copy));
          }},
-        {kKey, "CPDeriveKey",
+        {kKey, true, "CPDeriveKey",
          [&] {
-             const HCRYPTHASH hash = createHash(CALG_SHA_256, 0);
-             HCRYPTKEY key = 0;
-             EXPECT_TRUE(CPDeriveKey(context, CALG_AES_256, hash, 0, &key));
-             destroyHash(hash)();
-             return destroyKey(key);
+             EXPECT_TRUE(CPCreateHash(context, CALG_SHA_256, 0, 0, &hash) &&
+                         CPDeriveKey(context, CALG_AES_256, hash, 0, &key));
          }},
-        {kKey, "KeyDataBlob", [&] { return freeCngKey(importCngKey(L"KeyDataBlob")); }},
-        {kKey, "OpaqueKeyBlob", [&] { return freeCngKey(importCngKey(L"OpaqueKeyBlob")); }},
-        {kKey, "OpaqueTransport", [&] { return freeCngKey(importCngKey(L"OpaqueTransport")); }},
-        {kKey, "KSPSecretAgreement and KSPDeriveKey",
-         [&]() -> Release {
-             NCRYPT_SECRET_HANDLE secret = 0;
-             EXPECT_EQ(KSPSecretAgreement(provider, cngEcKey, cngEcKey, &secret, 0), 0);
-             SecretBytes<kLength> key;
+        {kKey, true, "KeyDataBlob", [&] { importCngKey(L"KeyDataBlob"); }},
+        {kKey, true, "OpaqueKeyBlob", [&] { importCngKey(L"OpaqueKeyBlob"); }},
+        {kKey, true, "OpaqueTransport", [&] { importCngKey(L"OpaqueTransport"); }},
+        {kKey, true, "KSPSecretAgreement and KSPDeriveKey",
+         [&] {
+             SecretBytes<kLength> derived;
              DWORD length = 0;
-             EXPECT_EQ(KSPDeriveKey(provider, secret, L"HASH", nullptr, key.data(), kLength, &length, 0), 0);
-             return [this, secret] { EXPECT_EQ(KSPFreeSecret(provider, secret), 0); };
+             EXPECT_EQ(KSPSecretAgreement(provider, cngEcKey, cngEcKey, &secret, 0), 0);
+             EXPECT_EQ(KSPDeriveKey(provider, secret, L"HASH", nullptr, derived.data(), kLength, &length, 0),
+                       0);
          }},
-        {kKey, "CPDecrypt, KSPDecrypt, CPEncrypt, and no room for the answer",
+        {kKey, true, "CPDecrypt, KSPDecrypt, CPEncrypt, and no room for the answer",
          [&] {
-             const HCRYPTKEY key = importKey(SIMPLEBLOB, false);
-             const NCRYPT_KEY_HANDLE cngKey = importCngKey(L"KeyDataBlob");
+             importKey(SIMPLEBLOB, false);
+             importCngKey(L"KeyDataBlob");
              library.repeats = 50;
              SecretBytes<kRoom> data;
              for (const DWORD room : {kRoom, DWORD{16}}) {
@@ -343,25 +305,17 @@ TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
                  CPEncrypt(context, key, 0, TRUE, 0, data.data(), &length, room);
              }
              library.repeats = 1;
-             destroyKey(key)();
-             freeCngKey(cngKey)();
-             return nullptr;
          }},
-        {kPin, "CPSetProvParam", setInCryptoApi},
-        {kPin, "KSPSetProviderProperty", setInCng},
-        {kPin, "KSPSetKeyProperty",
+        {kPin, true, "CPSetProvParam", setInCryptoApi},
+        {kPin, true, "KSPSetProviderProperty", setInCng},
+        {kPin, true, "KSPSetKeyProperty",
          [&] {
              givePin([&](BYTE* pin) {
                  KSPSetKeyProperty(provider, cngRsaKey, L"SmartCardPin", pin, kLength, 0);
              });
-             return forget;
          }},
-        {kPin, "dialog, Login",
-         [&] {
-             typePinAndPress(IDOK);
-             return forget;
-         }},
-        {kPin, "dialog, Cancel and closed, and a PIN that the token refuses",
+        {kPin, true, "dialog, Login", [&] { typePinAndPress(IDOK); }},
+        {kPin, false, "dialog, Cancel and closed, and a PIN that the token refuses",
          [&] {
              typePinAndPress(IDCANCEL);
              typePinAndPress(0);
@@ -370,30 +324,35 @@ TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
              setInCng();
              typePinAndPress(IDOK);
              library.pinAnswer = kDeviceOk;
-             return nullptr;
+         }},
+        {kPin, false, "a token that is pulled, which the monitor sees within a second",
+         [&] {
+             setInCryptoApi();
+             EXPECT_TRUE(kPin.isInMemory());
+             library.connected = false;
+             for (int i = 0; i < 500 && isPinValidated(kSerial); ++i)
+                 Sleep(10);
+             library.connected = true;
          }},
     };
-    for (const Way& way : kWays) {
-        SCOPED_TRACE(way.name);
-        EXPECT_FALSE(way.secret.isInMemory()) << "before";
-        if (const Release release = way.use()) {
-            EXPECT_TRUE(way.secret.isInMemory()) << "nothing to be released";
-            release();
-        }
-        EXPECT_FALSE(way.secret.isInMemory());
+    for (const auto& [marker, isKept, name, use] : kWays) {
+        SCOPED_TRACE(name);
+        EXPECT_FALSE(marker.isInMemory()) << "before";
+        use();
+        EXPECT_EQ(marker.isInMemory(), isKept);
+        release();
+        EXPECT_FALSE(marker.isInMemory());
     }
-    expectNoPinInLog();
-}
-
-TEST_F(SecretsTest, APulledTokensPinIsGone) {
-    givePin([&](BYTE* pin) { CPSetProvParam(context, PP_SIGNATURE_PIN, pin, 0); });
-    EXPECT_TRUE(kPin.isInMemory());
-    library.connected = false; // which the monitor sees within a second
-    for (int i = 0; i < 500 && isPinValidated(kSerial); ++i)
-        Sleep(10);
-    EXPECT_FALSE(kPin.isInMemory());
-
-    expectNoPinInLog();
+    givePin([](const BYTE* clear) {
+        const std::string pin(boundedText(reinterpret_cast<const char*>(clear), kLength));
+        const std::string log = readLog();
+        std::string wide(pin.size() * 2, '\0');
+        for (std::size_t i = 0; i < pin.size(); ++i)
+            wide[i * 2] = pin[i];
+        EXPECT_THAT(log, HasSubstr("CPSetProvParam - passwordLength : 32")) << "the most verbose level";
+        for (const std::string& form : {pin, wide, toHex({clear, kLength})})
+            EXPECT_THAT(log, Not(HasSubstr(form)));
+    });
 }
 
 } // namespace
