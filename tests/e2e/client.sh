@@ -1,5 +1,5 @@
-# Applications over the token, through CryptoAPI and through CNG: what they do, HMAC by RFC 4231, and OpenSSL as the
-# judge of their ciphertexts. They are the tests of veltra_client_tests.exe; this script sets up what it uses.
+# Applications over the token, through CryptoAPI and through CNG: what they do, and OpenSSL as the judge of their
+# signatures, ciphertexts and HMACs. They are the tests of veltra_client_tests.exe; this script sets up what it uses.
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 # client FILTER: the tests that the filter chooses. Under Wine the exit status of a crash can get lost, so the last
@@ -25,7 +25,6 @@ printf 'a secret \0 of more than two blocks of sixteen bytes' >secret
 printf 'a passphrase' >passphrase
 head -c 32 /dev/urandom >aes.key
 head -c 16 /dev/urandom >aes.iv
-grep -v '^#' "$veltraRoot/tests/e2e/rfc4231.txt" >rfc4231.txt
 
 # Without a session, in a process that has no PIN.
 softtoken logout E2E-CLIENT
@@ -44,7 +43,12 @@ for bits in 128 192 256; do
     done
 done
 key=$(hexOf aes.key)
+for digest in sha1 sha256 sha384 sha512; do
+    openssl dgst "-$digest" -verify "$unique.pub" -signature "$digest.sig" secret || fail "OpenSSL refuses $digest"
+    openssl dgst "-$digest" -mac HMAC -macopt "hexkey:$key" -binary secret | cmp - "$digest.hmac"
+done
 for bits in 192 256; do judge "session-$bits-cbc" "$bits-cbc" "${key:0:bits/4}" "$(hexOf aes.iv)"; done
-# OpenSSL signs a bare 36-byte hash in the same form.
-openssl pkeyutl -verify -pubin -inkey "$unique.pub" -pkeyopt rsa_padding_mode:pkcs1 -in md5-sha1.hash \
-    -sigfile md5-sha1.sig || fail "OpenSSL refuses the signature over MD5 and SHA-1"
+# OpenSSL signs a bare 36-byte hash, as that of MD5 and SHA-1, in the same form.
+printf 'Z%.0s' {1..36} >bare.hash
+openssl pkeyutl -verify -pubin -inkey "$unique.pub" -pkeyopt rsa_padding_mode:pkcs1 -in bare.hash -sigfile bare.sig ||
+    fail "OpenSSL refuses the signature over MD5 and SHA-1"
