@@ -114,6 +114,8 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
     expectRefusals(
         {signSome(0, &length), signSome(33, &length), signSome(32, &negative),
          veltra_generateKeyPair(kSerial, kPin, &rsa1024, nullptr),
+         veltra_encrypt(EncryptionType::Rsa2048, PaddingMode::Pkcs1, bytes, 16, bytes, &oneLess, der.data(),
+                        lengthOf(der), nullptr),
          veltra_ecdhDerive(kSerial, rsa.keyId, kPin, key.publicKey, 65, &out.data, &out.length, nullptr),
          veltra_decrypt(kSerial, id, kPin, bytes, 256, &out.data, &out.length, false, nullptr),
          veltra_finalHash(state, bytes, &negative, nullptr),

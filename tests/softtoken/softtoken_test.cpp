@@ -2,7 +2,6 @@
 
 #include "foundation/windows.h"
 #include "pin_vault.h"
-#include "sealed_data.h"
 #include "unit/test_certificates.h"
 
 #include <fstream>
@@ -60,18 +59,6 @@ void SoftTokenTest::create(const char* serial, std::uint32_t attempts) {
     description.serial = serial;
     description.label = "Token of a test";
     createToken(description, kPin, attempts);
-
-    // No key is sealed yet, so the token can have another master key, under a PIN that is derived faster.
-    const TokenFolder token(serial);
-    const Bytes salt = randomBytes(16);
-    const std::uint64_t cost = 1024;
-    const Expression sealed =
-        seal(deriveKeyFromPin(kPin, salt, cost), token.description().tokenId, randomBytes(kSealingKeyLength));
-    const Expression record = Expression::build(
-        "(pin %S %S %S %S)", Expression::field("attempts", attempts).get(),
-        Expression::field("salt", salt).get(), Expression::field("cost", cost).get(), sealed.get());
-    for (const char* file : {"pin", "pin.copy"})
-        writeRecord(token.path() / file, record, Overwrite::Allowed);
 }
 
 VeltraKeyPair SoftTokenTest::generate(std::uint32_t keyType, std::uint32_t usage) {

@@ -75,7 +75,7 @@ protected:
     SoftTokenTest();
     ~SoftTokenTest() override;
 
-    /// Makes another token. Its PIN is derived with the lowest cost that a token may have.
+    /// Makes another token.
     static void create(const char* serial, std::uint32_t attempts = kDefaultAttempts);
     template <class Change>
     static void change(Change change) {

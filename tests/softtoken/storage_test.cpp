@@ -5,7 +5,6 @@
 #include "contract_records.h"
 #include "foundation/windows.h"
 #include "pin_vault.h"
-#include "token_operations.h"
 
 #include <algorithm>
 #include <atomic>

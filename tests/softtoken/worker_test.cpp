@@ -4,7 +4,6 @@
 
 #include "foundation/windows.h"
 #include "lifecycle/child_process.h"
-#include "token_operations.h"
 
 #include <algorithm>
 #include <fstream>
@@ -46,16 +45,9 @@ public:
             mine_.erase(chosen);
             attempt("delete", toHex(key.keyId),
                     [&](std::string&) { deleteKeyPair(kSerial, key.keyId, kNoPin); });
-        } else if (choice < 11) {
+        } else if (choice < 12) {
             attempt("rename", toHex(key.keyId),
                     [&](std::string&) { renameKeyPair(kSerial, key.keyId, kNoPin, "renamed"); });
-        } else if (choice < 12) {
-            attempt("import", "-", [&](std::string& id) {
-                VeltraSymmetricKey made{};
-                made.keyLength = 32;
-                importAesKey(kSerial, kNoPin, made);
-                id = toHex(made.keyId);
-            });
         } else {
             const bool right = choice == 15 && triesTheRightPin_;
             attempt(right ? "right-pin" : "wrong-pin", "-", [&](std::string&) {
@@ -147,7 +139,7 @@ protected:
             EXPECT_TRUE(what == "begin" || what == "done") << line;
             begun_ = what == "begin" ? operation : "";
             if (what == "begin") continue;
-            if (operation == "generate" || operation == "import") keys_.insert(key_);
+            if (operation == "generate") keys_.insert(key_);
             if (operation == "delete") keys_.erase(key_);
             if (operation == "wrong-pin") --attempts_;
             if (operation == "right-pin") attempts_ = kMaxAttempts;
@@ -163,14 +155,12 @@ protected:
             found.insert(toHex(key.keyId));
             EXPECT_EQ(signInCore(key.keyId, kNoPin), kNoFailure);
         }
-        for (const VeltraSymmetricKey& key : aesKeys(kSerial))
-            found.insert(toHex(key.keyId));
         std::vector<std::string> lost, surplus;
         std::ranges::set_difference(keys_, found, std::back_inserter(lost));
         std::ranges::set_difference(found, keys_, std::back_inserter(surplus));
         if (begun_ == "delete") std::erase(lost, key_);
         EXPECT_THAT(lost, testing::IsEmpty());
-        EXPECT_LE(surplus.size(), begun_ == "generate" || begun_ == "import" ? 1u : 0u)
+        EXPECT_LE(surplus.size(), begun_ == "generate" ? 1u : 0u)
             << "something is there that was deleted or never made";
 
         const std::uint32_t left = attemptsOnDisk();
@@ -182,7 +172,7 @@ protected:
         begun_.clear();
     }
 
-    std::set<std::string> keys_; ///< of both kinds
+    std::set<std::string> keys_;
     std::uint32_t attempts_ = kMaxAttempts;
     std::string begun_, key_; ///< the operation whose result was not reported
 };
