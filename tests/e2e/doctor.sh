@@ -63,13 +63,13 @@ broken "veltra unregister >/dev/null" 'cryptoapi registered64 problem' 'cng load
 broken "reg add '$providers\\$name' /v Type /t REG_DWORD /d 24 /f" 'cryptoapi registered64 problem'
 broken "reg add '$providers\\$name' /v 'Image Path' /d 'C:\\none.dll' /f" 'cryptoapi registered64 problem'
 broken 'echo text >box/VeltraCSP.dll' 'cryptoapi registered64 problem' 'cng loads problem'
-broken "cp '$bin/hostile_library.dll' box/VeltraCSP.dll; export VELTRA_HOSTILE=crash" 'cryptoapi loads problem' \
+broken "cp '$bin/veltra_hostile_library.dll' box/VeltraCSP.dll; export VELTRA_HOSTILE=crash" 'cryptoapi loads problem' \
     'cng loads problem' 'library loads ok'
 broken 'rm box/VeltraDSCLibrary.dll' 'library loads problem' 'tokens none note'
 broken 'cp box/VeltraCSP.dll box/VeltraDSCLibrary.dll' 'library loads ok' 'library complete problem'
 for way in crash exit hang; do
     [ $way != hang ] || seconds=2
-    broken "cp '$bin/hostile_library.dll' box/VeltraDSCLibrary.dll; export VELTRA_HOSTILE=$way" \
+    broken "cp '$bin/veltra_hostile_library.dll' box/VeltraDSCLibrary.dll; export VELTRA_HOSTILE=$way" \
         'library loads problem' 'tokens none note' 'containers entry note'
 done
 seconds=60

@@ -160,7 +160,7 @@ protected:
     }
     /// The monitor is in a call of the library that never returns.
     static void letTheMonitorHang() {
-        const auto* provider = new LoadedProvider(folderWithLibrary("veltra_hanging_library.dll"));
+        const auto* provider = new LoadedProvider(folderWithLibrary("veltra_hostile_library.dll"));
         EXPECT_EQ(provider->acquire(CRYPT_SILENT), 0u) << "the application itself is answered: no token";
         const auto isHanging =
             std::bit_cast<bool (*)()>(GetProcAddress(GetModuleHandleA("VeltraDSCLibrary.dll"), "isHanging"));
