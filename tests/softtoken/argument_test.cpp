@@ -2,33 +2,32 @@
 
 #include "softtoken_test.h"
 
+#include "aes_encryption.h"
+
 #include <set>
 #include <tuple>
 #include <type_traits>
 
 namespace veltra::softtoken::test {
 
-TEST_F(SoftTokenTest, OnlyNamesOfTokensAreSerials) {
-    create("A-token_1.x");
-    fs::create_directories(home_ / "not a token");
-    fs::create_directories(home_ / "empty");
-    EXPECT_EQ(veltra_getConnectedDeviceList(true, nullptr),
-              (std::vector<std::string>{"A-token_1.x", kSerial}));
-    const std::string outside = "..\\" + home_.filename().string() + "\\" + kSerial;
-    const std::string tooLong(100'000, 'T');
-    for (const char* serial : {"t1", "empty", "", ".", "..", outside.c_str(), "./T1", "T1.", "T1:x", "NUL",
-                               "com1.txt", tooLong.c_str(), "T1\xFF"}) {
-        SCOPED_TRACE(std::string(serial).substr(0, 80));
-        expectRefusals({veltra_initDevice(serial, false, nullptr)});
-        EXPECT_TRUE(veltra_getTokenInfo(serial, nullptr).model.empty());
-        EXPECT_TRUE(veltra_getKeyPairList(serial, nullptr).empty());
-        const bool mayBeMade = serial == std::string("t1") || serial == std::string("empty");
-        if (mayBeMade) continue;
-        EXPECT_EQ(failureOf([&] { create(serial); }), Failure::BadArgument);
-    }
+namespace {
+
+/// Fails the test for every result that is success, or one of the three codes that callers act upon.
+void expectRefusals(std::initializer_list<int> results) {
+    for (const int result : results)
+        EXPECT_THAT(result,
+                    testing::AllOf(testing::Ne(kDeviceOk), testing::Ne(kDeviceTimeMismatch),
+                                   testing::Ne(kDeviceSessionExpired), testing::Ne(kDeviceWeakHashRefused)))
+            << "call " << &result - results.begin();
 }
 
-namespace {
+/// The places for a buffer that a function of the DLL hands out. Not empty before, to show who clears it.
+struct LibraryOutput {
+    unsigned char* data = nullptr;
+    int length = 77;
+
+    [[nodiscard]] bool isEmpty() const { return data == nullptr && length == 0; }
+};
 
 /// Calls `function` with each argument in turn that has an x in `spoilt` null or -1, and the others valid.
 template <class... Parameters>
@@ -54,14 +53,35 @@ void refusesEach(const char* name, const char* spoilt, int (*function)(Parameter
 
 } // namespace
 
+TEST_F(SoftTokenTest, OnlyNamesOfTokensAreSerials) {
+    create("A-token_1.x");
+    fs::create_directories(home_ / "not a token");
+    fs::create_directories(home_ / "empty");
+    EXPECT_EQ(veltra_getConnectedDeviceList(true, nullptr),
+              (std::vector<std::string>{"A-token_1.x", kSerial}));
+    const std::string outside = "..\\" + home_.filename().string() + "\\" + kSerial;
+    const std::string tooLong(100'000, 'T');
+    for (const char* serial : {"t1", "empty", "", ".", "..", outside.c_str(), "./T1", "T1.", "T1:x", "NUL",
+                               "com1.txt", tooLong.c_str(), "T1\xFF"}) {
+        SCOPED_TRACE(std::string(serial).substr(0, 80));
+        EXPECT_NE(veltra_initDevice(serial, false, nullptr), 0);
+        EXPECT_TRUE(veltra_getTokenInfo(serial, nullptr).model.empty());
+        EXPECT_TRUE(veltra_getKeyPairList(serial, nullptr).empty());
+        const bool mayBeMade = serial == std::string("t1") || serial == std::string("empty");
+        if (mayBeMade) continue;
+        EXPECT_EQ(failureOf([&] { create(serial); }), Failure::BadArgument);
+    }
+}
+
 TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
-    ASSERT_EQ(logIn(), 0);
+    ASSERT_EQ(veltra_validatePassword(kSerial, kPin, 1, nullptr, nullptr), 0);
+    logIn();
     const VeltraKeyPair key = generate(kKeyTypeEcP256);
     const VeltraKeyPair rsa = generate(kKeyTypeRsa2048);
-    const Bytes der = rsaKeyDer({rsa.publicKey, 256});
-    const Bytes hash = hashOf(32);
-    Bytes signature;
-    ASSERT_EQ(sign(key, 32, signature), 0);
+    const Bytes der = fromHex("30820122300D06092A864886F70D01010105000382010F003082010A0282010100" +
+                              toHex({rsa.publicKey, 256}) + "0203010001"); // SubjectPublicKeyInfo
+    const Bytes hash(32);
+    const Bytes signature = sign(key);
     VeltraKeyPair newKey{};
     VeltraKeyPair rsa1024{};
     rsa1024.keyType = kKeyTypeRsa1024;
@@ -72,6 +92,7 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
     int length = 256;
     int negative = -1;
     int oneLess = 27;
+    CertificateDetails details;
     void* state = nullptr;
     void* other = nullptr;
     ASSERT_EQ(veltra_initHash("", kMechanismSha224, &state, nullptr), 0);
@@ -112,7 +133,7 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
     };
     // No such hash, no such token, bad capacities, and keys of another kind.
     expectRefusals(
-        {signSome(0, &length), signSome(33, &length), signSome(32, &negative),
+        {signSome(0, &length), signSome(33, &length), signSome(32, &negative), signSome(32, &oneLess),
          veltra_generateKeyPair(kSerial, kPin, &rsa1024, nullptr),
          veltra_encrypt(EncryptionType::Rsa2048, PaddingMode::Pkcs1, bytes, 16, bytes, &oneLess, der.data(),
                         lengthOf(der), nullptr),
@@ -120,13 +141,16 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
          veltra_decrypt(kSerial, id, kPin, bytes, 256, &out.data, &out.length, false, nullptr),
          veltra_finalHash(state, bytes, &negative, nullptr),
          veltra_finalHash(state, bytes, &oneLess, nullptr), veltra_updateHash(&state, bytes, 1, nullptr),
-         veltra_initHash("", 1, &other, nullptr), veltra_initHash("T9", kMechanismSha256, &other, nullptr),
+         veltra_getCertificateDetails(nullptr, 5, details, nullptr),
+         veltra_getCertificateDetails(bytes, -1, details, nullptr), veltra_initHash("", 1, &other, nullptr),
+         veltra_initHash("T9", kMechanismSha256, &other, nullptr),
          veltra_generateRamdomNumber("", 1, bytes, false, nullptr),
          veltra_encrypt_aes("T9", kEcb, bytes, 16, bytes, 16, &out.data, &out.length, false, nullptr, 0,
                             nullptr, 0, nullptr),
          veltra_decryptSymetric("T9", bytes, 32, bytes, &length, bytes, 16, bytes, 16, nullptr),
          veltra_decryptSymetric("", bytes, 32, bytes, &negative, bytes, 16, bytes, 16, nullptr)});
     EXPECT_TRUE(out.isEmpty());
+    EXPECT_THAT(bytes, testing::Each(0)) << "a refusal leaves the buffer alone";
     EXPECT_EQ(veltra_finalHash(state, bytes, &length, nullptr), 0);
     EXPECT_EQ(toHex({bytes, 4}), "23097D22") << "SHA-224 of abc, FIPS 180-4";
     expectRefusals({veltra_finalHash(state, bytes, &length, nullptr)});
@@ -136,6 +160,36 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
                 veltra_getTokenInfo(nullptr, nullptr).model.empty());
     EXPECT_TRUE(veltra_findCertificateForKey(kSerial, nullptr, nullptr) == nullptr &&
                 veltra_findCertificateForKey(nullptr, id, nullptr) == nullptr);
+}
+
+TEST_F(SoftTokenTest, AesRefusesWhatDoesNotFit) {
+    const Bytes zeros(64);
+    const auto* in = zeros.data();
+    Bytes buffer(64, 0xAA);
+    int capacity = 64;
+    LibraryOutput out;
+    // The type of an encryption, or 0 for the decryptions; the lengths of key, IV and data.
+    constexpr int kCases[][4] = {{1, 24, 16, 16}, {2, 16, 16, 16}, {2, 33, 16, 16}, {5, 32, 0, 16},
+                                 {6, 16, 0, 16},  {1, 16, 0, 16},  {1, 16, 16, 15}, {5, 16, 16, 16},
+                                 {7, 16, 16, 16}, {0, 16, 16, 0},  {0, 16, 16, 31}, {0, 16, 17, 32},
+                                 {0, 20, 16, 32}};
+    for (const auto& [type, key, iv, data] : kCases) {
+        SCOPED_TRACE(testing::Message() << type << ' ' << key << ' ' << iv << ' ' << data);
+        if (type != 0)
+            expectRefusals({veltra_encrypt_aes("", static_cast<EncryptionType>(type), in, key, in, data,
+                                               &out.data, &out.length, false, in, iv, nullptr, 0, nullptr)});
+        else
+            expectRefusals(
+                {veltra_decrypt_aes("", in, key, in, data, &out.data, &out.length, false, in, iv, nullptr),
+                 veltra_decryptSymetric("", in, data, buffer.data(), &capacity, in, iv, in, key, nullptr)});
+        EXPECT_TRUE(out.isEmpty());
+    }
+    const CallerBuffer encrypted = encryptAes(Bytes(16), Bytes(16), Bytes(20), BlockPadding::Pkcs7);
+    capacity = 19;
+    expectRefusals({veltra_decryptSymetric("", encrypted.bytes().data(), 32, buffer.data(), &capacity, in, 16,
+                                           in, 16, nullptr)});
+    EXPECT_EQ(capacity, 20) << "what is needed";
+    EXPECT_EQ(buffer, Bytes(64, 0xAA)) << "a refusal leaves the buffer alone";
 }
 
 TEST_F(SoftTokenTest, RandomNumbersFillExactlyTheBuffer) {

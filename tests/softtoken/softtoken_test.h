@@ -25,7 +25,8 @@ inline int lengthOf(BytesView bytes) {
     return static_cast<int>(bytes.size());
 }
 
-Bytes fromBase64(const char* text);
+/// A certificate in base64 as PEM text.
+std::string pemOf(const char* base64, const std::string& lineEnd = "\n");
 Bytes contentOf(const fs::path& path);
 void store(const fs::path& path, BytesView content);
 std::uint32_t attemptsOnDisk(const char* serial = kSerial);
@@ -43,10 +44,7 @@ Failure failureOf(Call call) {
     }
 }
 
-/// Fails the test for every result that is success, or one of the three codes that callers act upon.
-void expectRefusals(std::initializer_list<int> results);
-
-/// Compares what a list of the DLL holds with the records that calls have filled in, byte by byte.
+/// Compares what a token lists with the records that calls have filled in, byte by byte.
 template <class Record>
 void expectSameRecords(const std::vector<Record>& listed, const std::vector<Record>& made) {
     ASSERT_EQ(listed.size(), made.size());
@@ -54,22 +52,8 @@ void expectSameRecords(const std::vector<Record>& listed, const std::vector<Reco
         EXPECT_EQ(std::memcmp(&listed[i], &made[i], sizeof(Record)), 0) << "record " << i;
 }
 
-/// The places for a buffer that a function of the DLL hands out; releases it. Not empty before, to show who
-/// clears it.
-struct LibraryOutput {
-    unsigned char* data = nullptr;
-    int length = 77;
-
-    LibraryOutput() = default;
-    LibraryOutput(const LibraryOutput&) = delete;
-    LibraryOutput& operator=(const LibraryOutput&) = delete;
-    ~LibraryOutput() { std::free(data); }
-
-    [[nodiscard]] Bytes bytes() const { return {data, data + length}; }
-    [[nodiscard]] bool isEmpty() const { return data == nullptr && length == 0; }
-};
-
-/// A fresh home folder with one plugged-in token kSerial.
+/// A fresh home folder with one plugged-in token kSerial, used through the core library: the exports put
+/// nothing but the contract's argument forms around it.
 class SoftTokenTest : public testing::Test {
 protected:
     SoftTokenTest();
@@ -84,34 +68,19 @@ protected:
         change(description);
         token.saveDescription(description);
     }
-
-    static int logIn(const char* pin = kPin, int* remaining = nullptr) {
-        return veltra_validatePassword(kSerial, pin, 1, remaining, nullptr);
-    }
-    /// A generated key of kSerial; fails the test when there is none.
-    static VeltraKeyPair generate(std::uint32_t keyType, std::uint32_t usage = kUsageSign);
-    /// veltra_signHash of kSerial over `hashLength` bytes; fills `signature` when it succeeds.
-    static int sign(const VeltraKeyPair& key, std::size_t hashLength, Bytes& signature, bool pss = false,
-                    const char* pin = kPin);
-    static int sign(const VeltraKeyPair& key, const char* pin = kPin) {
-        Bytes signature;
-        return sign(key, 32, signature, false, pin);
-    }
-    /// A signature of a P-256 key by the core library.
-    static Failure signInCore(BytesView keyId, const char* pin, const char* serial = kSerial);
     static void plugInAgain();
 
-    /// A record for veltra_importAesKey.
-    static VeltraSymmetricKey aesRecord(const Bytes& material);
-    /// A record for veltra_importCertificate, whose key identifier is `keyIdByte` repeated.
-    static VeltraCertificate certificateRecord(const Bytes& der, unsigned char keyIdByte);
+    /// Opens this process' session, as long as the PIN is right.
+    static void logIn(const char* pin = kPin);
+    /// A generated key.
+    static VeltraKeyPair generate(std::uint32_t keyType, std::uint32_t usage = kUsageSign);
+    static Bytes sign(const VeltraKeyPair& key, const char* pin = kPin, std::size_t hashLength = 32,
+                      SignatureScheme scheme = SignatureScheme::Pkcs1);
 
-    /// SubjectPublicKeyInfo of an RSA-2048 key with exponent 65537.
-    static Bytes rsaKeyDer(BytesView modulus) {
-        return fromHex("30820122300D06092A864886F70D01010105000382010F003082010A0282010100" + toHex(modulus) +
-                       "0203010001");
-    }
-    static Bytes hashOf(std::size_t length);
+    /// A record for importAesKey().
+    static VeltraSymmetricKey aesRecord(const Bytes& material);
+    /// A record for importCertificate(), whose key identifier is `keyIdByte` repeated.
+    static VeltraCertificate certificateRecord(const Bytes& der, unsigned char keyIdByte);
 
     fs::path home_;
     Bytes root_, leaf_; ///< DER of two certificates

@@ -155,40 +155,37 @@ class DamageTest : public SoftTokenTest {
 protected:
     DamageTest() {
         setReporter([](const char* line) { reported_ += std::string(line) + "\n"; });
-        open();
+        logIn();
         for (unsigned char i = 1; i <= 2; ++i) {
-            VeltraKeyPair key{};
-            key.keyType = kKeyTypeEcP256;
-            generateKeyPair(kSerial, kPin, key);
+            generate(kKeyTypeEcP256);
             VeltraSymmetricKey aesKey = aesRecord(kAesKey);
             importAesKey(kSerial, kPin, aesKey);
             VeltraCertificate certificate = certificateRecord(i == 1 ? root_ : leaf_, i);
             importCertificate(kSerial, kPin, certificate);
         }
-        softtoken::logIn(kSerial, kPin, 600, attempts_);
+        std::uint32_t left = 0;
+        softtoken::logIn(kSerial, kPin, 600, left);
     }
     ~DamageTest() override {
         setReporter([](const char*) {});
     }
-
-    void open() { validatePin(kSerial, kPin, attempts_); }
 
     /// Everything that can be done with what is there, which is so many objects of each kind, and the
     /// attempts to change what is damaged.
     void useToken(const std::vector<fs::path>& damaged, std::size_t left) {
         EXPECT_EQ(connectedSerials(), std::vector<std::string>{kSerial});
         static_cast<void>(tokenInfo(kSerial));
-        EXPECT_EQ(failureOf([&] { validatePin(kSerial, kWrongPin, attempts_); }), Failure::WrongPin);
-        EXPECT_EQ(attempts_, kDefaultAttempts - 1);
-        open();
+        EXPECT_EQ(failureOf([] { logIn(kWrongPin); }), Failure::WrongPin);
+        EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts - 1);
+        logIn();
         EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts);
         const TokenFolder token(kSerial);
         PinVault(token.path()).change(token.description().tokenId, kPin, kOtherPin);
-        EXPECT_EQ(failureOf([&] { open(); }), Failure::WrongPin);
-        validatePin(kSerial, kOtherPin, attempts_);
+        EXPECT_EQ(failureOf([] { logIn(); }), Failure::WrongPin);
+        logIn(kOtherPin);
         EXPECT_EQ(keyPairs(kSerial).size(), left);
         for (const VeltraKeyPair& key : keyPairs(kSerial)) {
-            EXPECT_EQ(signInCore(key.keyId, kOtherPin), kNoFailure);
+            EXPECT_EQ(sign(key, kOtherPin).size(), 64u);
             renameKeyPair(kSerial, key.keyId, kOtherPin, "renamed");
         }
         EXPECT_EQ(aesKeys(kSerial).size(), left);
@@ -207,13 +204,12 @@ protected:
         }
         if (damaged.front().filename() == kSingleSignOnFile) return; // ends with unplugging
         plugInAgain();
-        validatePin(kSerial, kOtherPin, attempts_);
+        logIn(kOtherPin);
     }
 
     // RFC 3394, 4.1.
     const Bytes kAesKey = fromHex("000102030405060708090A0B0C0D0E0F");
     const Bytes kWrapped = fromHex("1FA68B0A8112B447AEF34BD8FB5A7B829D3E862371D2CFE5");
-    std::uint32_t attempts_ = 0;
     static constexpr const char* kOtherPin = "another one";
     static inline std::string reported_;
     WatchedCalls unflushed_{0};
@@ -254,7 +250,7 @@ TEST_F(DamageTest, ADamagedFileCostsItsObjectAndAMessageNeverTheTokenAndIsNotTou
             }
             fs::remove_all(token);
             fs::copy(saved, token, fs::copy_options::recursive);
-            open();
+            logIn();
         }
     }
 }
@@ -267,20 +263,23 @@ TEST_F(DamageTest, CopiesOfObjectsUnderOtherNamesAndInOtherTokensAreUseless) {
     EXPECT_NE(failureOf([&] { deleteKeyPair(kSerial, fromHex(std::string(32, 'A')), kPin); }), kNoFailure);
 
     create("T2");
-    validatePin("T2", kPin, attempts_);
+    std::uint32_t left = 0;
+    validatePin("T2", kPin, left);
     fs::copy_file(file, TokenFolder("T2").path() / "keys" / file.filename());
-    EXPECT_EQ(signInCore(key.keyId, kPin, "T2"), Failure::Damaged);
+    EXPECT_EQ(
+        failureOf([&] { softtoken::sign("T2", key.keyId, kPin, Bytes(32), 64, SignatureScheme::Pkcs1); }),
+        Failure::Damaged);
 }
 
 TEST_F(DamageTest, TheLowerOfTwoCountersOfAttemptsCountsAndWithoutBothNobodyGetsIn) {
     const fs::path retries = TokenFolder(kSerial).path() / "retries";
     const Bytes full = contentOf(retries);
-    EXPECT_NE(failureOf([&] { validatePin(kSerial, kWrongPin, attempts_); }), kNoFailure);
+    EXPECT_NE(failureOf([] { logIn(kWrongPin); }), kNoFailure);
     store(retries, full);
     EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts - 1);
     store(retries, {});
     store(copyOf(retries), {});
-    EXPECT_EQ(failureOf([&] { open(); }), Failure::Damaged);
+    EXPECT_EQ(failureOf([] { logIn(); }), Failure::Damaged);
     EXPECT_TRUE(contentOf(retries).empty() && contentOf(copyOf(retries)).empty());
 }
 
