@@ -161,13 +161,10 @@ TEST_F(ClientTest, SizeQueriesNeedNoPinWhichIsTypedOnceAndThenSilentCallsWork) {
     const HashAlgorithm& sha256 = *findHashAlgorithm("sha256");
     const CryptoHash hash = hashed(context, sha256, secret);
     const std::tuple<const char*, DWORD, std::function<BOOL(DWORD*)>> kRows[] = {
-        {"HP_HASHVAL", 32,
-         [&](auto size) { return CryptGetHashParam(hash.get(), HP_HASHVAL, nullptr, size, 0); }},
         {"signature", 256,
          [&](auto size) { return CryptSignHashA(hash.get(), AT_SIGNATURE, nullptr, 0, nullptr, size); }},
         {"signature with the exchange key", 256,
          [&](auto size) { return CryptSignHashA(hash.get(), AT_KEYEXCHANGE, nullptr, 0, nullptr, size); }},
-        {"ciphertext", 256, [&](auto size) { return CryptEncrypt(key.get(), 0, TRUE, 0, nullptr, size, 0); }},
         {"PUBLICKEYBLOB", 276,
          [&](auto size) { return CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, nullptr, size); }},
         {"CNG signature", 256,
