@@ -1,7 +1,7 @@
 # veltra doctor: what it says of an installation that is whole, and of each way in which one can be broken.
 . "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-containers='HKCU\SOFTWARE\Veltra\CSP\Containers'
+containerMap='HKCU\SOFTWARE\Veltra\CSP\Containers'
 providers='HKLM\SOFTWARE\Microsoft\Cryptography\Defaults\Provider'
 name='Veltra Cryptographic Provider CSP'
 reg() { "$(wineLoader)" reg "$@" >/dev/null; }
@@ -15,12 +15,11 @@ restore() {
 }
 box() { runProgram box/veltra.exe "$@"; }
 
-# doctor EXIT FINDING... [-- ARGUMENT...]: the exit code, and each finding as "SECTION ID STATUS".
+# doctor EXIT FINDING...: the exit code of the doctor with $arguments, and each finding as "SECTION ID STATUS".
 doctor() {
-    local expected=$1 actual=0 findings=()
-    shift
-    while [ $# -gt 0 ] && [ "$1" != -- ]; do findings+=("$1") && shift; done
-    box doctor --json --timeout "$seconds" "${@:2}" >doctor.json 2>doctor.err || actual=$?
+    local expected=$1 actual=0 finding
+    # shellcheck disable=SC2086 # arguments
+    box doctor --json --timeout "$seconds" ${arguments:-} >doctor.json 2>doctor.err || actual=$?
     cat doctor.json doctor.err >>everything.txt
     python3 -c 'import json, sys
 report = json.load(sys.stdin)
@@ -31,7 +30,7 @@ for section in report["sections"]:
         print(section["section"], finding["id"], finding["status"])' <doctor.json >found.txt ||
         fail "no report: $(cat doctor.json doctor.err)"
     [ "$actual" -eq "$expected" ] || fail "exit code $actual instead of $expected: $(cat doctor.json)"
-    for finding in "${findings[@]}"; do
+    for finding in "${@:2}"; do
         grep -qx "$finding" found.txt || fail "'$finding' is missing: $(cat doctor.json)"
     done
 }
@@ -74,43 +73,49 @@ for way in crash exit hang; do
 done
 seconds=60
 
-# The device library of 32-bit programs, which have a provider of their own.
-mkdir box32
-cp "$veltraRoot/build/release-x86/bin/VeltraCSP.dll" box32
+# The device library of 32-bit programs, which have a provider of their own. What is not in the test's folder is gone
+# with the test, even one that fails.
+wow64=$WINEPREFIX/drive_c/windows/syswow64
+remove32() {
+    rm -f "$wow64/VeltraDSCLibrary.dll"
+    reg delete "$providers\\$name" /f /reg:32 2>/dev/null || true
+}
+trap 'remove32; forgetContainers' EXIT
+bin32=$veltraRoot/build/release-x86/bin
+mkdir -p box32 "$wow64"
+cp "$bin32/VeltraCSP.dll" box32
 reg add "$providers\\$name" /v 'Image Path' /d "$(windowsPath box32/VeltraCSP.dll)" /f /reg:32
 reg add "$providers\\$name" /v Type /t REG_DWORD /d 1 /f /reg:32
 doctor 0 'cryptoapi registered32 ok' 'library file32 note'
-bin32=$veltraRoot/build/release-x86/bin
+# libraryFor32 FILE EXIT:STATUS [FOLDER]: what the doctor says of FILE as the device library of 32-bit programs, beside
+# their provider or in FOLDER.
 libraryFor32() {
     cp "$1" "${3:-box32}/VeltraDSCLibrary.dll"
     doctor "${2%:*}" "library file32 ${2#*:}"
 }
 libraryFor32 "$bin/VeltraDSCLibrary.dll" 1:problem
-wow64=$WINEPREFIX/drive_c/windows/syswow64
-mkdir -p "$wow64"
 libraryFor32 "$bin32/VeltraDSCLibrary.dll" 0:ok "$wow64"
 rm "$wow64/VeltraDSCLibrary.dll"
 libraryFor32 "$bin32/VeltraCSP.dll" 1:problem
-head -c 100000 "$bin32/VeltraDSCLibrary.dll" >cut
-libraryFor32 cut 1:problem
+libraryFor32 <(head -c 100000 "$bin32/VeltraDSCLibrary.dll") 1:problem
 libraryFor32 "$bin32/VeltraDSCLibrary.dll" 0:ok
-reg delete "$providers\\$name" /f /reg:32
+remove32
 
 # An entry of the map that names a key which is gone, and damaged ones.
-number=0
 for options in "/d 00112233445566778899AABBCCDDEEFF" "/t REG_BINARY /d 0102" "/d ,,," \
-    "/d $(head -c 5000 /dev/zero | tr '\0' A)"; do
+    "/d $(printf 'A%.0s' {1..5000})"; do
+    containers+=("$unique-gone-${#containers[@]}")
     # shellcheck disable=SC2086 # options
-    reg add "$containers" /v "$unique-gone-$((++number))" $options /f
+    reg add "$containerMap" /v "${containers[-1]}" $options /f
 done
 doctor 1 'containers entry ok' 'containers entry note'
 [ "$(grep -c 'containers entry problem' found.txt)" -eq 3 ] || fail "not every damaged entry is found: $(cat doctor.json)"
-while [ $number -gt 0 ]; do reg delete "$containers" /v "$unique-gone-$((number--))" /f; done
+for entry in "${containers[@]:1}"; do reg delete "$containerMap" /v "$entry" /f; done
 
 # A signature needs a PIN, which no output shows; a wrong one is tried once.
 expectFailure 2 "no terminal" box doctor --sign </dev/null
-VELTRA_PIN=$pin doctor 0 'signature cryptoapi ok' 'signature cng ok' -- --sign
-VELTRA_PIN=000000 doctor 1 'signature cryptoapi problem' -- --sign --container "$unique"
+VELTRA_PIN=$pin arguments=--sign doctor 0 'signature cryptoapi ok' 'signature cng ok'
+VELTRA_PIN=000000 arguments="--sign --container $unique" doctor 1 'signature cryptoapi problem'
 ! grep -q '^signature cng' found.txt || fail "a refused PIN was tried twice"
 ! grep -q "$pin" everything.txt || fail "the PIN is in the output"
 
