@@ -54,11 +54,7 @@ newCertifiedKey() {
 
 # keyIdOf CONTAINER: the identifier of its RSA-2048 key, as the list has it.
 keyIdOf() {
-    local keyId
-    veltra list-keys >keys.txt
-    keyId=$(sed -n "s/^$1  *RSA  *2048  *[a-z]*  *\([0-9A-F]\{32\}\)\r\{0,1\}$/\1/p" keys.txt)
-    [ -n "$keyId" ] || fail "the key of $1 is not in the list: $(cat keys.txt)"
-    printf '%s' "$keyId"
+    veltra list-keys | grep -oP "^$1 +RSA +2048 +[a-z]* +\K[0-9A-F]{32}(?=\r?$)" || fail "the key of $1 is not in the list"
 }
 
 # The same commands through the key storage provider.
@@ -66,8 +62,7 @@ cng() { veltra --cng "$@"; }
 
 # newCngKey KEYGEN-OPTION...: a new key without container, its identifier in `key`, its public key in key.pub.
 newCngKey() {
-    key=$(cng generate-key "$@" | sed -n 's/^Generated .* key \([0-9A-F]\{32\}\)\.\r\{0,1\}$/\1/p')
-    [ -n "$key" ] || fail "the new key has no identifier"
+    key=$(cng generate-key "$@" | grep -oP '^Generated .* key \K[0-9A-F]{32}(?=\.\r?$)') || fail "no new key"
     cng export-key --container "$key" --out key.pub
     openssl pkey -pubin -in key.pub -noout || fail "OpenSSL cannot read the exported public key"
 }
