@@ -22,11 +22,6 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-struct CngObjectFreer {
-    void operator()(NCRYPT_HANDLE handle) const { NCryptFreeObject(handle); }
-};
-using CngHandle = CryptoHandle<CngObjectFreer>; ///< of any object of the NCrypt functions
-
 constexpr auto kSilentContext = static_cast<DWORD>(NTE_SILENT_CONTEXT);
 constexpr unsigned char kFill = 0xEE; ///< what a buffer holds before
 
@@ -109,20 +104,20 @@ DWORD sign(const CryptoHash& hash, Bytes& signature, DWORD capacity = 256) {
 class ClientTest : public testing::Test {
 protected:
     ClientTest() {
-        NCRYPT_PROV_HANDLE provider = 0;
-        NCRYPT_KEY_HANDLE handle = 0;
         const std::wstring name = toWide(std::getenv("VELTRA_CLIENT_KEY"));
-        EXPECT_EQ(NCryptOpenStorageProvider(&provider, L"Veltra Cryptographic Provider CSP", 0), kSuccess);
-        EXPECT_EQ(NCryptOpenKey(provider, &handle, name.c_str(), 0, 0), kSuccess);
-        cngProvider = CngHandle(provider);
-        cngKey = CngHandle(handle);
+        EXPECT_EQ(NCryptOpenStorageProvider(&cngProvider, L"Veltra Cryptographic Provider CSP", 0), kSuccess);
+        EXPECT_EQ(NCryptOpenKey(cngProvider, &cngKey, name.c_str(), 0, 0), kSuccess);
+    }
+    ~ClientTest() override {
+        EXPECT_EQ(NCryptFreeObject(cngKey), kSuccess);
+        EXPECT_EQ(NCryptFreeObject(cngProvider), kSuccess);
     }
 
     SECURITY_STATUS signByCng(void* padding, Bytes hash, DWORD flags, Bytes& signature,
                               DWORD capacity = 256) const {
         return intoExactly(capacity, signature, [&](BYTE* buffer, DWORD* length) {
-            return NCryptSignHash(cngKey.get(), padding, hash.data(), lengthOf(hash), buffer, capacity,
-                                  length, flags);
+            return NCryptSignHash(cngKey, padding, hash.data(), lengthOf(hash), buffer, capacity, length,
+                                  flags);
         });
     }
 
@@ -151,8 +146,8 @@ protected:
     const Bytes secret = readFile("secret");
     const CryptoProvider context = open();
     const CryptoKey key = exchangeKey(context);
-    CngHandle cngProvider;
-    CngHandle cngKey;
+    NCRYPT_PROV_HANDLE cngProvider = 0;
+    NCRYPT_KEY_HANDLE cngKey = 0;
 };
 
 // Nobody has given the PIN to this process, and the token has no session: the script starts this one by
@@ -169,7 +164,7 @@ TEST_F(ClientTest, SizeQueriesNeedNoPinWhichIsTypedOnceAndThenSilentCallsWork) {
          [&](auto size) { return CryptExportKey(key.get(), 0, PUBLICKEYBLOB, 0, nullptr, size); }},
         {"CNG signature", 256,
          [&](auto size) {
-             return NCryptSignHash(cngKey.get(), nullptr, nullptr, 0, nullptr, 0, size, 0) == kSuccess;
+             return NCryptSignHash(cngKey, nullptr, nullptr, 0, nullptr, 0, size, 0) == kSuccess;
          }},
     };
     for (const auto& [name, expected, ask] : kRows) {
@@ -242,8 +237,8 @@ TEST_F(ClientTest, CngSignsIntoAnExactlySizedBufferThatNobodyAskedFor) {
         EXPECT_EQ(signByCng(padding, hash, flags, signature), kSuccess);
         if (hashLength == 36) writeFile("bare.sig", signature); // for OpenSSL
         for (const SECURITY_STATUS expected : {kSuccess, NTE_BAD_SIGNATURE}) {
-            EXPECT_EQ(NCryptVerifySignature(cngKey.get(), padding, hash.data(), lengthOf(hash),
-                                            signature.data(), 256, flags),
+            EXPECT_EQ(NCryptVerifySignature(cngKey, padding, hash.data(), lengthOf(hash), signature.data(),
+                                            256, flags),
                       expected);
             hash.back() ^= 1;
         }
@@ -283,12 +278,12 @@ TEST_F(ClientTest, SessionKeysWithAnIv) {
 }
 
 TEST_F(ClientTest, Hmac) {
+    const CryptoKey macKey = sessionKey(readFile("aes.key"));
     for (const HashAlgorithm& algorithm : hashAlgorithms()) {
-        const CryptoKey macKey = sessionKey(readFile("aes.key"));
         HCRYPTHASH handle = 0;
-        ASSERT_TRUE(CryptCreateHash(context.handle(), CALG_HMAC, macKey.get(), 0, &handle)) << GetLastError();
-        const CryptoHash hash(handle);
         const HMAC_INFO info{algorithm.id, nullptr, 0, nullptr, 0};
+        require(CryptCreateHash(context.handle(), CALG_HMAC, macKey.get(), 0, &handle), "creating an HMAC");
+        const CryptoHash hash(handle);
         EXPECT_TRUE(CryptSetHashParam(handle, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0));
         hashPiece(hash, secret);
         writeFile(std::string(algorithm.name) + ".hmac", hashValue(hash)); // for OpenSSL

@@ -78,7 +78,7 @@ msi=$(windowsPath "VeltraCSP-$version-x64.msi")
 newerMsi=$(windowsPath "VeltraCSP-$newer-x64.msi")
 snapshot before
 
-say "== The software token does not replace a device library of somebody else's"
+# The software token does not replace a device library of somebody else's.
 echo foreign >"$drive/windows/system32/VeltraDSCLibrary.dll"
 snapshot foreign
 ! install "$msi" ADDLOCAL=ALL || fail "a foreign device library does not hinder the software token"
@@ -86,7 +86,7 @@ snapshot refused
 expectEqual foreign refused "a refused installation left something"
 rm "$drive/windows/system32/VeltraDSCLibrary.dll"
 
-say "== A registration that fails ends the installation, which leaves nothing"
+# A registration that fails ends the installation, which leaves nothing.
 regsvr32Settings='HKCU\Software\Wine\AppDefaults\regsvr32.exe'
 runWindows reg add "$regsvr32Settings\\DllOverrides" /v bcrypt /d '' /f >/dev/null
 ! install "$msi" || fail "a failed registration does not end it"
@@ -99,7 +99,7 @@ snapshot removed
 expectEqual before removed "the removal left something, or took something with it"
 [ ! -e "$drive/Program Files/Quenmark" ] || fail "the removal left its folders"
 
-say "== Installed, with the software token added later"
+# Installed, with the software token added later.
 install "$msi"
 expectVersion "$version"
 expectProvider '' system32 release
@@ -118,7 +118,7 @@ expectSignature
 expectSignature --cng
 cp key.pem "$installed/VeltraDSC/Certificates/ca.pem"
 
-say "== Upgrade in place; the way back is refused"
+# Upgrade in place; the way back is refused.
 install "$newerMsi"
 expectVersion "$newer"
 expectProvider '' system32 release
@@ -128,7 +128,7 @@ snapshot upgraded
 snapshot downgraded
 expectEqual upgraded downgraded "the refused older version changed something"
 
-say "== Removed, except for what is the user's"
+# Removed, except for what is the user's.
 remove "$newerMsi"
 snapshot after
 users='/VeltraDSC/Certificates/ca.pem$\|/users/[^/]*/\(Temp/Quenmark\|AppData/Local/Veltra\)/'

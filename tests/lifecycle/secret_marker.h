@@ -1,9 +1,9 @@
 #pragma once
 
-#include "foundation/secret.h"
 #include "foundation/windows.h"
 
 #include <array>
+#include <span>
 
 namespace veltra::test {
 
@@ -68,16 +68,6 @@ private:
     }
 
     std::array<unsigned char, kLength> masked_{};
-};
-
-/// A marker in clear, zero-terminated, wiped when it goes out of scope.
-class ClearMarker {
-public:
-    explicit ClearMarker(const SecretMarker& marker) { marker.copyTo(bytes_.data()); }
-    unsigned char* data() { return bytes_.data(); }
-
-private:
-    SecretBytes<SecretMarker::kLength + 1> bytes_;
 };
 
 } // namespace veltra::test

@@ -10,6 +10,7 @@
 
 #include "csp/csp_entry_points.h"
 #include "foundation/missing_device_library.h"
+#include "foundation/secret.h"
 #include "foundation/text.h"
 #include "ksp/ksp_entry_points.h"
 #include "token/device_monitor.h"
@@ -209,10 +210,11 @@ protected:
         kKey.copyTo(blob.data() + 12);
         EXPECT_EQ(KSPImportKey(provider, cngRsaKey, type, nullptr, &cngKey, blob.data(), blob.size(), 0), 0);
     }
-    /// Hands the PIN to `function(pin)`, and the rest of the program has none of it.
+    /// Hands the PIN, zero-terminated, to `function(pin)`, and the rest of the program has none of it.
     template <class Function>
     static void givePin(Function function) {
-        ClearMarker pin(kPin);
+        SecretBytes<kLength + 1> pin;
+        kPin.copyTo(pin.data());
         function(pin.data());
     }
 

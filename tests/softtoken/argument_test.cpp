@@ -4,7 +4,6 @@
 
 #include "aes_encryption.h"
 
-#include <set>
 #include <tuple>
 #include <type_traits>
 
@@ -190,15 +189,6 @@ TEST_F(SoftTokenTest, AesRefusesWhatDoesNotFit) {
                                            in, 16, nullptr)});
     EXPECT_EQ(capacity, 20) << "what is needed";
     EXPECT_EQ(buffer, Bytes(64, 0xAA)) << "a refusal leaves the buffer alone";
-}
-
-TEST_F(SoftTokenTest, RandomNumbersFillExactlyTheBuffer) {
-    std::set<Bytes> all;
-    for (const bool software : {false, true, false, true}) {
-        Bytes buffer(18, 0xAA);
-        ASSERT_EQ(veltra_generateRamdomNumber(kSerial, 16, buffer.data() + 1, software, nullptr), 0);
-        EXPECT_TRUE(buffer.front() == 0xAA && buffer.back() == 0xAA && all.insert(buffer).second);
-    }
 }
 
 } // namespace veltra::softtoken::test

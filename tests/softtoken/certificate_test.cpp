@@ -1,8 +1,6 @@
 #include "softtoken_test.h"
 
 #include "certificate_files.h"
-#include "unit/test_certificates.h"
-#include "x509.h"
 
 namespace veltra::softtoken::test {
 
@@ -79,7 +77,7 @@ TEST_F(CertificateTest, ACertificateBelongsToOneKeyAndAKeyToOneCertificate) {
     static_cast<void>(veltra_getCertificateList(kSerial, nullptr));
     EXPECT_EQ(std::memcmp(found, &record, sizeof(record)), 0) << "it stays where it is";
     EXPECT_EQ(veltra_findCertificateForKey(kSerial, root.keyId, nullptr), nullptr);
-    const Bytes intermediate = certificatesIn(bytesOf(pemOf(veltra::test::kIntermediateCertificate))).at(0);
+    const Bytes intermediate = derOf(veltra::test::kIntermediateCertificate);
     import(certificateRecord(intermediate, 0x11));
     EXPECT_EQ(listed(), (std::vector<Bytes>{intermediate, leaf_})) << "in the place of the one before";
 }

@@ -3,7 +3,6 @@
 
 #include "softtoken_test.h"
 
-#include "foundation/windows.h"
 #include "session.h"
 
 #include <functional>

@@ -2,11 +2,10 @@
 
 #include "softtoken_test.h"
 
-#include "foundation/windows.h"
 #include "lifecycle/child_process.h"
+#include "support/log_file.h"
 
 #include <algorithm>
-#include <fstream>
 #include <iterator>
 #include <random>
 #include <set>
@@ -20,69 +19,58 @@ namespace {
 constexpr const char* kNoPin = ""; // the session knows it
 constexpr DWORD kPatience = 60'000;
 
-/// Uses the token as a program does, in its single-sign-on session, and writes into a journal what it is
-/// about to do and what came of it: "begin OPERATION KEY", then "done OPERATION KEY" or "failed OPERATION
-/// KEY".
-class Worker {
-public:
-    /// `mine`: the keys that it may change. Others may use the token, too, unless it `triesTheRightPin`.
-    Worker(HANDLE journal, unsigned seed, std::vector<VeltraKeyPair> mine, bool triesTheRightPin)
-        : journal_(journal), random_(seed), mine_(std::move(mine)), triesTheRightPin_(triesTheRightPin) {}
-
-    void step() {
-        const unsigned choice = random_() % 16;
-        if (mine_.size() < 2 || (choice < 6 && mine_.size() < 7)) {
-            return attempt("generate", "-", [&](std::string& id) {
-                VeltraKeyPair& made = mine_.emplace_back();
+/// Uses the token as a program does, in its single-sign-on session, for so many steps, or with 0 until it is
+/// killed; then nobody else uses it. Writes into a journal what it is about to do and what came of it: "begin
+/// OPERATION KEY", then "done OPERATION KEY" or "failed OPERATION KEY".
+void work(HANDLE journal, unsigned seed, int steps) {
+    std::mt19937 random(seed);
+    const bool isAlone = steps == 0;
+    std::vector<VeltraKeyPair> mine = isAlone ? keyPairs(kSerial) : std::vector<VeltraKeyPair>();
+    // In one piece, and at once: a process that is killed keeps no buffer.
+    const auto say = [&](const std::string& what, const std::string& operation, const std::string& key) {
+        const std::string line = what + " " + operation + " " + key + "\n";
+        DWORD written = 0;
+        WriteFile(journal, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+    };
+    // `call` throws when it fails and may change which key is written down.
+    const auto attempt = [&](const char* operation, std::string key, auto call) {
+        say("begin", operation, key);
+        const Failure failure = failureOf([&] { call(key); });
+        say(failure == kNoFailure ? "done" : "failed", operation, key);
+    };
+    for (int step = 0; isAlone || step < steps; ++step) {
+        const unsigned choice = random() % 16;
+        if (mine.size() < 2 || (choice < 6 && mine.size() < 7)) {
+            attempt("generate", "-", [&](std::string& id) {
+                VeltraKeyPair& made = mine.emplace_back();
                 made.keyType = kKeyTypeEcP256;
                 generateKeyPair(kSerial, kNoPin, made);
                 id = toHex(made.keyId);
             });
+            continue;
         }
-        const auto chosen = mine_.begin() + static_cast<std::ptrdiff_t>(random_() % mine_.size());
+        const auto chosen = mine.begin() + static_cast<std::ptrdiff_t>(random() % mine.size());
         const VeltraKeyPair key = *chosen;
+        const std::string id = toHex(key.keyId);
         if (choice < 9) {
-            mine_.erase(chosen);
-            attempt("delete", toHex(key.keyId),
-                    [&](std::string&) { deleteKeyPair(kSerial, key.keyId, kNoPin); });
+            mine.erase(chosen);
+            attempt("delete", id, [&](auto&) { deleteKeyPair(kSerial, key.keyId, kNoPin); });
         } else if (choice < 12) {
-            attempt("rename", toHex(key.keyId),
-                    [&](std::string&) { renameKeyPair(kSerial, key.keyId, kNoPin, "renamed"); });
+            attempt("rename", id, [&](auto&) { renameKeyPair(kSerial, key.keyId, kNoPin, "renamed"); });
         } else {
-            const bool right = choice == 15 && triesTheRightPin_;
-            attempt(right ? "right-pin" : "wrong-pin", "-", [&](std::string&) {
+            const bool right = choice == 15 && isAlone;
+            attempt(right ? "right-pin" : "wrong-pin", "-", [&](auto&) {
                 std::uint32_t left = 0;
                 const Failure code = failureOf([&] { validatePin(kSerial, right ? kPin : kWrongPin, left); });
                 if (code != (right ? kNoFailure : Failure::WrongPin)) throw TokenError(code, "unexpected");
             });
         }
     }
-
-private:
-    /// `call` throws when it fails and may change which key is written down.
-    template <class Call>
-    void attempt(const char* operation, std::string key, Call call) {
-        say("begin", operation, key);
-        const Failure failure = failureOf([&] { call(key); });
-        say(failure == kNoFailure ? "done" : "failed", operation, key);
-    }
-
-    /// In one piece, and at once: a process that is killed keeps no buffer.
-    void say(const std::string& what, const std::string& operation, const std::string& key) {
-        const std::string line = what + " " + operation + " " + key + "\n";
-        DWORD written = 0;
-        WriteFile(journal_, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
-    }
-
-    HANDLE journal_;
-    std::mt19937 random_;
-    std::vector<VeltraKeyPair> mine_;
-    bool triesTheRightPin_;
-};
+}
 
 } // namespace
 
-/// The process of the tests below: its threads do so many steps, or with 0 as many as they can.
+/// The process of the tests below, with two threads when it takes so many steps.
 TEST(TokenWorker, DISABLED_Works) {
     std::istringstream arguments(veltra::test::argumentOfThisChild());
     std::string path;
@@ -91,19 +79,12 @@ TEST(TokenWorker, DISABLED_Works) {
     arguments >> path >> seed >> steps;
     HANDLE journal = CreateFileA(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                                  FILE_ATTRIBUTE_NORMAL, nullptr);
-    const bool endless = steps == 0;
     randomBytes(1); // the first one takes long
-    std::vector<std::thread> threads;
-    for (unsigned i = 0; i < (endless ? 1u : 2u); ++i) {
-        threads.emplace_back([=] {
-            Worker worker(journal, seed + i, endless ? keyPairs(kSerial) : std::vector<VeltraKeyPair>(),
-                          endless);
-            for (int step = 0; endless || step < steps; ++step)
-                worker.step();
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    std::thread other([=] {
+        if (steps != 0) work(journal, seed + 1, steps);
+    });
+    work(journal, seed, steps);
+    other.join();
     ExitProcess(0);
 }
 
@@ -119,16 +100,13 @@ protected:
     }
 
     /// What makes a process write into the journal.
-    [[nodiscard]] static std::string work(const fs::path& journal, unsigned seed, int steps) {
+    static std::string argument(const fs::path& journal, unsigned seed, int steps) {
         return journal.string() + " " + std::to_string(seed) + " " + std::to_string(steps);
     }
 
     static std::vector<std::string> linesOf(const fs::path& journal) {
-        std::vector<std::string> lines;
-        std::ifstream file(journal);
-        for (std::string line; std::getline(file, line);)
-            lines.push_back(line);
-        return lines;
+        const Bytes content = contentOf(journal);
+        return veltra::test::linesOf({content.begin(), content.end()});
     }
 
     void replay(const fs::path& journal) {
@@ -186,7 +164,7 @@ TEST_F(WorkerTest, KillingAProcessLosesNothingThatItReportedAndWinsNoPinAttempt)
         SCOPED_TRACE(testing::Message() << "kill " << i);
         const fs::path journal = home_ / (".journal" + std::to_string(i));
         const veltra::test::ChildProcess worker("TokenWorker.DISABLED_Works",
-                                                work(journal, static_cast<unsigned>(random()), 0));
+                                                argument(journal, static_cast<unsigned>(random()), 0));
         const ULONGLONG end = GetTickCount64() + kPatience;
         for (const std::size_t lines = 1 + random() % 16; linesOf(journal).size() < lines;)
             ASSERT_TRUE(worker.exitCodeWithin(1) == STILL_ACTIVE && GetTickCount64() < end);
@@ -202,9 +180,15 @@ TEST_F(WorkerTest, KillingAProcessLosesNothingThatItReportedAndWinsNoPinAttempt)
 
 TEST_F(WorkerTest, ProcessesAndTheirThreadsShareAToken) {
     const fs::path journals[] = {home_ / ".journal1", home_ / ".journal3"};
-    const veltra::test::ChildProcess first("TokenWorker.DISABLED_Works", work(journals[0], 1, 12));
-    const veltra::test::ChildProcess second("TokenWorker.DISABLED_Works", work(journals[1], 3, 12));
-    EXPECT_EQ(first.exitCodeWithin(kPatience) + second.exitCodeWithin(kPatience), 0u);
+    const veltra::test::ChildProcess first("TokenWorker.DISABLED_Works", argument(journals[0], 1, 12));
+    const veltra::test::ChildProcess second("TokenWorker.DISABLED_Works", argument(journals[1], 3, 12));
+    // Whoever reads meanwhile sees old files or new ones, no halves.
+    setReporter([](const char* line) { ADD_FAILURE() << line; });
+    const ULONGLONG end = GetTickCount64() + kPatience;
+    while (second.exitCodeWithin(1) == STILL_ACTIVE && GetTickCount64() < end)
+        keyPairs(kSerial);
+    setReporter([](const char*) {});
+    EXPECT_EQ(first.exitCodeWithin(kPatience) + second.exitCodeWithin(0), 0u);
     for (const fs::path& journal : journals)
         replay(journal);
     EXPECT_FALSE(keys_.empty());
