@@ -23,26 +23,22 @@ remove() { runWindows msiexec /x "$1" /qn; }
 veltra() { runWindows "$installed/veltra.exe" "$@"; }
 softtoken() { runWindows "$installed/softtoken.exe" "$@"; }
 
-# snapshot NAME: every registry value with its key and every file of the drive. Left out is what Wine itself keeps
+# snapshot FILE: every registry value with its key and every file of the drive. Left out is what Wine itself keeps
 # changing, Windows Installer's own files, and folders, of which Wine leaves an empty one behind after a failure.
 snapshot() {
     local root
-    for root in HKLM HKCU; do
-        runWindows reg export "$root\\Software" "$(windowsPath "$work/$1.$root")" /y >/dev/null
-        iconv -f utf-16 -t utf-8 "$1.$root" | tr -d '\r' | sed -e ':join /\\$/{N; s/\\\n *//; b join}' |
-            awk '/^\[/ {key = $0} /^["@]/ {print key $0}'
-    done | grep -v -e 'Software\\Wine\\' -e 'CurrentVersion\\Telephony' | LC_ALL=C sort >"$1.values"
-    rm "$1.HKLM" "$1.HKCU"
-    (cd "$drive" && find . -path ./windows/Installer -prune -o ! -type d -print) | LC_ALL=C sort >"$1.files"
+    {
+        for root in HKLM HKCU; do
+            runWindows reg export "$root\\Software" "$(windowsPath "$work/export")" /y >/dev/null
+            iconv -f utf-16 -t utf-8 "$work/export" | tr -d '\r' | sed -e ':join /\\$/{N; s/\\\n *//; b join}' |
+                awk '/^\[/ {key = $0} /^["@]/ {print key $0}'
+        done | grep -v -e 'Software\\Wine\\' -e 'CurrentVersion\\Telephony'
+        cd "$drive" && find . -path ./windows/Installer -prune -o ! -type d -print
+    } | LC_ALL=C sort >"$1"
 }
 
-# Nothing differs between the two snapshots.
-expectEqual() {
-    local part
-    for part in values files; do
-        diff "$1.$part" "$2.$part" || fail "$3"
-    done
-}
+# expectEqual FILE FILE TEXT: nothing differs between the two snapshots.
+expectEqual() { diff "$1" "$2" || fail "$3"; }
 
 # expectProvider VIEW FOLDER BUILD: in this registry view, the DLL of this build in this folder is the provider.
 expectProvider() {
@@ -56,10 +52,8 @@ expectProvider() {
 
 # Exactly one product is listed as installed, in this version.
 expectVersion() {
-    local versions
-    versions=$(runWindows reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall' /s /v DisplayVersion |
-        sed -n 's/.*REG_SZ *\([0-9.]*\).*/\1/p')
-    [ "$versions" = "$1" ] || fail "installed is version '$versions', not $1"
+    runWindows reg query 'HKLM\Software\Microsoft\Windows\CurrentVersion\Uninstall' /s /v DisplayVersion |
+        grep -oP 'REG_SZ +\K[0-9.]+' | diff - <(echo "$1") || fail "another version is installed than $1"
 }
 
 # The key in the container signs a document through the registered provider, and OpenSSL accepts the signature.
@@ -104,11 +98,11 @@ install "$msi"
 expectVersion "$version"
 expectProvider '' system32 release
 expectProvider 'Wow6432Node\' syswow64 release-x86
-[ -d "$installed/VeltraDSC/Certificates" ] || fail "there is no folder for CA certificates"
 [ ! -e "$drive/windows/system32/VeltraDSCLibrary.dll" ] || fail "the software token is installed unasked"
 install "$msi" ADDLOCAL=SoftwareToken
-cmp "$drive/windows/system32/VeltraDSCLibrary.dll" "$builds/release/bin/VeltraDSCLibrary.dll"
-cmp "$drive/windows/syswow64/VeltraDSCLibrary.dll" "$builds/release-x86/bin/VeltraDSCLibrary.dll"
+for row in system32:release syswow64:release-x86; do
+    cmp "$drive/windows/${row%:*}/VeltraDSCLibrary.dll" "$builds/${row#*:}/bin/VeltraDSCLibrary.dll"
+done
 printf '135791\n' | softtoken create --serial INST-1 --pin-stdin >/dev/null
 printf '135791\n' | softtoken login INST-1 --pin-stdin --seconds 3600 >/dev/null
 veltra generate-key --container installed --bits 2048 >/dev/null
@@ -133,10 +127,8 @@ remove "$newerMsi"
 snapshot after
 users='/VeltraDSC/Certificates/ca.pem$\|/users/[^/]*/\(Temp/Quenmark\|AppData/Local/Veltra\)/'
 users+='\|Software\\Veltra\\CSP\\Containers\]'
-for part in values files; do
-    [ -z "$(LC_ALL=C comm -23 "before.$part" "after.$part")" ] || fail "the removal took away more than was installed"
-    ! LC_ALL=C comm -13 "before.$part" "after.$part" | grep -v "$users" || fail "the removal left the above"
-    # What the user had before is there still.
-    diff <(grep "$users" "upgraded.$part") <(grep "$users" "after.$part") || fail "the removal took the user's"
-done
+[ -z "$(LC_ALL=C comm -23 before after)" ] || fail "the removal took away more than was installed"
+! LC_ALL=C comm -13 before after | grep -v "$users" || fail "the removal left the above"
+# What the user had before is there still.
+diff <(grep "$users" upgraded) <(grep "$users" after) || fail "the removal took the user's"
 cmp key.pem "$installed/VeltraDSC/Certificates/ca.pem"

@@ -146,38 +146,23 @@ TEST_F(ModuleLifecycleTest, DeviceLibraryBesideTheProviderComesFirstAndAMissingE
 }
 
 /// How a process leaves while the monitor runs; each is started as a process of its own by the test below.
-class LeavingProcess : public ModuleLifecycleTest {
-protected:
-    void startMonitor() {
-        // Loaded for good, as by an application that never frees it.
-        auto* provider = new LoadedProvider;
-        ASSERT_NE(provider->acquire(CRYPT_SILENT), 0u);
-        acquireForever = [provider] {
+TEST_F(ModuleLifecycleTest, DISABLED_Leaves) {
+    const std::string way = argumentOfThisChild();
+    const bool hangs = way.starts_with("hanging");
+    // Loaded for good, as by an application that never frees it.
+    const auto* provider =
+        new LoadedProvider(hangs ? folderWithLibrary("veltra_hostile_library.dll") : programFolder());
+    EXPECT_EQ(provider->acquire(CRYPT_SILENT) == 0, hangs) << "the application itself is answered: no token";
+    HMODULE library = GetModuleHandleA("VeltraDSCLibrary.dll");
+    while (hangs && !std::bit_cast<bool (*)()>(GetProcAddress(library, "isHanging"))())
+        Sleep(10);
+    for (int i = 0; i < 3 && way == "threads, exit"; ++i) {
+        std::thread([provider] {
             for (;;)
                 provider->release(provider->acquire(CRYPT_SILENT));
-        };
-        Sleep(300); // the monitor is between two polls
+        }).detach();
     }
-    /// The monitor is in a call of the library that never returns.
-    static void letTheMonitorHang() {
-        const auto* provider = new LoadedProvider(folderWithLibrary("veltra_hostile_library.dll"));
-        EXPECT_EQ(provider->acquire(CRYPT_SILENT), 0u) << "the application itself is answered: no token";
-        const auto isHanging =
-            std::bit_cast<bool (*)()>(GetProcAddress(GetModuleHandleA("VeltraDSCLibrary.dll"), "isHanging"));
-        while (!isHanging())
-            Sleep(10);
-    }
-    std::function<void()> acquireForever;
-};
-
-TEST_F(LeavingProcess, DISABLED_Leaves) {
-    const std::string way = argumentOfThisChild();
-    way.starts_with("hanging") ? letTheMonitorHang() : startMonitor();
-    if (way == "threads, exit") {
-        for (int i = 0; i < 3; ++i)
-            std::thread(acquireForever).detach();
-        Sleep(200);
-    }
+    Sleep(300); // the monitor is between two polls, or hangs
     HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, kLeavingEvent);
     SetEvent(event);
     CloseHandle(event);
@@ -189,7 +174,7 @@ TEST_F(ModuleLifecycleTest, ProcessEndsAtOnceWhateverTheMonitorDoes) {
     for (const char* way :
          {"ExitProcess", "exit", "threads, exit", "hanging, ExitProcess", "hanging, exit"}) {
         SCOPED_TRACE(way);
-        const ChildProcess child("LeavingProcess.DISABLED_Leaves", way);
+        const ChildProcess child("ModuleLifecycleTest.DISABLED_Leaves", way);
         HANDLE events[] = {leaving, child.handle()};
         EXPECT_EQ(WaitForMultipleObjects(2, events, FALSE, kPatience), static_cast<DWORD>(WAIT_OBJECT_0));
         EXPECT_EQ(child.exitCodeWithin(500), 7u) << "it neither hangs nor waits for the next poll";

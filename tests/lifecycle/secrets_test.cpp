@@ -50,9 +50,6 @@ public:
             pair.usage = kUsageBoth;
             pair.keyType = type;
         }
-        aesKeys_.resize(kAesKeys);
-        for (VeltraSymmetricKey& key : aesKeys_)
-            key.keyType = kKeyTypeAes192Or256;
     }
 
     std::atomic<bool> connected = true;
@@ -76,8 +73,10 @@ public:
     std::vector<VeltraKeyPair>& veltra_getKeyPairList(Text, void*) override { return pairs_; }
     // The library's own copy is there only while its caller makes one.
     std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(Text, void*) override {
-        for (VeltraSymmetricKey& key : aesKeys_)
+        for (VeltraSymmetricKey& key : aesKeys_) {
+            key.keyType = kKeyTypeAes192Or256;
             kKey.copyTo(key.key);
+        }
         return aesKeys_;
     }
     int veltra_importAesKey(Text, Text, VeltraSymmetricKey*, void*) override { return kDeviceOk; }
@@ -116,9 +115,6 @@ public:
     }
 
 private:
-    // So many that what is allocated afterwards does not cover a copy of them all.
-    static constexpr std::size_t kAesKeys = 100;
-
     int handOut(Output* out, int* length) {
         *out = static_cast<Output>(std::malloc(kLength * repeats));
         for (std::size_t i = 0; i < repeats; ++i)
@@ -130,7 +126,8 @@ private:
 
     std::list<Bytes> fences_; ///< behind what was handed out: the heap gives its free end back to the system
     std::vector<VeltraKeyPair> pairs_;
-    std::vector<VeltraSymmetricKey> aesKeys_;
+    /// So many that what is allocated afterwards does not cover a copy of them all.
+    std::vector<VeltraSymmetricKey> aesKeys_ = std::vector<VeltraSymmetricKey>(100);
 };
 
 /// What an application has of both front ends.

@@ -55,14 +55,6 @@ void replace(Function& entry, Function function) {
     entry = function;
 }
 
-Expression numberRecord(std::uint64_t number) {
-    return Expression::build("(number %S)", Expression::field("value", number).get());
-}
-
-std::optional<std::uint64_t> readNumber(const fs::path& path) {
-    return readRecord(path, "number", [](const Expression& record) { return record.number("value"); });
-}
-
 /// What is damaged about a file; null for one that is replaced by a folder.
 struct Damage {
     const char* name;
@@ -81,25 +73,28 @@ constexpr Damage kDamages[] = {
 
 TEST_F(SoftTokenTest, AFileIsReplacedAsAWholeAndFlushedOrNotAtAll) {
     const fs::path folder = home_ / "records";
+    const fs::path file = folder / "record";
     makeFolder(folder);
-    writeRecord(folder / "record", numberRecord(1), Overwrite::Allowed);
+    writeRecord(file, Expression::build("(record before)"), Overwrite::Allowed);
+    const Bytes before = contentOf(file);
     replace(importedWriteFile, write);
     replace(importedFlushFileBuffers, flush);
     replace(importedMoveFileExW, move);
     for (failingCall = 1; failingCall <= 4; ++failingCall) {
         systemCalls.clear();
         const Failure code =
-            failureOf([&] { writeRecord(folder / "record", numberRecord(4), Overwrite::Allowed); });
+            failureOf([&] { writeRecord(file, Expression::build("(record after)"), Overwrite::Allowed); });
         EXPECT_EQ(code, failingCall == 4 ? kNoFailure : Failure::Storage);
-        EXPECT_EQ(readNumber(folder / "record"), failingCall == 4 ? 4u : 1u);
+        EXPECT_EQ(contentOf(file) == before, failingCall != 4);
         EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 1) << "a temporary file is left";
     }
     failingCall = 0;
     EXPECT_EQ(systemCalls, (std::vector<std::string>{"write", "flush", "move and flush"}));
-
-    EXPECT_EQ(failureOf([&] { writeRecord(folder / "record", numberRecord(0), Overwrite::Refused); }),
+    const Bytes after = contentOf(file);
+    EXPECT_EQ(failureOf([&] { writeRecord(file, Expression::build("(record no)"), Overwrite::Refused); }),
               Failure::AlreadyExists);
-    EXPECT_EQ(readNumber(folder / "record"), 4u);
+    EXPECT_EQ(contentOf(file), after);
+    EXPECT_TRUE(parseRecord(file, "record", [](const Expression&) {}));
 }
 
 TEST_F(SoftTokenTest, WhatAKilledProcessLeftBehindIsClearedAway) {
@@ -189,7 +184,7 @@ TEST_F(DamageTest, ADamagedFileCostsItsObjectAndAMessageNeverTheTokenAndIsNotTou
           firstIn("certificates")},
          1},
         {{token / "token.copy", token / "pin.copy", token / "retries.copy", token / kSingleSignOnFile}, 2}};
-    writeRecord(home_ / "other", numberRecord(1), Overwrite::Allowed);
+    writeRecord(home_ / "other", Expression::build("(other (x y))"), Overwrite::Allowed);
     const fs::path saved = home_ / ".saved";
     fs::copy(token, saved, fs::copy_options::recursive);
     for (const auto& [files, left] : groups) {
