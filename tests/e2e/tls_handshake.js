@@ -1,9 +1,9 @@
 // tls_handshake.js SERVER-CONTAINER CLIENT-CONTAINER CLIENT-CERTIFICATE
 //
 // A TLS 1.2 server and a client in one process. Each proves itself with a key that OpenSSL's engine "capi" finds
-// in a container. Each side compares the other's certificate with the file it expects. The client sends random
-// bytes, which the server sends back. The exit code is 0 if all of that came to pass; otherwise the first error, which
-// nobody catches, ends the program.
+// in a container, and insists on the other's proof. The client sends random bytes, which the server sends back.
+// The exit code is 0 if all of that came to pass; otherwise the first error, which nobody catches, ends the
+// program.
 'use strict';
 const assert = require('assert');
 const crypto = require('crypto');
@@ -32,16 +32,8 @@ function identity(container, certificate) {
     };
 }
 
-function checkPeer(socket, certificate) {
-    assert.strictEqual(socket.authorized, true);
-    assert.strictEqual(socket.getProtocol(), 'TLSv1.2');
-    const expected = new crypto.X509Certificate(fs.readFileSync(certificate));
-    assert.strictEqual(socket.getPeerCertificate().fingerprint256, expected.fingerprint256);
-}
-
 function talk(socket) {
     const received = [];
-    checkPeer(socket, 'server.pem');
     socket.end(message);
     socket.on('data', (data) => received.push(data));
     socket.on('end', () => {
@@ -52,10 +44,7 @@ function talk(socket) {
 }
 
 const serverOptions = { ...identity(serverContainer, 'server.pem'), requestCert: true, rejectUnauthorized: true };
-const server = tls.createServer(serverOptions, (socket) => {
-    checkPeer(socket, clientCertificate);
-    socket.pipe(socket);
-});
+const server = tls.createServer(serverOptions, (socket) => socket.pipe(socket));
 server.on('tlsClientError', fail);
 server.listen(0, '127.0.0.1', () => {
     const client = tls.connect({

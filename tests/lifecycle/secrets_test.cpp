@@ -65,7 +65,6 @@ public:
     int veltra_initDevice(Text, bool, void*) override { return kDeviceOk; }
     TokenInfo veltra_getTokenInfo(Text, void*) override {
         TokenInfo info;
-        info.fipsMarker = "FI1";
         info.firmwareVersion = "2.0.0";
         return info;
     }

@@ -9,17 +9,35 @@
 
 namespace veltra::softtoken::test {
 
-TEST_F(SoftTokenTest, WrongPinsCountDownToALockThatTheRightPinDoesNotOpen) {
+TEST_F(SoftTokenTest, WrongPinsCountDownToALockThatTheRightPinDoesNotOpenAndWhatIsNoAttemptCostsNone) {
     create("T3", 3);
+    const auto enter = [](const char* serial, const std::string& pin, int* remaining) {
+        return static_cast<Failure>(veltra_validatePassword(serial, pin.c_str(), 1, remaining, nullptr));
+    };
     // What the PIN is answered with, and the attempts that are left then; -1: it is right.
-    for (const auto& [pin, left] :
-         {std::pair(kWrongPin, 2), {kPin, -1}, {kWrongPin, 2}, {kWrongPin, 1}, {kWrongPin, 0}, {kPin, 0}}) {
+    const std::pair<std::string, int> steps[] = {{"", 3},
+                                                 {"123", 3},
+                                                 {std::string(64, '1'), 3},
+                                                 {std::string(5000, '1'), 3},
+                                                 {kWrongPin, 2},
+                                                 {kPin, -1},
+                                                 {kWrongPin, 2},
+                                                 {kWrongPin, 1},
+                                                 {kWrongPin, 0},
+                                                 {kPin, 0}};
+    for (const auto& [pin, left] : steps) {
         int remaining = -1;
-        EXPECT_EQ(veltra_validatePassword("T3", pin, 1, &remaining, nullptr) == 0, left == -1);
+        EXPECT_EQ(enter("T3", pin, &remaining) == kNoFailure, left == -1);
         EXPECT_EQ(remaining, left);
         EXPECT_EQ(attemptsOnDisk("T3"), left == -1 ? 3u : static_cast<unsigned>(left));
     }
-    EXPECT_EQ(veltra_validatePassword("T3", kPin, 1, nullptr, nullptr), static_cast<int>(Failure::PinLocked));
+    EXPECT_EQ(enter("T3", kPin, nullptr), Failure::PinLocked);
+    change([](TokenDescription& token) { token.clockMismatch = true; });
+    int remaining = 77;
+    for (const char* pin : {kWrongPin, kPin})
+        EXPECT_EQ(enter(kSerial, pin, &remaining), Failure::TimeMismatch);
+    EXPECT_EQ(remaining, 77);
+    EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts);
 }
 
 TEST_F(SoftTokenTest, AnAttemptIsTakenOnDiskBeforeThePinIsCompared) {
@@ -34,21 +52,6 @@ TEST_F(SoftTokenTest, AnAttemptIsTakenOnDiskBeforeThePinIsCompared) {
     });
     EXPECT_NE(failureOf([] { logIn(); }), kNoFailure);
     EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts - 1);
-}
-
-TEST_F(SoftTokenTest, WhatIsNoAttemptCostsNone) {
-    int remaining = -1;
-    for (const std::size_t length : {0, 3, 64, 5000}) {
-        EXPECT_EQ(veltra_validatePassword(kSerial, std::string(length, '1').c_str(), 1, &remaining, nullptr),
-                  static_cast<int>(Failure::WrongPin));
-        EXPECT_EQ(remaining, static_cast<int>(kDefaultAttempts));
-    }
-    change([](TokenDescription& token) { token.clockMismatch = true; });
-    remaining = 77;
-    for (const char* pin : {kWrongPin, kPin})
-        EXPECT_EQ(veltra_validatePassword(kSerial, pin, 1, &remaining, nullptr), kDeviceTimeMismatch);
-    EXPECT_EQ(remaining, 77);
-    EXPECT_EQ(attemptsOnDisk(), kDefaultAttempts);
 }
 
 TEST_F(SoftTokenTest, PinUsingOperationsNeedASessionAndItsPin) {

@@ -66,9 +66,9 @@ Failure failureOf(Call call) {
 /// Compares what a token lists with the records that calls have filled in, byte by byte.
 template <class Record>
 void expectSameRecords(const std::vector<Record>& listed, const std::vector<Record>& made) {
-    ASSERT_EQ(listed.size(), made.size());
-    for (std::size_t i = 0; i < made.size(); ++i)
-        EXPECT_EQ(std::memcmp(&listed[i], &made[i], sizeof(Record)), 0) << "record " << i;
+    EXPECT_TRUE(std::ranges::equal(listed, made, [](const Record& one, const Record& other) {
+        return std::memcmp(&one, &other, sizeof(Record)) == 0;
+    }));
 }
 
 /// A fresh home folder with one plugged-in token kSerial, used through the core library: the exports put
