@@ -76,9 +76,7 @@ for curve in P256:prime256v1:256 P384:secp384r1:384 P521:secp521r1:521; do
         fail "OpenSSL derives another key with SP800_56ACONCAT on $name"
 done
 # The plain hash does not look at label and context; a short key is the front of the digest.
-[ "$(agree --label 'a label' --length 16)" = "$(digest sha256 <secret.bin | cut -c 1-32)" ] ||
-    fail "a short key is not the front of the digest"
-cng derive-key --container "$key" --peer theirs.pub --length 64 --out derived.bin
-[ "$(hexOf derived.bin)" = "$(digest sha256 <secret.bin)" ] || fail "a key longer than the digest"
+cng derive-key --container "$key" --peer theirs.pub --label 'a label' --length 16 --out derived.bin
+[ "$(hexOf derived.bin)" = "$(digest sha256 <secret.bin | cut -c 1-32)" ] || fail "not the front of the digest"
 softtoken set E2E-CNGENC --firmware 1.5.3
 expectFailure 1 NTE_NOT_SUPPORTED agree

@@ -245,12 +245,8 @@ TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
     const auto setInCng = [&] {
         givePin([&](BYTE* pin) { KSPSetProviderProperty(provider, L"SmartCardPin", pin, kLength, 0); });
     };
-    struct {
-        const SecretMarker& marker;
-        bool isKept; ///< until release()
-        const char* name;
-        std::function<void()> use;
-    } const kWays[] = {
+    // The secret, whether it is kept until release(), and what is done with it.
+    const std::tuple<const SecretMarker&, bool, const char*, std::function<void()>> kWays[] = {
         {kKey, true, "SIMPLEBLOB", [&] { importKey(SIMPLEBLOB, false); }},
         {kKey, false, "PLAINTEXTKEYBLOB", [&] { importKey(PLAINTEXTKEYBLOB, true); }},
         {kKey, false, "SYMMETRICWRAPKEYBLOB", [&] { importKey(SYMMETRICWRAPKEYBLOB, false); }},

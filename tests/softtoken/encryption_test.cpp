@@ -154,10 +154,9 @@ TEST(KeyAgreement, NeedsAPointOfTheKeysCurve) {
 
 TEST(KeyAgreement, KeepsTheZeroByteInFrontOfASecret) {
     // RFC 5903, 8.1: the responder's point; the initiator's private number is one with such a secret.
-    const Expression key = Expression::build(
-        "(private-key (ecc (curve \"NIST P-256\") %S))",
-        Expression::field("d", fromHex("C88F01F510D9AC3F70A292DAA2316DE544E9AAB8AFE84049C62A9C57862D14FA"))
-            .get());
+    const Bytes number = fromHex("C88F01F510D9AC3F70A292DAA2316DE544E9AAB8AFE84049C62A9C57862D14FA");
+    const Expression key = Expression::build("(private-key (ecc (curve \"NIST P-256\") %S))",
+                                             Expression::field("d", number).get());
     EXPECT_EQ(toHex(ecdhSecret(*findKeyKind(kKeyTypeEcP256), key.secureCanonical(),
                                fromHex("04D12DFB5289C8D4F81208B70270398C342296970A0BCCB74C736FC7554494BF63"
                                        "56FBF3CA366CC23E8157854C13C58D6AAC23F046ADA30F8353E74F33039872AB"))),
