@@ -4,24 +4,24 @@
 
 namespace veltra::softtoken::test {
 
-class CertificateTest : public SoftTokenTest {
-protected:
-    CertificateTest() { logIn(); }
+namespace {
 
-    static VeltraCertificate import(VeltraCertificate record) {
-        importCertificate(kSerial, kPin, record);
-        return record;
-    }
+VeltraCertificate import(VeltraCertificate record) {
+    importCertificate(kSerial, kPin, record);
+    return record;
+}
 
-    static std::vector<Bytes> listed() {
-        std::vector<Bytes> ders;
-        for (const VeltraCertificate& it : certificates(kSerial))
-            ders.emplace_back(it.der, it.der + it.derLength);
-        return ders;
-    }
-};
+std::vector<Bytes> listed() {
+    std::vector<Bytes> ders;
+    for (const VeltraCertificate& it : certificates(kSerial))
+        ders.emplace_back(it.der, it.der + it.derLength);
+    return ders;
+}
 
-TEST_F(CertificateTest, DetailsNameSubjectAndIssuerAndNothingElseIsStored) {
+} // namespace
+
+TEST_F(SoftTokenTest, CertificateDetailsNameSubjectAndIssuerAndNothingElseIsStored) {
+    logIn();
     const CertificateDetails details = certificateDetails(leaf_);
     EXPECT_EQ(details.commonName, "Test Leaf");
     EXPECT_EQ(details.subject, "CN=Test Leaf");
@@ -37,7 +37,7 @@ TEST_F(CertificateTest, DetailsNameSubjectAndIssuerAndNothingElseIsStored) {
     EXPECT_TRUE(listed().empty());
 }
 
-TEST_F(CertificateTest, FilesAreReadWhateverTheirFormAndInTheOrderOfTheirNames) {
+TEST_F(SoftTokenTest, CertificateFilesAreReadWhateverTheirFormAndInTheOrderOfTheirNames) {
     const fs::path folder = home_ / "certificate files";
     fs::create_directories(folder / "sub.cer");
     const std::string root = pemOf(veltra::test::kRootCertificate);
@@ -60,7 +60,8 @@ TEST_F(CertificateTest, FilesAreReadWhateverTheirFormAndInTheOrderOfTheirNames) 
         EXPECT_TRUE(readCertificateFolder(missing, {".cer"}).empty());
 }
 
-TEST_F(CertificateTest, ACertificateBelongsToOneKeyAndAKeyToOneCertificate) {
+TEST_F(SoftTokenTest, ACertificateBelongsToOneKeyAndAKeyToOneCertificate) {
+    logIn();
     EXPECT_EQ(std::string(import(certificateRecord(leaf_, 0x11)).label), "Certificate-11111111");
     const VeltraCertificate root = import(certificateRecord(root_, 0));
     EXPECT_NE(toHex(root.keyId), std::string(32, '0')) << "an identifier of its own";
