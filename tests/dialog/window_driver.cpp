@@ -52,10 +52,6 @@ void waitUntil(const std::string& what, Condition condition) {
     }
 }
 
-void waitUntilGone(HWND window) {
-    waitUntil("a window stays open", [&] { return !IsWindow(window); });
-}
-
 } // namespace
 
 HWND waitForWindow(const std::string& caption, DWORD threadId) {
@@ -84,14 +80,13 @@ void typeInto(HWND dialog, int control, const std::string& text) {
 }
 
 void pressAndWait(HWND window, int button) {
-    PostMessageA(window, WM_COMMAND, MAKEWPARAM(button, BN_CLICKED),
-                 reinterpret_cast<LPARAM>(GetDlgItem(window, button)));
-    waitUntilGone(window);
-}
-
-void closeAndWait(HWND window) {
-    PostMessageA(window, WM_CLOSE, 0, 0);
-    waitUntilGone(window);
+    if (button == kClose) {
+        PostMessageA(window, WM_CLOSE, 0, 0);
+    } else {
+        PostMessageA(window, WM_COMMAND, MAKEWPARAM(button, BN_CLICKED),
+                     reinterpret_cast<LPARAM>(GetDlgItem(window, button)));
+    }
+    waitUntil("a window stays open", [&] { return !IsWindow(window); });
 }
 
 void enterPin(const std::string& pin) {
