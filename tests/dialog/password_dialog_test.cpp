@@ -1,7 +1,6 @@
 #include "dialog/window_driver.h"
-#include "support/csp_test.h"
+#include "support/provider_test.h"
 
-#include "csp/csp_login.h"
 #include "token/password_dialog.h"
 
 #include <future>
@@ -32,7 +31,7 @@ ShownDialog showDialog() {
     return {std::move(text), waitForWindow(kPasswordDialog, threadId.get())};
 }
 
-using PasswordDialogTest = CspTest;
+using PasswordDialogTest = ProviderTest;
 
 TEST_F(PasswordDialogTest, ControlsFocusAndALoginOf4To63Characters) {
     const ShownDialog dialog = showDialog();
@@ -80,30 +79,15 @@ TEST_F(PasswordDialogTest, EveryWayToEndItAndTwoAtOnceDoNotMixTheirTexts) {
     }
 }
 
-// What a user sees of a login, message boxes included.
-TEST_F(PasswordDialogTest, WrongPinThenCancelThenTheRightOne) {
+TEST_F(PasswordDialogTest, MessagesAreBoxesWithoutAnOwner) {
     setPinPrompt(nullptr);
-    const auto logIn = [this] {
-        return std::async(std::launch::async, [this] {
-            CSP_CONTEXT context;
-            context.serial = serial;
-            return static_cast<bool>(ensurePasswordValidated(context));
-        });
-    };
-    std::future<bool> cancelled = logIn();
-    enterPin("0000");
+    const auto told = std::async(std::launch::async, [] { pinPrompt().tell("Remaining attempts(2)"); });
     const HWND box = waitForWindow("Veltra");
-    EXPECT_EQ(messageOf(box), "Invalid user pin. Remaining attempts(2)");
+    EXPECT_EQ(messageOf(box), "Remaining attempts(2)");
     EXPECT_EQ(GetWindow(box, GW_OWNER), nullptr);
     pressAndWait(box, IDOK);
-    pressAndWait(waitForWindow(kPasswordDialog), IDCANCEL);
-    EXPECT_FALSE(cancelled.get());
-    EXPECT_EQ(FindWindowA(nullptr, "Veltra"), nullptr) << "cancelling shows no message";
-
-    std::future<bool> login = logIn();
+    const auto asked = std::async(std::launch::async, [] { return pinPrompt().askPin(); });
     enterPin("1234");
-    EXPECT_TRUE(login.get());
-    EXPECT_EQ(storedPin(), "1234");
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 
 namespace veltra::test {
 
@@ -37,17 +36,14 @@ BOOL CALLBACK collectStaticText(HWND child, LPARAM parameter) {
     return TRUE;
 }
 
-[[noreturn]] void giveUp(const std::string& what) {
-    std::printf("No progress: %s\n1 FAILED TEST\n", what.c_str());
-    std::fflush(stdout);
-    TerminateProcess(GetCurrentProcess(), 3);
-    std::abort();
-}
-
 template <class Condition>
 void waitUntil(const std::string& what, Condition condition) {
     for (int waited = 0; !condition(); waited += kStepMilliseconds) {
-        if (waited > kPatienceMilliseconds) giveUp(what);
+        if (waited > kPatienceMilliseconds) {
+            std::printf("No progress: %s\n1 FAILED TEST\n", what.c_str());
+            std::fflush(stdout);
+            TerminateProcess(GetCurrentProcess(), 3);
+        }
         Sleep(kStepMilliseconds);
     }
 }

@@ -41,8 +41,7 @@ DWORD WINAPI useCryptoApi(void*) {
     EXPECT_TRUE(CryptAcquireContextA(&context, kContainer, kProvider, PROV_RSA_FULL, 0))
         << std::hex << GetLastError();
     EXPECT_TRUE(CryptSetProvParam(context, PP_SIGNATURE_PIN, reinterpret_cast<const BYTE*>("1234"), 0));
-    HCRYPTKEY key = 0;
-    HCRYPTKEY session = 0;
+    HCRYPTKEY key = 0, session = 0;
     HCRYPTHASH hash = 0;
     EXPECT_TRUE(CryptGetUserKey(context, AT_SIGNATURE, &key));
     EXPECT_TRUE(CryptCreateHash(context, CALG_SHA_256, 0, 0, &hash));

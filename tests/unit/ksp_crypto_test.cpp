@@ -68,10 +68,10 @@ protected:
 };
 
 TEST_F(KspCryptoTest, EveryKeyTypeSignsIntoAnExactBufferAndVerifies) {
-    for (const auto& [type, bytes, publicKey] : {std::tuple{2u, 256u, "3082..0001(294)"},
-                                                 {4u, 512u, "3082..0001(550)"},
-                                                 {5u, 64u, "04C1..FF00(65)"},
-                                                 {7u, 132u, "04C1..4344(133)"}}) {
+    using Row = std::tuple<std::uint32_t, DWORD, const char*>;
+    for (const auto& [type, bytes, publicKey] :
+         {Row{2, 256, "3082..0001(294)"}, Row{4, 512, "3082..0001(550)"}, Row{5, 64, "04C1..FF00(65)"},
+          Row{7, 132, "04C1..4344(133)"}}) {
         const NCRYPT_KEY_HANDLE key = addPair(type);
         EXPECT_EQ(querySignature(key), bytes);
         EXPECT_EQ(sign(key, 0, bytes), succeeded());
@@ -130,12 +130,10 @@ TEST_F(KspCryptoTest, WeakKeysAreRefusedBehindTheUserAndWeakHashesByTheToken) {
 }
 
 TEST_F(KspCryptoTest, RsaPaddingTypeAndKeyFormReachTheLibrary) {
-    for (const auto& [flags, hashName, padding] : {std::tuple{0u, "SHA256", 1},
-                                                   {kPkcs1, "SHA256", 1},
-                                                   {kOaep, nullptr, 4},
-                                                   {kOaep, "SHA1", 8},
-                                                   {kOaep | kPkcs1, "SHA512", 7},
-                                                   {kOaep, "sha256", 4}}) {
+    using Row = std::tuple<DWORD, const char*, int>;
+    for (const auto& [flags, hashName, padding] :
+         {Row{0, "SHA256", 1}, Row{kPkcs1, "SHA256", 1}, Row{kOaep, nullptr, 4}, Row{kOaep, "SHA1", 8},
+          Row{kOaep | kPkcs1, "SHA512", 7}, Row{kOaep, "sha256", 4}}) {
         const std::vector<WCHAR> name = wideText(hashName == nullptr ? "" : hashName);
         BCRYPT_OAEP_PADDING_INFO info{};
         if (hashName != nullptr) info.pszAlgId = name.data();

@@ -95,17 +95,14 @@ TEST_F(KspPropertyTest, ValuesOfAKeyByTypeAndUsage) {
 
 TEST_F(KspPropertyTest, WhatIsSetIsAnsweredAndWhatIsMissingOrShortIsIgnored) {
     key = addKey(token.addKeyPair(0x11));
-    for (const auto& [property, input, expected] : {std::tuple{"Length", dwords({8192}), dwords({8192})},
-                                                    {"Length", {1, 2, 3}, dwords({8192})},
-                                                    {"Key Usage", dwords({1}), dwords({1})},
-                                                    {"Key Usage", dwords({0xFFFFFFFC}), dwords({1})},
-                                                    {"Key Usage", dwords({7}), dwords({3})},
-                                                    {"Key Usage", {2, 0, 0}, dwords({3})},
-                                                    {"Key Usage", dwords({2}), dwords({2})},
-                                                    {"ChainingMode", kEcb, kEcb},
-                                                    {"ChainingMode", {}, kEcb},
-                                                    // Not terminated, and in the middle of a character.
-                                                    {"ChainingMode", {kCbc.begin(), kCbc.end() - 1}, kCbc}}) {
+    const Bytes unterminated(kCbc.begin(), kCbc.end() - 1); // in the middle of a character
+    using Row = std::tuple<const char*, Bytes, Bytes>;
+    for (const auto& [property, input, expected] :
+         {Row{"Length", dwords({8192}), dwords({8192})}, Row{"Length", {1, 2, 3}, dwords({8192})},
+          Row{"Key Usage", dwords({1}), dwords({1})}, Row{"Key Usage", dwords({0xFFFFFFFC}), dwords({1})},
+          Row{"Key Usage", dwords({7}), dwords({3})}, Row{"Key Usage", {2, 0, 0}, dwords({3})},
+          Row{"Key Usage", dwords({2}), dwords({2})}, Row{"ChainingMode", kEcb, kEcb},
+          Row{"ChainingMode", {}, kEcb}, Row{"ChainingMode", unterminated, kCbc}}) {
         EXPECT_EQ(set(property, input), succeeded());
         EXPECT_EQ(set(property, nullptr, 4), succeeded());
         expectValues({{property, expected}});
@@ -144,26 +141,22 @@ TEST_F(KspPropertyTest, WindowBelongsToTheProvider) {
     const BYTE unaligned[10] = {0xEE, 1, 2, 3, 4, 5, 6, 7, 8, 0xEE};
     HWND given = nullptr;
     std::memcpy(&given, unaligned + 1, sizeof given);
-    const auto setWindow = [&](NCRYPT_KEY_HANDLE object, const BYTE* value, DWORD length) {
+    const NCRYPT_KEY_HANDLE any = addKey(token.addKeyPair(0x11));
+    using Row = std::tuple<NCRYPT_KEY_HANDLE, const BYTE*, DWORD, HWND>;
+    for (const auto& [object, value, length, taken] :
+         {Row{any, unaligned + 1, sizeof given, given}, Row{0, unaligned + 1, sizeof given - 1, nullptr},
+          Row{0, unaligned + 1, sizeof given + 1, given}, Row{any, nullptr, sizeof given, nullptr}}) {
         key = object;
         EXPECT_EQ(set("HWND Handle", value, length), succeeded());
-        return liveProvider(provider)->parentWindow.load();
-    };
-    const NCRYPT_KEY_HANDLE any = addKey(token.addKeyPair(0x11));
-    EXPECT_EQ(setWindow(any, unaligned + 1, sizeof given), given);
-    EXPECT_EQ(setWindow(0, unaligned + 1, sizeof given - 1), nullptr);
-    EXPECT_EQ(setWindow(0, unaligned + 1, sizeof given + 1), given);
-    EXPECT_EQ(setWindow(any, nullptr, sizeof given), nullptr);
+        EXPECT_EQ(liveProvider(provider)->parentWindow.load(), taken);
+    }
 }
 
-// The stated length is ignored: a wide PIN reads as its first character, one that does not end as its first
-// 255 bytes.
+// The stated length is ignored: a wide PIN reads as its first character, a long one as its first 255.
 TEST_F(KspPropertyTest, PinIsStoredWhenTheTokenAcceptsItAndOutlivesTheProvider) {
     const std::string sevens(300, '7');
-    const std::vector<char> unterminated(255, '7');
-    for (const auto& [value, read] : {std::pair<const void*, std::string>{L"1234", "1"},
-                                      {unterminated.data(), sevens.substr(0, 255)},
-                                      {sevens.c_str(), sevens.substr(0, 255)}}) {
+    for (const auto& [value, read] :
+         {std::pair<const void*, std::string>{L"1234", "1"}, {sevens.c_str(), sevens.substr(0, 255)}}) {
         library.clearCalls();
         EXPECT_EQ(set("SmartCardPin", value, 10),
                   failed(kValidationFailed, {"KSP: PIN validation failed: 73"}));
