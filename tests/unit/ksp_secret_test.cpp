@@ -93,23 +93,18 @@ TEST_F(KspSecretTest, AgreementPassesThePointWholeAndKeeps66Bytes) {
 // The fuzz target looks at every list of parameters and every size.
 TEST_F(KspSecretTest, DerivationHashesOnceAndNeverExpandsAlsoWithoutTheProvider) {
     const Bytes label = {'l', 'a'}, more = {'b'}, context = {'c', 'o'};
-    const std::vector<NCryptBuffer> all = {parameter(14, context),
-                                           parameter(8, label),
-                                           parameter(13, label),
-                                           {100, 13, nullptr},
-                                           parameter(13, more)};
-    const auto digest = [](const Bytes& input) {
-        return ScriptedDeviceLibrary::fakeDigest(kMechanismSha256, input);
-    };
+    const std::vector<NCryptBuffer> all = {parameter(14, context), parameter(8, label), parameter(13, label),
+                                           NCryptBuffer{100, 13, nullptr}, parameter(13, more)};
     ASSERT_EQ(agree(privateKey, peerKey), succeeded());
     EXPECT_EQ(KSPFreeProvider(provider), 0);
     EXPECT_EQ(derive(kConcat, all, 100), succeeded());
-    EXPECT_EQ(derived, digest(joined({label, more, context, kSecret})));
+    EXPECT_EQ(derived, ScriptedDeviceLibrary::fakeDigest(3, joined({label, more, context, kSecret})));
     EXPECT_THAT(library.calls(), ElementsAre("veltra_initHash(serial=" + serial + ", algorithm=3)",
                                              "veltra_updateHash(hash=1, data=6C61..1F20(37))",
                                              "veltra_finalHash(hash=1, capacity=32)"));
     EXPECT_EQ(derive("SP800_56A_CONCAT", all, 100), succeeded());
-    EXPECT_EQ(derived, digest(kSecret)) << "the platform's name is none here: deliberate";
+    EXPECT_EQ(derived, ScriptedDeviceLibrary::fakeDigest(3, kSecret))
+        << "the platform's name is none here: deliberate";
     Bytes hash = wideBytes("SHA224");
     hash.resize(64); // so much is read of it
     EXPECT_EQ(derive(kConcat, {{INT_MAX, 0, hash.data()}}), succeeded());
