@@ -65,7 +65,8 @@ DWORD WINAPI monitorLoop(void* stopEvent) noexcept {
     return 0;
 }
 
-bool startThread(MonitorThread& state) {
+bool startThread() {
+    MonitorThread& state = monitorThread();
     const std::lock_guard lock(state.mutex);
     stopRequested = false;
     state.stopEvent.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -87,7 +88,13 @@ void startDeviceMonitor() {
         Utils::debug("Monitor thread already running, not starting again.");
         return;
     }
-    if (!pinThisModule() || !startThread(monitorThread())) {
+    bool started = false;
+    try {
+        started = pinThisModule() && startThread();
+    } catch (...) { // no memory: the next caller tries again
+        started = false;
+    }
+    if (!started) {
         running = false;
         Utils::error("Monitor thread cannot be started");
         return;
