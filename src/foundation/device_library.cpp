@@ -226,9 +226,9 @@ DeviceLibrary* bindForThisProcess() {
     DeviceLibraryBinding binding = bindDeviceLibrary(thisModuleFolder());
     if (binding.library) return binding.library.release();
     if (!binding.missingExports.empty()) {
-        Utils::error(concat("VeltraDSCLibrary.dll lacks the export ", binding.missingExports.front()));
+        Utils::error("VeltraDSCLibrary.dll lacks the export ", binding.missingExports.front());
     } else {
-        Utils::error(concat("VeltraDSCLibrary.dll cannot be loaded, error=", binding.error));
+        Utils::error("VeltraDSCLibrary.dll cannot be loaded, error=", binding.error);
     }
     return new MissingDeviceLibrary;
 }

@@ -36,7 +36,7 @@ void initialiseTokens(const std::vector<std::string>& serials, void* libraryCont
         if (code == kDeviceOk) {
             markInitialised(serial);
         } else {
-            Utils::error(concat(logPrefix, "Init device failed for ", serial, " : ", code));
+            Utils::error(logPrefix, "Init device failed for ", serial, " : ", code);
         }
     }
 }
