@@ -2,7 +2,6 @@
 
 #include "foundation/missing_device_library.h"
 #include "foundation/module.h"
-#include "foundation/text.h"
 #include "foundation/utils.h"
 #include "foundation/win_handle.h"
 

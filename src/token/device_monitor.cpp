@@ -1,7 +1,6 @@
 #include "token/device_monitor.h"
 
 #include "foundation/module.h"
-#include "foundation/text.h"
 #include "foundation/utils.h"
 #include "foundation/win_handle.h"
 #include "token/device_state.h"

@@ -2,7 +2,6 @@
 
 #include "foundation/module.h"
 #include "foundation/secret.h"
-#include "foundation/text.h"
 #include "foundation/utils.h"
 #include "resource.h"
 

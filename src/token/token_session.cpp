@@ -1,6 +1,5 @@
 #include "token/token_session.h"
 
-#include "foundation/text.h"
 #include "foundation/utils.h"
 #include "token/device_state.h"
 
