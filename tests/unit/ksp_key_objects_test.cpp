@@ -3,7 +3,6 @@
 
 #include "foundation/text.h"
 #include "ksp/ksp_provider.h"
-#include "token/device_state.h"
 
 #include <algorithm>
 
