@@ -22,7 +22,8 @@ void expectRefusals(std::initializer_list<int> results) {
 
 /// The places for a buffer that a function of the DLL hands out. Not empty before, to show who clears it.
 struct LibraryOutput {
-    unsigned char* data = nullptr;
+    unsigned char anything = 0;
+    unsigned char* data = &anything;
     int length = 77;
 
     [[nodiscard]] bool isEmpty() const { return data == nullptr && length == 0; }
