@@ -17,7 +17,6 @@
 #include "token/device_state.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <functional>

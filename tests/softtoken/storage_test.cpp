@@ -4,8 +4,6 @@
 
 #include "contract_records.h"
 
-#include <algorithm>
-#include <cstring>
 #include <map>
 
 // The import table's entries of this program, through which the core library reaches the system. On 32-bit
