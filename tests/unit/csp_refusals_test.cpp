@@ -34,7 +34,7 @@ struct Refusal {
 constexpr DWORD kInvalid = ERROR_INVALID_PARAMETER, kMore = ERROR_MORE_DATA;
 constexpr std::uintptr_t kTooLong = INT_MAX + 1u;
 constexpr HMAC_INFO kNoDigest{CALG_HMAC, nullptr, 0, nullptr, 0};
-const std::string kLongPin(256, '1');
+const std::string kLongPin(256, '1'), kContainer(32, '1');
 
 const std::string kNullContext = ": context is null or not initialized";
 const std::string kBadContext = ": invalid or uninitialized context";
@@ -45,9 +45,12 @@ const std::string kNullLength = ": pdwDataLen is null";
 const std::string kBadFlags = ": invalid dwFlags=0x00000001";
 const std::string kInvalidParameter = ": invalid parameter - ";
 const std::string kWeakKey = " not allowed \xE2\x80\x94 key size below 112-bit security strength";
+const std::string kDeleting = ": CRYPT_DELETEKEYSET ";
 const std::string kExport = "ExportPublicKeyComponents: ";
 const std::string kImport = "CPImportKey - ";
 const std::string kOuter = "CPGetHashParam: HMAC outer ";
+const std::string kChain = "importCertificateWithChain: chain import failed at index ";
+const std::string kNotImported = "\nCPSetKeyParam: KP_CERTIFICATE import failed ret=7";
 const std::string kNoValue = "\nCPGetHashParam failed to get hash ";
 // Of the login.
 const std::string kEnsure = "ensurePasswordValidated: ", kNotEnsured = ": ensurePasswordValidated failed";
@@ -65,11 +68,24 @@ const Refusal kRefusals[] = {
     {"CPGetKeyParam,CPSetKeyParam KP_CERTIFICATE,CPDecrypt RSA", "rsaKey", NTE_BAD_KEY, kNullKey},
 
     {"CPAcquireContext", "handle data", kInvalid, kInvalidParameter + "phProv=0 pVTable=0"},
+    {"CPAcquireContext", "!veltra_getConnectedDeviceList", 0x80090023,
+     ": valid token not connected, return FALSE"},
+    {"CPAcquireContext CRYPT_DELETEKEYSET", "!veltra_getConnectedDeviceList", 0x80090023,
+     kDeleting + "no token connected"},
+    {"CPAcquireContext CRYPT_DELETEKEYSET", "!pin", NTE_FAIL,
+     kNotTyped + "CPAcquireContext" + kDeleting + "PIN validation failed"},
+    {"CPAcquireContext to delete silently", "!pin", NTE_SILENT_CONTEXT,
+     kDeleting + "CRYPT_SILENT set, cannot prompt for PIN"},
     {"CPReleaseContext with flags", "flags", NTE_BAD_FLAGS, ": invalid dwFlags=0x00ABCDEF", 0xABCDEF},
     {"CPReleaseContext with flags", "context", NTE_BAD_UID, kBadContext},
     {"CPReleaseContext with flags", "!context", NTE_BAD_UID, kBadContext},
     {"CPGetProvParam", "length", kInvalid, kNullLength},
     {"CPGetProvParam", "choice", NTE_BAD_TYPE, ": unsupported dwParam=7", 7},
+    {"PP_CERTCHAIN", "!veltra_getKeyPairList", 0x8009000D,
+     "CPGetProvParam PP_CERTCHAIN: container not found, containerName=" + kContainer},
+    {"PP_CERTCHAIN", "!veltra_findCertificateForKey", 0x8009000D, "Certificate Is Empty"},
+    {"CPGetProvParam of no chain", "", NTE_BAD_KEY,
+     "[ERROR] Cannot parse leaf cert\nFailed creating leaf certificate"},
     {"CPSetProvParam", "choice", NTE_BAD_TYPE, ": unsupported dwParam=4294967295", MAXDWORD},
     {"CPSetProvParam", "input?", kInvalid, ": NULL PIN data"},
     {"CPSetProvParam", "input?", NTE_KEYSET_ENTRY_BAD, ": PIN is longer than 255 characters",
@@ -97,13 +113,21 @@ const Refusal kRefusals[] = {
     {"CPGetUserKey", "!context", NTE_BAD_UID, ": context is not initialized"},
     {"CPGetUserKey", "!veltra_getKeyPairList", NTE_NO_KEY, ": key list is empty"},
     {"CPGetUserKey", "choice", NTE_BAD_KEY,
-     ": requested key not found, dwKeySpec=3 container=11111111111111111111111111111111, return FALSE", 3},
+     ": requested key not found, dwKeySpec=3 container=" + kContainer + ", return FALSE", 3},
     {"CPGetKeyParam", "choice", NTE_BAD_TYPE, ": unsupported dwParam=1, return FALSE", KP_IV},
     {"CPGetKeyParam", "length", kInvalid, kNullLength},
     {"KP_CERTIFICATE", "length", kInvalid, "CPGetKeyParam" + kNullLength},
+    {"KP_CERTIFICATE", "!veltra_findCertificateForKey", NTE_NOT_FOUND,
+     "CPGetKeyParam: KP_CERTIFICATE not found, return FALSE"},
     {"CPSetKeyParam KP_CERTIFICATE", "input?", kInvalid, ": KP_CERTIFICATE pbData is null"},
     {"CPSetKeyParam KP_CERTIFICATE", "!silent", NTE_FAIL, kNoDialog + kNoCertificateLogin},
     {"CPSetKeyParam KP_CERTIFICATE", "!pin", NTE_FAIL, kCancelled + kNoCertificateLogin},
+    {"CPSetKeyParam KP_CERTIFICATE", "!veltra_importCertificate", NTE_FAIL,
+     kChain + "0 ret=7" + kNotImported},
+    {"CPSetKeyParam KP_CERTIFICATE", "!veltra_importCertificate=2", NTE_FAIL,
+     kChain + "1 ret=7" + kNotImported},
+    {"CPSetKeyParam of a leaf", "!veltra_importCertificate", NTE_FAIL,
+     "importCertificateWithChain: leaf import failed ret=7" + kNotImported},
     {"CPDestroyKey", "rsaKey", NTE_BAD_KEY, ": pKeyHandle is NULL"},
     {"CPDeriveKey", "handle", kInvalid, ""},
     {"CPDeriveKey", "!context", NTE_BAD_UID, ""},
@@ -216,13 +240,23 @@ const Refusal kRefusals[] = {
 std::vector<WorkingCall> calls() {
     std::vector<WorkingCall> all = cspCalls();
     const char* const exportWords = "context rsaKey rsaKey? =6 flags data? length";
+    const auto mapContainer = [](World& w) { writeContainerValue(w.token.serial, w.container); };
     const auto forgetMechanism = [](World& w) { liveHash(w.hmac)->mechanism = 0; };
     const auto makeEc = [](World& w) { w.token.keyPairs[0].keyType = kKeyTypeEcP256; };
     const auto makeWeak = [](World& w) { w.token.keyPairs[0].keyType = kKeyTypeRsa1024; };
     const auto loseKey = [](World& w) { w.token.keyPairs[0].keyId[15] ^= 1; };
     all.insert(all.end(),
-               {{"CPReleaseContext with flags", CPReleaseContext, "context flags"},
+               {{"CPAcquireContext to delete silently",
+                 CPAcquireContext,
+                 "handle serial? =80 data",
+                 {},
+                 {0},
+                 mapContainer},
+                {"CPReleaseContext with flags", CPReleaseContext, "context flags"},
                 {"CPSetProvParam PP_USE_HARDWARE_RNG", CPSetProvParam, "context =38 input? flags"},
+                {"CPGetProvParam of no chain", CPGetProvParam, "context =9 data? length flags"},
+                {"CPSetKeyParam of a leaf", CPSetKeyParam, "context rsaKey =26 input flags",
+                 ScriptedDeviceLibrary::fakeCertificate("C", "CN=CA", "CN=C")},
                 {"CPGenRandom of 7", CPGenRandom, "context size data", Bytes(7)},
                 {"CPExportKey of an EC key", CPExportKey, exportWords, {}, {0}, makeEc},
                 {"CPExportKey of a key that is gone", CPExportKey, exportWords, {}, {0}, loseKey},
@@ -278,6 +312,7 @@ protected:
         ScriptedPinPrompt user;
         setPinPrompt(&user);
         Output untouched = world.out;
+        const std::string mapped = readContainerValue(world.token.serial);
         const std::string entryPoint(call.name, std::strcspn(call.name, " "));
         DWORD code = 0;
         EXPECT_EQ(run([&] { return (code = call.invoke(values)) == 0; }).errors,
@@ -288,7 +323,8 @@ protected:
             untouched.length = world.out.length;
         }
         EXPECT_EQ(world.out, untouched) << "nothing is handed out";
-        EXPECT_EQ(user.seen().size(), first.arguments == "!pin" ? 1u : 0u);
+        EXPECT_EQ(user.seen().size(), first.errors.starts_with(kCancelled) ? 1u : 0u);
+        EXPECT_EQ(readContainerValue(world.token.serial), mapped) << "a container loses no key";
         EXPECT_THAT(getPin(world.token.serial).view(), testing::AnyOf("", World::kPin));
     }
 };
