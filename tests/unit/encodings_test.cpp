@@ -8,19 +8,11 @@
 namespace veltra::test {
 namespace {
 
+// More of these, in both directions: fuzz/encodings_fuzz.cpp.
 TEST(DerReaderTest, LengthsMustBeTheShortestAndFit) {
     const std::string zeros(2 * 0x100, '0');
-    for (const auto& [der, length] : {std::pair{std::string("0200"), 0u},
-                                      {"020105", 1u},
-                                      {"028180" + zeros, 0x80u},
-                                      {"02820100" + zeros, 0x100u}}) {
-        const Bytes bytes = fromHex(der);
-        const auto contents = DerReader(bytes).read(DerTag::Integer);
-        ASSERT_TRUE(contents) << der;
-        EXPECT_EQ(contents->size(), length);
-    }
     for (const std::string& der :
-         {std::string("02"), std::string("0201"), std::string("040105"), "0280" + zeros, "028105" + zeros,
+         {std::string("02"), std::string("0201"), std::string("040105"), "0280" + zeros, "02817F" + zeros,
           "02820080" + zeros, "0283000100" + zeros, "02820101" + zeros, "0284FFFFFFFF" + zeros,
           "0288FFFFFFFFFFFFFFFF" + zeros, std::string("0284"), std::string("0282FF")}) {
         const Bytes bytes = fromHex(der);
@@ -31,26 +23,17 @@ TEST(DerReaderTest, LengthsMustBeTheShortestAndFit) {
 }
 
 TEST(PublicKeyEncodingTest, DerOfAModulusAndAnExponent) {
-    const std::string algorithm = "300D06092A864886F70D0101010500", exponent = "0203010001";
-    const auto expectDer = [&](const std::string& modulus, const char* publicExponent,
-                               const std::string& der) {
-        EXPECT_EQ(toHex(publicKeyToDer(modulus, publicExponent)), der) << modulus;
-    };
-    const std::string c2048 = toHex(Bytes(256, 0xC0)), f1024 = toHex(Bytes(128, 0xFF));
-    expectDer(c2048, "010001", "30820122" + algorithm + "0382010F003082010A0282010100" + c2048 + exponent);
-    expectDer(f1024, "010001", "30819F" + algorithm + "03818D0030818902818100" + f1024 + exponent);
-    expectDer("0000C0", "010001", "301E" + algorithm + "030D00300A02030000C0" + exponent); // zeros are kept
-    expectDer("0Xf", "0x1", "301A" + algorithm + "030900300602010F020101");
-    expectDer("1gZ2", "010001", "301D" + algorithm + "030C00300902021002" + exponent); // no digits: zeros
-    expectDer("", "010001", "301B" + algorithm + "030A0030070200" + exponent);
+    const std::string algorithm = "300D06092A864886F70D0101010500", modulus = toHex(Bytes(256, 0xC0));
+    EXPECT_EQ(toHex(publicKeyToDer(modulus, "010001")),
+              "30820122" + algorithm + "0382010F003082010A0282010100" + modulus + "0203010001");
+    EXPECT_EQ(toHex(publicKeyToDer("0Xf", "0x1")), "301A" + algorithm + "030900300602010F020101");
     EXPECT_THAT(rsaPublicKeyAsDer({}, {"der", "raw"}), IsEmpty()) << "passed on as if it were DER";
 }
 
 TEST(PublicKeyEncodingTest, ModulusOfAStoredPublicKey) {
     const std::string rsa = "301C300D06092A864886F70D0101010500";
-    for (const std::string& der :
-         {toHex(publicKeyToDer("41", "010001")), toHex(publicKeyToDer("000041", "010001")),
-          rsa + "030B0030080201410203010001", std::string("30080201410203010001")}) {
+    for (const std::string& der : {toHex(publicKeyToDer("000041", "010001")),
+                                   rsa + "030B0030080201410203010001", std::string("30080201410203010001")}) {
         const Bytes publicKey = fromHex(der);
         EXPECT_EQ(toHex(rsaModulusOf(publicKey)), "41") << der;
     }
