@@ -1,5 +1,6 @@
 #include "support/csp_test.h"
 
+#include "foundation/text.h"
 #include "token/device_state.h"
 
 #include <algorithm>
@@ -77,6 +78,13 @@ HCRYPTKEY CspTest::addSymmetricKey(const std::string& bytes) {
     std::copy(bytes.begin(), bytes.end(), key->symmetricKey.data());
     key->symmetricKeyLength = static_cast<std::uint32_t>(bytes.size());
     return addKey(std::move(key));
+}
+
+std::string CspTest::textOf(const KEY_HANDLE& key) {
+    return concat(key.algId, "/", key.keyBits, "/", key.mode, "/", key.keyUsage, "/", key.tokenFlag,
+                  " id=", toHex({key.keyId, 2}), "..(", key.keyIdLength,
+                  ") credential=", toHex({key.credentialId, key.credentialIdLength}), " label=", key.label,
+                  " secret=", toHex({key.symmetricKey.data(), key.symmetricKeyLength}));
 }
 
 void CspTest::storePinOfToken() {

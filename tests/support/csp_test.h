@@ -34,6 +34,10 @@ protected:
     HCRYPTKEY addKey(std::unique_ptr<KEY_HANDLE> key);
     HCRYPTKEY addSymmetricKey(const std::string& bytes);
 
+    /// What the object holds: "algId/bits/mode/usage/flag id=AEAE..(16) credential=AE label=... secret=" and
+    /// the bytes of a symmetric key.
+    static std::string textOf(const KEY_HANDLE& key);
+
     /// Makes the PIN of the fixture's token known to the provider, as an earlier login would have.
     void storePinOfToken();
     std::string storedPin() const;

@@ -104,20 +104,6 @@ TEST_F(HashTest, ValueIsFinishedOnceEvenIfTheBufferIsTooSmall) {
     EXPECT_FALSE(get(createHash(provider, CALG_SHA_256), HP_HASHVAL).result) << "above what it was given";
 }
 
-TEST_F(HashTest, SetValueFixesItWithoutTheToken) {
-    const HCRYPTHASH hash = createHash(provider, CALG_SHA_384);
-    const HCRYPTHASH hmac = createHmac(CALG_SHA_384);
-    library.clearCalls();
-    for (const Bytes& value : {Bytes(48, 7), Bytes(48, 9)}) {
-        for (const HCRYPTHASH any : {hash, hmac}) {
-            EXPECT_EQ(set(any, HP_HASHVAL, value.data()), accepted());
-            EXPECT_EQ(hashValue(provider, any), value) << "no outer hash";
-            expectFinished(any);
-        }
-    }
-    EXPECT_THAT(library.calls(), IsEmpty());
-}
-
 TEST_F(HashTest, DuplicateFinishesTheSourceAndTakesItsValue) {
     for (const bool isHmac : {false, true}) {
         const HCRYPTHASH source = isHmac ? createHmac(CALG_SHA_256) : createHash(provider, CALG_SHA_256);
@@ -136,17 +122,17 @@ TEST_F(HashTest, DuplicateFinishesTheSourceAndTakesItsValue) {
 
 // That the value is right is for client.sh to say, with published vectors.
 TEST_F(HashTest, HmacWipesItsKeyAndTakesNoDataBeforeItsAlgorithm) {
-    for (const ALG_ID algorithm : {CALG_SHA1, CALG_SHA_512}) { // SHA-1's rule is for plain hashes only
-        const HCRYPTHASH hash = createHmac(algorithm, "0123456789abcdef0123456789ABCDEF");
-        EXPECT_EQ(feed(hash, "abc"), accepted());
-        const Bytes value = hashValue(provider, hash);
-        EXPECT_EQ(hashValue(provider, hash), value) << "the outer step is made once";
-        const auto record = liveHash(hash);
-        EXPECT_EQ(std::ranges::count(record->hmacKey.data(), record->hmacKey.data() + 128, 0), 128);
-        EXPECT_EQ(record->hmacKeyLength, 0u);
-        expectFinished(hash);
-    }
-    EXPECT_THAT(library.calls("veltra_finalHash"), SizeIs(4));
+    const HCRYPTHASH hash = createHmac(CALG_SHA1); // whose rule is for plain hashes only
+    EXPECT_EQ(feed(hash, "abc"), accepted());
+    const Bytes value = hashValue(provider, hash);
+    EXPECT_EQ(hashValue(provider, hash), value) << "the outer step is made once";
+    EXPECT_EQ(std::ranges::count(liveHash(hash)->hmacKey.data(), liveHash(hash)->hmacKey.data() + 128, 0),
+              128);
+    EXPECT_EQ(liveHash(hash)->hmacKeyLength, 0u);
+    expectFinished(hash);
+    const Bytes fixed(20, 7);
+    EXPECT_EQ(set(hash, HP_HASHVAL, fixed.data()), accepted());
+    EXPECT_EQ(hashValue(provider, hash), fixed) << "no outer hash";
     library.clearCalls();
     EXPECT_EQ(feed(createHmac(0), "x").lastError, static_cast<DWORD>(NTE_FAIL));
     EXPECT_THAT(library.calls(), ElementsAre("veltra_updateHash(hash=0, data=78)"))
@@ -178,15 +164,10 @@ TEST_F(HashTest, SecondHmacInfoIsKeyedWithTheOuterPadOfTheFirst) {
 TEST_F(HashTest, DerivedKeyIsTheLeadingBytesOfTheHashValueFilledUpWithZeros) {
     const auto expectKey = [&](HCRYPTHASH hash, ALG_ID algorithm, std::size_t keyLength, Bytes value) {
         ASSERT_EQ(run(CPDeriveKey, provider, algorithm, hash, 0xFFFFFFFF, &out), accepted());
-        const auto key = liveKey(out);
         value.resize(keyLength);
-        value.resize(32);
-        EXPECT_EQ(Bytes(key->symmetricKey.data(), key->symmetricKey.data() + 32), value);
-        EXPECT_EQ(key->symmetricKeyLength, keyLength);
-        EXPECT_EQ(key->keyBits, keyLength * 8);
-        EXPECT_EQ(key->algId, algorithm);
-        EXPECT_EQ(key->keyUsage, 3u);
-        EXPECT_EQ(key->mode + key->keyIdLength + key->publicKeyLength, 0u);
+        EXPECT_EQ(textOf(*liveKey(out)),
+                  concat(algorithm, "/", keyLength * 8,
+                         "/0/3/0 id=0000..(0) credential= label= secret=", toHex(value)));
         EXPECT_TRUE(CPDestroyKey(provider, out));
     };
     const HCRYPTHASH hash = createHash(provider, CALG_SHA_512);
