@@ -61,14 +61,6 @@ HCRYPTKEY CspTest::userKey(HCRYPTPROV context, DWORD keySpec) {
     return key;
 }
 
-DWORD CspTest::keyParameter(HCRYPTPROV context, HCRYPTKEY key, DWORD parameter) {
-    DWORD value = 0;
-    DWORD length = sizeof value;
-    EXPECT_TRUE(CPGetKeyParam(context, key, parameter, reinterpret_cast<BYTE*>(&value), &length, 0));
-    EXPECT_EQ(length, sizeof value);
-    return value;
-}
-
 HCRYPTKEY CspTest::addKey(std::unique_ptr<KEY_HANDLE> key) {
     return keys_.emplace_back(LiveRecords<KEY_HANDLE>::add(std::move(key)));
 }

@@ -29,7 +29,6 @@ protected:
     HCRYPTHASH hashWithValue(HCRYPTPROV context, unsigned char firstByte = 0x11);
 
     HCRYPTKEY userKey(HCRYPTPROV context, DWORD keySpec);
-    DWORD keyParameter(HCRYPTPROV context, HCRYPTKEY key, DWORD parameter);
     /// A key object made without the provider, such as one with symmetric key bytes.
     HCRYPTKEY addKey(std::unique_ptr<KEY_HANDLE> key);
     HCRYPTKEY addSymmetricKey(const std::string& bytes);

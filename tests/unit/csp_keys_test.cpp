@@ -196,8 +196,12 @@ TEST_F(KeyObjectTest, OnlyTheModeIsStoredAndEverythingElseSucceedsAllTheSame) {
             EXPECT_EQ(set(key, parameter, data), accepted()) << parameter;
         }
     EXPECT_EQ(liveKey(key)->mode, value);
-    for (const DWORD usage : {0u, 1u, 2u, 3u, 4u})
-        EXPECT_EQ(keyParameter(provider, addKeyOf(CALG_RSA_SIGN, usage), KP_PERMISSIONS), 12 + usage % 4);
+    for (const DWORD usage : {0u, 1u, 2u, 3u, 4u}) {
+        DWORD permissions = 0, size = sizeof permissions;
+        const auto bytes = reinterpret_cast<BYTE*>(&permissions);
+        EXPECT_TRUE(CPGetKeyParam(provider, addKeyOf(CALG_RSA_SIGN, usage), KP_PERMISSIONS, bytes, &size, 0));
+        EXPECT_EQ(permissions, 12 + usage % 4);
+    }
 }
 
 TEST_F(KeyObjectTest, IvIsOneForTheProcessAndOnlyTwoTokenCodesSetIt) {
