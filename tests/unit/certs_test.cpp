@@ -154,6 +154,7 @@ TEST_F(CertificatesTest, LabelIsMadeOfTheNamesAndGivenToAnUnnamedKeyPair) {
     EXPECT_EQ(set(leaf), accepted());
     EXPECT_EQ(token.certificates.back().label, std::string(128, 'L'));
     EXPECT_THAT(library.calls("veltra_updateKeyPairDetails"), IsEmpty());
+    EXPECT_EQ(commonNameOf("C=XX,CN=,CN=a b\rCN=c"), "a b") << "the first that is not empty";
 }
 
 // More of these, in both directions: fuzz/encodings_fuzz.cpp.
