@@ -1,5 +1,6 @@
 #include "support/csp_test.h"
 
+#include "foundation/text.h"
 #include "token/device_state.h"
 
 #include <algorithm>
@@ -60,14 +61,6 @@ HCRYPTKEY CspTest::userKey(HCRYPTPROV context, DWORD keySpec) {
     return key;
 }
 
-DWORD CspTest::keyParameter(HCRYPTPROV context, HCRYPTKEY key, DWORD parameter) {
-    DWORD value = 0;
-    DWORD length = sizeof value;
-    EXPECT_TRUE(CPGetKeyParam(context, key, parameter, reinterpret_cast<BYTE*>(&value), &length, 0));
-    EXPECT_EQ(length, sizeof value);
-    return value;
-}
-
 HCRYPTKEY CspTest::addKey(std::unique_ptr<KEY_HANDLE> key) {
     return keys_.emplace_back(LiveRecords<KEY_HANDLE>::add(std::move(key)));
 }
@@ -77,6 +70,13 @@ HCRYPTKEY CspTest::addSymmetricKey(const std::string& bytes) {
     std::copy(bytes.begin(), bytes.end(), key->symmetricKey.data());
     key->symmetricKeyLength = static_cast<std::uint32_t>(bytes.size());
     return addKey(std::move(key));
+}
+
+std::string CspTest::textOf(const KEY_HANDLE& key) {
+    return concat(key.algId, "/", key.keyBits, "/", key.mode, "/", key.keyUsage, "/", key.tokenFlag,
+                  " id=", toHex({key.keyId, 2}), "..(", key.keyIdLength,
+                  ") credential=", toHex({key.credentialId, key.credentialIdLength}), " label=", key.label,
+                  " secret=", toHex({key.symmetricKey.data(), key.symmetricKeyLength}));
 }
 
 void CspTest::storePinOfToken() {

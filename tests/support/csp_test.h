@@ -29,10 +29,13 @@ protected:
     HCRYPTHASH hashWithValue(HCRYPTPROV context, unsigned char firstByte = 0x11);
 
     HCRYPTKEY userKey(HCRYPTPROV context, DWORD keySpec);
-    DWORD keyParameter(HCRYPTPROV context, HCRYPTKEY key, DWORD parameter);
     /// A key object made without the provider, such as one with symmetric key bytes.
     HCRYPTKEY addKey(std::unique_ptr<KEY_HANDLE> key);
     HCRYPTKEY addSymmetricKey(const std::string& bytes);
+
+    /// What the object holds: "algId/bits/mode/usage/flag id=AEAE..(16) credential=AE label=... secret=" and
+    /// the bytes of a symmetric key.
+    static std::string textOf(const KEY_HANDLE& key);
 
     /// Makes the PIN of the fixture's token known to the provider, as an earlier login would have.
     void storePinOfToken();
