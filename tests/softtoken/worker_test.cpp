@@ -55,6 +55,13 @@ void work(HANDLE journal, unsigned seed, int steps) {
         if (choice < 9) {
             mine.erase(chosen);
             attempt("delete", id, [&](auto&) { deleteKeyPair(kSerial, key.keyId, kNoPin); });
+        } else if (choice == 9) {
+            attempt("import", "-", [&](std::string& made) {
+                VeltraSymmetricKey aesKey{};
+                aesKey.keyLength = 32;
+                importAesKey(kSerial, kNoPin, aesKey);
+                made = toHex(aesKey.keyId);
+            });
         } else if (choice < 12) {
             attempt("rename", id, [&](auto&) { renameKeyPair(kSerial, key.keyId, kNoPin, "renamed"); });
         } else {
@@ -117,7 +124,7 @@ protected:
             EXPECT_TRUE(what == "begin" || what == "done") << line;
             begun_ = what == "begin" ? operation : "";
             if (what == "begin") continue;
-            if (operation == "generate") keys_.insert(key_);
+            if (operation == "generate" || operation == "import") keys_.insert(key_);
             if (operation == "delete") keys_.erase(key_);
             if (operation == "wrong-pin") --attempts_;
             if (operation == "right-pin") attempts_ = kMaxAttempts;
@@ -133,12 +140,14 @@ protected:
             found.insert(toHex(key.keyId));
             EXPECT_EQ(sign(key, kNoPin).size(), 64u);
         }
+        for (const VeltraSymmetricKey& key : aesKeys(kSerial))
+            found.insert(toHex(key.keyId));
         std::vector<std::string> lost, surplus;
         std::ranges::set_difference(keys_, found, std::back_inserter(lost));
         std::ranges::set_difference(found, keys_, std::back_inserter(surplus));
         if (begun_ == "delete") std::erase(lost, key_);
         EXPECT_THAT(lost, testing::IsEmpty());
-        EXPECT_LE(surplus.size(), begun_ == "generate" ? 1u : 0u)
+        EXPECT_LE(surplus.size(), begun_ == "generate" || begun_ == "import" ? 1u : 0u)
             << "something is there that was deleted or never made";
 
         const std::uint32_t left = attemptsOnDisk();
@@ -150,7 +159,7 @@ protected:
         begun_.clear();
     }
 
-    std::set<std::string> keys_;
+    std::set<std::string> keys_; ///< of both kinds
     std::uint32_t attempts_ = kMaxAttempts;
     std::string begun_, key_; ///< the operation whose result was not reported
 };
