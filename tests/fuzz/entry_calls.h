@@ -1,6 +1,7 @@
 #pragma once
 
 #include "fuzz/fuzz_target.h"
+#include "support/invocation.h"
 
 #include "csp/csp_entry_points.h"
 #include "foundation/wide_text.h"
@@ -15,7 +16,7 @@
 namespace veltra::fuzz {
 
 /// The last error in front of every call, and the value of a handle that no call has written.
-constexpr DWORD kUntouched = 0xCAFE;
+using test::kUntouched;
 
 /// Calls a CryptoAPI entry point and says whether it succeeded. A failure has to come with a last error.
 inline constexpr auto cspCall = [](auto call) {

@@ -1,8 +1,5 @@
 #include "support/both_front_ends.h"
 
-#include "support/blob_bytes.h"
-#include "support/googletest.h"
-
 #include "csp/container_map.h"
 #include "csp/hash_context.h"
 #include "csp/key_handle.h"
@@ -13,6 +10,7 @@
 #include "token/device_state.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace veltra::test {
 
@@ -82,16 +80,22 @@ BothFrontEnds::BothFrontEnds(const std::string& serial)
     const BYTE byte = 'x';
     aesKey = addAesKey(&KEY_HANDLE::keyBits);
     cngAesKey = addAesKey(&KSP_KEY::bitLength);
-    EXPECT_TRUE(CPAcquireContext(&context, container.c_str(), 0, table) &&
-                CPGetUserKey(context, AT_KEYEXCHANGE, &rsaKey) &&
-                CPCreateHash(context, CALG_SHA_256, 0, 0, &hash) &&
-                CPCreateHash(context, CALG_HMAC, aesKey, 0, &hmac) &&
-                CPSetHashParam(context, hmac, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&hmacInfo), 0) &&
-                CPHashData(context, hmac, &byte, 1, 0));
-    EXPECT_EQ(0, KSPOpenProvider(&provider, nullptr, 0) | KSPOpenKey(provider, &cngRsaKey, rsaName, 0, 0) |
-                     KSPOpenKey(provider, &cngEcKey, ecName, 0, 0) |
-                     KSPCreatePersistedKey(provider, &cngNewKey, L"RSA", nullptr, 0, 0) |
-                     KSPSecretAgreement(provider, cngEcKey, cngEcKey, &secret, 0));
+    const bool csp =
+        CPAcquireContext(&context, container.c_str(), 0, table) &&
+        CPGetUserKey(context, AT_KEYEXCHANGE, &rsaKey) && CPCreateHash(context, CALG_SHA_256, 0, 0, &hash) &&
+        CPCreateHash(context, CALG_HMAC, aesKey, 0, &hmac) &&
+        CPSetHashParam(context, hmac, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&hmacInfo), 0) &&
+        CPHashData(context, hmac, &byte, 1, 0);
+    NCryptAlgorithmName* algorithms = nullptr;
+    DWORD count = 0;
+    const bool cng =
+        0 == (KSPOpenProvider(&provider, nullptr, 0) | KSPOpenKey(provider, &cngRsaKey, rsaName, 0, 0) |
+              KSPOpenKey(provider, &cngEcKey, ecName, 0, 0) |
+              KSPCreatePersistedKey(provider, &cngNewKey, L"RSA", nullptr, 0, 0) |
+              KSPSecretAgreement(provider, cngEcKey, cngEcKey, &secret, 0) |
+              KSPEnumAlgorithms(provider, 0, &count, &algorithms, 0));
+    if (!csp || !cng) throw std::logic_error("a world without all its objects");
+    block = reinterpret_cast<ULONG_PTR>(algorithms);
     resetOutput();
 }
 
@@ -111,8 +115,8 @@ void BothFrontEnds::resetOutput() {
 }
 
 std::vector<std::uintptr_t> BothFrontEnds::liveHandles() const {
-    std::vector<std::uintptr_t> handles = {context,   rsaKey,   aesKey,    hash,      hmac,  provider,
-                                           cngRsaKey, cngEcKey, cngAesKey, cngNewKey, secret};
+    std::vector<std::uintptr_t> handles = {context,   rsaKey,   aesKey,    hash,      hmac,   provider,
+                                           cngRsaKey, cngEcKey, cngAesKey, cngNewKey, secret, block};
     std::erase_if(handles, [](std::uintptr_t handle) { return kindOf(handle) == 0; });
     return handles;
 }

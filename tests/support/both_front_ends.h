@@ -60,6 +60,7 @@ struct BothFrontEnds {
     NCRYPT_KEY_HANDLE cngAesKey = 0;
     NCRYPT_KEY_HANDLE cngNewKey = 0; ///< created, not finalised
     NCRYPT_SECRET_HANDLE secret = 0;
+    ULONG_PTR block = 0; ///< a list that CNG has handed out
 
     Bytes input;
     Output out;

@@ -12,6 +12,9 @@ namespace veltra::test {
 
 using Values = std::vector<std::uintptr_t>;
 
+/// The last error in front of every call.
+constexpr DWORD kUntouched = 0xCAFE;
+
 /// Calls a function with arguments of any type; what it returned.
 using Invocation = std::function<DWORD(const Values&)>;
 

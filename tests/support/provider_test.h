@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/googletest.h"
+#include "support/invocation.h"
 #include "support/log_file.h"
 #include "support/scripted_device_library.h"
 #include "support/scripted_pin_prompt.h"
@@ -27,9 +28,6 @@ std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 
 /// FALSE, with this last error and exactly these error lines.
 Answer refused(DWORD lastError, std::vector<std::string> errors);
-
-/// The last error that run() sets in front of the call.
-constexpr DWORD kUntouched = 0xCAFE;
 
 /// TRUE with this last error and no error line.
 Answer accepted(DWORD lastError = kUntouched);

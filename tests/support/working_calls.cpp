@@ -1,7 +1,6 @@
 #include "support/working_calls.h"
 
 #include "support/blob_bytes.h"
-#include "support/provider_test.h"
 #include "unit/test_certificates.h"
 
 #include "certs/public_key_blob.h"
@@ -23,7 +22,7 @@ const std::map<std::string, ULONG_PTR World::*> kObjects = {
     {"context", &World::context},     {"rsaKey", &World::rsaKey},     {"aesKey", &World::aesKey},
     {"hash", &World::hash},           {"hmac", &World::hmac},         {"provider", &World::provider},
     {"cngRsaKey", &World::cngRsaKey}, {"cngEcKey", &World::cngEcKey}, {"cngAesKey", &World::cngAesKey},
-    {"newKey", &World::cngNewKey},    {"secret", &World::secret},
+    {"newKey", &World::cngNewKey},    {"secret", &World::secret},     {"block", &World::block},
 };
 
 /// The one that works, small numbers and single bits.
@@ -68,11 +67,13 @@ void forgetToken(World&) {
 
 /// A container that nobody has opened yet.
 void mapContainer(World& w) {
-    writeContainerValue(w.token.serial, w.container + '\0');
+    RegSetKeyValueA(HKEY_CURRENT_USER, R"(SOFTWARE\Veltra\CSP\Containers)", w.token.serial.c_str(), REG_SZ,
+                    w.container.c_str(), static_cast<DWORD>(w.container.size() + 1));
 }
 
 void addIssuers(World& w) {
-    w.token.keyPairs[0].label[0] = '\0';
+    for (VeltraKeyPair& pair : w.token.keyPairs)
+        pair.label[0] = '\0';
     ScriptedDeviceLibrary::instance().caFiles = {
         {"ca", ScriptedDeviceLibrary::fakeCertificate("CA", "CN=Root", "CN=CA")},
         {"root", ScriptedDeviceLibrary::fakeCertificate("Root", "CN=Root", "CN=Root")}};
@@ -303,7 +304,7 @@ std::vector<WorkingCall> cngCalls() {
         {"KSPDeleteKey", KSPDeleteKey, "provider cngRsaKey flags"},
         Call{"KSPFreeProvider", KSPFreeProvider, "provider"}.but(Outcome::Spends),
         Call{"KSPFreeKey", KSPFreeKey, "provider? cngRsaKey?"}.but(Outcome::Spends),
-        Call{"KSPFreeBuffer", KSPFreeBuffer, "cngRsaKey?"}.but(Outcome::Spends),
+        Call{"KSPFreeBuffer", KSPFreeBuffer, "block?"}.but(Outcome::Spends),
         {"KSPEncrypt RSA", KSPEncrypt, "provider cngRsaKey input size record? data? capacity length flags=2",
          kBlock},
         {"KSPEncrypt AES", KSPEncrypt, "provider cngAesKey input size record? data? capacity length flags",
