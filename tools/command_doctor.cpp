@@ -38,9 +38,7 @@ public:
         examineCryptoApi();
         examineCng();
         const ProbeResult library = examineLibrary();
-        for (const RegistryView& view : kRegistryViews) {
-            if (!view.isOwn() && !otherRegistered_.empty()) examineOtherLibrary(view);
-        }
+        examineOtherLibrary();
         examineTokens(library);
         examineKeys(library);
         examineContainerMap();
@@ -255,7 +253,9 @@ private:
     }
 
     /// The device library that programs of the other kind find, if their provider is registered.
-    void examineOtherLibrary(const RegistryView& view) {
+    void examineOtherLibrary() {
+        if (otherRegistered_.empty()) return;
+        const RegistryView& view = *std::ranges::find_if_not(kRegistryViews, &RegistryView::isOwn);
         const std::string id = concat("file", view.bits);
         const std::string who = std::string(view.programs) + ": ";
         const ProbeResult result = probe("other-library", otherRegistered_);

@@ -93,22 +93,22 @@ std::set<std::string> exportedNames(const std::filesystem::path& file) {
     std::vector<char> image{std::istreambuf_iterator(stream), {}};
     auto* const headers = fileBits(file) != 0 ? ImageNtHeader(image.data()) : nullptr;
     if (headers == nullptr) return names;
-    // What the file has of the image from `address` on; empty where it does not reach.
-    const auto at = [&](DWORD address) -> std::string_view {
-        const auto* first = static_cast<const char*>(ImageRvaToVa(headers, image.data(), address, nullptr));
+    // What the file has from this place in it on; nothing where it does not reach.
+    const auto from = [&](const void* place) -> std::string_view {
+        const auto* const first = static_cast<const char*>(place);
         const char* const end = image.data() + image.size();
         if (first == nullptr || first < image.data() || first > end) return {};
         return {first, static_cast<std::size_t>(end - first)};
     };
+    const auto at = [&](DWORD address) {
+        return from(ImageRvaToVa(headers, image.data(), address, nullptr));
+    };
     ULONG length = 0;
-    const auto* directory = static_cast<const char*>(
-        ImageDirectoryEntryToData(image.data(), FALSE, IMAGE_DIRECTORY_ENTRY_EXPORT, &length));
+    const std::string_view directory =
+        from(ImageDirectoryEntryToData(image.data(), FALSE, IMAGE_DIRECTORY_ENTRY_EXPORT, &length));
     IMAGE_EXPORT_DIRECTORY exports{};
-    if (directory == nullptr || directory < image.data() || directory > image.data() + image.size() ||
-        static_cast<std::size_t>(image.data() + image.size() - directory) < sizeof exports) {
-        return names;
-    }
-    std::memcpy(&exports, directory, sizeof exports);
+    if (directory.size() < sizeof exports) return names;
+    std::memcpy(&exports, directory.data(), sizeof exports);
     const std::string_view addresses = at(exports.AddressOfNames);
     const std::size_t count = std::min<std::size_t>(exports.NumberOfNames, addresses.size() / sizeof(DWORD));
     for (std::size_t i = 0; i < count; ++i) {

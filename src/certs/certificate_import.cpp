@@ -111,7 +111,7 @@ int importAlone(const std::string& serial, const Pin& pin, VeltraCertificate& ce
         "importCertificateWithChain: chain import skipped \xE2\x80\x94 performing normal leaf import");
     const int code =
         deviceLibrary().veltra_importCertificate(serial.c_str(), pin.c_str(), &certificate, libraryContext);
-    if (code != kDeviceOk) Utils::error(concat("importCertificateWithChain: leaf import failed ret=", code));
+    if (code != kDeviceOk) Utils::error("importCertificateWithChain: leaf import failed ret=", code);
     return code;
 }
 
@@ -126,8 +126,7 @@ int importBehindIssuers(const std::string& serial, const Pin& pin, const std::ve
         const int code = deviceLibrary().veltra_importCertificate(serial.c_str(), pin.c_str(), &records[i],
                                                                   libraryContext);
         if (code != kDeviceOk) {
-            Utils::error(
-                concat("importCertificateWithChain: chain import failed at index ", i, " ret=", code));
+            Utils::error("importCertificateWithChain: chain import failed at index ", i, " ret=", code);
             return code;
         }
         Utils::debug("importCertificateWithChain: certificate imported successfully");

@@ -61,10 +61,10 @@ Bytes publicKeyToDer(std::string_view modulusHex, std::string_view exponentHex) 
 
 Bytes rsaPublicKeyAsDer(std::span<const unsigned char> publicKey, const PublicKeyFormLines& lines) {
     if (publicKey.empty() || publicKey.front() == static_cast<unsigned char>(DerTag::Sequence)) {
-        Utils::debug(std::string(lines.alreadyDer));
+        Utils::debug(lines.alreadyDer);
         return {publicKey.begin(), publicKey.end()};
     }
-    Utils::debug(std::string(lines.rawModulus));
+    Utils::debug(lines.rawModulus);
     return rawModulusAsDer(publicKey);
 }
 

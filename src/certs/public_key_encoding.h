@@ -18,8 +18,8 @@ Bytes publicKeyToDer(std::string_view modulusHex, std::string_view exponentHex);
 
 /// Debug lines that say which of the two forms an RSA public key had.
 struct PublicKeyFormLines {
-    std::string_view alreadyDer;
-    std::string_view rawModulus;
+    const char* alreadyDer;
+    const char* rawModulus;
 };
 
 /// An RSA public key in the form that the device library wants, DER. The token gives either a bare big-endian

@@ -41,18 +41,17 @@ void deleteKeys(const std::string& serial, const std::vector<std::string>& names
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(serial, nullptr);
     for (const std::string& name : names) {
         const auto pair =
-            std::ranges::find_if(pairs, [&](const VeltraKeyPair& it) { return keyName(it.keyId) == name; });
+            std::ranges::find_if(pairs, [&](const VeltraKeyPair& it) { return hasKeyName(it.keyId, name); });
         if (pair == pairs.end()) {
-            Utils::debug(
-                concat("CPAcquireContext: CRYPT_DELETEKEYSET key ", name, " not found on token, skip"));
+            Utils::debug("CPAcquireContext: CRYPT_DELETEKEYSET key ", name, " not found on token, skip");
             continue;
         }
         Utils::debug("CPAcquireContext: CRYPT_DELETEKEYSET deleting key ", name);
         const int code = deviceLibrary().veltra_deleteKeyPair(serial.c_str(), pair->keyId, pin.c_str(),
                                                               pair->flag != 0, nullptr);
         if (code != kDeviceOk) {
-            Utils::error(concat("CPAcquireContext: CRYPT_DELETEKEYSET deleteKeyPair failed for ", name,
-                                " ret=", code));
+            Utils::error("CPAcquireContext: CRYPT_DELETEKEYSET deleteKeyPair failed for ", name,
+                         " ret=", code);
         }
     }
 }

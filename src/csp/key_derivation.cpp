@@ -34,10 +34,9 @@ Outcome deriveKey(const CSP_CONTEXT& context, HASH_CONTEXT& hash, ALG_ID algId, 
     key->symmetricKeyLength = keyBits / 8;
     std::copy_n(hash.hashValue.begin(), std::min(hash.hashValueLength, key->symmetricKeyLength),
                 key->symmetricKey.data());
-    // A decimal number behind "0x", here and in the refusal: part of the log format.
-    std::string line = concat("CPDeriveKey: derived ", keyBits, "-bit key for algId=0x", algId);
     *phKey = LiveRecords<KEY_HANDLE>::add(std::move(key));
-    Utils::debug(std::move(line));
+    // A decimal number behind "0x", here and in the refusal: part of the log format.
+    Utils::debug("CPDeriveKey: derived ", keyBits, "-bit key for algId=0x", algId);
     return success();
 }
 

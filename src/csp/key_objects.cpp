@@ -42,7 +42,7 @@ Outcome openUserKey(CSP_CONTEXT& context, DWORD keySpec, HCRYPTKEY* phUserKey) {
     Utils::debug("CPGetUserKey -> dwKeySpec : ", keySpec);
     const std::vector<VeltraKeyPair> pairs = keyPairsOf(context.serial, context.libraryContext);
     if (pairs.empty()) return refuse(NTE_NO_KEY, "CPGetUserKey: key list is empty");
-    auto key = std::make_unique<KEY_HANDLE>();
+    auto key = std::make_shared<KEY_HANDLE>();
     key->mode = CRYPT_MODE_CBC;
     Utils::debug("CPGetUserKey - Container name : ", context.containerName);
     const VeltraKeyPair* pair = findUserKey(context, pairs, keySpec);
@@ -53,12 +53,11 @@ Outcome openUserKey(CSP_CONTEXT& context, DWORD keySpec, HCRYPTKEY* phUserKey) {
     key->fillFrom(*pair);
     key->algId = algIdOf(*pair, keySpec);
     key->keyBits = keyBitsOf(pair->keyType);
-    std::string line = concat("CPGetUserKey: algo=", key->algId, " keyUsage=", key->keyUsage,
-                              " bits=", key->keyBits, ", return TRUE");
-    const HCRYPTKEY handle = LiveRecords<KEY_HANDLE>::add(std::move(key));
+    const HCRYPTKEY handle = LiveRecords<KEY_HANDLE>::add(key);
     if (KeySlot* slot = context.slotOf(keySpec); slot != nullptr && !slot->filled()) slot->fill(pair->keyId);
     *phUserKey = handle;
-    Utils::debug(std::move(line));
+    Utils::debug("CPGetUserKey: algo=", key->algId, " keyUsage=", key->keyUsage, " bits=", key->keyBits,
+                 ", return TRUE");
     return success();
 }
 

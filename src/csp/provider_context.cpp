@@ -17,19 +17,17 @@ namespace {
 constexpr DWORD kVerifyContextBits = CRYPT_VERIFYCONTEXT; // any of the top four bits counts
 constexpr std::uint32_t kFixedWord = 4096;
 
-bool holdsKeyNamed(const std::string& serial, const std::string& name) {
-    const auto isNamed = [&](const VeltraKeyPair& pair) { return hasKeyNameIgnoringCase(pair.keyId, name); };
-    return !keyPairsOf(serial, nullptr, isNamed).empty();
-}
-
 // The token that holds the key which the container name names, otherwise the first one: key generation will
 // create the key of an unknown container there. Empty when no token is connected.
 std::string serialForContainer(const std::string& containerName) {
     const std::vector<std::string> serials = connectedSerials(nullptr);
     if (serials.empty()) return {};
     if (!containerName.empty()) {
+        const auto isNamed = [&](const VeltraKeyPair& pair) {
+            return hasKeyNameIgnoringCase(pair.keyId, containerName);
+        };
         for (const std::string& serial : serials) {
-            if (holdsKeyNamed(serial, containerName)) return serial;
+            if (holdsKeyPair(serial, nullptr, isNamed, "")) return serial;
         }
     }
     return serials.front();
@@ -48,8 +46,7 @@ void resolveKeyName(CSP_CONTEXT& context) {
     }
     context.keyName = mapped.keyNames.front();
     const char* source = mapped.fromRegistry ? "container (registry) " : "container ";
-    Utils::debug(
-        concat("CPAcquireContext - resolved ", source, context.containerName, " -> ", context.keyName));
+    Utils::debug("CPAcquireContext - resolved ", source, context.containerName, " -> ", context.keyName);
 }
 
 // Binds the context to a token and a key.

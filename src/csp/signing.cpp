@@ -4,13 +4,13 @@
 #include "csp/csp_entry_points.h"
 #include "csp/csp_login.h"
 #include "csp/hash_context.h"
+#include "foundation/secret.h"
 #include "token/key_operations.h"
 #include "token/key_pairs.h"
 #include "token/token_session.h"
 #include "token/user_verification.h"
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <span>
 
@@ -150,11 +150,11 @@ Outcome finishHashForVerifying(HCRYPTPROV hProv, HCRYPTHASH hHash, HASH_CONTEXT&
         return refuse(NTE_BAD_HASH, "CPGetHashParam failed to get hash size");
     }
     if (size > hash.hashSize) return refuse(NTE_BAD_HASH, "Hash size larger than expected");
-    std::array<BYTE, kHashValueCapacity> value{};
+    SecretBytes<kHashValueCapacity> value;
     if (!CPGetHashParam(hProv, hHash, HP_HASHVAL, value.data(), &size, 0)) {
         return refuse(NTE_BAD_HASH, "CPGetHashParam failed to get hash value");
     }
-    hash.hashValue = value;
+    std::copy_n(value.data(), value.size(), hash.hashValue.begin());
     hash.hashValueLength = size;
     Utils::debug("Hash obtained using CPGetHashParam");
     return success();

@@ -2,7 +2,6 @@
 
 #include "foundation/missing_device_library.h"
 #include "foundation/module.h"
-#include "foundation/text.h"
 #include "foundation/utils.h"
 #include "foundation/win_handle.h"
 
@@ -226,9 +225,9 @@ DeviceLibrary* bindForThisProcess() {
     DeviceLibraryBinding binding = bindDeviceLibrary(thisModuleFolder());
     if (binding.library) return binding.library.release();
     if (!binding.missingExports.empty()) {
-        Utils::error(concat("VeltraDSCLibrary.dll lacks the export ", binding.missingExports.front()));
+        Utils::error("VeltraDSCLibrary.dll lacks the export ", binding.missingExports.front());
     } else {
-        Utils::error(concat("VeltraDSCLibrary.dll cannot be loaded, error=", binding.error));
+        Utils::error("VeltraDSCLibrary.dll cannot be loaded, error=", binding.error);
     }
     return new MissingDeviceLibrary;
 }

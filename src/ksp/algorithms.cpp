@@ -77,10 +77,9 @@ SECURITY_STATUS WINAPI KSPEnumAlgorithms(NCRYPT_PROV_HANDLE hProvider, DWORD dwA
                         .dwAlgOperations = rows[i].operations,
                         .dwFlags = 0};
         }
-        std::string line = concat("KSP: Enumerated ", rows.size(), " algorithms");
         *ppAlgList = block.handOut();
         *pdwAlgCount = static_cast<DWORD>(rows.size());
-        Utils::debug(std::move(line));
+        Utils::debug("KSP: Enumerated ", rows.size(), " algorithms");
         return kSuccess;
     });
 }

@@ -69,8 +69,7 @@ void logDecryptionPadding(DWORD flags, const void* paddingInfo) {
     }
     Utils::debug("KSPDecrypt: dwFlags=0x", toHex8(flags), " padding=", padding);
     if ((flags & kPadOaepFlag) != 0 && paddingInfo != nullptr) {
-        Utils::debug(
-            concat("KSPDecrypt: OAEP hash algorithm=", oaepHashName(paddingInfo).value_or("NONE/UNKNOWN")));
+        Utils::debug("KSPDecrypt: OAEP hash algorithm=", oaepHashName(paddingInfo).value_or("NONE/UNKNOWN"));
     }
 }
 

@@ -62,7 +62,7 @@ std::optional<std::uint32_t> fixSize(KSP_KEY& key, const std::string& serial, vo
         return key.keyType;
     }
     if (key.keyType != kKeyTypeRsaUnsized) {
-        Utils::error(concat("KSPFinalizeKey: unsupported ECC algorithm=", key.keyType));
+        Utils::error("KSPFinalizeKey: unsupported ECC algorithm=", key.keyType);
         return std::nullopt;
     }
     if (key.bitLength == kRefusedRsaBits) {
@@ -86,8 +86,7 @@ SECURITY_STATUS finalizeKey(const KSP_PROVIDER& provider, KSP_KEY& key) {
     if (key.persisted) return kSuccess;
     const std::optional<std::uint32_t> keyType = fixSize(key, serial, provider.libraryContext);
     if (!keyType) return NTE_NOT_SUPPORTED;
-    Utils::debug(
-        concat("KSP: FinalizeKey - generating key, algorithm=", *keyType, " bitSize=", key.bitLength));
+    Utils::debug("KSP: FinalizeKey - generating key, algorithm=", *keyType, " bitSize=", key.bitLength);
     VeltraKeyPair pair{};
     pair.keyType = *keyType;
     pair.usage = key.keyUsage;

@@ -60,10 +60,9 @@ SECURITY_STATUS nextKey(KSP_ENUM_STATE& cursor, NCryptKeyName** ppKeyName) {
                 .pszAlgid = block.addText(algorithm),
                 .dwLegacyKeySpec = AT_KEYEXCHANGE,
                 .dwFlags = 0};
-    std::string line = concat("KSP: Enumerated key: ", name);
     *ppKeyName = block.handOut();
     ++cursor.next;
-    Utils::debug(std::move(line));
+    Utils::debug("KSP: Enumerated key: ", name);
     return kSuccess;
 }
 

@@ -16,24 +16,14 @@ namespace veltra {
 
 namespace {
 
-// A token that cannot be read is reported and hides no key of another one.
-bool holdsKeyNamed(const std::string& serial, const std::string& name, void* libraryContext) {
-    try {
-        const auto isNamed = [&](const VeltraKeyPair& pair) { return hasKeyName(pair.keyId, name); };
-        return !keyPairsOf(serial, libraryContext, isNamed).empty();
-    } catch (...) {
-        Utils::error(concat("KSP: Key list of ", serial, " cannot be read"));
-        return false;
-    }
-}
-
 // The token to open the key on: the one that holds it, which becomes the provider's, otherwise the one that
 // the provider works on. The provider's other keys go on by the provider's token: deliberate.
 std::string resolveToken(KSP_PROVIDER& provider, const std::string& name) {
     std::string current = provider.serial();
     if (name.empty()) return current;
+    const auto isNamed = [&](const VeltraKeyPair& pair) { return hasKeyName(pair.keyId, name); };
     for (const std::string& serial : connectedSerials(provider.libraryContext)) {
-        if (!holdsKeyNamed(serial, name, provider.libraryContext)) continue;
+        if (!holdsKeyPair(serial, provider.libraryContext, isNamed, "KSP: ")) continue;
         if (serial != current) {
             provider.bindTo(serial);
             Utils::debug("KSP: Resolved key to device: ", serial);
@@ -76,8 +66,8 @@ SECURITY_STATUS openKey(KSP_PROVIDER& provider, const std::string& name, DWORD k
     }
     Utils::debug("KSP: Key match found, proceeding...");
     if (!servesKeySpec(*pair, keySpec)) {
-        Utils::error(concat("KSP: encrypt-only key cannot serve AT_SIGNATURE, dwLegacyKeySpec=", keySpec,
-                            " keyUsage=", pair->usage));
+        Utils::error("KSP: encrypt-only key cannot serve AT_SIGNATURE, dwLegacyKeySpec=", keySpec,
+                     " keyUsage=", pair->usage);
         return refuse(NTE_NO_KEY, concat("KSP: Key not found: ", name));
     }
     auto key = std::make_shared<KSP_KEY>();
@@ -85,9 +75,8 @@ SECURITY_STATUS openKey(KSP_PROVIDER& provider, const std::string& name, DWORD k
     key->bitLength = keyBitsOf(pair->keyType);
     key->keyName = name;
     key->persisted = true;
-    std::string line = concat("KSP: Key opened, algorithm=", key->keyType, " bits=", key->bitLength);
-    *phKey = LiveRecords<KSP_KEY>::add(std::move(key));
-    Utils::debug(std::move(line));
+    *phKey = LiveRecords<KSP_KEY>::add(key);
+    Utils::debug("KSP: Key opened, algorithm=", key->keyType, " bits=", key->bitLength);
     return kSuccess;
 }
 

@@ -5,7 +5,6 @@
 #include "token/user_verification.h"
 
 #include <string>
-#include <string_view>
 
 namespace veltra {
 
@@ -23,7 +22,7 @@ SECURITY_STATUS verifyUser(const char* entryPoint, const std::string& serial, vo
 /// session has expired, which writes the debug line `expiredLine`. `code` is the library's final answer;
 /// refused with a line that begins with `entryPoint` when the user could not be verified again.
 template <class Operation>
-SECURITY_STATUS runWithPin(const char* entryPoint, const TokenKey& key, std::string_view expiredLine,
+SECURITY_STATUS runWithPin(const char* entryPoint, const TokenKey& key, const char* expiredLine,
                            Operation operation, int& code) {
     const PinOperationResult result = runWithSessionRetry(key.serial, expiredLine, operation, [&] {
         return ensureUserVerified(key.serial, key.libraryContext);

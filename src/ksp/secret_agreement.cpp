@@ -49,10 +49,8 @@ SECURITY_STATUS agree(const KSP_PROVIDER& provider, const KSP_KEY& privateKey, c
     secret->deviceSerial = serial;
     secret->firmwareVersion = provider.firmwareVersion;
     secret->libraryContext = provider.libraryContext;
-    // Built first: without memory for it nothing is handed out.
-    std::string line = concat("KSPSecretAgreement: ECDH shared secret computed, len=", agreed.size());
     *phAgreedSecret = LiveRecords<KSP_SECRET>::add(std::move(secret));
-    Utils::debug(std::move(line));
+    Utils::debug("KSPSecretAgreement: ECDH shared secret computed, len=", agreed.size());
     return kSuccess;
 }
 

@@ -77,7 +77,7 @@ HRESULT refuse(const char* message) {
 
 // The number behind "0x" is a signed decimal one: deliberate.
 HRESULT refuseWith(NTSTATUS status, const char* function) {
-    Utils::error(concat(function, " failed: 0x", std::to_string(status)));
+    Utils::error(function, " failed: 0x", std::to_string(status));
     return HRESULT_FROM_NT(status);
 }
 

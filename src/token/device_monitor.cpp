@@ -1,7 +1,6 @@
 #include "token/device_monitor.h"
 
 #include "foundation/module.h"
-#include "foundation/text.h"
 #include "foundation/utils.h"
 #include "foundation/win_handle.h"
 #include "token/device_state.h"
@@ -65,7 +64,8 @@ DWORD WINAPI monitorLoop(void* stopEvent) noexcept {
     return 0;
 }
 
-bool startThread(MonitorThread& state) {
+bool startThread() {
+    MonitorThread& state = monitorThread();
     const std::lock_guard lock(state.mutex);
     stopRequested = false;
     state.stopEvent.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -87,7 +87,13 @@ void startDeviceMonitor() {
         Utils::debug("Monitor thread already running, not starting again.");
         return;
     }
-    if (!pinThisModule() || !startThread(monitorThread())) {
+    bool started = false;
+    try {
+        started = pinThisModule() && startThread();
+    } catch (...) { // no memory: the next caller tries again
+        started = false;
+    }
+    if (!started) {
         running = false;
         Utils::error("Monitor thread cannot be started");
         return;

@@ -29,7 +29,7 @@ std::string_view viewOf(const std::array<char, 2 * kKeyIdLength>& name) {
 }
 
 void reportImpossibleLength(std::span<const unsigned char, kKeyIdLength> keyId) {
-    Utils::error(concat("Key pair ", keyName(keyId), " has an impossible public key length"));
+    Utils::error("Key pair ", viewOf(nameOf(keyId)), " has an impossible public key length");
 }
 
 // Shows each pair of the token to `look`, which may copy it. The list is the library's: nothing is logged
@@ -63,6 +63,16 @@ std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryCo
     return copies;
 }
 
+bool holdsKeyPair(const std::string& serial, void* libraryContext,
+                  const std::function<bool(const VeltraKeyPair&)>& wanted, const char* logPrefix) {
+    try {
+        return !keyPairsOf(serial, libraryContext, wanted).empty();
+    } catch (...) {
+        Utils::error(logPrefix, "Key list of ", serial, " cannot be read");
+        return false;
+    }
+}
+
 std::vector<std::string> keyNamesOf(const std::string& serial, void* libraryContext) {
     std::vector<std::string> names;
     lookAtKeyPairs(serial, libraryContext,
@@ -83,8 +93,8 @@ int generateKeyPair(const char* entryPoint, const std::string& serial, VeltraKey
     const int code =
         deviceLibrary().veltra_generateKeyPair(serial.c_str(), pin.c_str(), &pair, libraryContext);
     if (code != kDeviceOk || clearImpossibleLengths(pair)) return code;
-    Utils::error(concat(entryPoint, ": the token reports an impossible public key length for its new key ",
-                        keyName(pair.keyId)));
+    Utils::error(entryPoint, ": the token reports an impossible public key length for its new key ",
+                 viewOf(nameOf(pair.keyId)));
     return kDeviceBadLength;
 }
 

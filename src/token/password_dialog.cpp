@@ -2,7 +2,6 @@
 
 #include "foundation/module.h"
 #include "foundation/secret.h"
-#include "foundation/text.h"
 #include "foundation/utils.h"
 #include "resource.h"
 
@@ -54,6 +53,7 @@ void fillOnceAndEmpty(HWND field) {
 
 // And what was typed is overwritten where it is, one character at a time.
 void eraseTypedText(HWND field) {
+    SendMessageA(field, EM_LIMITTEXT, 0, 0); // else a text that a program put there would be cut instead
     const auto length = static_cast<WPARAM>(GetWindowTextLengthW(field));
     for (WPARAM i = 0; i < length; ++i) {
         SendMessageA(field, EM_SETSEL, i, static_cast<LPARAM>(i + 1));
@@ -63,11 +63,13 @@ void eraseTypedText(HWND field) {
 }
 
 INT_PTR initialise(HWND window) {
-    fillOnceAndEmpty(GetDlgItem(window, IDC_PIN));
+    const HWND field = GetDlgItem(window, IDC_PIN);
+    fillOnceAndEmpty(field);
+    SendMessageA(field, EM_LIMITTEXT, Pin::kMaxLength, 0); // a pasted document would outgrow the buffers
     EnableWindow(GetDlgItem(window, IDOK), FALSE);
     setDialogIcon(window);
     bringToFront(window);
-    SetFocus(GetDlgItem(window, IDC_PIN));
+    SetFocus(field);
     return FALSE; // the focus was set by hand
 }
 
@@ -89,7 +91,7 @@ int PasswordDialog::show() {
     const INT_PTR result = DialogBoxParamA(thisModule(), MAKEINTRESOURCEA(IDD_PASSWORD), nullptr, procedure,
                                            reinterpret_cast<LPARAM>(this));
     Utils::debug("Password dialog show window after");
-    if (result != 0) Utils::error(concat("Password dialog creation failed : ", result));
+    if (result != 0) Utils::error("Password dialog creation failed : ", result);
     return 0;
 }
 

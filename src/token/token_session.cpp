@@ -1,6 +1,5 @@
 #include "token/token_session.h"
 
-#include "foundation/text.h"
 #include "foundation/utils.h"
 #include "token/device_state.h"
 
@@ -36,7 +35,7 @@ void initialiseTokens(const std::vector<std::string>& serials, void* libraryCont
         if (code == kDeviceOk) {
             markInitialised(serial);
         } else {
-            Utils::error(concat(logPrefix, "Init device failed for ", serial, " : ", code));
+            Utils::error(logPrefix, "Init device failed for ", serial, " : ", code);
         }
     }
 }

@@ -7,7 +7,6 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 
 namespace veltra {
 
@@ -41,12 +40,12 @@ struct PinOperationResult {
 /// debug line `expiredLine`, forgets that PIN, runs `verifyAgain()` and, if that returns true, repeats the
 /// operation once with the new PIN; the second result is final.
 template <class Operation, class VerifyAgain>
-PinOperationResult runWithSessionRetry(const std::string& serial, std::string_view expiredLine,
+PinOperationResult runWithSessionRetry(const std::string& serial, const char* expiredLine,
                                        Operation operation, VerifyAgain verifyAgain) {
     const Pin pin = getPin(serial);
     const int first = operation(pin);
     if (first != kDeviceSessionExpired) return {.code = first};
-    Utils::debug(std::string(expiredLine));
+    Utils::debug(expiredLine);
     forgetPin(serial, pin);
     if (!verifyAgain()) return {.code = first, .verificationFailed = true};
     return {.code = operation(getPin(serial))};
