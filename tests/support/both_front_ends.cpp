@@ -16,8 +16,6 @@ namespace veltra::test {
 
 namespace {
 
-constexpr std::size_t kAesKeyBytes = 16;
-
 template <class... Records>
 int kindAmong(std::uintptr_t handle) {
     int kind = 0, found = 0;
@@ -33,10 +31,8 @@ bool releaseAmong(std::uintptr_t handle) {
 /// An AES key object that holds its key, as an import makes it.
 template <class Key>
 std::uintptr_t addAesKey(std::uint32_t Key::*bits) {
-    auto key = std::make_unique<Key>();
-    std::fill_n(key->symmetricKey.data(), kAesKeyBytes, static_cast<unsigned char>('K'));
-    key->symmetricKeyLength = kAesKeyBytes;
-    key.get()->*bits = kAesKeyBytes * 8;
+    auto key = keyWith<Key>(Bytes(16, 'K'));
+    key.get()->*bits = 128;
     return LiveRecords<Key>::add(std::move(key));
 }
 

@@ -5,6 +5,9 @@
 #include "csp/csp_entry_points.h"
 #include "ksp/ksp_entry_points.h"
 
+#include <algorithm>
+#include <memory>
+#include <span>
 #include <string>
 
 namespace veltra::test {
@@ -65,6 +68,15 @@ struct BothFrontEnds {
     Bytes input;
     Output out;
 };
+
+/// A key object of either front end that holds these bytes of a key.
+template <class Key>
+std::unique_ptr<Key> keyWith(std::span<const unsigned char> bytes) {
+    auto key = std::make_unique<Key>();
+    std::ranges::copy(bytes, key->symmetricKey.data());
+    key->symmetricKeyLength = static_cast<std::uint32_t>(bytes.size());
+    return key;
+}
 
 /// Releases the object behind a handle of any kind; false when there is none.
 bool releaseAny(std::uintptr_t handle);
