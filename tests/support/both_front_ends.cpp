@@ -17,16 +17,20 @@ namespace veltra::test {
 namespace {
 
 template <class... Records>
-int kindAmong(std::uintptr_t handle) {
-    int kind = 0, found = 0;
-    ((++kind, found = LiveRecords<Records>::find(handle) != nullptr ? kind : found), ...);
-    return found;
-}
+struct Kinds {
+    /// The number of the kind of a live object, from 1, and the object.
+    static std::pair<int, std::shared_ptr<void>> find(std::uintptr_t handle) {
+        int kind = 0;
+        std::shared_ptr<void> found;
+        const bool isLive = ((++kind, found = LiveRecords<Records>::find(handle)) || ...);
+        return {isLive ? kind : 0, found};
+    }
+    static bool release(std::uintptr_t handle) {
+        return ((LiveRecords<Records>::take(handle) != nullptr) || ...);
+    }
+};
 
-template <class... Records>
-bool releaseAmong(std::uintptr_t handle) {
-    return ((LiveRecords<Records>::take(handle) != nullptr) || ...);
-}
+using AllKinds = Kinds<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>;
 
 /// An AES key object that holds its key, as an import makes it.
 template <class Key>
@@ -51,12 +55,15 @@ ScriptedToken& freshToken(const std::string& serial) {
 } // namespace
 
 bool releaseAny(std::uintptr_t handle) {
-    return releaseAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>(
-        handle);
+    return AllKinds::release(handle);
 }
 
 int kindOf(std::uintptr_t handle) {
-    return kindAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>(handle);
+    return AllKinds::find(handle).first;
+}
+
+std::shared_ptr<void> recordOf(std::uintptr_t handle) {
+    return AllKinds::find(handle).second;
 }
 
 Bytes ciphertextOf(const Bytes& plaintext) {

@@ -82,6 +82,8 @@ std::unique_ptr<Key> keyWith(std::span<const unsigned char> bytes) {
 bool releaseAny(std::uintptr_t handle);
 /// A number for the kind of a live object; 0 when there is none.
 int kindOf(std::uintptr_t handle);
+/// What is behind a live handle of any kind: as long as it is held, nothing else gets its address.
+std::shared_ptr<void> recordOf(std::uintptr_t handle);
 
 /// A PKCS#1 ciphertext of `plaintext` as the token has it: big-endian.
 Bytes ciphertextOf(const Bytes& plaintext);

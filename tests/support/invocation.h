@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -25,16 +24,8 @@ inline std::uintptr_t addressOf(const void* pointer) {
 template <class Result, class... Parameters>
 Invocation invocation(Result(WINAPI* function)(Parameters...)) {
     return [function](const Values& values) {
-        const auto convert = []<class Parameter>(std::uintptr_t value, std::type_identity<Parameter>) {
-            if constexpr (std::is_pointer_v<Parameter>) {
-                return reinterpret_cast<Parameter>(value);
-            } else {
-                return static_cast<Parameter>(value);
-            }
-        };
         return [&]<std::size_t... Index>(std::index_sequence<Index...>) {
-            return static_cast<DWORD>(
-                function(convert(values.at(Index), std::type_identity<Parameters>())...));
+            return static_cast<DWORD>(function(Parameters(values.at(Index))...));
         }
         (std::index_sequence_for<Parameters...>());
     };

@@ -1,5 +1,7 @@
 #include "support/scripted_device_library.h"
 
+#include "support/blob_bytes.h"
+
 #include "foundation/text.h"
 #include "foundation/windows.h"
 
@@ -9,7 +11,6 @@
 #include <cstring>
 #include <map>
 #include <new>
-#include <numeric>
 #include <sstream>
 #include <stdexcept>
 
@@ -39,17 +40,20 @@ struct KeyId {
     const unsigned char* bytes;
 };
 
+std::string ends(const unsigned char* bytes, std::size_t length) {
+    return toHex({bytes, 2}) + ".." + toHex({bytes + length - 2, 2});
+}
+
 /// The bytes themselves up to 4, else the first and last two with the length: "0102..FF00(256)".
 std::string show(const Block& block) {
-    const auto length = static_cast<std::size_t>(block.length);
-    const std::string number = concat("(", block.length, ")");
+    const std::string number = "(" + std::to_string(block.length) + ")";
     if (!block.bytes) return "null" + number;
     if (block.length <= 0) return "empty";
-    if (length <= 4) return toHex({block.bytes, length});
-    return toHex({block.bytes, 2}) + ".." + toHex({block.bytes + length - 2, 2}) + number;
+    const auto length = static_cast<std::size_t>(block.length);
+    return length <= 4 ? toHex({block.bytes, length}) : ends(block.bytes, length) + number;
 }
 std::string show(const KeyId& id) {
-    return id.bytes ? toHex({id.bytes, 2}) + ".." + toHex({id.bytes + kKeyIdLength - 2, 2}) : "null";
+    return id.bytes ? ends(id.bytes, kKeyIdLength) : "null";
 }
 std::string show(const std::string& text) {
     return text;
@@ -60,9 +64,8 @@ std::string show(const char* text) {
 std::string show(const int* value) {
     return value ? std::to_string(*value) : "null";
 }
-template <class Number>
-requires(std::is_arithmetic_v<Number> || std::is_enum_v<Number>) std::string show(Number value) {
-    return std::to_string(static_cast<std::int64_t>(value));
+std::string show(std::int64_t value) {
+    return std::to_string(value);
 }
 
 std::string_view firstOf(std::string_view words) {
@@ -253,14 +256,11 @@ Bytes ScriptedDeviceLibrary::fakeDigest(int mechanism, const Bytes& data) {
 }
 
 Bytes ScriptedDeviceLibrary::fakeSignature(std::uint32_t keyType) {
-    Bytes signature(kSignatureBytes[keyType]);
-    std::iota(signature.begin(), signature.end(), static_cast<unsigned char>(1));
-    return signature;
+    return counting(kSignatureBytes[keyType], 1);
 }
 
 Bytes ScriptedDeviceLibrary::publicKeyOf(std::uint32_t keyType) {
-    Bytes key(kPublicKeyBytes[keyType]);
-    std::iota(key.begin(), key.end(), static_cast<unsigned char>(0xC0));
+    Bytes key = counting(kPublicKeyBytes[keyType], 0xC0);
     if (keyType >= kKeyTypeEcP256) key[0] = 4;
     return key;
 }
@@ -273,11 +273,9 @@ Bytes ScriptedDeviceLibrary::maskOf(Bytes bytes) {
 
 Bytes ScriptedDeviceLibrary::fakeCertificate(const std::string& commonName, const std::string& issuer,
                                              const std::string& subject) {
-    const std::string text = commonName + "|" + issuer + "|" + subject;
-    Bytes der = {0x30, 0x82, static_cast<unsigned char>(text.size() >> 8),
-                 static_cast<unsigned char>(text.size())};
-    der.insert(der.end(), text.begin(), text.end());
-    return der;
+    const Bytes text = bytesOf(commonName + "|" + issuer + "|" + subject);
+    return joined(
+        {{0x30, 0x82}, {static_cast<BYTE>(text.size() >> 8), static_cast<BYTE>(text.size())}, text});
 }
 
 Script ScriptedDeviceLibrary::begin(std::string_view function, const std::string& arguments) {
@@ -452,14 +450,12 @@ public:
 
     int veltra_encrypt(EncryptionType type, PaddingMode padding, In in, int inLength, unsigned char* out,
                        int* outLength, In key, int keyLength, void* ctx) override {
-        const Call call(*this, ctx, "veltra_encrypt type padding in out key", type, padding,
-                        Block{in, inLength}, outLength, Block{key, keyLength});
+        const Call call(*this, ctx, "veltra_encrypt type padding in out key", static_cast<int>(type),
+                        static_cast<int>(padding), Block{in, inLength}, outLength, Block{key, keyLength});
         if (call.script.result) return call.script.result;
         if (inLength >= *outLength) return kBufferTooSmall;
-        Bytes ciphertext = maskOf(Bytes(in, in + inLength));
-        const int length = std::min(*outLength, kLongestRsaCiphertext);
-        ciphertext.insert(ciphertext.begin(), static_cast<std::size_t>(length - inLength), 0);
-        return copyOut(ciphertext, call.script, out, outLength);
+        const auto zeros = static_cast<std::size_t>(std::min(*outLength, kLongestRsaCiphertext) - inLength);
+        return copyOut(joined({Bytes(zeros), maskOf(Bytes(in, in + inLength))}), call.script, out, outLength);
     }
 
     int veltra_decrypt(const char* serial, In keyId, const char* pin, In in, int inLength,
@@ -476,9 +472,9 @@ public:
     int veltra_encrypt_aes(const char* serial, EncryptionType type, In key, int keyLength, In in,
                            int inLength, unsigned char** out, int* outLength, bool final, In iv, int ivLength,
                            In extra, int extraLength, void* ctx) override {
-        const Call call(*this, ctx, "veltra_encrypt_aes serial type key in final iv extra", serial, type,
-                        Block{key, keyLength}, Block{in, inLength}, final, Block{iv, ivLength},
-                        Block{extra, extraLength});
+        const Call call(*this, ctx, "veltra_encrypt_aes serial type key in final iv extra", serial,
+                        static_cast<int>(type), Block{key, keyLength}, Block{in, inLength}, final,
+                        Block{iv, ivLength}, Block{extra, extraLength});
         Bytes plain(in, in + inLength);
         const std::size_t padding = kAesBlock - plain.size() % kAesBlock;
         if (final) plain.insert(plain.end(), padding, static_cast<unsigned char>(padding));
@@ -515,9 +511,8 @@ public:
         Call call(*this, ctx, "veltra_ecdhDerive serial key pin peer", serial, KeyId{keyId}, pin,
                   Block{peer, peerLength});
         if (const int code = call.logIn(serial, pin)) return code;
-        Bytes secret(static_cast<std::size_t>(std::max(call.script.length.value_or(32), 0)));
-        std::iota(secret.begin(), secret.end(), static_cast<unsigned char>(1));
-        return handOut(secret, call.script, out, outLength);
+        const int length = std::max(call.script.length.value_or(32), 0);
+        return handOut(counting(static_cast<std::size_t>(length), 1), call.script, out, outLength);
     }
 
     int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
