@@ -1,7 +1,6 @@
 #include "dialog/window_driver.h"
-#include "support/csp_test.h"
+#include "support/provider_test.h"
 
-#include "csp/csp_login.h"
 #include "token/password_dialog.h"
 
 #include <future>
@@ -32,37 +31,9 @@ ShownDialog showDialog() {
     return {std::move(text), waitForWindow(kPasswordDialog, threadId.get())};
 }
 
-using PasswordDialogTest = CspTest;
+using PasswordDialogTest = ProviderTest;
 
-TEST_F(PasswordDialogTest, LoginIsEnabledFrom4To63Characters) {
-    const ShownDialog dialog = showDialog();
-    EXPECT_FALSE(dialog.loginEnabled()) << "before anything is typed";
-    for (const std::size_t length : {3, 4, 3, 63, 64, 200, 5, 0}) {
-        dialog.type(std::string(length, 'p'));
-        EXPECT_EQ(dialog.loginEnabled(), length >= 4 && length <= 63) << length;
-    }
-    pressAndWait(dialog.window, IDCANCEL);
-}
-
-TEST_F(PasswordDialogTest, EveryWayToEndIt) {
-    const auto press = [](int button) { return [button](HWND window) { pressAndWait(window, button); }; };
-    const std::tuple<std::string, std::function<void(HWND)>, std::string> kRows[] = {
-        {"secret PIN", press(IDOK), "secret PIN"},
-        {"1234", press(IDCANCEL), ""},
-        {"1234", closeAndWait, ""},
-        {"", press(IDOK), ""},
-        {std::string(300, 'x'), press(IDOK), std::string(255, 'x')}, // no more are read
-    };
-    for (const auto& [typed, end, expected] : kRows) {
-        ShownDialog dialog = showDialog();
-        EXPECT_EQ(textOf(GetDlgItem(dialog.window, kPinControl)), "") << "the next dialog starts empty";
-        dialog.type(typed);
-        end(dialog.window);
-        EXPECT_EQ(dialog.text.get(), expected) << typed;
-    }
-}
-
-TEST_F(PasswordDialogTest, ControlsAndFocus) {
+TEST_F(PasswordDialogTest, ControlsFocusAndALoginOf4To63Characters) {
     const ShownDialog dialog = showDialog();
     const HWND pin = GetDlgItem(dialog.window, kPinControl);
     EXPECT_EQ(textOf(GetDlgItem(dialog.window, IDOK)), "Login");
@@ -79,43 +50,44 @@ TEST_F(PasswordDialogTest, ControlsAndFocus) {
     EXPECT_TRUE(GetGUIThreadInfo(GetWindowThreadProcessId(dialog.window, nullptr), &info));
     EXPECT_EQ(info.hwndFocus, pin);
     EXPECT_EQ(GetForegroundWindow(), dialog.window);
+    EXPECT_FALSE(dialog.loginEnabled()) << "before anything is typed";
+    for (const std::size_t length : {3, 4, 3, 63, 64, 200, 5, 0}) {
+        dialog.type(std::string(length, 'p'));
+        EXPECT_EQ(dialog.loginEnabled(), length >= 4 && length <= 63) << length;
+    }
     pressAndWait(dialog.window, IDCANCEL);
 }
 
-TEST_F(PasswordDialogTest, TwoAtOnceDoNotMixTheirTexts) {
-    ShownDialog dialogs[] = {showDialog(), showDialog()};
-    dialogs[0].type("first PIN");
-    dialogs[1].type("second PIN");
-    for (ShownDialog& dialog : dialogs)
-        pressAndWait(dialog.window, IDOK);
-    EXPECT_EQ(dialogs[0].text.get(), "first PIN");
-    EXPECT_EQ(dialogs[1].text.get(), "second PIN");
+TEST_F(PasswordDialogTest, EveryWayToEndItAndTwoAtOnceDoNotMixTheirTexts) {
+    const std::tuple<std::string, int, std::string> kRows[] = {
+        {"secret PIN", IDOK, "secret PIN"},
+        {"1234", IDCANCEL, ""},
+        {"1234", kClose, ""},
+        {"", IDOK, ""},
+        {std::string(300, 'x'), IDOK, std::string(255, 'x')}, // no more are read
+    };
+    for (const auto& [typed, end, expected] : kRows) {
+        ShownDialog dialogs[] = {showDialog(), showDialog()};
+        for (const ShownDialog& dialog : dialogs)
+            EXPECT_EQ(textOf(GetDlgItem(dialog.window, kPinControl)), "") << "the next dialog starts empty";
+        dialogs[0].type(typed);
+        dialogs[1].type("second PIN");
+        pressAndWait(dialogs[0].window, end);
+        pressAndWait(dialogs[1].window, IDOK);
+        EXPECT_EQ(dialogs[0].text.get(), expected) << typed;
+        EXPECT_EQ(dialogs[1].text.get(), "second PIN");
+    }
 }
 
-// What a user sees of a login, message boxes included.
-TEST_F(PasswordDialogTest, WrongPinThenCancelThenTheRightOne) {
+TEST_F(PasswordDialogTest, MessagesAreBoxesWithoutAnOwner) {
     setPinPrompt(nullptr);
-    const auto logIn = [this] {
-        return std::async(std::launch::async, [this] {
-            CSP_CONTEXT context;
-            context.serial = serial;
-            return static_cast<bool>(ensurePasswordValidated(context));
-        });
-    };
-    std::future<bool> cancelled = logIn();
-    enterPin("0000");
+    const auto told = std::async(std::launch::async, [] { pinPrompt().tell("Remaining attempts(2)"); });
     const HWND box = waitForWindow("Veltra");
-    EXPECT_EQ(messageOf(box), "Invalid user pin. Remaining attempts(2)");
+    EXPECT_EQ(messageOf(box), "Remaining attempts(2)");
     EXPECT_EQ(GetWindow(box, GW_OWNER), nullptr);
     pressAndWait(box, IDOK);
-    pressAndWait(waitForWindow(kPasswordDialog), IDCANCEL);
-    EXPECT_FALSE(cancelled.get());
-    EXPECT_EQ(FindWindowA(nullptr, "Veltra"), nullptr) << "cancelling shows no message";
-
-    std::future<bool> login = logIn();
+    const auto asked = std::async(std::launch::async, [] { return pinPrompt().askPin(); });
     enterPin("1234");
-    EXPECT_TRUE(login.get());
-    EXPECT_EQ(storedPin(), "1234");
 }
 
 } // namespace

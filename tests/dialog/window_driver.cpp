@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 
 namespace veltra::test {
 
@@ -37,23 +36,16 @@ BOOL CALLBACK collectStaticText(HWND child, LPARAM parameter) {
     return TRUE;
 }
 
-[[noreturn]] void giveUp(const std::string& what) {
-    std::printf("No progress: %s\n1 FAILED TEST\n", what.c_str());
-    std::fflush(stdout);
-    TerminateProcess(GetCurrentProcess(), 3);
-    std::abort();
-}
-
 template <class Condition>
 void waitUntil(const std::string& what, Condition condition) {
     for (int waited = 0; !condition(); waited += kStepMilliseconds) {
-        if (waited > kPatienceMilliseconds) giveUp(what);
+        if (waited > kPatienceMilliseconds) {
+            std::printf("No progress: %s\n1 FAILED TEST\n", what.c_str());
+            std::fflush(stdout);
+            TerminateProcess(GetCurrentProcess(), 3);
+        }
         Sleep(kStepMilliseconds);
     }
-}
-
-void waitUntilGone(HWND window) {
-    waitUntil("a window stays open", [&] { return !IsWindow(window); });
 }
 
 } // namespace
@@ -84,14 +76,13 @@ void typeInto(HWND dialog, int control, const std::string& text) {
 }
 
 void pressAndWait(HWND window, int button) {
-    PostMessageA(window, WM_COMMAND, MAKEWPARAM(button, BN_CLICKED),
-                 reinterpret_cast<LPARAM>(GetDlgItem(window, button)));
-    waitUntilGone(window);
-}
-
-void closeAndWait(HWND window) {
-    PostMessageA(window, WM_CLOSE, 0, 0);
-    waitUntilGone(window);
+    if (button == kClose) {
+        PostMessageA(window, WM_CLOSE, 0, 0);
+    } else {
+        PostMessageA(window, WM_COMMAND, MAKEWPARAM(button, BN_CLICKED),
+                     reinterpret_cast<LPARAM>(GetDlgItem(window, button)));
+    }
+    waitUntil("a window stays open", [&] { return !IsWindow(window); });
 }
 
 void enterPin(const std::string& pin) {

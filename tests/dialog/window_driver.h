@@ -8,6 +8,7 @@ namespace veltra::test {
 
 constexpr const char* kPasswordDialog = "Verify User Password"; ///< its caption
 constexpr int kPinControl = 1001;
+constexpr int kClose = 0;
 
 /// Waits for a visible top-level window of this process with this caption, of thread `threadId` if not 0, and
 /// returns it. Ends the program when none appears within 20 seconds, because the thread that waits for it
@@ -21,9 +22,9 @@ std::string messageOf(HWND messageBox);
 /// Types `text` into a control in the place of what it held.
 void typeInto(HWND dialog, int control, const std::string& text);
 
-/// Presses a button, whether it is enabled or not, and waits until the window is gone.
+/// Presses a button, whether it is enabled or not, or with kClose that of the frame, and waits until the
+/// window is gone.
 void pressAndWait(HWND window, int button);
-void closeAndWait(HWND window);
 
 /// Waits for the provider's password dialog, types the PIN and presses Login.
 void enterPin(const std::string& pin);

@@ -190,7 +190,7 @@ protected:
                     SendMessageA(field, WM_CHAR, i / kLength == 1 ? VK_BACK : pin[i % kLength], 0);
             });
             EXPECT_EQ(GetWindowTextLengthA(field), static_cast<int>(kLength));
-            button == 0 ? closeAndWait(dialog) : pressAndWait(dialog, button);
+            pressAndWait(dialog, button);
             if (library.pinAnswer != kDeviceOk) pressAndWait(waitForWindow("Veltra"), IDOK);
         });
         forgetPin(kSerial);
@@ -364,7 +364,7 @@ TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
         {kPin, "dialog, Cancel and closed, and a PIN that the token refuses",
          [&] {
              typePinAndPress(IDCANCEL);
-             typePinAndPress(0);
+             typePinAndPress(kClose);
              library.pinAnswer = kWrongPin;
              setInCryptoApi();
              setInCng();

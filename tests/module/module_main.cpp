@@ -13,9 +13,7 @@ namespace {
 void plugInToken() {
     using namespace veltra;
     test::ScriptedDeviceLibrary& library = test::ScriptedDeviceLibrary::instance();
-    test::ScriptedToken& token = library.addToken("Module");
-    token.addKeyPair(0x11, kKeyTypeRsa2048, kUsageBoth);
-    token.addKeyPair(0x12, kKeyTypeEcP256, kUsageBoth);
+    library.addToken("Module").addKeyPair(0x11, kKeyTypeRsa2048, kUsageBoth);
     setDeviceLibrary(&library);
 }
 

@@ -64,9 +64,7 @@ SECURITY_STATUS give(SECURITY_STATUS status, NCRYPT_HANDLE parent, const NCRYPT_
 } // namespace
 
 SECURITY_STATUS WINAPI NCryptOpenStorageProvider(NCRYPT_PROV_HANDLE* provider, LPCWSTR name, DWORD flags) {
-    if (provider == nullptr || name == nullptr || name != kProviderName) {
-        return NTE_INVALID_PARAMETER;
-    }
+    if (provider == nullptr || name == nullptr || name != kProviderName) return NTE_INVALID_PARAMETER;
     SECURITY_STATUS status = loadProvider(name, flags);
     if (status == ERROR_SUCCESS) status = functions->OpenProvider(provider, name, flags);
     if (status == ERROR_SUCCESS) objects[*provider] = {.kind = Kind::Provider, .provider = *provider};
@@ -173,14 +171,8 @@ SECURITY_STATUS WINAPI NCryptDeleteKey(NCRYPT_KEY_HANDLE key, DWORD flags) {
 SECURITY_STATUS WINAPI NCryptFreeObject(NCRYPT_HANDLE handle) {
     const Object object = objectOf(handle);
     objects.erase(handle);
-    switch (object.kind) {
-    case Kind::Provider:
-        return functions->FreeProvider(handle);
-    case Kind::Key:
-        return functions->FreeKey(object.provider, handle);
-    case Kind::Secret:
-        return functions->FreeSecret(object.provider, handle);
-    default:
-        return NTE_INVALID_HANDLE;
-    }
+    if (object.kind == Kind::Provider) return functions->FreeProvider(handle);
+    if (object.kind == Kind::Key) return functions->FreeKey(object.provider, handle);
+    if (object.kind == Kind::Secret) return functions->FreeSecret(object.provider, handle);
+    return NTE_INVALID_HANDLE;
 }
