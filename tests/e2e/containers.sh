@@ -53,6 +53,11 @@ grep -q 'ERROR ::=>CPAcquireContext: valid token not connected, return FALSE' "$
 softtoken plug E2E-BOX-A
 logIn E2E-BOX-A
 
+# A log on a full disk changes nothing.
+rm "$log" && ln -s /dev/full "$log"
+sign --container "$unique-A"
+rm "$log"
+
 # Deleting asks first, then removes the key and the container.
 expectFailure 2 "--yes" veltra delete-key --container "$unique-A"
 [ "$(keysOnToken)" -eq 1 ] || fail "the key is gone without --yes"

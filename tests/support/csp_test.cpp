@@ -2,6 +2,7 @@
 
 #include "support/both_front_ends.h"
 
+#include "foundation/text.h"
 #include "token/device_state.h"
 
 namespace veltra::test {
@@ -47,16 +48,15 @@ HCRYPTKEY CspTest::userKey(HCRYPTPROV context, DWORD keySpec) {
     return CPGetUserKey(context, keySpec, &key) ? keep(key) : 0;
 }
 
-DWORD CspTest::keyParameter(HCRYPTPROV context, HCRYPTKEY key, DWORD parameter) {
-    DWORD value = 0;
-    DWORD length = sizeof value;
-    EXPECT_TRUE(CPGetKeyParam(context, key, parameter, reinterpret_cast<BYTE*>(&value), &length, 0));
-    EXPECT_EQ(length, sizeof value);
-    return value;
-}
-
 HCRYPTKEY CspTest::addSymmetricKey(const std::string& bytes) {
     return addKey(keyWith<KEY_HANDLE>({reinterpret_cast<const BYTE*>(bytes.data()), bytes.size()}));
+}
+
+std::string CspTest::textOf(const KEY_HANDLE& key) {
+    return concat(key.algId, "/", key.keyBits, "/", key.mode, "/", key.keyUsage, "/", key.tokenFlag,
+                  " id=", toHex({key.keyId, 2}), "..(", key.keyIdLength,
+                  ") credential=", toHex({key.credentialId, key.credentialIdLength}), " label=", key.label,
+                  " secret=", toHex({key.symmetricKey.data(), key.symmetricKeyLength}));
 }
 
 std::string CspTest::storedPin() const {

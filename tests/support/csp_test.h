@@ -26,8 +26,11 @@ protected:
     HCRYPTHASH hashWithValue(HCRYPTPROV context, unsigned char firstByte = 0x11);
 
     HCRYPTKEY userKey(HCRYPTPROV context, DWORD keySpec);
-    DWORD keyParameter(HCRYPTPROV context, HCRYPTKEY key, DWORD parameter);
     HCRYPTKEY addSymmetricKey(const std::string& bytes);
+
+    /// What the object holds: "algId/bits/mode/usage/flag id=AEAE..(16) credential=AE label=... secret=" and
+    /// the bytes of a symmetric key.
+    static std::string textOf(const KEY_HANDLE& key);
 
     std::string storedPin() const;
 

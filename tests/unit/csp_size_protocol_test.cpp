@@ -4,6 +4,7 @@
 #include "support/blob_bytes.h"
 #include "support/both_front_ends.h"
 #include "support/provider_test.h"
+#include "unit/test_certificates.h"
 
 #include "csp/key_handle.h"
 #include "csp/provider_context.h"
@@ -22,97 +23,98 @@ enum Rule {
 
 class CspSizeProtocolTest : public ProviderTest {
 protected:
-    void expectProtocol(const std::function<BOOL(BYTE*, DWORD*)>& call, const Bytes& value, Rule rule,
-                        const std::string& tooSmall) {
-        SCOPED_TRACE(tooSmall + testing::PrintToString(value));
-        const auto size = static_cast<DWORD>(value.size());
-        const Answer question = accepted(rule == kAccepted ? ERROR_MORE_DATA : kUntouched);
-        const Answer small = rule == kAccepted ? question : refused(ERROR_MORE_DATA, {tooSmall});
-        Bytes data;
-        DWORD length = 0;
-        const auto ask = [&](DWORD capacity) {
-            data.assign(capacity + 1, 0xEE);
-            length = capacity;
-            return run([&] { return call(data.data(), &length); });
-        };
-        EXPECT_EQ(run([&] { return call(nullptr, &length); }), question);
-        EXPECT_EQ(length, size);
-        EXPECT_EQ(ask(0), rule == kRefusedUnlessZero ? question : small);
-        EXPECT_EQ(ask(size - 1), small);
-        EXPECT_EQ(length, rule == kRefusedWithoutSize ? size - 1 : size);
-        EXPECT_EQ(data, Bytes(size, 0xEE));
-        EXPECT_EQ(ask(size), accepted());
-        EXPECT_EQ(data, joined({value, {0xEE}}));
-        EXPECT_EQ(ask(size + 9), accepted());
-        EXPECT_EQ(length, size);
+    void expect(Rule rule, const std::vector<DWORD>& parameters, const Bytes& value,
+                const std::string& tooSmall = "CPGetProvParam: output buffer too small") {
+        for (const DWORD parameter : parameters) {
+            SCOPED_TRACE(concat(tooSmall, parameter));
+            const auto size = static_cast<DWORD>(value.size());
+            const Answer question = accepted(rule == kAccepted ? ERROR_MORE_DATA : kUntouched);
+            const Answer small = rule == kAccepted ? question : refused(ERROR_MORE_DATA, {tooSmall});
+            Bytes data;
+            DWORD length = 0;
+            const auto ask = [&](DWORD capacity) {
+                data.assign(capacity + 1, 0xEE);
+                length = capacity;
+                return run([&] { return get(parameter, data.data(), &length); });
+            };
+            EXPECT_EQ(run([&] { return get(parameter, nullptr, &length); }), question);
+            EXPECT_EQ(length, size);
+            EXPECT_EQ(ask(0), rule == kRefusedUnlessZero ? question : small);
+            EXPECT_EQ(ask(size - 1), small);
+            EXPECT_EQ(length, rule == kRefusedWithoutSize ? size - 1 : size);
+            EXPECT_EQ(data, Bytes(size, 0xEE));
+            EXPECT_EQ(ask(size), accepted());
+            EXPECT_EQ(data, joined({value, {0xEE}}));
+            EXPECT_EQ(ask(size + 9), accepted());
+            EXPECT_EQ(length, size);
+        }
     }
 
     BothFrontEnds world{freshName("Token")};
+    VeltraCertificate& certificate = world.token.certificates[0];
+    std::function<BOOL(DWORD parameter, BYTE* data, DWORD* length)> get;
 };
 
 TEST_F(CspSizeProtocolTest, HashParameters) {
-    const auto expect = [&](HCRYPTHASH hash, DWORD parameter, const Bytes& value,
-                            const std::string& tooSmall) {
-        const auto call = [&](BYTE* data, DWORD* length) {
-            return CPGetHashParam(world.context, hash, parameter, data, length, 0);
-        };
-        expectProtocol(call, value, kRefused, concat("CPGetHashParam: ", tooSmall));
+    get = [&](DWORD parameter, BYTE* data, DWORD* length) {
+        const HCRYPTHASH hash = parameter == HP_HMAC_INFO ? world.hmac : world.hash;
+        return CPGetHashParam(world.context, hash, parameter, data, length, 0);
     };
     const Bytes value(32, 7);
     ASSERT_TRUE(CPSetHashParam(world.context, world.hash, HP_HASHVAL, value.data(), 0));
     Bytes info = dwords({CALG_SHA_256}); // no inner or outer string, and nothing between the members
     info.resize(sizeof(HMAC_INFO));
-    expect(world.hash, HP_ALGID, dwords({CALG_SHA_256}), "HP_ALGID buffer too small");
-    expect(world.hash, HP_HASHSIZE, dwords({32}), "HP_HASHSIZE buffer too small");
-    expect(world.hash, HP_HASHVAL, value, "HP_HASHVAL buffer too small for cached hash value");
-    expect(world.hmac, HP_HMAC_INFO, info, "HP_HMAC_INFO buffer too small");
+    const std::string start = "CPGetHashParam: HP_";
+    expect(kRefused, {HP_ALGID}, dwords({CALG_SHA_256}), start + "ALGID buffer too small");
+    expect(kRefused, {HP_HASHSIZE}, dwords({32}), start + "HASHSIZE buffer too small");
+    expect(kRefused, {HP_HASHVAL}, value, start + "HASHVAL buffer too small for cached hash value");
+    expect(kRefused, {HP_HMAC_INFO}, info, start + "HMAC_INFO buffer too small");
 }
 
 TEST_F(CspSizeProtocolTest, KeyParameters) {
-    liveKey(world.rsaKey)->mode = CRYPT_MODE_ECB;
-    const auto expect = [&](DWORD parameter, const Bytes& value, Rule rule, const std::string& name) {
-        const auto call = [&](BYTE* data, DWORD* length) {
-            return CPGetKeyParam(world.context, world.rsaKey, parameter, data, length, 0);
-        };
-        expectProtocol(call, value, rule, "CPGetKeyParam: " + name + " buffer too small, return FALSE");
+    get = [&](DWORD parameter, BYTE* data, DWORD* length) {
+        return CPGetKeyParam(world.context, world.rsaKey, parameter, data, length, 0);
     };
-    expect(KP_MODE, dwords({CRYPT_MODE_ECB}), kRefused, "KP_MODE");
-    expect(KP_PERMISSIONS, dwords({15}), kRefusedUnlessZero, "KP_PERMISSIONS");
-    expect(KP_ALGID, dwords({CALG_RSA_KEYX}), kRefusedUnlessZero, "KP_ALGID");
-    for (const DWORD bits : {KP_BLOCKLEN, KP_KEYLEN})
-        expect(bits, dwords({2048}), kRefusedUnlessZero, "KP_BLOCKLEN/KP_KEYLEN");
-    const VeltraCertificate& certificate = world.token.certificates[0];
+    liveKey(world.rsaKey)->mode = CRYPT_MODE_ECB;
+    const std::string start = "CPGetKeyParam: KP_", end = " buffer too small, return FALSE";
+    expect(kRefused, {KP_MODE}, dwords({CRYPT_MODE_ECB}), start + "MODE" + end);
+    expect(kRefusedUnlessZero, {KP_PERMISSIONS}, dwords({15}), start + "PERMISSIONS" + end);
+    expect(kRefusedUnlessZero, {KP_ALGID}, dwords({CALG_RSA_KEYX}), start + "ALGID" + end);
+    expect(kRefusedUnlessZero, {KP_BLOCKLEN, KP_KEYLEN}, dwords({2048}), start + "BLOCKLEN/KP_KEYLEN" + end);
     const Bytes der(certificate.der, certificate.der + certificate.derLength);
-    expect(KP_CERTIFICATE, der, kRefusedUnlessZero, "KP_CERTIFICATE");
+    expect(kRefusedUnlessZero, {KP_CERTIFICATE}, der, start + "CERTIFICATE" + end);
 }
 
 TEST_F(CspSizeProtocolTest, ProviderParameters) {
-    const auto context = liveContext(world.context);
-    const auto expect = [&](DWORD parameter, const Bytes& value, Rule rule) {
-        const auto call = [&](BYTE* data, DWORD* length) {
-            return CPGetProvParam(world.context, parameter, data, length, CRYPT_FIRST);
-        };
-        expectProtocol(call, value, rule, "CPGetProvParam: output buffer too small");
+    get = [&](DWORD parameter, BYTE* data, DWORD* length) {
+        return CPGetProvParam(world.context, parameter, data, length, CRYPT_FIRST);
     };
+    const auto context = liveContext(world.context);
     context->keySpec = 77;
-    for (const auto& [parameter, value] :
-         {std::pair{PP_IMPTYPE, 9u}, {PP_VERSION, 0x100u}, {PP_PROVTYPE, 1u}, {PP_KEYSTORAGE, 9u}})
-        expect(parameter, dwords({value}), kRefused);
-    for (const auto& [parameter, value] :
-         {std::pair{PP_KEYSET_TYPE, 77u}, {PP_SIG_KEYSIZE_INC, 1024u}, {PP_KEYX_KEYSIZE_INC, 1024u}})
-        expect(parameter, dwords({value}), kRefusedWithoutSize);
-    for (const DWORD parameter :
-         {PP_ADMIN_PIN, PP_KEYEXCHANGE_PIN, PP_SIGNATURE_PIN, PP_USE_HARDWARE_RNG, PP_KEYSPEC})
-        expect(parameter, dwords({1}), kAccepted);
-    const auto terminated = [](const std::string& text) { return joined({bytesOf(text), {0}}); };
-    expect(PP_NAME, terminated("Veltra Cryptographic Provider CSP"), kRefused);
-    for (const DWORD container : {PP_CONTAINER, PP_UNIQUE_CONTAINER})
-        expect(container, terminated(world.container), kRefused);
+    expect(kRefused, {PP_IMPTYPE, PP_KEYSTORAGE}, dwords({9}));
+    expect(kRefused, {PP_VERSION}, dwords({0x100}));
+    expect(kRefused, {PP_PROVTYPE}, dwords({1}));
+    expect(kRefusedWithoutSize, {PP_KEYSET_TYPE}, dwords({77}));
+    expect(kRefusedWithoutSize, {PP_SIG_KEYSIZE_INC, PP_KEYX_KEYSIZE_INC}, dwords({1024}));
+    expect(kAccepted, {PP_ADMIN_PIN, PP_KEYEXCHANGE_PIN, PP_SIGNATURE_PIN}, dwords({1}));
+    expect(kAccepted, {PP_USE_HARDWARE_RNG, PP_KEYSPEC}, dwords({1}));
+    const Bytes container = joined({bytesOf(world.container), {0}});
+    expect(kRefused, {PP_NAME}, bytesOf(std::string("Veltra Cryptographic Provider CSP", 34)));
+    expect(kRefused, {PP_CONTAINER, PP_UNIQUE_CONTAINER}, container);
     EXPECT_TRUE(context->containerNameAnswered);
-    expect(PP_ENUMCONTAINERS, terminated(world.container), kAccepted);
+    expect(kAccepted, {PP_ENUMCONTAINERS}, container);
     EXPECT_TRUE(context->containersEnumerated);
     // Self-relative, with an access list that is there and null.
-    expect(PP_KEYSET_SEC_DESCR, joined({{1, 0, 0x04, 0x80}, Bytes(16)}), kAccepted);
+    expect(kAccepted, {PP_KEYSET_SEC_DESCR}, joined({{1, 0, 0x04, 0x80}, Bytes(16)}));
+    // PP_CERTCHAIN: a message with a certificate, and without digest algorithms, content and signers.
+    DWORD length = sizeof certificate.der;
+    CryptStringToBinaryA(kLeafCertificate, 0, CRYPT_STRING_BASE64, certificate.der, &length, nullptr,
+                         nullptr);
+    certificate.derLength = length;
+    expect(
+        kAccepted, {9},
+        fromHex("3082016706092A864886F70D010702A0820158308201540201013100300B06092A864886F70D010701A082013C" +
+                toHex({certificate.der, length}) + "3100"));
 }
 
 } // namespace

@@ -16,19 +16,14 @@ std::array<Function, sizeof...(Functions)> slots(Functions*... functions) {
     return {std::bit_cast<Function>(functions)...};
 }
 
-class FunctionTableTest : public KspTest {};
+using FunctionTableTest = KspTest;
 
 TEST_F(FunctionTableTest, AnyNameGivesTheOneTableInThePlatformsOrder) {
-    NCRYPT_KEY_STORAGE_FUNCTION_TABLE* table = nullptr;
+    NCRYPT_KEY_STORAGE_FUNCTION_TABLE *table = nullptr, *again = nullptr;
     ASSERT_EQ(call([&] { return GetKeyStorageInterface(nullptr, &table, 0xFFFFFFFF); }), succeeded());
-    EXPECT_THAT(debugLines, testing::ElementsAre("GetKeyStorageInterface"));
-    NCRYPT_KEY_STORAGE_FUNCTION_TABLE* again = nullptr;
     ASSERT_EQ(call([&] { return GetKeyStorageInterface(L"Another", &again, 0); }), succeeded());
     EXPECT_EQ(table, again);
-    EXPECT_EQ(call([&] { return GetKeyStorageInterface(L"Veltra", nullptr, 0); }),
-              failed(NTE_INVALID_PARAMETER, {"GetKeyStorageInterface: ppFunctionTable is null"}));
-    EXPECT_EQ(table->Version.MajorVersion, 1);
-    EXPECT_EQ(table->Version.MinorVersion, 0);
+    EXPECT_EQ(table->Version.MajorVersion * 10 + table->Version.MinorVersion, 10);
     std::array<Function, 26> actual{};
     std::memcpy(actual.data(), &table->OpenProvider, sizeof actual);
     // Many of them have the same type, so that the compiler would not notice a wrong place.

@@ -9,88 +9,12 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 #include <iterator>
 
 namespace veltra::test {
 namespace {
 
 using World = BothFrontEnds;
-
-constexpr SECURITY_STATUS kHandle = NTE_INVALID_HANDLE, kParameter = NTE_INVALID_PARAMETER;
-
-/// What a call is refused for when one of these arguments is null or not alive, or has the value behind "=",
-/// whatever the arguments of its later rows are.
-struct Check {
-    std::string_view call, arguments;
-    SECURITY_STATUS status;
-    std::string_view text; ///< behind the name of the entry point
-};
-
-const Check kNoProvider = {"", "provider", kHandle, "provider handle is null or not initialized"};
-
-const Check kChecks[] = {
-    {"KSPOpenProvider", "handle", kParameter, "phProvider is null"},
-    {"KSPFreeProvider", "provider", kHandle, "provider handle is null"},
-    {"KSPOpenKey", "handle", kParameter, "phKey is null"},
-    {"KSPCreatePersistedKey", "handle text", kParameter, "phKey or pszAlgId is null"},
-    {"KSPGetProviderProperty Name", "text length", kParameter, "pszProperty or pcbResult is null"},
-    {"KSPSetProviderProperty SmartCardPin", "text", kParameter, "pszProperty is null"},
-    {"KSPSetProviderProperty SmartCardPin", "input", kParameter, "NCRYPT_PIN_PROPERTY pbInput is null"},
-    {"KSPGetKeyProperty Name", "cngEcKey", kHandle, "key handle is null"},
-    {"KSPGetKeyProperty Name", "text length", kParameter, "pszProperty or pcbResult is null"},
-    {"KSPSetKeyProperty SmartCardPin", "cngRsaKey", kHandle, "key handle is null"},
-    {"KSPSetKeyProperty SmartCardPin", "text", kParameter, "pszProperty is null"},
-    {"KSPSetKeyProperty SmartCardPin", "input", kParameter, "NCRYPT_PIN_PROPERTY pbInput is null"},
-    {"KSPSetKeyProperty SmartCardKeyCertificate", "input size", kParameter,
-     "NCRYPT_CERTIFICATE_PROPERTY pbInput is null or empty"},
-    {"KSPSetKeyProperty SmartCardKeyCertificate", "size=3073", kParameter,
-     "NCRYPT_CERTIFICATE_PROPERTY cbInput is too large"},
-    {"KSPFinalizeKey", "newKey", kHandle, "key handle is null"},
-    {"KSPDeleteKey", "cngRsaKey", kHandle, "key handle is null"},
-    {"KSPEncrypt RSA", "cngRsaKey length", kParameter, "key handle or pcbResult is null"},
-    {"KSPEncrypt RSA", "input size", kParameter, "pbInput is null or cbInput is zero"},
-    {"KSPEncrypt RSA", "capacity=255", NTE_BUFFER_TOO_SMALL, "output buffer too small, required=256"},
-    {"KSPEncrypt RSA", "size=2147483648 capacity=2147483648", kParameter, "a length is too large"},
-    {"KSPEncrypt AES", "input size", kParameter, "pbInput is null or cbInput is zero"},
-    {"KSPEncrypt AES", "size=2147483648", kParameter, "a length is too large"},
-    {"KSPDecrypt RSA", "cngRsaKey length", kParameter, "key handle or pcbResult is null"},
-    {"KSPDecrypt RSA", "input size", kParameter, "pbInput is null or cbInput is zero"},
-    {"KSPDecrypt RSA", "size=2147483632", kParameter, "a length is too large"},
-    {"KSPDecrypt AES", "input size", kParameter, "pbInput is null or cbInput is zero"},
-    {"KSPDecrypt AES", "size=2147483632", kParameter, "a length is too large"}, // the library adds a block
-    {"KSPIsAlgSupported", "text", kParameter, "pszAlgId is null"},
-    {"KSPEnumAlgorithms", "count handle", kParameter, "pdwAlgCount or ppAlgList is null"},
-    {"KSPEnumKeys", "handle second", kParameter, "ppKeyName or ppEnumState is null"},
-    {"KSPImportKey KeyDataBlob", "text input handle", kParameter, "invalid parameters"},
-    {"KSPImportKey KeyDataBlob", "size=2147483648", kParameter, "a length is too large"},
-    {"KSPExportKey", "cngRsaKey text length", kParameter, "key handle, pszBlobType, or pcbResult is null"},
-    {"KSPSignHash", "cngRsaKey length", kParameter, "key handle or pcbResult is null"},
-    {"KSPSignHash", "input? size", kParameter, "pbHashValue is null or cbHashValue is zero"},
-    {"KSPSignHash", "capacity=255", NTE_BUFFER_TOO_SMALL, "signature buffer too small, required=256"},
-    {"KSPSignHash", "size=2147483648 capacity=2147483648", kParameter, "a length is too large"},
-    {"KSPVerifySignature", "cngRsaKey", kHandle, "key handle is null"},
-    {"KSPVerifySignature", "input hashSize size", kParameter, "invalid input parameters"},
-    {"KSPVerifySignature", "hashSize=2147483648 size=2147483648", kParameter, "a length is too large"},
-    {"KSPNotifyChangeKey", "handle?", NTE_NOT_SUPPORTED, "not supported"},
-    {"KSPSecretAgreement", "provider", kHandle, "provider not initialized"},
-    {"KSPSecretAgreement", "handle", kParameter, "phAgreedSecret is null"},
-    {"KSPSecretAgreement", "cngEcKey", kHandle, "key handle is null"},
-    {"KSPDeriveKey", "secret length", kParameter, "invalid parameter"},
-};
-
-/// The checks that a call makes of its arguments, in order.
-std::vector<Check> checksOf(const WorkingCall& call) {
-    std::vector<Check> checks;
-    std::ranges::copy_if(kChecks, std::back_inserter(checks),
-                         [&](const Check& check) { return check.call == call.name; });
-    const bool takesProvider = std::ranges::any_of(call.arguments, [](const Argument& argument) {
-        return argument.name == "provider" && !argument.isOptional;
-    });
-    const bool saysOtherwise = !checks.empty() && checks[0].arguments == kNoProvider.arguments;
-    if (takesProvider && !saysOtherwise) checks.insert(checks.begin(), kNoProvider);
-    return checks;
-}
 
 /// One hostile value of one argument.
 struct Hostile {
@@ -102,37 +26,6 @@ struct Hostile {
 class HostileArgumentTest : public ProviderTest {
 protected:
     HostileArgumentTest() { setLogLevel(0); }
-
-    /// Each check of the call refuses by itself, and before all that come behind it.
-    void playChecks(const WorkingCall& call) {
-        const std::string entryPoint(call.name, std::strcspn(call.name, " "));
-        const std::vector<Check> checks = checksOf(call);
-        World& w = world();
-        call.prepare(w);
-        Values values = call.valuesIn(w, call.choices[0]);
-        for (std::size_t number = checks.size(); number-- > 0;) {
-            const Check& check = checks[number];
-            const auto refused = refusedBy(check, w, call);
-            for (const auto& [place, hostile] : refused) {
-                for (const std::uintptr_t value : hostile) {
-                    SCOPED_TRACE(concat(call.name, ", argument ", place, ": 0x", toHexAddress(value)));
-                    Values changed = values;
-                    changed[place] = value;
-                    call.prepare(w);
-                    library.clearCalls();
-                    DWORD code = 0;
-                    const Answer answer = run([&] { return (code = invoke(call, w, changed)) == 0; });
-                    EXPECT_EQ(code, static_cast<DWORD>(check.status));
-                    EXPECT_THAT(answer.errors, ElementsAre(concat(entryPoint, ": ", check.text)));
-                    const DWORD untouched = w.input.empty() ? Output::kCapacity : w.inputLength();
-                    EXPECT_EQ(w.out.length, check.status == NTE_BUFFER_TOO_SMALL ? 256 : untouched);
-                    EXPECT_THAT(library.calls(), IsEmpty());
-                }
-            }
-            for (const auto& [place, hostile] : refused)
-                values[place] = hostile[0];
-        }
-    }
 
     void play(const std::vector<WorkingCall>& all) {
         for (const WorkingCall& call : all) {
@@ -194,23 +87,6 @@ private:
         return all;
     }
 
-    /// The places of the arguments that a check looks at, with the values that it refuses.
-    std::vector<std::pair<std::size_t, Values>> refusedBy(const Check& check, World& w,
-                                                          const WorkingCall& call) const {
-        std::vector<std::pair<std::size_t, Values>> refused;
-        for (const Argument& word : argumentsOf(check.arguments)) {
-            for (std::size_t i = 0; i < call.arguments.size(); ++i) {
-                const Argument& argument = call.arguments[i];
-                if (argument.name != word.name || argument.isOptional != word.isOptional) continue;
-                refused.emplace_back(i, Values{word.value});
-                if (!argument.object()) continue;
-                for (const Hostile& hostile : hostileValues(w, argument, 0))
-                    refused.back().second.push_back(hostile.value);
-            }
-        }
-        return refused;
-    }
-
     DWORD invoke(const WorkingCall& call, World& w, const Values& values, std::optional<DWORD> length = {}) {
         w.resetOutput();
         if (length) w.out.length = *length;
@@ -263,12 +139,6 @@ TEST_F(HostileArgumentTest, CryptoApi) {
 
 TEST_F(HostileArgumentTest, Cng) {
     play(cngCalls());
-}
-
-TEST_F(HostileArgumentTest, CngChecksComeInTheirOrder) {
-    setLogLevel(2);
-    for (const WorkingCall& call : cngCalls())
-        playChecks(call);
 }
 
 } // namespace

@@ -1,12 +1,15 @@
+#include "support/csp_test.h"
 #include "support/log_file.h"
 #include "support/provider_test.h"
 
+#include "csp/csp_login.h"
 #include "token/crypto_policy.h"
 #include "token/device_monitor.h"
 #include "token/device_state.h"
 #include "token/token_session.h"
 
 #include <algorithm>
+#include <array>
 
 namespace veltra::test {
 namespace {
@@ -28,14 +31,10 @@ protected:
 };
 
 TEST_F(TokenSessionTest, ThirdCharacterOfTheMarkerTellsTheGeneration) {
-    const auto isFips1402 = [&](const char* marker) {
+    for (const char* marker : {"3.1.0", "  1", "3.0.9", "31", "110", "", "1", "3.2.1"}) {
         token.info.fipsMarker = marker;
-        return isFips1402Token(serial, nullptr);
-    };
-    for (const char* marker : {"3.1.0", "3.1", "  1", "111"})
-        EXPECT_TRUE(isFips1402(marker)) << marker;
-    for (const char* marker : {"3.0.9", "31", "110", "", "1", "3.2.1"})
-        EXPECT_FALSE(isFips1402(marker)) << marker;
+        EXPECT_EQ(isFips1402Token(serial, nullptr), std::string_view(marker).find('1', 2) == 2) << marker;
+    }
     EXPECT_FALSE(isFips1402Token("unknown", nullptr));
     token.info.fipsMarker = "3.1.0";
     library.script("veltra_getTokenInfo", {.throws = true});
@@ -43,26 +42,22 @@ TEST_F(TokenSessionTest, ThirdCharacterOfTheMarkerTellsTheGeneration) {
 }
 
 TEST_F(TokenSessionTest, SessionNeedsTextAndBothFlags) {
-    const auto hasSession = [](const char* session, std::uint32_t third, std::uint32_t fourth,
-                               std::uint32_t fifth) {
+    const auto hasSession = [](const char* session, std::array<std::uint32_t, 3> flags) {
         TokenInfo info;
         info.session = session;
-        info.words[2] = third;
-        info.words[3] = fourth;
-        info.words[4] = fifth;
+        std::ranges::copy(flags, info.words + 2);
         return hasLoggedInSession(info);
     };
-    EXPECT_TRUE(hasSession("s", 0, 1, 1));
-    EXPECT_FALSE(hasSession("", 0, 1, 1) || hasSession("s", 1, 1, 0) || hasSession("s", 1, 0, 1));
-    EXPECT_FALSE(hasSession("s", 0, 2, 1) || hasSession("s", 0, 1, 2)) << "no other number counts as set";
+    EXPECT_TRUE(hasSession("s", {0, 1, 1}));
+    EXPECT_FALSE(hasSession("", {0, 1, 1}) || hasSession("s", {1, 1, 0}) || hasSession("s", {1, 0, 1}));
+    EXPECT_FALSE(hasSession("s", {0, 2, 1}) || hasSession("s", {0, 1, 2})) << "no other number counts as set";
 }
 
 TEST_F(TokenSessionTest, PinStateOfASerial) {
     forgetPin(serial);
     EXPECT_FALSE(isPinValidated(serial)) << "forgetting makes no entry";
     storePin(serial, Pin());
-    EXPECT_TRUE(isPinValidated(serial));
-    EXPECT_FALSE(hasUsablePin(serial)) << "an empty PIN is not usable";
+    EXPECT_TRUE(isPinValidated(serial) && !hasUsablePin(serial)) << "an empty PIN is not usable";
     storePin(serial, Pin("1234"));
     forgetPin(serial, Pin("an older one"));
     EXPECT_TRUE(hasUsablePin(serial)) << "another thread has stored a newer PIN meanwhile";
@@ -87,16 +82,12 @@ TEST_F(DeviceMonitorTest, PulledTokenIsForgottenAndOnlyThat) {
     library.clearScripts();
     library.setConnected(serial, false);
     EXPECT_TRUE(soon([&] { return !isInitialised(serial); }));
-    EXPECT_FALSE(isPinValidated(serial));
+    EXPECT_FALSE(isPinValidated(serial)) << "a token that comes back needs a new PIN";
     EXPECT_STREQ(getPin(serial).c_str(), "");
     EXPECT_TRUE(hasUsablePin(second) && isInitialised(second));
-    library.setConnected(serial, true);
-    const int before = polls();
-    EXPECT_TRUE(soon([&] { return polls() > before; }));
-    EXPECT_FALSE(isPinValidated(serial)) << "a token that comes back needs a new PIN";
 }
 
-TEST_F(DeviceMonitorTest, StopsAtOnceAndStartsAgain) {
+TEST_F(DeviceMonitorTest, StopsAtOnceAndStartsAgainOnce) {
     startDeviceMonitor();
     EXPECT_TRUE(soon([&] { return polls() > 0; }));
     const ULONGLONG begin = GetTickCount64();
@@ -108,9 +99,88 @@ TEST_F(DeviceMonitorTest, StopsAtOnceAndStartsAgain) {
     EXPECT_EQ(polls(), before);
     takeLogLines();
     runOnThreads(4, startDeviceMonitor);
-    EXPECT_TRUE(soon([&] { return polls() > before; }));
-    const auto lines = takeLogLines();
-    EXPECT_EQ(std::ranges::count(lines, "DEBUG Monitor thread started (startDeviceMonitor)."), 1);
+    EXPECT_EQ(std::ranges::count(takeLogLines(), "DEBUG Monitor thread started (startDeviceMonitor)."), 1);
+}
+
+class UserVerificationTest : public CspTest {
+protected:
+    UserVerificationTest() { context.serial = serial; }
+
+    /// Each runs as an entry point would and collects the same as run().
+    Answer ensure() {
+        return run([&] { return cspEntry("test", [&] { return ensurePasswordValidated(context); }); });
+    }
+    Answer login() {
+        Pin pin;
+        return run([&] { return cspEntry("test", [&] { return loginUser(context, pin); }); });
+    }
+
+    CSP_CONTEXT context;
+    const std::string cancelled = "loginUser: user cancelled password dialog, return FALSE";
+    const std::string locked = "loginUser: PIN locked, retryCount=0, return FALSE";
+    const std::string failed = "ensurePasswordValidated: password validation failed, return false";
+};
+
+TEST_F(UserVerificationTest, LoggedInTokenIsNotAskedForAndKeepsAnEmptyPin) {
+    token.logIn();
+    context.silent = 1;
+    EXPECT_EQ(ensure().lastError, static_cast<DWORD>(NTE_SILENT_CONTEXT));
+    EXPECT_THAT(library.calls(), IsEmpty()) << "the session is not looked at";
+    EXPECT_EQ(login(), accepted()) << "unless it logs in by itself";
+    context.silent = 0;
+    EXPECT_EQ(ensure(), accepted()) << "an empty PIN is not usable: the session is tested again";
+    EXPECT_THAT(library.calls("veltra_getTokenInfo"), SizeIs(2));
+    EXPECT_THAT(prompt.seen(), IsEmpty());
+}
+
+TEST_F(UserVerificationTest, WhatTheUserSeesAndWhatBecomesOfIt) {
+    const auto expectSeen = [&](const std::vector<std::string>& typed, int remaining,
+                                const std::vector<std::string>& seen, const std::string& error,
+                                int firstCode = 0) {
+        SCOPED_TRACE(testing::PrintToString(seen));
+        context.serial = freshName("Token");
+        library.addToken(context.serial).remaining = remaining;
+        library.clearScripts();
+        if (firstCode) library.script("veltra_validatePassword", {.result = firstCode, .onCall = 1});
+        ScriptedPinPrompt user;
+        user.willType(typed);
+        setPinPrompt(&user);
+        EXPECT_EQ(ensure(), error.empty() ? accepted() : refused(NTE_FAIL, {error, failed}));
+        EXPECT_EQ(user.seen(), seen);
+        EXPECT_EQ(hasUsablePin(context.serial), error.empty());
+    };
+    const std::string left = "Invalid user pin. Remaining attempts(";
+    const std::string blocked = "User pin locked, re-initialise device";
+    const std::string kidly = "System time mismatch, Kidly login to Token Manager";
+    expectSeen({"0000", "1234"}, 3, {"ask", left + "2)", "ask"}, "");
+    expectSeen({"0000"}, 11, {"ask", left + "10)", "ask"}, cancelled);
+    expectSeen({"0000", "1111", "1234"}, 2, {"ask", left + "1)", "ask", blocked}, locked);
+    expectSeen({"1234", "1234"}, 3, {"ask", kidly}, locked, 48);
+    expectSeen({"1234", "1234"}, 3, {"ask", blocked}, locked, 49); // no session code here
+}
+
+TEST_F(UserVerificationTest, LoginForgetsTheStoredPinFirst) {
+    storePinOfToken();
+    EXPECT_EQ(login(), refused(NTE_FAIL, {cancelled}));
+    EXPECT_EQ(storedPin(), "");
+    EXPECT_TRUE(isPinValidated(serial)) << "the validated mark stays";
+    setPinPrompt(nullptr); // the dialog itself, whose resource this program does not have
+    EXPECT_THAT(ensure().errors,
+                ElementsAre(testing::StartsWith("Password dialog creation failed : "), cancelled, failed));
+    EXPECT_THAT(library.calls("veltra_validatePassword"), IsEmpty());
+}
+
+TEST_F(UserVerificationTest, LongestPinFitsAndALongerOneIsCut) {
+    for (const std::size_t length : {63u, 255u}) {
+        token.pin = std::string(length, 'p');
+        prompt.willType({token.pin});
+        forgetPin(serial);
+        EXPECT_EQ(ensure(), accepted());
+        EXPECT_EQ(storedPin(), std::string(63, 'p'));
+        context.silent = 1;
+        EXPECT_EQ(ensure(), accepted()) << "a usable PIN is enough for a silent context";
+        context.silent = 0;
+    }
 }
 
 } // namespace
