@@ -24,13 +24,13 @@ void importKey(FuzzedDataProvider& input) {
     const HCRYPTKEY decryptionKey = input.PickValueInArray<HCRYPTKEY>({exchangeKey, 0, kUntouched});
     const DWORD flags = input.PickValueInArray<DWORD>({0, CRYPT_EXPORTABLE, CRYPT_OAEP});
     const ExactBytes blob(input.ConsumeRemainingBytes<unsigned char>());
-    const auto key = handleOf(cspCall, [&](HCRYPTKEY* out) {
-        return CPImportKey(context, blob.data(), blob.size(), decryptionKey, flags, out);
+    const auto key = handleOf([&](HCRYPTKEY* out) {
+        return cspCall(CPImportKey, context, blob.data(), blob.size(), decryptionKey, flags, out);
     });
     if (key) {
         useCspKey(*key);
-        require(cspCall([&] { return CPDestroyKey(context, *key); }), "an imported key is destroyed");
-        require(!cspCall([&] { return CPDestroyKey(context, *key); }), "and only once");
+        require(cspCall(CPDestroyKey, context, *key), "an imported key is destroyed");
+        require(!cspCall(CPDestroyKey, context, *key), "and only once");
     }
     CPDestroyKey(context, exchangeKey);
 }
@@ -74,7 +74,7 @@ void setCertificate(FuzzedDataProvider& input) {
             "file", ScriptedDeviceLibrary::fakeCertificate("name", anyName(input), subject));
     }
     const ExactBytes der = asCertificateArgument(input.ConsumeRemainingBytes<unsigned char>());
-    if (cspCall([&] { return CPSetKeyParam(context, key, KP_CERTIFICATE, der.data(), 0); })) {
+    if (cspCall(CPSetKeyParam, context, key, KP_CERTIFICATE, der.data(), 0)) {
         require(!token().certificates.empty(), "a certificate is stored");
         const VeltraCertificate& stored = token().certificates.back();
         require(
@@ -130,18 +130,18 @@ bool setHmacInfo(HCRYPTHASH hash, ALG_ID algId) {
                          .pbOuterString = nowhere,
                          .cbOuterString = kUntouched};
     const ExactBytes argument(bytesOf(info));
-    return cspCall([&] { return CPSetHashParam(cspContext(), hash, HP_HMAC_INFO, argument.data(), 0); });
+    return cspCall(CPSetHashParam, cspContext(), hash, HP_HMAC_INFO, argument.data(), 0);
 }
 
 bool addData(HCRYPTHASH hash, const Bytes& data) {
     const ExactBytes argument(data);
-    return cspCall([&] { return CPHashData(cspContext(), hash, argument.data(), argument.size(), 0); });
+    return cspCall(CPHashData, cspContext(), hash, argument.data(), argument.size(), 0);
 }
 
 Bytes valueOf(HCRYPTHASH hash) {
     const ExactBytes value(64);
     DWORD length = value.size();
-    if (!cspCall([&] { return CPGetHashParam(cspContext(), hash, HP_HASHVAL, value.data(), &length, 0); })) {
+    if (!cspCall(CPGetHashParam, cspContext(), hash, HP_HASHVAL, value.data(), &length, 0)) {
         return {};
     }
     require(length <= value.size(), "a hash value is at most 64 bytes");
@@ -157,11 +157,11 @@ void hashParameters(FuzzedDataProvider& input) {
     HCRYPTHASH hash = 0;
     const Bytes first = anyBytes(input, 300);
     const Bytes second = anyBytes(input, 300);
-    require(cspCall([&] { return CPCreateHash(context, CALG_HMAC, key, 0, &hash); }), "an HMAC");
+    require(cspCall(CPCreateHash, context, CALG_HMAC, key, 0, &hash), "an HMAC");
     require(setHmacInfo(hash, inner.algId), "is set up");
     require(addData(hash, first) && addData(hash, second), "data is hashed");
     require(valueOf(hash) == hmac(inner, secret, join(first, second)), "the value is the HMAC");
-    require(cspCall([&] { return CPDestroyHash(context, hash); }), "a hash is destroyed");
+    require(cspCall(CPDestroyHash, context, hash), "a hash is destroyed");
     CPDestroyKey(context, key);
 }
 

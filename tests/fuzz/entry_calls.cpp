@@ -1,5 +1,7 @@
 #include "fuzz/entry_calls.h"
 
+#include "support/both_front_ends.h"
+
 #include "csp/key_handle.h"
 #include "ksp/ksp_key.h"
 #include "token/key_pairs.h"
@@ -48,17 +50,13 @@ NCRYPT_KEY_HANDLE openKspKey(std::uint32_t keyType) {
 }
 
 HCRYPTKEY openCspKey(std::span<const unsigned char> secret) {
-    auto key = std::make_shared<KEY_HANDLE>();
-    std::ranges::copy(secret, key->symmetricKey.data());
-    key->symmetricKeyLength = static_cast<std::uint32_t>(secret.size());
+    auto key = test::keyWith<KEY_HANDLE>(secret);
     key->keyBits = key->symmetricKeyLength * 8;
     return LiveRecords<KEY_HANDLE>::add(std::move(key));
 }
 
 NCRYPT_KEY_HANDLE openKspKey(std::span<const unsigned char> secret) {
-    auto key = std::make_shared<KSP_KEY>();
-    std::ranges::copy(secret, key->symmetricKey.data());
-    key->symmetricKeyLength = static_cast<std::uint32_t>(secret.size());
+    auto key = test::keyWith<KSP_KEY>(secret);
     key->persisted = true;
     return LiveRecords<KSP_KEY>::add(std::move(key));
 }
@@ -99,58 +97,40 @@ void useCspKey(HCRYPTKEY key) {
     for (const DWORD parameter : {KP_ALGID, KP_KEYLEN, KP_PERMISSIONS, KP_CERTIFICATE}) {
         const ExactBytes value(kCertificateCapacity);
         DWORD length = value.size();
-        cspCall([&] { return CPGetKeyParam(context, key, parameter, value.data(), &length, 0); });
+        cspCall(CPGetKeyParam, context, key, parameter, value.data(), &length, 0);
     }
     const ExactBytes blob(2048);
     DWORD blobLength = blob.size();
-    cspCall([&] { return CPExportKey(context, key, 0, PUBLICKEYBLOB, 0, blob.data(), &blobLength); });
+    cspCall(CPExportKey, context, key, 0, PUBLICKEYBLOB, 0, blob.data(), &blobLength);
     const ExactBytes data(512);
     DWORD length = 20;
-    if (cspCall([&] {
-            return CPEncrypt(context, key, 0, TRUE, CRYPT_OAEP, data.data(), &length, data.size());
-        })) {
-        cspCall([&] { return CPDecrypt(context, key, 0, TRUE, CRYPT_OAEP, data.data(), &length); });
+    if (cspCall(CPEncrypt, context, key, 0, TRUE, CRYPT_OAEP, data.data(), &length, data.size())) {
+        cspCall(CPDecrypt, context, key, 0, TRUE, CRYPT_OAEP, data.data(), &length);
     }
     HCRYPTHASH hash = 0;
-    require(cspCall([&] { return CPCreateHash(context, CALG_SHA_256, 0, 0, &hash); }), "a hash");
-    cspCall([&] { return CPVerifySignature(context, hash, data.data(), data.size(), key, nullptr, 0); });
-    require(cspCall([&] { return CPDestroyHash(context, hash); }), "a hash is destroyed");
+    require(cspCall(CPCreateHash, context, CALG_SHA_256, 0, 0, &hash), "a hash");
+    cspCall(CPVerifySignature, context, hash, data.data(), data.size(), key, nullptr, 0);
+    require(cspCall(CPDestroyHash, context, hash), "a hash is destroyed");
 }
 
 void useKspKey(NCRYPT_KEY_HANDLE key) {
     const NCRYPT_PROV_HANDLE provider = kspProvider();
-    const auto get = [](DWORD capacity, auto call) {
+    const auto get = [](DWORD capacity, auto function, auto... arguments) {
         const ExactBytes out(capacity);
         DWORD size = 0;
-        const bool done = kspCall([&] { return call(out, &size); });
+        const bool done = kspCall(function, arguments..., out.data(), out.size(), &size, 0);
         require(!done || size <= capacity, "what is written fits");
     };
-    for (const char* name : kPropertyNames) {
-        const ExactText property(name);
-        get(64, [&](const ExactBytes& out, DWORD* size) {
-            return KSPGetKeyProperty(provider, key, property.get(), out.data(), out.size(), size, 0);
-        });
-    }
-    for (const char* name : kBlobNames) {
-        const ExactText type(name);
-        get(1100, [&](const ExactBytes& out, DWORD* size) {
-            return KSPExportKey(provider, key, 0, type.get(), nullptr, out.data(), out.size(), size, 0);
-        });
-    }
+    for (const char* name : kPropertyNames)
+        get(64, KSPGetKeyProperty, provider, key, ExactText(name).get());
+    for (const char* name : kBlobNames)
+        get(1100, KSPExportKey, provider, key, 0, ExactText(name).get(), nullptr);
     const ExactBytes data(32);
-    get(512, [&](const ExactBytes& out, DWORD* size) {
-        return KSPEncrypt(provider, key, data.data(), data.size(), nullptr, out.data(), out.size(), size, 0);
-    });
-    get(32, [&](const ExactBytes& out, DWORD* size) {
-        return KSPDecrypt(provider, key, data.data(), data.size(), nullptr, out.data(), out.size(), size, 0);
-    });
-    get(512, [&](const ExactBytes& out, DWORD* size) {
-        return KSPSignHash(provider, key, nullptr, data.data(), data.size(), out.data(), out.size(), size, 0);
-    });
-    kspCall([&] {
-        return KSPVerifySignature(provider, key, nullptr, data.data(), data.size(), data.data(), data.size(),
-                                  0);
-    });
+    get(512, KSPEncrypt, provider, key, data.data(), data.size(), nullptr);
+    get(32, KSPDecrypt, provider, key, data.data(), data.size(), nullptr);
+    get(512, KSPSignHash, provider, key, nullptr, data.data(), data.size());
+    kspCall(KSPVerifySignature, provider, key, nullptr, data.data(), data.size(), data.data(), data.size(),
+            0);
 }
 
 } // namespace veltra::fuzz

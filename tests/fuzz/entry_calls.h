@@ -1,6 +1,7 @@
 #pragma once
 
 #include "fuzz/fuzz_target.h"
+#include "support/invocation.h"
 
 #include "csp/csp_entry_points.h"
 #include "foundation/wide_text.h"
@@ -15,30 +16,33 @@
 namespace veltra::fuzz {
 
 /// The last error in front of every call, and the value of a handle that no call has written.
-constexpr DWORD kUntouched = 0xCAFE;
+using test::kUntouched;
 
 /// Calls a CryptoAPI entry point and says whether it succeeded. A failure has to come with a last error.
-inline constexpr auto cspCall = [](auto call) {
+template <class... Parameters>
+bool cspCall(BOOL(WINAPI* entryPoint)(Parameters...), std::type_identity_t<Parameters>... arguments) {
     SetLastError(kUntouched);
-    const bool done = call() != FALSE;
+    const bool done = entryPoint(arguments...) != FALSE;
     const DWORD reason = GetLastError();
     require(done || (reason != kUntouched && reason != ERROR_SUCCESS), "a failing CP* sets the last error");
     return done;
-};
+}
 
 /// Calls a CNG entry point and says whether it succeeded. The last error is none of its business.
-inline constexpr auto kspCall = [](auto call) {
+template <class... Parameters>
+bool kspCall(SECURITY_STATUS(WINAPI* entryPoint)(Parameters...),
+             std::type_identity_t<Parameters>... arguments) {
     SetLastError(kUntouched);
-    const bool done = call() == 0;
+    const bool done = entryPoint(arguments...) == 0;
     require(GetLastError() == kUntouched, "a KSP* leaves the last error alone");
     return done;
-};
+}
 
-/// The handle that `make(&handle)` hands out, called by cspCall or kspCall: exactly when it succeeds.
-template <class Call, class Make>
-std::optional<ULONG_PTR> handleOf(Call call, Make make) {
+/// The handle that `make(&handle)` hands out: exactly when it succeeds.
+template <class Make>
+std::optional<ULONG_PTR> handleOf(Make make) {
     ULONG_PTR handle = kUntouched;
-    const bool done = call([&] { return make(&handle); });
+    const bool done = make(&handle);
     require(done == (handle != kUntouched), "a handle is handed out exactly with a success");
     return done ? std::optional(handle) : std::nullopt;
 }

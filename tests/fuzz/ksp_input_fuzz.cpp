@@ -22,7 +22,7 @@ NCRYPT_KEY_HANDLE openAnyKey(FuzzedDataProvider& input) {
 }
 
 bool freeKey(NCRYPT_KEY_HANDLE key) {
-    return kspCall([&] { return KSPFreeKey(kspProvider(), key); });
+    return kspCall(KSPFreeKey, kspProvider(), key);
 }
 
 // KSPImportKey
@@ -32,16 +32,16 @@ void importKey(FuzzedDataProvider& input) {
     const auto importKey = input.PickValueInArray<NCRYPT_KEY_HANDLE>({0, anyKey, kUntouched});
     const ExactText type(anyOf(input, kBlobNames));
     const ExactBytes blob(input.ConsumeRemainingBytes<unsigned char>());
-    const auto key = handleOf(kspCall, [&](NCRYPT_KEY_HANDLE* out) {
-        return KSPImportKey(kspProvider(), importKey, type.get(), nullptr, out, blob.data(), blob.size(), 0);
+    const auto key = handleOf([&](NCRYPT_KEY_HANDLE* out) {
+        return kspCall(KSPImportKey, kspProvider(), importKey, type.get(), nullptr, out, blob.data(),
+                       blob.size(), 0);
     });
     if (key) {
         useKspKey(*key);
-        const auto secret = handleOf(kspCall, [&](NCRYPT_SECRET_HANDLE* out) {
-            return KSPSecretAgreement(kspProvider(), anyKey, *key, out, 0);
+        const auto secret = handleOf([&](NCRYPT_SECRET_HANDLE* out) {
+            return kspCall(KSPSecretAgreement, kspProvider(), anyKey, *key, out, 0);
         });
-        if (secret)
-            require(kspCall([&] { return KSPFreeSecret(kspProvider(), *secret); }), "a secret is freed");
+        if (secret) require(kspCall(KSPFreeSecret, kspProvider(), *secret), "a secret is freed");
         require(freeKey(*key), "an imported key is freed");
     }
     freeKey(anyKey);
@@ -86,13 +86,13 @@ void setProperty(FuzzedDataProvider& input, NCRYPT_KEY_HANDLE key) {
     if (claimsTooMuch || name == "SmartCardPin") value.resize(255);
     const ExactBytes exact(value);
     BYTE* const data = input.ConsumeIntegral<BYTE>() == 0xFF ? nullptr : exact.data();
-    kspCall([&] { return KSPSetKeyProperty(kspProvider(), key, property.get(), data, claimed, 0); });
+    kspCall(KSPSetKeyProperty, kspProvider(), key, property.get(), data, claimed, 0);
 }
 
 NCRYPT_KEY_HANDLE createKey(FuzzedDataProvider& input) {
     const ExactText algorithm(input.PickValueInArray({"RSA", "ECDSA_P256", "ECDH_P521"}));
     NCRYPT_KEY_HANDLE key = 0;
-    kspCall([&] { return KSPCreatePersistedKey(kspProvider(), &key, algorithm.get(), nullptr, 0, 0); });
+    kspCall(KSPCreatePersistedKey, kspProvider(), &key, algorithm.get(), nullptr, 0, 0);
     return key;
 }
 
@@ -101,7 +101,7 @@ void setKeyProperty(FuzzedDataProvider& input) {
     const NCRYPT_KEY_HANDLE key = isNew ? createKey(input) : openAnyKey(input);
     for (int count = input.ConsumeIntegralInRange(1, 6); count > 0 && input.remaining_bytes() > 0; --count)
         setProperty(input, key);
-    kspCall([&] { return KSPFinalizeKey(kspProvider(), key, 0); });
+    kspCall(KSPFinalizeKey, kspProvider(), key, 0);
     useKspKey(key);
     require(freeKey(key), "a key is freed");
 }
@@ -198,9 +198,8 @@ void deriveKey(FuzzedDataProvider& input) {
     const ExactBytes out(input.ConsumeIntegralInRange<std::size_t>(0, 70));
     BYTE* const data = input.ConsumeBool() ? nullptr : out.data();
     DWORD size = kUntouched;
-    const bool done = kspCall([&] {
-        return KSPDeriveKey(kspProvider(), handle, name.get(), &description, data, out.size(), &size, 0);
-    });
+    const bool done =
+        kspCall(KSPDeriveKey, kspProvider(), handle, name.get(), &description, data, out.size(), &size, 0);
     const bool hasRoom = data == nullptr || out.size() != 0;
     const bool concatenates = function == kFunctions[0];
     const bool isTooLong = list.isNameTooLong || (concatenates && list.isInputTooLong);
@@ -211,7 +210,7 @@ void deriveKey(FuzzedDataProvider& input) {
                 "the length of the key");
         require(data == nullptr || std::equal(data, data + size, digest.begin()), "the key");
     }
-    require(kspCall([&] { return KSPFreeSecret(kspProvider(), handle); }), "a secret is freed");
+    require(kspCall(KSPFreeSecret, kspProvider(), handle), "a secret is freed");
 }
 
 std::vector<Bytes> deriveSeeds() {

@@ -1,8 +1,5 @@
 #include "support/both_front_ends.h"
 
-#include "support/blob_bytes.h"
-#include "support/googletest.h"
-
 #include "csp/container_map.h"
 #include "csp/hash_context.h"
 #include "csp/key_handle.h"
@@ -13,32 +10,33 @@
 #include "token/device_state.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace veltra::test {
 
 namespace {
 
-constexpr std::size_t kAesKeyBytes = 16;
-
 template <class... Records>
-int kindAmong(std::uintptr_t handle) {
-    int kind = 0, found = 0;
-    ((++kind, found = LiveRecords<Records>::find(handle) != nullptr ? kind : found), ...);
-    return found;
-}
+struct Kinds {
+    /// The number of the kind of a live object, from 1, and the object.
+    static std::pair<int, std::shared_ptr<void>> find(std::uintptr_t handle) {
+        int kind = 0;
+        std::shared_ptr<void> found;
+        const bool isLive = ((++kind, found = LiveRecords<Records>::find(handle)) || ...);
+        return {isLive ? kind : 0, found};
+    }
+    static bool release(std::uintptr_t handle) {
+        return ((LiveRecords<Records>::take(handle) != nullptr) || ...);
+    }
+};
 
-template <class... Records>
-bool releaseAmong(std::uintptr_t handle) {
-    return ((LiveRecords<Records>::take(handle) != nullptr) || ...);
-}
+using AllKinds = Kinds<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>;
 
 /// An AES key object that holds its key, as an import makes it.
 template <class Key>
 std::uintptr_t addAesKey(std::uint32_t Key::*bits) {
-    auto key = std::make_unique<Key>();
-    std::fill_n(key->symmetricKey.data(), kAesKeyBytes, static_cast<unsigned char>('K'));
-    key->symmetricKeyLength = kAesKeyBytes;
-    key.get()->*bits = kAesKeyBytes * 8;
+    auto key = keyWith<Key>(Bytes(16, 'K'));
+    key.get()->*bits = 128;
     return LiveRecords<Key>::add(std::move(key));
 }
 
@@ -57,12 +55,15 @@ ScriptedToken& freshToken(const std::string& serial) {
 } // namespace
 
 bool releaseAny(std::uintptr_t handle) {
-    return releaseAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>(
-        handle);
+    return AllKinds::release(handle);
 }
 
 int kindOf(std::uintptr_t handle) {
-    return kindAmong<CSP_CONTEXT, KEY_HANDLE, HASH_CONTEXT, KSP_PROVIDER, KSP_KEY, KSP_SECRET, void>(handle);
+    return AllKinds::find(handle).first;
+}
+
+std::shared_ptr<void> recordOf(std::uintptr_t handle) {
+    return AllKinds::find(handle).second;
 }
 
 Bytes ciphertextOf(const Bytes& plaintext) {
@@ -82,16 +83,22 @@ BothFrontEnds::BothFrontEnds(const std::string& serial)
     const BYTE byte = 'x';
     aesKey = addAesKey(&KEY_HANDLE::keyBits);
     cngAesKey = addAesKey(&KSP_KEY::bitLength);
-    EXPECT_TRUE(CPAcquireContext(&context, container.c_str(), 0, table) &&
-                CPGetUserKey(context, AT_KEYEXCHANGE, &rsaKey) &&
-                CPCreateHash(context, CALG_SHA_256, 0, 0, &hash) &&
-                CPCreateHash(context, CALG_HMAC, aesKey, 0, &hmac) &&
-                CPSetHashParam(context, hmac, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&hmacInfo), 0) &&
-                CPHashData(context, hmac, &byte, 1, 0));
-    EXPECT_EQ(0, KSPOpenProvider(&provider, nullptr, 0) | KSPOpenKey(provider, &cngRsaKey, rsaName, 0, 0) |
-                     KSPOpenKey(provider, &cngEcKey, ecName, 0, 0) |
-                     KSPCreatePersistedKey(provider, &cngNewKey, L"RSA", nullptr, 0, 0) |
-                     KSPSecretAgreement(provider, cngEcKey, cngEcKey, &secret, 0));
+    const bool csp =
+        CPAcquireContext(&context, container.c_str(), 0, table) &&
+        CPGetUserKey(context, AT_KEYEXCHANGE, &rsaKey) && CPCreateHash(context, CALG_SHA_256, 0, 0, &hash) &&
+        CPCreateHash(context, CALG_HMAC, aesKey, 0, &hmac) &&
+        CPSetHashParam(context, hmac, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&hmacInfo), 0) &&
+        CPHashData(context, hmac, &byte, 1, 0);
+    NCryptAlgorithmName* algorithms = nullptr;
+    DWORD count = 0;
+    const bool cng =
+        0 == (KSPOpenProvider(&provider, nullptr, 0) | KSPOpenKey(provider, &cngRsaKey, rsaName, 0, 0) |
+              KSPOpenKey(provider, &cngEcKey, ecName, 0, 0) |
+              KSPCreatePersistedKey(provider, &cngNewKey, L"RSA", nullptr, 0, 0) |
+              KSPSecretAgreement(provider, cngEcKey, cngEcKey, &secret, 0) |
+              KSPEnumAlgorithms(provider, 0, &count, &algorithms, 0));
+    if (!csp || !cng) throw std::logic_error("a world without all its objects");
+    block = reinterpret_cast<ULONG_PTR>(algorithms);
     resetOutput();
 }
 
@@ -111,8 +118,8 @@ void BothFrontEnds::resetOutput() {
 }
 
 std::vector<std::uintptr_t> BothFrontEnds::liveHandles() const {
-    std::vector<std::uintptr_t> handles = {context,   rsaKey,   aesKey,    hash,      hmac,  provider,
-                                           cngRsaKey, cngEcKey, cngAesKey, cngNewKey, secret};
+    std::vector<std::uintptr_t> handles = {context,   rsaKey,   aesKey,    hash,      hmac,   provider,
+                                           cngRsaKey, cngEcKey, cngAesKey, cngNewKey, secret, block};
     std::erase_if(handles, [](std::uintptr_t handle) { return kindOf(handle) == 0; });
     return handles;
 }

@@ -5,6 +5,9 @@
 #include "csp/csp_entry_points.h"
 #include "ksp/ksp_entry_points.h"
 
+#include <algorithm>
+#include <memory>
+#include <span>
 #include <string>
 
 namespace veltra::test {
@@ -60,15 +63,27 @@ struct BothFrontEnds {
     NCRYPT_KEY_HANDLE cngAesKey = 0;
     NCRYPT_KEY_HANDLE cngNewKey = 0; ///< created, not finalised
     NCRYPT_SECRET_HANDLE secret = 0;
+    ULONG_PTR block = 0; ///< a list that CNG has handed out
 
     Bytes input;
     Output out;
 };
 
+/// A key object of either front end that holds these bytes of a key.
+template <class Key>
+std::unique_ptr<Key> keyWith(std::span<const unsigned char> bytes) {
+    auto key = std::make_unique<Key>();
+    std::ranges::copy(bytes, key->symmetricKey.data());
+    key->symmetricKeyLength = static_cast<std::uint32_t>(bytes.size());
+    return key;
+}
+
 /// Releases the object behind a handle of any kind; false when there is none.
 bool releaseAny(std::uintptr_t handle);
 /// A number for the kind of a live object; 0 when there is none.
 int kindOf(std::uintptr_t handle);
+/// What is behind a live handle of any kind: as long as it is held, nothing else gets its address.
+std::shared_ptr<void> recordOf(std::uintptr_t handle);
 
 /// A PKCS#1 ciphertext of `plaintext` as the token has it: big-endian.
 Bytes ciphertextOf(const Bytes& plaintext);

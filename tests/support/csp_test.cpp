@@ -1,26 +1,15 @@
 #include "support/csp_test.h"
 
+#include "support/both_front_ends.h"
+
 #include "foundation/text.h"
 #include "token/device_state.h"
 
-#include <algorithm>
-
 namespace veltra::test {
-
-CspTest::~CspTest() {
-    const HCRYPTPROV any = acquire(nullptr, CRYPT_VERIFYCONTEXT);
-    for (const HCRYPTHASH hash : hashes_)
-        CPDestroyHash(any, hash);
-    for (const HCRYPTKEY key : keys_)
-        CPDestroyKey(any, key);
-    for (const HCRYPTPROV context : contexts_)
-        CPReleaseContext(context, 0);
-}
 
 HCRYPTPROV CspTest::acquire(const char* container, DWORD flags) {
     HCRYPTPROV context = 0;
-    if (tryAcquire(&context, container, flags)) contexts_.push_back(context);
-    return context;
+    return tryAcquire(&context, container, flags) ? keep(context) : 0;
 }
 
 BOOL CspTest::tryAcquire(HCRYPTPROV* context, const char* container, DWORD flags) {
@@ -30,8 +19,7 @@ BOOL CspTest::tryAcquire(HCRYPTPROV* context, const char* container, DWORD flags
 HCRYPTHASH CspTest::createHash(HCRYPTPROV context, ALG_ID algorithm, HCRYPTKEY key) {
     HCRYPTHASH hash = 0;
     EXPECT_TRUE(CPCreateHash(context, algorithm, key, 0, &hash));
-    hashes_.push_back(hash);
-    return hash;
+    return keep(hash);
 }
 
 BOOL CspTest::hashData(HCRYPTPROV context, HCRYPTHASH hash, const std::string& data) {
@@ -57,19 +45,11 @@ HCRYPTHASH CspTest::hashWithValue(HCRYPTPROV context, unsigned char firstByte) {
 
 HCRYPTKEY CspTest::userKey(HCRYPTPROV context, DWORD keySpec) {
     HCRYPTKEY key = 0;
-    if (CPGetUserKey(context, keySpec, &key)) keys_.push_back(key);
-    return key;
-}
-
-HCRYPTKEY CspTest::addKey(std::unique_ptr<KEY_HANDLE> key) {
-    return keys_.emplace_back(LiveRecords<KEY_HANDLE>::add(std::move(key)));
+    return CPGetUserKey(context, keySpec, &key) ? keep(key) : 0;
 }
 
 HCRYPTKEY CspTest::addSymmetricKey(const std::string& bytes) {
-    auto key = std::make_unique<KEY_HANDLE>();
-    std::copy(bytes.begin(), bytes.end(), key->symmetricKey.data());
-    key->symmetricKeyLength = static_cast<std::uint32_t>(bytes.size());
-    return addKey(std::move(key));
+    return addKey(keyWith<KEY_HANDLE>({reinterpret_cast<const BYTE*>(bytes.data()), bytes.size()}));
 }
 
 std::string CspTest::textOf(const KEY_HANDLE& key) {
@@ -77,10 +57,6 @@ std::string CspTest::textOf(const KEY_HANDLE& key) {
                   " id=", toHex({key.keyId, 2}), "..(", key.keyIdLength,
                   ") credential=", toHex({key.credentialId, key.credentialIdLength}), " label=", key.label,
                   " secret=", toHex({key.symmetricKey.data(), key.symmetricKeyLength}));
-}
-
-void CspTest::storePinOfToken() {
-    storePin(serial, Pin(token.pin));
 }
 
 std::string CspTest::storedPin() const {

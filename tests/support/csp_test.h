@@ -7,12 +7,9 @@
 
 namespace veltra::test {
 
-/// Fixture of the CryptoAPI tests: provider functions with the arguments that vary, and hash and key objects
-/// that are destroyed behind the test.
+/// Fixture of the CryptoAPI tests: provider functions with the arguments that vary.
 class CspTest : public ProviderTest {
 protected:
-    ~CspTest() override;
-
     /// A context that the fixture releases; 0 when it is refused.
     HCRYPTPROV acquire(const char* container = nullptr, DWORD flags = 0);
     /// A context whose container is the key pair `digit` ('1': 0x11).
@@ -29,27 +26,17 @@ protected:
     HCRYPTHASH hashWithValue(HCRYPTPROV context, unsigned char firstByte = 0x11);
 
     HCRYPTKEY userKey(HCRYPTPROV context, DWORD keySpec);
-    /// A key object made without the provider, such as one with symmetric key bytes.
-    HCRYPTKEY addKey(std::unique_ptr<KEY_HANDLE> key);
     HCRYPTKEY addSymmetricKey(const std::string& bytes);
 
     /// What the object holds: "algId/bits/mode/usage/flag id=AEAE..(16) credential=AE label=... secret=" and
     /// the bytes of a symmetric key.
     static std::string textOf(const KEY_HANDLE& key);
 
-    /// Makes the PIN of the fixture's token known to the provider, as an earlier login would have.
-    void storePinOfToken();
     std::string storedPin() const;
 
     /// The provider looks at no more of its table than that there is one, and not every system header
     /// declares it.
-    VTableProvStruc* const table = reinterpret_cast<VTableProvStruc*>(&tableStandIn_);
-
-private:
-    std::uintptr_t tableStandIn_ = 0;
-    std::vector<HCRYPTPROV> contexts_;
-    std::vector<HCRYPTHASH> hashes_;
-    std::vector<HCRYPTKEY> keys_;
+    VTableProvStruc* const table = reinterpret_cast<VTableProvStruc*>(this);
 };
 
 } // namespace veltra::test

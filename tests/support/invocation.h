@@ -4,13 +4,15 @@
 
 #include <cstdint>
 #include <functional>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace veltra::test {
 
 using Values = std::vector<std::uintptr_t>;
+
+/// The last error in front of every call.
+constexpr DWORD kUntouched = 0xCAFE;
 
 /// Calls a function with arguments of any type; what it returned.
 using Invocation = std::function<DWORD(const Values&)>;
@@ -22,16 +24,8 @@ inline std::uintptr_t addressOf(const void* pointer) {
 template <class Result, class... Parameters>
 Invocation invocation(Result(WINAPI* function)(Parameters...)) {
     return [function](const Values& values) {
-        const auto convert = []<class Parameter>(std::uintptr_t value, std::type_identity<Parameter>) {
-            if constexpr (std::is_pointer_v<Parameter>) {
-                return reinterpret_cast<Parameter>(value);
-            } else {
-                return static_cast<Parameter>(value);
-            }
-        };
         return [&]<std::size_t... Index>(std::index_sequence<Index...>) {
-            return static_cast<DWORD>(
-                function(convert(values.at(Index), std::type_identity<Parameters>())...));
+            return static_cast<DWORD>(function(Parameters(values.at(Index))...));
         }
         (std::index_sequence_for<Parameters...>());
     };

@@ -1,10 +1,9 @@
 #include "support/ksp_test.h"
 
-#include "ksp/ksp_provider.h"
-#include "token/device_state.h"
+#include "support/both_front_ends.h"
+
 #include "token/key_pairs.h"
 
-#include <algorithm>
 #include <ostream>
 
 namespace veltra::test {
@@ -29,17 +28,10 @@ KspTest::KspTest() {
     library.clearCalls();
 }
 
-KspTest::~KspTest() {
-    for (const NCRYPT_KEY_HANDLE key : keys_)
-        LiveRecords<KSP_KEY>::take(key).reset();
-    for (const NCRYPT_PROV_HANDLE opened : providers_)
-        KSPFreeProvider(opened);
-}
-
 NCRYPT_PROV_HANDLE KspTest::openProvider() {
     NCRYPT_PROV_HANDLE opened = 0;
     EXPECT_EQ(KSPOpenProvider(&opened, nullptr, 0), 0);
-    return providers_.emplace_back(opened);
+    return keep(opened);
 }
 
 StatusAnswer KspTest::call(const std::function<SECURITY_STATUS()>& entryPoint) {
@@ -75,19 +67,8 @@ NCRYPT_KEY_HANDLE KspTest::addKey(const VeltraKeyPair& pair) {
     return addKey(std::move(key));
 }
 
-NCRYPT_KEY_HANDLE KspTest::addKey(std::unique_ptr<KSP_KEY> key) {
-    return keys_.emplace_back(LiveRecords<KSP_KEY>::add(std::move(key)));
-}
-
 NCRYPT_KEY_HANDLE KspTest::addSymmetricKey(const std::string& bytes) {
-    auto key = std::make_unique<KSP_KEY>();
-    std::copy(bytes.begin(), bytes.end(), key->symmetricKey.data());
-    key->symmetricKeyLength = static_cast<std::uint32_t>(bytes.size());
-    return addKey(std::move(key));
-}
-
-void KspTest::storePinOfToken() {
-    storePin(serial, Pin(token.pin));
+    return addKey(keyWith<KSP_KEY>({reinterpret_cast<const BYTE*>(bytes.data()), bytes.size()}));
 }
 
 } // namespace veltra::test

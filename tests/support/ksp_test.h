@@ -24,12 +24,10 @@ StatusAnswer failed(SECURITY_STATUS status, std::vector<std::string> errors);
 /// Success without an error line.
 StatusAnswer succeeded();
 
-/// Fixture of the key storage provider's tests: a provider on the scripted token, and key objects that are
-/// freed behind the test.
+/// Fixture of the key storage provider's tests: a provider on the scripted token.
 class KspTest : public ProviderTest {
 protected:
     KspTest();
-    ~KspTest() override;
 
     /// A provider that the fixture frees.
     NCRYPT_PROV_HANDLE openProvider();
@@ -50,18 +48,11 @@ protected:
 
     /// A key object as KSPOpenKey makes it of this pair, made without it.
     NCRYPT_KEY_HANDLE addKey(const VeltraKeyPair& pair);
-    NCRYPT_KEY_HANDLE addKey(std::unique_ptr<KSP_KEY> key);
+    using ProviderTest::addKey;
     NCRYPT_KEY_HANDLE addSymmetricKey(const std::string& bytes);
-
-    /// Makes the PIN of the fixture's token known to the provider, as an earlier login would have.
-    void storePinOfToken();
 
     NCRYPT_PROV_HANDLE provider = 0;
     DWORD size = 0; ///< what an entry point says of a length
-
-private:
-    std::vector<NCRYPT_PROV_HANDLE> providers_;
-    std::vector<NCRYPT_KEY_HANDLE> keys_;
 };
 
 } // namespace veltra::test

@@ -10,6 +10,8 @@ namespace {
 
 constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
 
+} // namespace
+
 std::string readFile(const std::string& path) {
     HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                               OPEN_EXISTING, 0, nullptr);
@@ -21,8 +23,6 @@ std::string readFile(const std::string& path) {
     text.resize(length);
     return text;
 }
-
-} // namespace
 
 void useOwnLogFolder() {
     static const bool once = [] {

@@ -20,6 +20,8 @@ std::vector<std::string> logFiles();
 std::string readLog();
 void removeLog();
 
+/// The contents of a file; empty when it cannot be read.
+std::string readFile(const std::string& path);
 std::vector<std::string> linesOf(const std::string& text);
 
 /// "ERROR CPHashData: ..." of a line "15/11::06:57:53:123-> ->ERROR ::=>CPHashData: ...".

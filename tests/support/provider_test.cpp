@@ -1,8 +1,10 @@
 #include "support/provider_test.h"
 
+#include "support/both_front_ends.h"
 #include "support/sanitizer_stack.h"
 
 #include "token/device_monitor.h"
+#include "token/device_state.h"
 
 #include <array>
 #include <atomic>
@@ -96,6 +98,12 @@ ProviderTest::ProviderTest() : token((library.reset(), library.addToken(serial))
 
 ProviderTest::~ProviderTest() {
     setPinPrompt(nullptr);
+    for (const std::uintptr_t handle : handles_)
+        releaseAny(handle);
+}
+
+void ProviderTest::storePinOfToken() {
+    storePin(serial, Pin(token.pin));
 }
 
 void ProviderTest::TearDownTestSuite() {

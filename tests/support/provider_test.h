@@ -1,16 +1,20 @@
 #pragma once
 
 #include "support/googletest.h"
+#include "support/invocation.h"
 #include "support/log_file.h"
 #include "support/scripted_device_library.h"
 #include "support/scripted_pin_prompt.h"
 
+#include "foundation/live_records.h"
 #include "foundation/windows.h"
 
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace veltra::test {
@@ -27,9 +31,6 @@ std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 
 /// FALSE, with this last error and exactly these error lines.
 Answer refused(DWORD lastError, std::vector<std::string> errors);
-
-/// The last error that run() sets in front of the call.
-constexpr DWORD kUntouched = 0xCAFE;
 
 /// TRUE with this last error and no error line.
 Answer accepted(DWORD lastError = kUntouched);
@@ -61,16 +62,21 @@ protected:
         return run([&] { return entryPoint(arguments...); });
     }
 
-    /// The last call wrote each of these debug lines.
-    void expectLogged(const std::vector<std::string>& lines) const {
-        EXPECT_THAT(debugLines, testing::IsSupersetOf(lines));
-    }
-
     /// The lines written since the last look, without time stamps ("ERROR CPHashData: ..."). Lines of the
     /// device monitor's thread are left out: they come at any time.
     std::vector<std::string> takeLogLines();
     /// The same with nothing cut off or left out.
     std::vector<std::string> takeRawLogLines();
+
+    /// Releases the object of a handle, if it is still there, behind the test.
+    std::uintptr_t keep(std::uintptr_t handle) { return handles_.emplace_back(handle); }
+    /// A key object of either front end that is made without it.
+    template <class Key>
+    std::uintptr_t addKey(std::unique_ptr<Key> key) {
+        return keep(LiveRecords<Key>::add(std::move(key)));
+    }
+    /// Makes the PIN of the fixture's token known to the provider, as an earlier login would have.
+    void storePinOfToken();
 
     /// A name that no other test uses.
     static std::string freshName(const std::string& stem);
@@ -83,6 +89,7 @@ protected:
 
 private:
     std::size_t logOffset_ = 0;
+    std::vector<std::uintptr_t> handles_;
 };
 
 } // namespace veltra::test

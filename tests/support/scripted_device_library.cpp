@@ -1,13 +1,16 @@
 #include "support/scripted_device_library.h"
 
+#include "support/blob_bytes.h"
+
+#include "foundation/text.h"
 #include "foundation/windows.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <new>
-#include <numeric>
 #include <sstream>
 #include <stdexcept>
 
@@ -16,14 +19,8 @@ namespace veltra::test {
 namespace {
 
 // Codes without a meaning of their own: the provider must pass them on to its log and nowhere else.
-constexpr int kNoSuchToken = 71;
-constexpr int kNoSuchKey = 72;
-constexpr int kWrongPin = 73;
-constexpr int kBufferTooSmall = 74;
-constexpr int kBadSignature = 75;
-constexpr int kNoSuchHash = 76;
-constexpr int kNotACiphertext = 77;
-constexpr int kNotACertificate = 78;
+constexpr int kNoSuchToken = 71, kNoSuchKey = 72, kWrongPin = 73, kBufferTooSmall = 74, kBadSignature = 75,
+              kNoSuchHash = 76, kNotACiphertext = 77, kNotACertificate = 78;
 
 constexpr std::size_t kAesBlock = 16;
 constexpr int kLongestRsaCiphertext = 512;
@@ -32,22 +29,7 @@ constexpr std::size_t kSignatureBytes[] = {0, 128, 256, 384, 512, 64, 96, 132};
 constexpr std::size_t kPublicKeyBytes[] = {0, 128, 256, 384, 512, 65, 97, 133};
 constexpr std::size_t kDigestBytes[] = {0, 0, 20, 32, 48, 64, 28}; // by mechanism
 
-std::string hex(const unsigned char* bytes, std::size_t length) {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    for (std::size_t i = 0; i < length; ++i) {
-        text += kDigits[bytes[i] >> 4];
-        text += kDigits[bytes[i] & 15];
-    }
-    return text;
-}
-
-/// The bytes themselves up to 4, else the first and last two with the length: "0102..FF00(256)".
-std::string show(const unsigned char* bytes, int length) {
-    if (!bytes) return "null(" + std::to_string(length) + ")";
-    if (length <= 4) return length > 0 ? hex(bytes, static_cast<std::size_t>(length)) : "empty";
-    return hex(bytes, 2) + ".." + hex(bytes + length - 2, 2) + "(" + std::to_string(length) + ")";
-}
+// The arguments of a recorded call.
 
 struct Block {
     const unsigned char* bytes;
@@ -58,12 +40,20 @@ struct KeyId {
     const unsigned char* bytes;
 };
 
-// The arguments of a recorded call.
+std::string ends(const unsigned char* bytes, std::size_t length) {
+    return toHex({bytes, 2}) + ".." + toHex({bytes + length - 2, 2});
+}
+
+/// The bytes themselves up to 4, else the first and last two with the length: "0102..FF00(256)".
 std::string show(const Block& block) {
-    return show(block.bytes, block.length);
+    const std::string number = "(" + std::to_string(block.length) + ")";
+    if (!block.bytes) return "null" + number;
+    if (block.length <= 0) return "empty";
+    const auto length = static_cast<std::size_t>(block.length);
+    return length <= 4 ? toHex({block.bytes, length}) : ends(block.bytes, length) + number;
 }
 std::string show(const KeyId& id) {
-    return id.bytes ? hex(id.bytes, 2) + ".." + hex(id.bytes + kKeyIdLength - 2, 2) : "null";
+    return id.bytes ? ends(id.bytes, kKeyIdLength) : "null";
 }
 std::string show(const std::string& text) {
     return text;
@@ -74,16 +64,23 @@ std::string show(const char* text) {
 std::string show(const int* value) {
     return value ? std::to_string(*value) : "null";
 }
-template <class Number>
-requires(std::is_arithmetic_v<Number> || std::is_enum_v<Number>) std::string show(Number value) {
-    return std::to_string(static_cast<std::int64_t>(value));
+std::string show(std::int64_t value) {
+    return std::to_string(value);
 }
 
-/// "name=value, name=value".
-template <class Value, class... Rest>
-std::string showAll(const char* name, const Value& value, const Rest&... rest) {
-    std::string text = name + ("=" + show(value));
-    if constexpr (sizeof...(rest) > 0) text += ", " + showAll(rest...);
+std::string_view firstOf(std::string_view words) {
+    return words.substr(0, words.find(' '));
+}
+
+/// "name=value, name=value", with the names behind the first of these words.
+template <class... Values>
+std::string showAll(std::string_view words, const Values&... values) {
+    std::string text;
+    const auto add = [&](const std::string& value) {
+        words.remove_prefix(words.find(' ') + 1);
+        text.append(text.empty() ? "" : ", ").append(firstOf(words)).append("=").append(value);
+    };
+    (add(show(values)), ...);
     return text;
 }
 
@@ -140,7 +137,7 @@ Record& append(std::vector<Record>& records, unsigned char id) {
 } // namespace
 
 std::string keyNameOf(const unsigned char* keyId) {
-    return hex(keyId, kKeyIdLength);
+    return toHex({keyId, kKeyIdLength});
 }
 
 void ScriptedToken::logIn() {
@@ -259,14 +256,11 @@ Bytes ScriptedDeviceLibrary::fakeDigest(int mechanism, const Bytes& data) {
 }
 
 Bytes ScriptedDeviceLibrary::fakeSignature(std::uint32_t keyType) {
-    Bytes signature(kSignatureBytes[keyType]);
-    std::iota(signature.begin(), signature.end(), static_cast<unsigned char>(1));
-    return signature;
+    return counting(kSignatureBytes[keyType], 1);
 }
 
 Bytes ScriptedDeviceLibrary::publicKeyOf(std::uint32_t keyType) {
-    Bytes key(kPublicKeyBytes[keyType]);
-    std::iota(key.begin(), key.end(), static_cast<unsigned char>(0xC0));
+    Bytes key = counting(kPublicKeyBytes[keyType], 0xC0);
     if (keyType >= kKeyTypeEcP256) key[0] = 4;
     return key;
 }
@@ -279,16 +273,15 @@ Bytes ScriptedDeviceLibrary::maskOf(Bytes bytes) {
 
 Bytes ScriptedDeviceLibrary::fakeCertificate(const std::string& commonName, const std::string& issuer,
                                              const std::string& subject) {
-    const std::string text = commonName + "|" + issuer + "|" + subject;
-    Bytes der = {0x30, 0x82, static_cast<unsigned char>(text.size() >> 8),
-                 static_cast<unsigned char>(text.size())};
-    der.insert(der.end(), text.begin(), text.end());
-    return der;
+    const Bytes text = bytesOf(commonName + "|" + issuer + "|" + subject);
+    return joined(
+        {{0x30, 0x82}, {static_cast<BYTE>(text.size() >> 8), static_cast<BYTE>(text.size())}, text});
 }
 
-Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arguments) {
+Script ScriptedDeviceLibrary::begin(std::string_view function, const std::string& arguments) {
     SetLastError(0xBAD); // as a library does whose work fails somewhere inside
-    calls_.push_back({std::this_thread::get_id(), function, std::string(function) + "(" + arguments + ")"});
+    calls_.push_back(
+        {std::this_thread::get_id(), std::string(function), concat(function, "(", arguments, ")")});
     if (look_) look_(calls_.back().text);
     Script merged;
     for (ScriptState& state : scripts_) {
@@ -300,7 +293,7 @@ Script ScriptedDeviceLibrary::begin(const char* function, const std::string& arg
         if (state.script.onCall == 0 || state.script.onCall == state.callsSeen) merged = state.script;
     }
     if (merged.outOfMemory) throw std::bad_alloc();
-    if (merged.throws) throw std::runtime_error(std::string("scripted fault in ") + function);
+    if (merged.throws) throw std::runtime_error(concat("scripted fault in ", function));
     return merged;
 }
 
@@ -323,11 +316,11 @@ using In = const unsigned char*; ///< bytes that a function is given
 class ScriptedFunctions final : public ScriptedDeviceLibrary {
 public:
     int veltra_init(int mode, void* ctx, int kind) override {
-        return Call(*this, "veltra_init", ctx, "mode", mode, "kind", kind).script.result;
+        return Call(*this, ctx, "veltra_init mode kind", mode, kind).script.result;
     }
 
     std::vector<std::string> veltra_getConnectedDeviceList(bool refresh, void* ctx) override {
-        const Call call(*this, "veltra_getConnectedDeviceList", ctx, "refresh", refresh);
+        const Call call(*this, ctx, "veltra_getConnectedDeviceList refresh", refresh);
         std::vector<std::string> serials;
         if (call.script.result) return serials;
         for (const auto& token : tokens_)
@@ -336,21 +329,21 @@ public:
     }
 
     int veltra_initDevice(const char* serial, bool reread, void* ctx) override {
-        const Call call(*this, "veltra_initDevice", ctx, "serial", serial, "reread", reread);
+        const Call call(*this, ctx, "veltra_initDevice serial reread", serial, reread);
         if (call.script.result) return call.script.result;
         return find(serial) ? kDeviceOk : kNoSuchToken;
     }
 
     TokenInfo veltra_getTokenInfo(const char* serial, void* ctx) override {
-        const Call call(*this, "veltra_getTokenInfo", ctx, "serial", serial);
+        const Call call(*this, ctx, "veltra_getTokenInfo serial", serial);
         const ScriptedToken* token = find(serial);
         return token && !call.script.result ? token->info : TokenInfo{};
     }
 
     int veltra_validatePassword(const char* serial, const char* pin, int mode, int* remaining,
                                 void* ctx) override {
-        const Call call(*this, "veltra_validatePassword", ctx, "serial", serial, "pin", pin, "mode", mode,
-                        "remaining", remaining);
+        const Call call(*this, ctx, "veltra_validatePassword serial pin mode remaining", serial, pin, mode,
+                        remaining);
         if (call.script.result) return call.script.result;
         ScriptedToken* token = find(serial);
         if (!token) return kNoSuchToken;
@@ -360,15 +353,14 @@ public:
     }
 
     std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char* serial, void* ctx) override {
-        const Call call(*this, "veltra_getKeyPairList", ctx, "serial", serial);
-        return listFor(serial, call.script, keyPairLists_, &ScriptedToken::keyPairs,
-                       &VeltraKeyPair::publicKeyLength);
+        const Call call(*this, ctx, "veltra_getKeyPairList serial", serial);
+        return listFor(serial, call.script, &ScriptedToken::keyPairs, &VeltraKeyPair::publicKeyLength);
     }
 
     int veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout,
                                void* ctx) override {
-        Call call(*this, "veltra_generateKeyPair", ctx, "serial", serial, "pin", pin, "type", inout->keyType,
-                  "usage", inout->usage, "label", quoted(inout->label));
+        Call call(*this, ctx, "veltra_generateKeyPair serial pin type usage label", serial, pin,
+                  inout->keyType, inout->usage, quoted(inout->label));
         if (const int code = call.logIn(serial, pin)) return code;
         if (inout->keyType < kKeyTypeRsa1024 || inout->keyType > kKeyTypeEcP521) return kNoSuchKey;
         const auto id = static_cast<unsigned char>(0xE0 + ++generatedKeys_ % 32);
@@ -379,8 +371,7 @@ public:
     }
 
     int veltra_deleteKeyPair(const char* serial, In keyId, const char* pin, bool flag, void* ctx) override {
-        Call call(*this, "veltra_deleteKeyPair", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin,
-                  "flag", flag);
+        Call call(*this, ctx, "veltra_deleteKeyPair serial key pin flag", serial, KeyId{keyId}, pin, flag);
         if (const int code = call.logIn(serial, pin)) return code;
         const auto deleted = std::erase_if(call.token->keyPairs,
                                            [&](const VeltraKeyPair& pair) { return hasId(pair, keyId); });
@@ -389,18 +380,18 @@ public:
 
     int veltra_updateKeyPairDetails(const char* serial, In keyId, const char* pin, const char* label, In data,
                                     int length, void* ctx) override {
-        return Call(*this, "veltra_updateKeyPairDetails", ctx, "serial", serial, "key", KeyId{keyId}, "pin",
-                    pin, "label", label, "data", Block{data, length})
+        return Call(*this, ctx, "veltra_updateKeyPairDetails serial key pin label data", serial, KeyId{keyId},
+                    pin, label, Block{data, length})
             .script.result;
     }
 
     std::vector<VeltraCertificate>& veltra_getCertificateList(const char* serial, void* ctx) override {
-        const Call call(*this, "veltra_getCertificateList", ctx, "serial", serial);
+        const Call call(*this, ctx, "veltra_getCertificateList serial", serial);
         return certificatesOf(serial, call.script);
     }
 
     VeltraCertificate* veltra_findCertificateForKey(const char* serial, In keyId, void* ctx) override {
-        const Call call(*this, "veltra_findCertificateForKey", ctx, "serial", serial, "key", KeyId{keyId});
+        const Call call(*this, ctx, "veltra_findCertificateForKey serial key", serial, KeyId{keyId});
         for (VeltraCertificate& certificate : certificatesOf(serial, call.script))
             if (hasId(certificate, keyId)) return &certificate;
         return nullptr;
@@ -408,8 +399,8 @@ public:
 
     int veltra_importCertificate(const char* serial, const char* pin, VeltraCertificate* inout,
                                  void* ctx) override {
-        Call call(*this, "veltra_importCertificate", ctx, "serial", serial, "pin", pin, "key",
-                  KeyId{inout->keyId}, "der", Block{inout->der, static_cast<int>(inout->derLength)}, "label",
+        Call call(*this, ctx, "veltra_importCertificate serial pin key der label", serial, pin,
+                  KeyId{inout->keyId}, Block{inout->der, static_cast<int>(inout->derLength)},
                   quoted(inout->label));
         if (const int code = call.logIn(serial, pin)) return code;
         call.token->certificates.push_back(*inout);
@@ -417,7 +408,7 @@ public:
     }
 
     int veltra_getCertificateDetails(In der, int length, CertificateDetails& out, void* ctx) override {
-        const Call call(*this, "veltra_getCertificateDetails", ctx, "der", Block{der, length});
+        const Call call(*this, ctx, "veltra_getCertificateDetails der", Block{der, length});
         if (call.script.result) return call.script.result;
         std::istringstream text(std::string(der + 4, der + std::max(length, 4)));
         const bool isOurs = std::getline(text, out.commonName, '|') && std::getline(text, out.issuer, '|');
@@ -430,21 +421,20 @@ public:
         std::string list;
         for (const std::string& extension : extensions)
             list += " " + extension;
-        const Call call(*this, "veltra_getFilesWithExtensionsAndConvertDER", ctx, "folder", folder,
-                        "extensions", list);
+        const Call call(*this, ctx, "veltra_getFilesWithExtensionsAndConvertDER folder extensions", folder,
+                        list);
         return caFiles;
     }
 
     std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char* serial, void* ctx) override {
-        const Call call(*this, "veltra_getAesKeyList", ctx, "serial", serial);
-        return listFor(serial, call.script, aesKeyLists_, &ScriptedToken::aesKeys,
-                       &VeltraSymmetricKey::keyLength);
+        const Call call(*this, ctx, "veltra_getAesKeyList serial", serial);
+        return listFor(serial, call.script, &ScriptedToken::aesKeys, &VeltraSymmetricKey::keyLength);
     }
 
     int veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
                             void* ctx) override {
-        Call call(*this, "veltra_importAesKey", ctx, "serial", serial, "pin", pin, "key",
-                  Block{inout->key, static_cast<int>(inout->keyLength)}, "type", inout->keyType);
+        Call call(*this, ctx, "veltra_importAesKey serial pin key type", serial, pin,
+                  Block{inout->key, static_cast<int>(inout->keyLength)}, inout->keyType);
         if (const int code = call.logIn(serial, pin)) return code;
         std::fill(std::begin(inout->keyId), std::end(inout->keyId), 0xAE);
         inout->credentialId[0] = 0xAE;
@@ -460,20 +450,18 @@ public:
 
     int veltra_encrypt(EncryptionType type, PaddingMode padding, In in, int inLength, unsigned char* out,
                        int* outLength, In key, int keyLength, void* ctx) override {
-        const Call call(*this, "veltra_encrypt", ctx, "type", type, "padding", padding, "in",
-                        Block{in, inLength}, "out", outLength, "key", Block{key, keyLength});
+        const Call call(*this, ctx, "veltra_encrypt type padding in out key", static_cast<int>(type),
+                        static_cast<int>(padding), Block{in, inLength}, outLength, Block{key, keyLength});
         if (call.script.result) return call.script.result;
         if (inLength >= *outLength) return kBufferTooSmall;
-        Bytes ciphertext = maskOf(Bytes(in, in + inLength));
-        const int length = std::min(*outLength, kLongestRsaCiphertext);
-        ciphertext.insert(ciphertext.begin(), static_cast<std::size_t>(length - inLength), 0);
-        return copyOut(ciphertext, call.script, out, outLength);
+        const auto zeros = static_cast<std::size_t>(std::min(*outLength, kLongestRsaCiphertext) - inLength);
+        return copyOut(joined({Bytes(zeros), maskOf(Bytes(in, in + inLength))}), call.script, out, outLength);
     }
 
     int veltra_decrypt(const char* serial, In keyId, const char* pin, In in, int inLength,
                        unsigned char** out, int* outLength, bool flag, void* ctx) override {
-        Call call(*this, "veltra_decrypt", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "in",
-                  Block{in, inLength}, "flag", flag);
+        Call call(*this, ctx, "veltra_decrypt serial key pin in flag", serial, KeyId{keyId}, pin,
+                  Block{in, inLength}, flag);
         if (const int code = call.logIn(serial, pin)) return code;
         if (*in != 0) return kNotACiphertext;
         In end = in + inLength;
@@ -484,9 +472,9 @@ public:
     int veltra_encrypt_aes(const char* serial, EncryptionType type, In key, int keyLength, In in,
                            int inLength, unsigned char** out, int* outLength, bool final, In iv, int ivLength,
                            In extra, int extraLength, void* ctx) override {
-        const Call call(*this, "veltra_encrypt_aes", ctx, "serial", serial, "type", type, "key",
-                        Block{key, keyLength}, "in", Block{in, inLength}, "final", final, "iv",
-                        Block{iv, ivLength}, "extra", Block{extra, extraLength});
+        const Call call(*this, ctx, "veltra_encrypt_aes serial type key in final iv extra", serial,
+                        static_cast<int>(type), Block{key, keyLength}, Block{in, inLength}, final,
+                        Block{iv, ivLength}, Block{extra, extraLength});
         Bytes plain(in, in + inLength);
         const std::size_t padding = kAesBlock - plain.size() % kAesBlock;
         if (final) plain.insert(plain.end(), padding, static_cast<unsigned char>(padding));
@@ -496,9 +484,8 @@ public:
     int veltra_decrypt_aes(const char* serial, In keyOrKeyId, int keyLength, In in, int inLength,
                            unsigned char** out, int* outLength, bool flag, In iv, int ivLength,
                            void* ctx) override {
-        const Call call(*this, "veltra_decrypt_aes", ctx, "serial", serial, "key",
-                        Block{keyOrKeyId, keyLength}, "in", Block{in, inLength}, "flag", flag, "iv",
-                        Block{iv, ivLength});
+        const Call call(*this, ctx, "veltra_decrypt_aes serial key in flag iv", serial,
+                        Block{keyOrKeyId, keyLength}, Block{in, inLength}, flag, Block{iv, ivLength});
         if (call.script.result) return call.script.result;
         const ScriptedToken* token = find(serial);
         const bool isWrapped = token && keyLength == static_cast<int>(kKeyIdLength) &&
@@ -514,33 +501,32 @@ public:
 
     int veltra_decryptSymetric(const char* serial, In in, int inLength, unsigned char* out, int* outLength,
                                In iv, int ivLength, In key, int keyLength, void* ctx) override {
-        const Call call(*this, "veltra_decryptSymetric", ctx, "serial", serial, "in", Block{in, inLength},
-                        "out", outLength, "iv", Block{iv, ivLength}, "key", Block{key, keyLength});
+        const Call call(*this, ctx, "veltra_decryptSymetric serial in out iv key", serial,
+                        Block{in, inLength}, outLength, Block{iv, ivLength}, Block{key, keyLength});
         return copyOut(aesPlaintext(in, inLength), call.script, out, outLength);
     }
 
     int veltra_ecdhDerive(const char* serial, In keyId, const char* pin, In peer, int peerLength,
                           unsigned char** out, int* outLength, void* ctx) override {
-        Call call(*this, "veltra_ecdhDerive", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "peer",
+        Call call(*this, ctx, "veltra_ecdhDerive serial key pin peer", serial, KeyId{keyId}, pin,
                   Block{peer, peerLength});
         if (const int code = call.logIn(serial, pin)) return code;
-        Bytes secret(static_cast<std::size_t>(std::max(call.script.length.value_or(32), 0)));
-        std::iota(secret.begin(), secret.end(), static_cast<unsigned char>(1));
-        return handOut(secret, call.script, out, outLength);
+        const int length = std::max(call.script.length.value_or(32), 0);
+        return handOut(counting(static_cast<std::size_t>(length), 1), call.script, out, outLength);
     }
 
     int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
                                     void* ctx) override {
-        const Call call(*this, "veltra_generateRamdomNumber", ctx, "serial", serial, "count", count,
-                        "software", software);
+        const Call call(*this, ctx, "veltra_generateRamdomNumber serial count software", serial, count,
+                        software);
         if (!call.script.result) std::fill(out, out + count, 0x77);
         return call.script.result;
     }
 
     int veltra_signHash(const char* serial, In keyId, const char* pin, In hash, int hashLength,
                         unsigned char* out, int* outLength, bool reserved, void* ctx, bool pss) override {
-        Call call(*this, "veltra_signHash", ctx, "serial", serial, "key", KeyId{keyId}, "pin", pin, "hash",
-                  Block{hash, hashLength}, "out", reserved ? "reserved" : show(outLength), "pss", pss);
+        Call call(*this, ctx, "veltra_signHash serial key pin hash out pss", serial, KeyId{keyId}, pin,
+                  Block{hash, hashLength}, reserved ? "reserved" : show(outLength), pss);
         if (const int code = call.logIn(serial, pin)) return code;
         const auto pair = std::ranges::find_if(
             call.token->keyPairs, [&](const VeltraKeyPair& candidate) { return hasId(candidate, keyId); });
@@ -551,16 +537,16 @@ public:
     int veltra_verifySignatureHash(unsigned int keyType, const char* serial, In hash, int hashLength,
                                    In publicKey, int publicKeyLength, In signature, int signatureLength,
                                    void* ctx, bool pss) override {
-        const Call call(*this, "veltra_verifySignatureHash", ctx, "type", keyType, "serial", serial, "hash",
-                        Block{hash, hashLength}, "key", Block{publicKey, publicKeyLength}, "signature",
-                        Block{signature, signatureLength}, "pss", pss);
+        const Call call(*this, ctx, "veltra_verifySignatureHash type serial hash key signature pss", keyType,
+                        serial, Block{hash, hashLength}, Block{publicKey, publicKeyLength},
+                        Block{signature, signatureLength}, pss);
         if (call.script.result) return call.script.result;
         const bool isGood = fakeSignature(keyType) == Bytes(signature, signature + signatureLength);
         return isGood ? kDeviceOk : kBadSignature;
     }
 
     int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) override {
-        const Call call(*this, "veltra_initHash", ctx, "serial", serial, "algorithm", algorithm);
+        const Call call(*this, ctx, "veltra_initHash serial algorithm", serial, algorithm);
         if (call.script.result) return call.script.result;
         hashes_.push_back({algorithm, {}});
         *hash = reinterpret_cast<void*>(hashes_.size());
@@ -568,8 +554,8 @@ public:
     }
 
     int veltra_updateHash(void* hash, In data, int length, void* ctx) override {
-        const Call call(*this, "veltra_updateHash", ctx, "hash", reinterpret_cast<std::uintptr_t>(hash),
-                        "data", Block{data, length});
+        const Call call(*this, ctx, "veltra_updateHash hash data", reinterpret_cast<std::uintptr_t>(hash),
+                        Block{data, length});
         if (call.script.result) return call.script.result;
         Hash* running = findHash(hash);
         if (!running) return kNoSuchHash;
@@ -578,8 +564,8 @@ public:
     }
 
     int veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) override {
-        const Call call(*this, "veltra_finalHash", ctx, "hash", reinterpret_cast<std::uintptr_t>(hash),
-                        "capacity", inoutLength);
+        const Call call(*this, ctx, "veltra_finalHash hash capacity", reinterpret_cast<std::uintptr_t>(hash),
+                        inoutLength);
         const Hash* running = findHash(hash);
         if (!running) return kNoSuchHash;
         return copyOut(fakeDigest(running->mechanism, running->data), call.script, digest, inoutLength);
@@ -588,11 +574,13 @@ public:
 private:
     /// One call, which is recorded and follows its script; nobody else calls while it lasts.
     struct Call {
+        /// `words`: the names of the function and its arguments.
         template <class... Arguments>
-        Call(ScriptedFunctions& called, const char* function, const void* ctx, const Arguments&... arguments)
+        Call(ScriptedFunctions& called, const void* ctx, std::string_view words,
+             const Arguments&... arguments)
             : library(called), lock(called.mutex_),
               // The context, which the provider always leaves null, is shown only where it is not.
-              script(called.begin(function, showAll(arguments...) + (ctx ? ", ctx" : ""))) {}
+              script(called.begin(firstOf(words), showAll(words, arguments...) + (ctx ? ", ctx" : ""))) {}
 
         /// Why the call fails, if it does; else `token` is the one that it is for.
         int logIn(const char* serial, const char* pin) {
@@ -610,10 +598,12 @@ private:
 
     static std::string quoted(const char* label) { return "'" + std::string(label) + "'"; }
 
-    /// The calling thread's copy of a list, with the fault that `script` asks for.
+    /// The calling thread's copy of a list, with the fault that `script` asks for. It stays as it is until
+    /// its thread asks again.
     template <class Record>
-    std::vector<Record>& listFor(const char* serial, const Script& script, Lists<Record>& lists,
+    std::vector<Record>& listFor(const char* serial, const Script& script,
                                  std::vector<Record> ScriptedToken::*list, std::uint32_t Record::*length) {
+        static auto& lists = *new std::map<std::thread::id, std::vector<Record>>;
         const ScriptedToken* token = find(serial);
         std::vector<Record>& copy = lists[std::this_thread::get_id()];
         copy = token && !script.result ? token->*list : std::vector<Record>();
@@ -624,8 +614,7 @@ private:
     }
 
     std::vector<VeltraCertificate>& certificatesOf(const char* serial, const Script& script) {
-        return listFor(serial, script, certificateLists_, &ScriptedToken::certificates,
-                       &VeltraCertificate::derLength);
+        return listFor(serial, script, &ScriptedToken::certificates, &VeltraCertificate::derLength);
     }
 };
 

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <functional>
 #include <limits>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -117,9 +116,6 @@ protected:
         std::thread::id thread = {}; ///< none: all
         int callsSeen = 0;
     };
-    /// What each thread got last: a list stays as it is until its thread asks again.
-    template <class Record>
-    using Lists = std::map<std::thread::id, std::vector<Record>>;
     struct Hash {
         int mechanism = 0;
         Bytes data;
@@ -128,7 +124,7 @@ protected:
     ScriptedDeviceLibrary() = default;
 
     // All of these expect mutex_ to be held.
-    Script begin(const char* function, const std::string& arguments);
+    Script begin(std::string_view function, const std::string& arguments);
     ScriptedToken* find(const char* serial);
     Hash* findHash(void* handle);
 
@@ -138,9 +134,6 @@ protected:
     std::vector<ScriptState> scripts_;
     std::function<void(const std::string&)> look_;
     std::vector<Hash> hashes_;
-    Lists<VeltraKeyPair> keyPairLists_;
-    Lists<VeltraCertificate> certificateLists_;
-    Lists<VeltraSymmetricKey> aesKeyLists_;
     unsigned char generatedKeys_ = 0;
 };
 

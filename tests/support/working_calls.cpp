@@ -1,7 +1,6 @@
 #include "support/working_calls.h"
 
 #include "support/blob_bytes.h"
-#include "support/provider_test.h"
 #include "unit/test_certificates.h"
 
 #include "certs/public_key_blob.h"
@@ -23,7 +22,7 @@ const std::map<std::string, ULONG_PTR World::*> kObjects = {
     {"context", &World::context},     {"rsaKey", &World::rsaKey},     {"aesKey", &World::aesKey},
     {"hash", &World::hash},           {"hmac", &World::hmac},         {"provider", &World::provider},
     {"cngRsaKey", &World::cngRsaKey}, {"cngEcKey", &World::cngEcKey}, {"cngAesKey", &World::cngAesKey},
-    {"newKey", &World::cngNewKey},    {"secret", &World::secret},
+    {"newKey", &World::cngNewKey},    {"secret", &World::secret},     {"block", &World::block},
 };
 
 /// The one that works, small numbers and single bits.
@@ -68,11 +67,13 @@ void forgetToken(World&) {
 
 /// A container that nobody has opened yet.
 void mapContainer(World& w) {
-    writeContainerValue(w.token.serial, w.container + '\0');
+    RegSetKeyValueA(HKEY_CURRENT_USER, R"(SOFTWARE\Veltra\CSP\Containers)", w.token.serial.c_str(), REG_SZ,
+                    w.container.c_str(), static_cast<DWORD>(w.container.size() + 1));
 }
 
 void addIssuers(World& w) {
-    w.token.keyPairs[0].label[0] = '\0';
+    for (VeltraKeyPair& pair : w.token.keyPairs)
+        pair.label[0] = '\0';
     ScriptedDeviceLibrary::instance().caFiles = {
         {"ca", ScriptedDeviceLibrary::fakeCertificate("CA", "CN=Root", "CN=CA")},
         {"root", ScriptedDeviceLibrary::fakeCertificate("Root", "CN=Root", "CN=Root")}};
@@ -85,8 +86,7 @@ void addRealCertificate(World& w) {
     record.derLength = length;
 }
 
-const Bytes kNothing, kBlock(16, 'S'), kPin = terminated(World::kPin);
-const Values kOneUse = {0};
+const Bytes kBlock(16, 'S'), kPin = terminated(World::kPin);
 /// A structure without content, as long as any that a caller describes a padding or a list with.
 constexpr std::array<std::uintptr_t, 4> kEmptyRecord = {};
 constexpr const char* kKeyName = "11111111111111111111111111111111";
@@ -160,8 +160,13 @@ DWORD WorkingCall::invoke(const Values& values) const {
 std::vector<Argument> argumentsOf(std::string_view words) {
     std::istringstream stream{std::string(words)};
     std::vector<Argument> all;
-    for (std::string word; stream >> word;)
-        all.emplace_back(word);
+    for (std::string word; stream >> word;) {
+        if (word != "out?") {
+            all.emplace_back(word);
+        } else {
+            all.insert(all.end(), {Argument("data?"), Argument("capacity"), Argument("length")});
+        }
+    }
     return all;
 }
 
@@ -177,12 +182,6 @@ Values WorkingCall::valuesIn(World& world, std::uintptr_t choice) const {
     return values;
 }
 
-WorkingCall WorkingCall::but(Outcome other) const {
-    WorkingCall copy = *this;
-    copy.outcome = other;
-    return copy;
-}
-
 Values bits() {
     Values values = {MAXDWORD};
     for (int bit = 0; bit < 32; ++bit)
@@ -191,7 +190,6 @@ Values bits() {
 }
 
 std::vector<WorkingCall> cspCalls() {
-    using Call = WorkingCall;
     const Bytes ciphertext = reversed(ciphertextOf(kBlock));
     const HMAC_INFO info{CALG_SHA_256, nullptr, 0, nullptr, 0};
     const auto* infoBytes = reinterpret_cast<const BYTE*>(&info);
@@ -199,26 +197,23 @@ std::vector<WorkingCall> cspCalls() {
     return {
         {"CPAcquireContext", CPAcquireContext, "handle input? flags data", terminated(kKeyName)},
         {"CPAcquireContext of a new token", CPAcquireContext, "handle input? flags data",
-         terminated("unknown"), kOneUse, forgetToken},
-        {"CPAcquireContext CRYPT_DELETEKEYSET", CPAcquireContext, "handle serial? =16 data", kNothing,
-         kOneUse, mapContainer},
-        Call{"CPReleaseContext", CPReleaseContext, "context =0"}.but(Outcome::Spends),
-        {"CPGetProvParam", CPGetProvParam, "context choice data? length flags=1", kNothing, numbers(PP_NAME)},
+         terminated("unknown"), forgetToken},
+        {"CPAcquireContext CRYPT_DELETEKEYSET", CPAcquireContext, "handle serial? =16 data", mapContainer},
+        {"CPReleaseContext", CPReleaseContext, "context =0", Outcome::Spends},
+        {"CPGetProvParam", CPGetProvParam, "context choice data? length flags=1", numbers(PP_NAME)},
         {"PP_ENUMALGS", CPGetProvParam, "context =1 data? length =1"},
-        {"PP_CERTCHAIN", CPGetProvParam, "context =9 data? length flags", kNothing, kOneUse,
-         addRealCertificate},
+        {"PP_CERTCHAIN", CPGetProvParam, "context =9 data? length flags", addRealCertificate},
         {"CPSetProvParam", CPSetProvParam, "context choice input? flags", kPin, numbers(PP_SIGNATURE_PIN),
          forgetStoredPin},
-        {"CPGenKey", CPGenKey, "context choice flags=134217728 handle", kNothing, numbers(AT_KEYEXCHANGE)},
-        {"CPGetUserKey", CPGetUserKey, "context choice handle", kNothing, numbers(AT_SIGNATURE)},
-        {"CPGetKeyParam", CPGetKeyParam, "context rsaKey choice data? length flags", kNothing,
-         numbers(KP_MODE)},
+        {"CPGenKey", CPGenKey, "context choice flags=134217728 handle", numbers(AT_KEYEXCHANGE)},
+        {"CPGetUserKey", CPGetUserKey, "context choice handle", numbers(AT_SIGNATURE)},
+        {"CPGetKeyParam", CPGetKeyParam, "context rsaKey choice data? length flags", numbers(KP_MODE)},
         {"KP_CERTIFICATE", CPGetKeyParam, "context rsaKey =26 data? length flags"},
         {"CPSetKeyParam KP_CERTIFICATE", CPSetKeyParam, "context rsaKey choice input? flags", kCertificate,
          numbers(KP_CERTIFICATE), addIssuers},
-        Call{"CPDestroyKey", CPDestroyKey, "context rsaKey"}.but(Outcome::Spends),
-        {"CPDeriveKey", CPDeriveKey, "context choice hash flags handle", kNothing, numbers(CALG_AES_128)},
-        {"CPExportKey", CPExportKey, "context rsaKey rsaKey? choice flags data? length", kNothing,
+        {"CPDestroyKey", CPDestroyKey, "context rsaKey", Outcome::Spends},
+        {"CPDeriveKey", CPDeriveKey, "context choice hash flags handle", numbers(CALG_AES_128)},
+        {"CPExportKey", CPExportKey, "context rsaKey rsaKey? choice flags data? length",
          numbers(PUBLICKEYBLOB)},
         {"CPImportKey PUBLICKEYBLOB", CPImportKey, "context input size rsaKey? flags handle",
          makePublicKeyBlob(Bytes(256, 'M'), CALG_RSA_KEYX)},
@@ -230,22 +225,18 @@ std::vector<WorkingCall> cspCalls() {
         {"CPImportKey SYMMETRICWRAPKEYBLOB", CPImportKey, "context input size rsaKey? flags handle",
          blob<SYMMETRICWRAPKEYBLOB>(joined({wrappedKey(), Bytes(4)}))},
         {"CPGenRandom", CPGenRandom, "context =32 data"},
-        {"CPCreateHash", CPCreateHash, "context choice aesKey? flags handle", kNothing,
-         numbers(CALG_SHA_256)},
+        {"CPCreateHash", CPCreateHash, "context choice aesKey? flags handle", numbers(CALG_SHA_256)},
         {"CPCreateHash CALG_HMAC", CPCreateHash, "context =32777 aesKey flags handle"},
         {"CPHashData", CPHashData, "context hash input =16 flags", kBlock},
-        Call{"CPHashSessionKey", CPHashSessionKey, "context hash rsaKey flags"}.but(Outcome::NeverServed),
-        {"CPGetHashParam", CPGetHashParam, "context hash choice data? length flags", kNothing,
-         numbers(HP_HASHVAL)},
+        {"CPHashSessionKey", CPHashSessionKey, "context hash rsaKey flags", Outcome::NeverServed},
+        {"CPGetHashParam", CPGetHashParam, "context hash choice data? length flags", numbers(HP_HASHVAL)},
         {"HP_HASHVAL of an HMAC", CPGetHashParam, "context hmac =2 data? length flags"},
-        {"CPSetHashParam", CPSetHashParam, "context hmac choice data flags", kNothing, numbers(HP_HASHVAL)},
+        {"CPSetHashParam", CPSetHashParam, "context hmac choice data flags", numbers(HP_HASHVAL)},
         {"HP_HMAC_INFO", CPSetHashParam, "context hmac =5 input flags", hmacInfo},
         {"CPDuplicateHash", CPDuplicateHash, "context hash count? flags handle"},
-        Call{"CPDestroyHash", CPDestroyHash, "context hash"}.but(Outcome::Spends),
-        {"CPSignHash", CPSignHash, "context hash choice text? flags data? length", kNothing,
-         numbers(AT_KEYEXCHANGE)},
-        {"CPSignHash with a login", CPSignHash, "context hash =1 text? flags data? length", kNothing, kOneUse,
-         forgetStoredPin},
+        {"CPDestroyHash", CPDestroyHash, "context hash", Outcome::Spends},
+        {"CPSignHash", CPSignHash, "context hash choice text? flags data? length", numbers(AT_KEYEXCHANGE)},
+        {"CPSignHash with a login", CPSignHash, "context hash =1 text? flags data? length", forgetStoredPin},
         {"CPVerifySignature", CPVerifySignature, "context hash input size rsaKey? text? flags",
          reversed(kSignature)},
         {"CPVerifySignature without a key", CPVerifySignature, "context hash input size =0 text? flags",
@@ -258,7 +249,6 @@ std::vector<WorkingCall> cspCalls() {
 }
 
 std::vector<WorkingCall> cngCalls() {
-    using Call = WorkingCall;
     const Values providerProperties =
         texts(L"Name", L"Impl Type", L"Version", L"Algorithm Name", L"Use Count", L"HWND Handle");
     const Values keyProperties = texts(
@@ -271,49 +261,40 @@ std::vector<WorkingCall> cngCalls() {
     const Bytes aesBlob = joined({dwords({BCRYPT_KEY_DATA_BLOB_MAGIC, 1, 16}), kBlock, Bytes(30)});
     const Bytes rsaBlob = joined({dwords({BCRYPT_RSAPUBLIC_MAGIC, 2048, 0, 256, 0, 0}), Bytes(256)});
     const Bytes ecBlob = joined({dwords({BCRYPT_ECDSA_PUBLIC_P256_MAGIC, 32}), Bytes(64)});
-    std::vector<Call> calls = {
+    std::vector<WorkingCall> calls = {
         {"KSPOpenProvider", KSPOpenProvider, "handle text? flags"},
         {"KSPOpenKey", KSPOpenKey, "provider handle text=11111111111111111111111111111111 choice flags",
-         kNothing, numbers(0)},
+         numbers(0)},
         {"KSPCreatePersistedKey", KSPCreatePersistedKey, "provider handle text=ECDSA_P256 text? choice flags",
-         kNothing, numbers(0)},
-        {"KSPGetProviderProperty", KSPGetProviderProperty, "provider choice data? capacity length flags",
-         kNothing, providerProperties},
-        {"KSPGetProviderProperty Name", KSPGetProviderProperty,
-         "provider text=Name data? capacity length flags"},
-        {"KSPGetKeyProperty", KSPGetKeyProperty, "provider cngRsaKey choice data? capacity length flags",
-         kNothing, keyProperties},
-        {"KSPGetKeyProperty Name", KSPGetKeyProperty,
-         "provider cngEcKey text=Name data? capacity length flags"},
+         numbers(0)},
+        {"KSPGetProviderProperty", KSPGetProviderProperty, "provider choice out? flags", providerProperties},
+        {"KSPGetProviderProperty Name", KSPGetProviderProperty, "provider text=Name out? flags"},
+        {"KSPGetKeyProperty", KSPGetKeyProperty, "provider cngRsaKey choice out? flags", keyProperties},
+        {"KSPGetKeyProperty Name", KSPGetKeyProperty, "provider cngEcKey text=Name out? flags"},
         {"KSPGetKeyProperty SmartCardKeyCertificate", KSPGetKeyProperty,
-         "provider cngRsaKey text=SmartCardKeyCertificate data? capacity length flags"},
+         "provider cngRsaKey text=SmartCardKeyCertificate out? flags"},
         {"KSPSetProviderProperty", KSPSetProviderProperty, "provider choice input? size flags", kPin,
          texts(L"HWND Handle", L"SmartCardPin")},
         {"KSPSetProviderProperty SmartCardPin", KSPSetProviderProperty,
-         "provider text=SmartCardPin input =20 flags", kPin, kOneUse, forgetStoredPin},
-        Call{"KSPSetKeyProperty", KSPSetKeyProperty, "provider cngAesKey choice input? size flags", kPin,
-             keyProperties}
-            .but(Outcome::NeverServed),
+         "provider text=SmartCardPin input =20 flags", kPin, forgetStoredPin},
+        {"KSPSetKeyProperty", KSPSetKeyProperty, "provider cngAesKey choice input? size flags", kPin,
+         keyProperties, Outcome::NeverServed},
         {"KSPSetKeyProperty SmartCardPin", KSPSetKeyProperty,
-         "provider cngRsaKey text=SmartCardPin input =20 flags", kPin, kOneUse, forgetStoredPin},
+         "provider cngRsaKey text=SmartCardPin input =20 flags", kPin, forgetStoredPin},
         {"KSPSetKeyProperty SmartCardKeyCertificate", KSPSetKeyProperty,
-         "provider cngRsaKey text=SmartCardKeyCertificate input size flags", kCertificate, kOneUse,
-         addIssuers},
+         "provider cngRsaKey text=SmartCardKeyCertificate input size flags", kCertificate, addIssuers},
         {"KSPFinalizeKey", KSPFinalizeKey, "provider newKey flags"},
         {"KSPDeleteKey", KSPDeleteKey, "provider cngRsaKey flags"},
-        Call{"KSPFreeProvider", KSPFreeProvider, "provider"}.but(Outcome::Spends),
-        Call{"KSPFreeKey", KSPFreeKey, "provider? cngRsaKey?"}.but(Outcome::Spends),
-        Call{"KSPFreeBuffer", KSPFreeBuffer, "cngRsaKey?"}.but(Outcome::Spends),
-        {"KSPEncrypt RSA", KSPEncrypt, "provider cngRsaKey input size record? data? capacity length flags=2",
-         kBlock},
-        {"KSPEncrypt AES", KSPEncrypt, "provider cngAesKey input size record? data? capacity length flags",
-         kBlock},
-        {"KSPDecrypt RSA", KSPDecrypt, "provider cngRsaKey input size record? data? capacity length flags",
+        {"KSPFreeProvider", KSPFreeProvider, "provider", Outcome::Spends},
+        {"KSPFreeKey", KSPFreeKey, "provider? cngRsaKey?", Outcome::Spends},
+        {"KSPFreeBuffer", KSPFreeBuffer, "block?", Outcome::Spends},
+        {"KSPEncrypt RSA", KSPEncrypt, "provider cngRsaKey input size record? out? flags=2", kBlock},
+        {"KSPEncrypt AES", KSPEncrypt, "provider cngAesKey input size record? out? flags", kBlock},
+        {"KSPDecrypt RSA", KSPDecrypt, "provider cngRsaKey input size record? out? flags",
          ciphertextOf(kBlock)},
-        {"KSPDecrypt AES", KSPDecrypt, "provider cngAesKey input size record? data? capacity length flags",
-         kBlock},
+        {"KSPDecrypt AES", KSPDecrypt, "provider cngAesKey input size record? out? flags", kBlock},
         {"KSPIsAlgSupported", KSPIsAlgSupported, "provider? text=RSA flags"},
-        {"KSPEnumAlgorithms", KSPEnumAlgorithms, "provider choice count handle flags", kNothing, numbers(0)},
+        {"KSPEnumAlgorithms", KSPEnumAlgorithms, "provider choice count handle flags", numbers(0)},
         {"KSPEnumKeys", KSPEnumKeys, "provider text? handle second flags"},
         {"KSPImportKey", KSPImportKey, "provider cngRsaKey? choice count? handle input size flags", aesBlob,
          blobs},
@@ -330,27 +311,22 @@ std::vector<WorkingCall> cngCalls() {
          "provider cngRsaKey? text=OpaqueKeyBlob count? handle input size flags", wrappedKey()},
         {"KSPImportKey OpaqueTransport", KSPImportKey,
          "provider cngRsaKey text=OpaqueTransport count? handle input size flags", ciphertextOf(kBlock)},
-        {"KSPExportKey", KSPExportKey,
-         "provider cngRsaKey newKey? text=RSAPUBLICBLOB count? data? capacity length flags"},
-        Call{"KSPExportKey of an EC key", KSPExportKey,
-             "provider cngEcKey newKey? choice count? data? capacity length flags", kNothing, blobs}
-            .but(Outcome::NeverServed),
-        {"KSPSignHash", KSPSignHash, "provider cngRsaKey count? input? size data? capacity length flags=2",
-         Bytes(32)},
-        {"KSPSignHash with a login", KSPSignHash,
-         "provider cngRsaKey count? input? size data? capacity length flags=2", Bytes(32), kOneUse,
-         forgetStoredPin},
+        {"KSPExportKey", KSPExportKey, "provider cngRsaKey newKey? text=RSAPUBLICBLOB count? out? flags"},
+        {"KSPExportKey of an EC key", KSPExportKey, "provider cngEcKey newKey? choice count? out? flags",
+         blobs, Outcome::NeverServed},
+        {"KSPSignHash", KSPSignHash, "provider cngRsaKey count? input? size out? flags=2", Bytes(32)},
+        {"KSPSignHash with a login", KSPSignHash, "provider cngRsaKey count? input? size out? flags=2",
+         Bytes(32), forgetStoredPin},
         {"KSPVerifySignature", KSPVerifySignature,
          "provider cngRsaKey count? input hashSize=32 input size flags=2", kSignature},
-        {"KSPPromptUser", KSPPromptUser, "provider cngRsaKey? text? flags", kNothing, kOneUse,
-         forgetStoredPin},
-        Call{"KSPNotifyChangeKey", KSPNotifyChangeKey, "provider? handle? flags"}.but(Outcome::NeverServed),
+        {"KSPPromptUser", KSPPromptUser, "provider cngRsaKey? text? flags", forgetStoredPin},
+        {"KSPNotifyChangeKey", KSPNotifyChangeKey, "provider? handle? flags", Outcome::NeverServed},
         {"KSPSecretAgreement", KSPSecretAgreement, "provider cngEcKey cngEcKey handle flags"},
-        {"KSPDeriveKey", KSPDeriveKey, "provider? secret text=HASH? record? data? capacity length flags"},
-        Call{"KSPFreeSecret", KSPFreeSecret, "provider? secret?"}.but(Outcome::Spends),
+        {"KSPDeriveKey", KSPDeriveKey, "provider? secret text=HASH? record? out? flags"},
+        {"KSPFreeSecret", KSPFreeSecret, "provider? secret?", Outcome::Spends},
         {"GetKeyStorageInterface", GetKeyStorageInterface, "text? second flags"},
     };
-    for (Call& call : calls)
+    for (WorkingCall& call : calls)
         call.failureOf = failureByStatus;
     return calls;
 }

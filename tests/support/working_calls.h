@@ -14,7 +14,8 @@ namespace veltra::test {
 /// An argument of a call, as a word. The name of an object or of a place in the world: with "?" behind it, it
 /// need not be there, or is not looked at. "text=NAME": this text. "flags", "flags=N". "inOut":
 /// the length of the input before and of the output after. "choice": which of several things the function
-/// does. "size": of the input. "capacity": of the output. "=N": a number that stays.
+/// does. "size": of the input. "capacity": of the output. "=N": a number that stays. "out?" stands for "data?
+/// capacity length".
 struct Argument {
     explicit Argument(std::string word);
 
@@ -50,27 +51,33 @@ enum class Outcome {
 /// A call of an entry point that works as it stands, with the first of its choices, in a world that `prepare`
 /// has changed and whose user types the PIN.
 struct WorkingCall {
-    template <class Result, class... Parameters>
-    WorkingCall(
-        const char* called, Result(WINAPI* function)(Parameters...), const char* words, Bytes bytes = {},
-        Values choice = {0}, void (*preparation)(BothFrontEnds&) = [](BothFrontEnds&) {})
-        : name(called), call(invocation(function)), arguments(argumentsOf(words)), input(std::move(bytes)),
-          choices(std::move(choice)), changeWorld(preparation) {}
+    /// Behind the words comes what is not the ordinary: the input, the choices, what changes the world, the
+    /// outcome.
+    template <class Result, class... Parameters, class... More>
+    WorkingCall(const char* called, Result(WINAPI* function)(Parameters...), const char* words, More... more)
+        : name(called), call(invocation(function)), arguments(argumentsOf(words)) {
+        (set(std::move(more)), ...);
+    }
 
     void prepare(BothFrontEnds& world) const;
     /// Makes the call with kUntouched as the last error. 0 or the failure.
     DWORD invoke(const Values& values) const;
     Values valuesIn(BothFrontEnds& world, std::uintptr_t choice) const;
-    WorkingCall but(Outcome other) const;
 
     const char* name;
     Invocation call;
     DWORD (*failureOf)(DWORD result) = failureByLastError;
     std::vector<Argument> arguments;
-    Bytes input;
-    Values choices;
-    void (*changeWorld)(BothFrontEnds&);
+    Bytes input{};
+    Values choices = {0};
+    void (*changeWorld)(BothFrontEnds&) = [](BothFrontEnds&) {};
     Outcome outcome = Outcome::Served;
+
+private:
+    void set(Bytes bytes) { input = std::move(bytes); }
+    void set(Values values) { choices = std::move(values); }
+    void set(void (*change)(BothFrontEnds&)) { changeWorld = change; }
+    void set(Outcome other) { outcome = other; }
 };
 
 /// Calls of all entry points, in every use that has library calls of its own.

@@ -41,10 +41,15 @@ private:
     World& world() {
         if (!world_ || world_->liveHandles().size() != objects_) {
             world_ = nullptr;
-            freed_ = World(freshName("Freed")).liveHandles();
+            world_ = std::make_unique<World>(freshName("Freed"));
+            freed_ = world_->liveHandles();
+            freedRecords_.clear();
+            std::ranges::transform(freed_, std::back_inserter(freedRecords_), recordOf);
+            world_ = nullptr;
             world_ = std::make_unique<World>(freshName("Hostile"));
             objects_ = world_->liveHandles().size();
-            EXPECT_TRUE(std::ranges::any_of(freed_, [](auto handle) { return kindOf(handle) == 0; }));
+            EXPECT_EQ(freed_.size(), objects_);
+            EXPECT_TRUE(std::ranges::all_of(freed_, [](auto handle) { return kindOf(handle) == 0; }));
         }
         return *world_;
     }
@@ -62,8 +67,7 @@ private:
             const int kind = kindOf(w.*argument.object());
             std::erase_if(others, [&](std::uintptr_t handle) { return kindOf(handle) == kind; });
             others.insert(others.end(), {0, 1, ~std::uintptr_t{0}, addressOf(w.data())});
-            std::ranges::copy_if(freed_, std::back_inserter(others), // what did not come to life again
-                                 [](std::uintptr_t handle) { return kindOf(handle) == 0; });
+            others.insert(others.end(), freed_.begin(), freed_.end());
             add(others, !argument.isOptional);
         } else if (argument.placeIn(w) != 0) {
             add({0}, !argument.isOptional);
@@ -124,7 +128,8 @@ private:
     int calls_ = 0;
     std::unique_ptr<World> world_;
     std::size_t objects_ = 0;
-    Values freed_; ///< of every kind
+    Values freed_;                                    ///< of every kind
+    std::vector<std::shared_ptr<void>> freedRecords_; ///< so that none of them comes to life again
     const std::vector<WCHAR> longText_ = wideText(std::string(300, 'x'));
 };
 

@@ -278,17 +278,16 @@ std::vector<WorkingCall> calls() {
     std::ranges::copy(cngCalls(), std::back_inserter(all));
     const auto mapContainer = [](World& w) { writeContainerValue(w.token.serial, w.container); };
     const Bytes leaf = ScriptedDeviceLibrary::fakeCertificate("C", "CN=CA", "CN=C");
-    all.insert(
-        all.end(),
-        {{"CPAcquireContext, silent", CPAcquireContext, "handle serial? =80 data", {}, {0}, mapContainer},
-         {"CPReleaseContext with flags", CPReleaseContext, "context flags"},
-         {"CPSetProvParam of the RNG", CPSetProvParam, "context =38 input? flags"},
-         {"CPGetProvParam of no chain", CPGetProvParam, "context =9 data? length flags"},
-         {"CPSetKeyParam of a leaf", CPSetKeyParam, "context rsaKey =26 input flags", leaf},
-         {"CPGenRandom of 7", CPGenRandom, "context size data", Bytes(7)},
-         {"CPCreateHash with an RSA key", CPCreateHash, "context =32777 rsaKey flags handle"},
-         {"CPSetHashParam of a digest", CPSetHashParam, "context hash =5 data flags"},
-         {"CPVerifySignature of an HMAC", CPVerifySignature, "context hmac data =1 =0 text? flags"}});
+    all.insert(all.end(),
+               {{"CPAcquireContext, silent", CPAcquireContext, "handle serial? =80 data", mapContainer},
+                {"CPReleaseContext with flags", CPReleaseContext, "context flags"},
+                {"CPSetProvParam of the RNG", CPSetProvParam, "context =38 input? flags"},
+                {"CPGetProvParam of no chain", CPGetProvParam, "context =9 data? length flags"},
+                {"CPSetKeyParam of a leaf", CPSetKeyParam, "context rsaKey =26 input flags", leaf},
+                {"CPGenRandom of 7", CPGenRandom, "context size data", Bytes(7)},
+                {"CPCreateHash with an RSA key", CPCreateHash, "context =32777 rsaKey flags handle"},
+                {"CPSetHashParam of a digest", CPSetHashParam, "context hash =5 data flags"},
+                {"CPVerifySignature of an HMAC", CPVerifySignature, "context hmac data =1 =0 text? flags"}});
     return all;
 }
 
