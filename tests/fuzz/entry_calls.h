@@ -99,11 +99,6 @@ inline constexpr const char* kPropertyNames[] = {"SmartCardKeyCertificate",
                                                  "Key Type",
                                                  "Provider Handle",
                                                  "Security Descr",
-                                                 "Impl Type",
-                                                 "Version",
-                                                 "Max Name Length",
-                                                 "Security Descr Support",
-                                                 "Use Count",
                                                  ""};
 
 /// A new key object of the token's key pair of this type; the caller destroys it.
@@ -113,9 +108,6 @@ NCRYPT_KEY_HANDLE openKspKey(std::uint32_t keyType);
 /// The same of an AES key, or of any other secret of at most 32 bytes.
 HCRYPTKEY openCspKey(std::span<const unsigned char> secret);
 NCRYPT_KEY_HANDLE openKspKey(std::span<const unsigned char> secret);
-
-/// What CPAcquireContext needs and never reads.
-VTableProvStruc* anyTable();
 
 /// A context without a container, and a provider, on the token; they stay.
 HCRYPTPROV cspContext();
