@@ -99,6 +99,11 @@ inline constexpr const char* kPropertyNames[] = {"SmartCardKeyCertificate",
                                                  "Key Type",
                                                  "Provider Handle",
                                                  "Security Descr",
+                                                 "Impl Type",
+                                                 "Version",
+                                                 "Max Name Length",
+                                                 "Security Descr Support",
+                                                 "Use Count",
                                                  ""};
 
 /// A new key object of the token's key pair of this type; the caller destroys it.
