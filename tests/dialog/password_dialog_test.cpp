@@ -15,7 +15,6 @@ struct ShownDialog {
     std::future<std::string> text;
     HWND window = nullptr;
 
-    void type(const std::string& pin) const { typeInto(window, kPinControl, pin); }
     bool loginEnabled() const { return IsWindowEnabled(GetDlgItem(window, IDOK)) != FALSE; }
 };
 
@@ -52,7 +51,7 @@ TEST_F(PasswordDialogTest, ControlsFocusAndALoginOf4To63Characters) {
     EXPECT_EQ(GetForegroundWindow(), dialog.window);
     EXPECT_FALSE(dialog.loginEnabled()) << "before anything is typed";
     for (const std::size_t length : {3, 4, 3, 63, 64, 200, 5, 0}) {
-        dialog.type(std::string(length, 'p'));
+        typePin(dialog.window, std::string(length, 'p'));
         EXPECT_EQ(dialog.loginEnabled(), length >= 4 && length <= 63) << length;
     }
     pressAndWait(dialog.window, IDCANCEL);
@@ -70,8 +69,8 @@ TEST_F(PasswordDialogTest, EveryWayToEndItAndTwoAtOnceDoNotMixTheirTexts) {
         ShownDialog dialogs[] = {showDialog(), showDialog()};
         for (const ShownDialog& dialog : dialogs)
             EXPECT_EQ(textOf(GetDlgItem(dialog.window, kPinControl)), "") << "the next dialog starts empty";
-        dialogs[0].type(typed);
-        dialogs[1].type("second PIN");
+        typePin(dialogs[0].window, typed);
+        typePin(dialogs[1].window, "second PIN");
         pressAndWait(dialogs[0].window, end);
         pressAndWait(dialogs[1].window, IDOK);
         EXPECT_EQ(dialogs[0].text.get(), expected) << typed;

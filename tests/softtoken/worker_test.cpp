@@ -67,8 +67,7 @@ void work(HANDLE journal, unsigned seed, int steps) {
         } else {
             const bool right = choice == 15 && isAlone;
             attempt(right ? "right-pin" : "wrong-pin", "-", [&](auto&) {
-                std::uint32_t left = 0;
-                const Failure code = failureOf([&] { validatePin(kSerial, right ? kPin : kWrongPin, left); });
+                const Failure code = failureOf([&] { logIn(right ? kPin : kWrongPin); });
                 if (code != (right ? kNoFailure : Failure::WrongPin)) throw TokenError(code, "unexpected");
             });
         }
@@ -112,8 +111,7 @@ protected:
     }
 
     static std::vector<std::string> linesOf(const fs::path& journal) {
-        const Bytes content = contentOf(journal);
-        return veltra::test::linesOf({content.begin(), content.end()});
+        return veltra::test::linesOf(veltra::test::readFile(journal.string()));
     }
 
     void replay(const fs::path& journal) {
