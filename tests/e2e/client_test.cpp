@@ -55,6 +55,12 @@ CryptoProvider open(bool silent = false) {
     return CryptoProvider::open(choice, toWide(std::getenv("VELTRA_CLIENT_CONTAINER")));
 }
 
+CryptoKey exchangeKey(const CryptoProvider& context) {
+    HCRYPTKEY key = 0;
+    require(CryptGetUserKey(context.handle(), AT_KEYEXCHANGE, &key), "opening the key");
+    return CryptoKey(key);
+}
+
 CryptoKey importKey(const CryptoProvider& context, const Bytes& blob, HCRYPTKEY decryptionKey = 0) {
     HCRYPTKEY key = 0;
     require(CryptImportKey(context.handle(), blob.data(), lengthOf(blob), decryptionKey, 0, &key),
@@ -139,7 +145,7 @@ protected:
 
     const Bytes secret = readFile("secret");
     const CryptoProvider context = open();
-    const CryptoKey key = context.ownKey();
+    const CryptoKey key = exchangeKey(context);
     NCRYPT_PROV_HANDLE cngProvider = 0;
     NCRYPT_KEY_HANDLE cngKey = 0;
 };
@@ -158,7 +164,7 @@ TEST_F(ClientTest, SizeQueriesNeedNoPinWhichIsTypedOnceAndThenSilentCallsWork) {
     EXPECT_EQ(size, 256u);
     // Everything that uses the private key is refused to a silent context, and nothing is written.
     const CryptoProvider silent = open(true);
-    const CryptoKey silentKey = silent.ownKey();
+    const CryptoKey silentKey = exchangeKey(silent);
     const CryptoHash silentHash = hashed(silent, sha256, secret);
     const auto signSilentlyByCng = [&] {
         Bytes signature;
