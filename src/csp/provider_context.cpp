@@ -22,15 +22,11 @@ constexpr std::uint32_t kFixedWord = 4096;
 std::string serialForContainer(const std::string& containerName) {
     const std::vector<std::string> serials = connectedSerials(nullptr);
     if (serials.empty()) return {};
-    if (!containerName.empty()) {
-        const auto isNamed = [&](const VeltraKeyPair& pair) {
-            return hasKeyNameIgnoringCase(pair.keyId, containerName);
-        };
-        for (const std::string& serial : serials) {
-            if (holdsKeyPair(serial, nullptr, isNamed, "")) return serial;
-        }
-    }
-    return serials.front();
+    if (containerName.empty()) return serials.front();
+    const auto isNamed = [&](const VeltraKeyPair& pair) {
+        return hasKeyNameIgnoringCase(pair.keyId, containerName);
+    };
+    return tokenWithKeyPair(serials, nullptr, isNamed, "").value_or(serials.front());
 }
 
 void readKeyList(CSP_CONTEXT& context) {

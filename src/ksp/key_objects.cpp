@@ -22,15 +22,12 @@ std::string resolveToken(KSP_PROVIDER& provider, const std::string& name) {
     std::string current = provider.serial();
     if (name.empty()) return current;
     const auto isNamed = [&](const VeltraKeyPair& pair) { return hasKeyName(pair.keyId, name); };
-    for (const std::string& serial : connectedSerials(provider.libraryContext)) {
-        if (!holdsKeyPair(serial, provider.libraryContext, isNamed, "KSP: ")) continue;
-        if (serial != current) {
-            provider.bindTo(serial);
-            Utils::debug("KSP: Resolved key to device: ", serial);
-        }
-        return serial;
-    }
-    return current;
+    const std::optional<std::string> holder = tokenWithKeyPair(connectedSerials(provider.libraryContext),
+                                                               provider.libraryContext, isNamed, "KSP: ");
+    if (!holder || *holder == current) return current;
+    provider.bindTo(*holder);
+    Utils::debug("KSP: Resolved key to device: ", *holder);
+    return *holder;
 }
 
 const VeltraKeyPair* findNamedKey(const std::vector<VeltraKeyPair>& pairs, const std::string& name) {

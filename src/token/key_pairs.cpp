@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
 
 namespace veltra {
 
@@ -63,14 +64,20 @@ std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryCo
     return copies;
 }
 
-bool holdsKeyPair(const std::string& serial, void* libraryContext,
-                  const std::function<bool(const VeltraKeyPair&)>& wanted, const char* logPrefix) {
-    try {
-        return !keyPairsOf(serial, libraryContext, wanted).empty();
-    } catch (...) {
-        Utils::error(logPrefix, "Key list of ", serial, " cannot be read");
-        return false;
+std::optional<std::string> tokenWithKeyPair(const std::vector<std::string>& serials, void* libraryContext,
+                                            const std::function<bool(const VeltraKeyPair&)>& wanted,
+                                            const char* logPrefix) {
+    std::exception_ptr unreadable;
+    for (const std::string& serial : serials) {
+        try {
+            if (!keyPairsOf(serial, libraryContext, wanted).empty()) return serial;
+        } catch (...) {
+            Utils::error(logPrefix, "Key list of ", serial, " cannot be read");
+            unreadable = std::current_exception();
+        }
     }
+    if (unreadable) std::rethrow_exception(unreadable);
+    return std::nullopt;
 }
 
 std::vector<std::string> keyNamesOf(const std::string& serial, void* libraryContext) {

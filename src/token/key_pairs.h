@@ -20,10 +20,12 @@ std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryCo
 std::vector<VeltraKeyPair> keyPairsOf(const std::string& serial, void* libraryContext,
                                       const std::function<bool(const VeltraKeyPair&)>& wanted);
 
-/// Whether the token has a pair that is `wanted`. A token that cannot be read is reported, in a line that
-/// begins with `logPrefix`, and has none: it hides no key of another token.
-bool holdsKeyPair(const std::string& serial, void* libraryContext,
-                  const std::function<bool(const VeltraKeyPair&)>& wanted, const char* logPrefix);
+/// The first of these tokens that has a pair which is `wanted`. A token that cannot be read is reported, in a
+/// line that begins with `logPrefix`, and hides no key of another one; what it threw is thrown on when no
+/// other one has the key, which may be there.
+std::optional<std::string> tokenWithKeyPair(const std::vector<std::string>& serials, void* libraryContext,
+                                            const std::function<bool(const VeltraKeyPair&)>& wanted,
+                                            const char* logPrefix);
 
 /// The names of all key pairs, in the token's order.
 std::vector<std::string> keyNamesOf(const std::string& serial, void* libraryContext);

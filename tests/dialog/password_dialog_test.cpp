@@ -48,6 +48,7 @@ TEST_F(PasswordDialogTest, ControlsFocusAndALoginOf4To63Characters) {
     EXPECT_TRUE(GetGUIThreadInfo(GetWindowThreadProcessId(dialog.window, nullptr), &info));
     EXPECT_EQ(info.hwndFocus, pin);
     EXPECT_EQ(GetForegroundWindow(), dialog.window);
+    EXPECT_EQ(SendMessageA(pin, EM_GETLIMITTEXT, 0, 0), 255);
     EXPECT_FALSE(IsWindowEnabled(login)) << "before anything is typed";
     for (const std::size_t length : {3, 4, 3, 63, 64, 200, 5, 0}) {
         typePin(dialog.window, std::string(length, 'p'));

@@ -5,6 +5,7 @@ exportsOf() { x86_64-w64-mingw32-objdump -p "$1" | sed -n '/\[Ordinal\/Name Poin
 importsOf() { x86_64-w64-mingw32-objdump -p "$1" | sed -n 's/^\tDLL Name: //p' | tr '[:upper:]' '[:lower:]' | LC_ALL=C sort -u; }
 
 expected=$(sed -n 's/^    \([A-Za-z]*\).*/\1/p' "$veltraRoot/src/registration/VeltraCSP.def" | LC_ALL=C sort)
+[ "$(wc -l <<<"$expected")" -eq 27 ] || fail "the list of exports is not complete"
 
 # Not bcrypt.dll: the provider loads it for its registration only.
 systemLibraries=$(printf '%s\n' advapi32.dll crypt32.dll dbghelp.dll kernel32.dll msvcrt.dll shell32.dll user32.dll \

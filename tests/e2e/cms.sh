@@ -22,6 +22,7 @@ newToken E2E-CMS --fips 140-3
 for bits in 2048 3072 4096; do
     key=$unique-$bits
     newCertifiedKey "$key" --bits $bits --usage exchange
+    openssl pkey -pubin -in "$key.pub" -noout -text | grep -q "($bits bit)" || fail "the key has not $bits bits"
     checkMessage sha256
     grep -q signingTime message.txt || fail "the message has no signing time"
 done

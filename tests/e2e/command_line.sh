@@ -24,6 +24,8 @@ for command in "${commands[@]}"; do
     expectFailure 0 "  veltra $command" veltra "$command" --help
 done
 
+expectExit 0 veltra verify document --raw --signature document.sig --certificate "$unique.pem"
+[ "$(veltra generate-random 32 | tr -d '\r\n' | wc -c)" -eq 64 ] || fail "32 random bytes are not 64 digits"
 json keys list-keys
 json certificates list-certificates
 json 'properties algorithms containers' show-provider

@@ -22,6 +22,7 @@ for token in A B; do
     grep "^$keyId" certificates.txt | grep -q "CN=$unique-$token" ||
         fail "the certificate of token $token is not in the list: $(cat certificates.txt)"
     softtoken show "E2E-BOX-$token" | grep -q "$keyId" || fail "token $token does not have the key $keyId"
+    [ $token = B ] || keyA=$keyId
     # A key's identifier is a container name too, and finds the token that has it.
     sign --container "$keyId"
     openssl dgst -sha256 -verify "$unique-$token.pub" -signature document.sig document >/dev/null ||
@@ -49,9 +50,15 @@ softtoken plug E2E-BOX-A
 logIn E2E-BOX-A
 
 # A log on a full disk changes nothing.
+veltra log-level 3 >/dev/null
+log=$(find "$WINEPREFIX/drive_c" -path "*/Quenmark/veltra/$(date +%Y-%m-%d).LOG")
 rm "$log" && ln -s /dev/full "$log"
-sign --container "$unique-A"
+for cng in "" --cng; do
+    # shellcheck disable=SC2086 # an option or none
+    expectFailure 0 "Unable to write log" veltra $cng sign document --container "$keyA" --raw --out document.sig
+done
 rm "$log"
+veltra log-level default >/dev/null
 
 # Deleting asks first, then removes the key and the container.
 expectFailure 2 "--yes" veltra delete-key --container "$unique-A"

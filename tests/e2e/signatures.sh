@@ -75,6 +75,7 @@ softtoken set E2E-CNGSIG --firmware 1.9.9
 expectFailure 1 NTE_NOT_SUPPORTED cng sign document --container "$rsaKey" --raw --pss --out refused
 
 # One key less.
+expectFailure 2 "--yes" cng delete-key --container "$key"
 cng delete-key --container "$key" --yes
 expectFailure 1 NTE_NO_KEY cng sign document --container "$key" --raw --out refused
 [ ! -e refused ] || fail "a refused signature left a file"

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <new>
 
 namespace veltra::test {
 namespace {
@@ -14,6 +15,7 @@ namespace {
 /// What the stand-in for bcrypt.dll was called with, and what its functions answer, by their first words.
 std::vector<std::string> calls;
 std::map<std::string, DWORD> statuses;
+constexpr DWORD kOutOfMemory = 0xC0000017; ///< a status for which the function throws
 
 const std::string kName = "Veltra Cryptographic Provider CSP";
 const std::string kEntry = ": 1 null 10001 KEY_STORAGE " + kName;
@@ -86,6 +88,9 @@ TEST(RegistrationTest, RegistersAndUnregisters) {
     expectBoth(
         {code(0xD000000D), registered.calls, "ERROR BCryptAddContextFunctionProvider failed: 0x-1073741811"},
         unregistered);
+    statuses = {{"Remove", kOutOfMemory}};
+    expectBoth({E_OUTOFMEMORY, {kRemove}, "ERROR DllRegisterServer: out of memory"},
+               {E_OUTOFMEMORY, {kRemove}, "ERROR DllUnregisterServer: out of memory"});
     statuses.clear();
     for (const char* missing : {"BCryptRegisterProvider", "BCryptAddContextFunctionProvider"}) {
         installStandIn(missing);
@@ -105,5 +110,7 @@ TEST(RegistrationTest, RegistersAndUnregisters) {
 
 LONG bcryptCalled(const char* call) {
     const std::string line = veltra::test::calls.emplace_back(call);
-    return static_cast<LONG>(veltra::test::statuses[line.substr(0, line.find(':'))]);
+    const DWORD status = veltra::test::statuses[line.substr(0, line.find(':'))];
+    if (status == veltra::test::kOutOfMemory) throw std::bad_alloc();
+    return static_cast<LONG>(status);
 }

@@ -1,9 +1,10 @@
-// What no caller should pass.
+// The exports: what no caller should pass, and what only they do.
 
 #include "softtoken_test.h"
 
 #include "aes_encryption.h"
 
+#include <set>
 #include <tuple>
 #include <type_traits>
 
@@ -161,6 +162,32 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
                 veltra_getTokenInfo(nullptr, nullptr).model.empty());
     EXPECT_TRUE(veltra_findCertificateForKey(kSerial, nullptr, nullptr) == nullptr &&
                 veltra_findCertificateForKey(nullptr, id, nullptr) == nullptr);
+}
+
+// An identifier of 16 bytes stands for an AES key of the token.
+TEST_F(SoftTokenTest, ExportsServeTheirCallers) {
+    ASSERT_EQ(veltra_validatePassword(kSerial, kPin, 1, nullptr, nullptr), 0);
+    logIn();
+    VeltraSymmetricKey aes = aesRecord(fromHex("000102030405060708090A0B0C0D0E0F")); // RFC 3394, 4.1
+    const Bytes wrapped = fromHex("1FA68B0A8112B447AEF34BD8FB5A7B829D3E862371D2CFE5");
+    LibraryOutput out;
+    ASSERT_EQ(veltra_importAesKey(kSerial, kPin, &aes, nullptr), 0);
+    EXPECT_EQ(toHex(veltra_getAesKeyList(kSerial, nullptr).at(0).keyId), toHex(aes.keyId));
+    ASSERT_EQ(veltra_decrypt_aes(kSerial, aes.keyId, 16, wrapped.data(), 24, &out.data, &out.length, false,
+                                 nullptr, 0, nullptr),
+              0);
+    EXPECT_EQ(toHex({out.data, static_cast<std::size_t>(out.length)}), "00112233445566778899AABBCCDDEEFF");
+    std::free(out.data);
+    const VeltraKeyPair pair = generate(kKeyTypeEcP256);
+    EXPECT_EQ(veltra_updateKeyPairDetails(kSerial, pair.keyId, kPin, "new", nullptr, 0, nullptr), 0);
+    EXPECT_STREQ(veltra_getKeyPairList(kSerial, nullptr).at(0).label, "new");
+    std::set<Bytes> numbers;
+    for (const bool software : {false, true, false, true}) {
+        Bytes buffer(18, 0xAA);
+        ASSERT_EQ(veltra_generateRamdomNumber(kSerial, 16, buffer.data() + 1, software, nullptr), 0);
+        EXPECT_TRUE(buffer.front() == 0xAA && buffer.back() == 0xAA && numbers.insert(buffer).second);
+    }
+    EXPECT_TRUE(veltra_getFilesWithExtensionsAndConvertDER("", {"cer"}, nullptr).empty());
 }
 
 TEST_F(SoftTokenTest, AesRefusesWhatDoesNotFit) {
