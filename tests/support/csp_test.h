@@ -13,26 +13,13 @@ protected:
     /// A context that the fixture releases; 0 when it is refused.
     HCRYPTPROV acquire(const char* container = nullptr, DWORD flags = 0);
     /// A context whose container is the key pair `digit` ('1': 0x11).
-    HCRYPTPROV acquireKey(char digit, DWORD flags = 0) {
-        return acquire(std::string(32, digit).c_str(), flags);
-    }
-    BOOL tryAcquire(HCRYPTPROV* context, const char* container, DWORD flags);
-
-    HCRYPTHASH createHash(HCRYPTPROV context, ALG_ID algorithm, HCRYPTKEY key = 0);
-    BOOL hashData(HCRYPTPROV context, HCRYPTHASH hash, const std::string& data);
-    /// HP_HASHVAL, or nothing when it is refused.
-    Bytes hashValue(HCRYPTPROV context, HCRYPTHASH hash);
-    /// A hash object with this value set, so that no device hash is in play.
-    HCRYPTHASH hashWithValue(HCRYPTPROV context, unsigned char firstByte = 0x11);
+    HCRYPTPROV acquireKey(char digit) { return acquire(std::string(32, digit).c_str()); }
 
     HCRYPTKEY userKey(HCRYPTPROV context, DWORD keySpec);
-    HCRYPTKEY addSymmetricKey(const std::string& bytes);
 
     /// What the object holds: "algId/bits/mode/usage/flag id=AEAE..(16) credential=AE label=... secret=" and
     /// the bytes of a symmetric key.
     static std::string textOf(const KEY_HANDLE& key);
-
-    std::string storedPin() const;
 
     /// The provider looks at no more of its table than that there is one, and not every system header
     /// declares it.

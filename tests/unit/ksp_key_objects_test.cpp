@@ -101,6 +101,15 @@ TEST_F(KspKeyTest, KeyOfAnotherTokenRebindsTheProvider) {
     EXPECT_EQ(open(kTwos), failed(0, {first})) << "it hides no key of another token";
     library.script("veltra_getKeyPairList", {.throws = true});
     EXPECT_EQ(open(kTwos), failed(NTE_INTERNAL_ERROR, {first, second, "KSPOpenKey: unexpected exception"}));
+    library.clearScripts();
+    for (const bool connected : {false, true}) {
+        for (const std::string& of : {serial, other})
+            library.setConnected(of, connected);
+        if (!connected) provider = openProvider();
+        EXPECT_EQ(liveProvider(provider)->serial(), "") << "opened without a token";
+    }
+    EXPECT_EQ(open(kTwos), succeeded());
+    EXPECT_EQ(liveProvider(provider)->serial(), other);
 }
 
 // An odd size is reported as it was set and becomes 2048 bits on the token: deliberate.
