@@ -95,19 +95,16 @@ const Asking kAsking[] = {
 };
 
 /// That the entry points are wired to the verification of the user, which both front ends share.
-class KspLoginTest : public KspTest {
-protected:
-    /// Makes the call with these bits in its flags.
-    StatusAnswer make(const WorkingCall& working, BothFrontEnds& world, DWORD flags) {
+using KspLoginTest = KspTest;
+
+TEST_F(KspLoginTest, WhatUsesThePinAsksForItUnlessItIsSilent) {
+    const auto make = [&](const WorkingCall& working, BothFrontEnds& world, DWORD flags) {
         world.resetOutput();
         Values values = working.valuesIn(world, working.choices[0]);
         for (std::size_t i = 0; i < values.size(); ++i)
             if (working.arguments[i].name == "flags") values[i] |= flags;
         return call([&] { return static_cast<SECURITY_STATUS>(working.invoke(values)); });
-    }
-};
-
-TEST_F(KspLoginTest, WhatUsesThePinAsksForItUnlessItIsSilent) {
+    };
     for (const WorkingCall& working : cngCalls()) {
         const auto* const row = std::ranges::find(kAsking, working.name, &Asking::call);
         const bool asks = row != std::end(kAsking), canBeSilent = asks && row->function != nullptr;
