@@ -42,11 +42,7 @@ HCRYPTKEY openCspKey(std::uint32_t keyType) {
 }
 
 NCRYPT_KEY_HANDLE openKspKey(std::uint32_t keyType) {
-    auto key = std::make_shared<KSP_KEY>();
-    key->fillFrom(pairOf(keyType));
-    key->bitLength = keyBitsOf(keyType);
-    key->persisted = true;
-    return LiveRecords<KSP_KEY>::add(std::move(key));
+    return LiveRecords<KSP_KEY>::add(test::openedKey(pairOf(keyType)));
 }
 
 HCRYPTKEY openCspKey(std::span<const unsigned char> secret) {
@@ -61,27 +57,18 @@ NCRYPT_KEY_HANDLE openKspKey(std::span<const unsigned char> secret) {
     return LiveRecords<KSP_KEY>::add(std::move(key));
 }
 
-VTableProvStruc* anyTable() {
-    static int table = 0;
-    return reinterpret_cast<VTableProvStruc*>(&table);
-}
-
 HCRYPTPROV cspContext() {
-    static const HCRYPTPROV context = [] {
-        HCRYPTPROV opened = 0;
-        require(CPAcquireContext(&opened, nullptr, 0, anyTable()) != FALSE, "a context");
-        return opened;
-    }();
-    return context;
+    static const auto context = handleOf([](HCRYPTPROV* out) {
+        auto* const table = reinterpret_cast<VTableProvStruc*>(out); // nobody looks at it
+        return cspCall(CPAcquireContext, out, nullptr, 0, table);
+    });
+    return context.value();
 }
 
 NCRYPT_PROV_HANDLE kspProvider() {
-    static const NCRYPT_PROV_HANDLE provider = [] {
-        NCRYPT_PROV_HANDLE opened = 0;
-        require(KSPOpenProvider(&opened, nullptr, 0) == 0, "a provider");
-        return opened;
-    }();
-    return provider;
+    static const auto provider =
+        handleOf([](NCRYPT_PROV_HANDLE* out) { return kspCall(KSPOpenProvider, out, nullptr, 0); });
+    return provider.value();
 }
 
 ExactBytes asCertificateArgument(const Bytes& der) {

@@ -114,9 +114,6 @@ NCRYPT_KEY_HANDLE openKspKey(std::uint32_t keyType);
 HCRYPTKEY openCspKey(std::span<const unsigned char> secret);
 NCRYPT_KEY_HANDLE openKspKey(std::span<const unsigned char> secret);
 
-/// What CPAcquireContext needs and never reads.
-VTableProvStruc* anyTable();
-
 /// A context without a container, and a provider, on the token; they stay.
 HCRYPTPROV cspContext();
 NCRYPT_PROV_HANDLE kspProvider();

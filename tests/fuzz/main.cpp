@@ -10,10 +10,13 @@
 #include "token/process_iv.h"
 #include "token/random_numbers.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <random>
 
@@ -32,9 +35,8 @@ std::vector<const Target*>& targets() {
 const Target* active = nullptr;
 
 const Target* findTarget(std::string_view name) {
-    for (const Target* target : targets()) {
-        if (target->name == name) return target;
-    }
+    const auto found = std::ranges::find(targets(), name, &Target::name);
+    if (found != targets().end()) return *found;
     std::fprintf(stderr, "there is no target %s\n", std::string(name).c_str());
     return nullptr;
 }
@@ -93,10 +95,9 @@ std::vector<Bytes> smokeInputs(const Target& target) {
 int writeInputs(const std::vector<Bytes>& inputs, const std::string& folder) {
     int number = 0;
     for (const Bytes& seed : inputs) {
-        std::FILE* file = std::fopen((folder + "/seed-" + std::to_string(number++)).c_str(), "wb");
-        if (file == nullptr) return EXIT_FAILURE;
-        std::fwrite(seed.data(), 1, seed.size(), file);
-        std::fclose(file);
+        std::ofstream file(folder + "/seed-" + std::to_string(number++), std::ios::binary);
+        if (!file) return EXIT_FAILURE;
+        std::ranges::copy(seed, std::ostreambuf_iterator<char>(file));
     }
     return EXIT_SUCCESS;
 }

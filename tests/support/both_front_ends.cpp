@@ -1,5 +1,7 @@
 #include "support/both_front_ends.h"
 
+#include "support/blob_bytes.h"
+
 #include "csp/container_map.h"
 #include "csp/hash_context.h"
 #include "csp/key_handle.h"
@@ -8,6 +10,7 @@
 #include "ksp/ksp_provider.h"
 #include "ksp/ksp_secret.h"
 #include "token/device_state.h"
+#include "token/key_pairs.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -62,15 +65,20 @@ int kindOf(std::uintptr_t handle) {
     return AllKinds::find(handle).first;
 }
 
+std::unique_ptr<KSP_KEY> openedKey(const VeltraKeyPair& pair) {
+    auto key = std::make_unique<KSP_KEY>();
+    key->fillFrom(pair);
+    key->bitLength = keyBitsOf(pair.keyType);
+    key->persisted = true;
+    return key;
+}
+
 std::shared_ptr<void> recordOf(std::uintptr_t handle) {
     return AllKinds::find(handle).second;
 }
 
 Bytes ciphertextOf(const Bytes& plaintext) {
-    const Bytes masked = ScriptedDeviceLibrary::maskOf(plaintext);
-    Bytes ciphertext(256 - masked.size());
-    ciphertext.insert(ciphertext.end(), masked.begin(), masked.end());
-    return ciphertext;
+    return joined({Bytes(256 - plaintext.size()), ScriptedDeviceLibrary::maskOf(plaintext)});
 }
 
 BothFrontEnds::BothFrontEnds(const std::string& serial)

@@ -4,10 +4,10 @@
 
 #include "csp/csp_entry_points.h"
 #include "ksp/ksp_entry_points.h"
+#include "ksp/ksp_key.h"
 
 #include <algorithm>
 #include <memory>
-#include <span>
 #include <string>
 
 namespace veltra::test {
@@ -69,14 +69,17 @@ struct BothFrontEnds {
     Output out;
 };
 
-/// A key object of either front end that holds these bytes of a key.
+/// A key object of either front end that holds these bytes, or characters, of a key.
 template <class Key>
-std::unique_ptr<Key> keyWith(std::span<const unsigned char> bytes) {
+std::unique_ptr<Key> keyWith(const auto& bytes) {
     auto key = std::make_unique<Key>();
     std::ranges::copy(bytes, key->symmetricKey.data());
     key->symmetricKeyLength = static_cast<std::uint32_t>(bytes.size());
     return key;
 }
+
+/// A key object as KSPOpenKey makes it of this pair, made without it.
+std::unique_ptr<KSP_KEY> openedKey(const VeltraKeyPair& pair);
 
 /// Releases the object behind a handle of any kind; false when there is none.
 bool releaseAny(std::uintptr_t handle);

@@ -6,11 +6,7 @@
 
 namespace veltra::test {
 
-namespace {
-
 constexpr const char* kSettingsKey = R"(Software\Quenmark\Veltra)";
-
-} // namespace
 
 std::string readFile(const std::string& path) {
     HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
@@ -25,13 +21,12 @@ std::string readFile(const std::string& path) {
 }
 
 void useOwnLogFolder() {
-    static const bool once = [] {
+    [[maybe_unused]] static const bool once = [] {
         const std::string folder = temporaryFolder() + "veltra-tests-" +
                                    std::to_string(GetCurrentProcessId()) + "-" +
                                    std::to_string(GetTickCount64());
         return CreateDirectoryA(folder.c_str(), nullptr) && SetEnvironmentVariableA("TMP", folder.c_str());
     }();
-    static_cast<void>(once);
 }
 
 std::string temporaryFolder() {

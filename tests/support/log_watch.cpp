@@ -25,12 +25,10 @@ void lookAtEveryLogLine(void (*look)()) {
 // line of several parts begins with.
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names
-void __real__ZN6veltra5Utils5debugEPKc(const char* message);
-void __real__ZN6veltra5Utils5errorEPKc(const char* message);
-void __real__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
-    std::string* message);
-void __real__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
-    std::string* message);
+void __real__ZN6veltra5Utils5debugEPKc(const char*);
+void __real__ZN6veltra5Utils5errorEPKc(const char*);
+void __real__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(std::string*);
+void __real__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(std::string*);
 bool __real__ZN6veltra5Utils13isDebugWantedEv();
 
 bool __wrap__ZN6veltra5Utils13isDebugWantedEv() {
@@ -46,15 +44,13 @@ void __wrap__ZN6veltra5Utils5errorEPKc(const char* message) {
     __real__ZN6veltra5Utils5errorEPKc(message);
 }
 // A reference is passed as a pointer.
-void __wrap__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
-    std::string* message) {
+void __wrap__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(std::string* line) {
     look();
-    __real__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(message);
+    __real__ZN6veltra5Utils5debugEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(line);
 }
-void __wrap__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(
-    std::string* message) {
+void __wrap__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(std::string* line) {
     look();
-    __real__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(message);
+    __real__ZN6veltra5Utils5errorEONSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(line);
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 }

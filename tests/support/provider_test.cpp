@@ -3,9 +3,7 @@
 #include "support/both_front_ends.h"
 #include "support/sanitizer_stack.h"
 
-#include "token/device_monitor.h"
-#include "token/device_state.h"
-
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <ostream>
@@ -41,19 +39,8 @@ bool isFromMonitorThread(std::string_view line) {
 } // namespace
 
 std::ostream& operator<<(std::ostream& stream, const Answer& answer) {
-    stream << (answer.result ? "TRUE" : "FALSE") << ", last error 0x" << std::hex << answer.lastError
-           << std::dec;
-    for (const std::string& line : answer.errors)
-        stream << "\n    " << line;
-    return stream;
-}
-
-Answer refused(DWORD lastError, std::vector<std::string> errors) {
-    return {FALSE, lastError, std::move(errors)};
-}
-
-Answer accepted(DWORD lastError) {
-    return {TRUE, lastError, {}};
+    return stream << (answer.result ? "TRUE" : "FALSE") << ", last error 0x" << std::hex << answer.lastError
+                  << std::dec << ' ' << testing::PrintToString(answer.errors);
 }
 
 void runOnThreads(int count, const std::function<void()>& body) {
@@ -102,14 +89,6 @@ ProviderTest::~ProviderTest() {
         releaseAny(handle);
 }
 
-void ProviderTest::storePinOfToken() {
-    storePin(serial, Pin(token.pin));
-}
-
-void ProviderTest::TearDownTestSuite() {
-    stopDeviceMonitor();
-}
-
 Answer ProviderTest::run(const std::function<BOOL()>& call) {
     takeLogLines();
     SetLastError(kUntouched);
@@ -123,11 +102,9 @@ Answer ProviderTest::run(const std::function<BOOL()>& call) {
 }
 
 std::vector<std::string> ProviderTest::takeLogLines() {
-    std::vector<std::string> lines;
-    for (const std::string& raw : takeRawLogLines()) {
-        std::string line = withoutTime(raw);
-        if (!isFromMonitorThread(line)) lines.push_back(std::move(line));
-    }
+    std::vector<std::string> lines = takeRawLogLines();
+    std::ranges::transform(lines, lines.begin(), withoutTime);
+    std::erase_if(lines, isFromMonitorThread);
     return lines;
 }
 

@@ -8,6 +8,8 @@
 
 #include "foundation/live_records.h"
 #include "foundation/windows.h"
+#include "token/device_monitor.h"
+#include "token/device_state.h"
 
 #include <functional>
 #include <iosfwd>
@@ -30,10 +32,14 @@ struct Answer {
 std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 
 /// FALSE, with this last error and exactly these error lines.
-Answer refused(DWORD lastError, std::vector<std::string> errors);
+inline Answer refused(DWORD lastError, std::vector<std::string> errors) {
+    return {FALSE, lastError, std::move(errors)};
+}
 
 /// TRUE with this last error and no error line.
-Answer accepted(DWORD lastError = kUntouched);
+inline Answer accepted(DWORD lastError = kUntouched) {
+    return {TRUE, lastError, {}};
+}
 
 /// Runs `body` on `count` threads at once and returns when all have ended.
 void runOnThreads(int count, const std::function<void()>& body);
@@ -53,7 +59,7 @@ protected:
 
     /// Stops the device monitor: a Winelib program whose destructors still call the system loses its exit
     /// status.
-    static void TearDownTestSuite();
+    static void TearDownTestSuite() { stopDeviceMonitor(); }
 
     /// Runs one call of an entry point and collects its answer. The debug lines it wrote are in debugLines.
     Answer run(const std::function<BOOL()>& call);
@@ -76,7 +82,7 @@ protected:
         return keep(LiveRecords<Key>::add(std::move(key)));
     }
     /// Makes the PIN of the fixture's token known to the provider, as an earlier login would have.
-    void storePinOfToken();
+    void storePinOfToken() { storePin(serial, Pin(token.pin)); }
 
     /// A name that no other test uses.
     static std::string freshName(const std::string& stem);

@@ -2,13 +2,13 @@
 
 #include "support/blob_bytes.h"
 
-#include "foundation/text.h"
 #include "foundation/windows.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <map>
 #include <new>
 #include <sstream>
@@ -29,58 +29,44 @@ constexpr std::size_t kSignatureBytes[] = {0, 128, 256, 384, 512, 64, 96, 132};
 constexpr std::size_t kPublicKeyBytes[] = {0, 128, 256, 384, 512, 65, 97, 133};
 constexpr std::size_t kDigestBytes[] = {0, 0, 20, 32, 48, 64, 28}; // by mechanism
 
-// The arguments of a recorded call.
-
-struct Block {
-    const unsigned char* bytes;
-    int length;
-};
-
-struct KeyId {
-    const unsigned char* bytes;
-};
-
 std::string ends(const unsigned char* bytes, std::size_t length) {
     return toHex({bytes, 2}) + ".." + toHex({bytes + length - 2, 2});
 }
 
 /// The bytes themselves up to 4, else the first and last two with the length: "0102..FF00(256)".
-std::string show(const Block& block) {
-    const std::string number = "(" + std::to_string(block.length) + ")";
-    if (!block.bytes) return "null" + number;
-    if (block.length <= 0) return "empty";
-    const auto length = static_cast<std::size_t>(block.length);
-    return length <= 4 ? toHex({block.bytes, length}) : ends(block.bytes, length) + number;
+std::string block(const unsigned char* bytes, std::int64_t length) {
+    const std::string number = "(" + std::to_string(length) + ")";
+    if (!bytes) return "null" + number;
+    if (length <= 0) return "empty";
+    const auto size = static_cast<std::size_t>(length);
+    return size <= 4 ? toHex({bytes, size}) : ends(bytes, size) + number;
 }
-std::string show(const KeyId& id) {
-    return id.bytes ? ends(id.bytes, kKeyIdLength) : "null";
+
+std::string identifier(const unsigned char* keyId) {
+    return keyId ? ends(keyId, kKeyIdLength) : "null";
 }
-std::string show(const std::string& text) {
-    return text;
-}
-std::string show(const char* text) {
-    return text ? text : "null";
-}
-std::string show(const int* value) {
-    return value ? std::to_string(*value) : "null";
-}
-std::string show(std::int64_t value) {
-    return std::to_string(value);
-}
+
+/// An argument of a recorded call, as text.
+struct Shown {
+    Shown(std::string value) : text(std::move(value)) {}
+    Shown(const char* value) : text(value ? value : "null") {}
+    Shown(const int* value) : text(value ? std::to_string(*value) : "null") {}
+    Shown(std::int64_t value) : text(std::to_string(value)) {}
+
+    std::string text;
+};
 
 std::string_view firstOf(std::string_view words) {
     return words.substr(0, words.find(' '));
 }
 
 /// "name=value, name=value", with the names behind the first of these words.
-template <class... Values>
-std::string showAll(std::string_view words, const Values&... values) {
+std::string showAll(std::string_view words, std::initializer_list<Shown> values) {
     std::string text;
-    const auto add = [&](const std::string& value) {
+    for (const Shown& value : values) {
         words.remove_prefix(words.find(' ') + 1);
-        text.append(text.empty() ? "" : ", ").append(firstOf(words)).append("=").append(value);
-    };
-    (add(show(values)), ...);
+        text.append(text.empty() ? "" : ", ").append(firstOf(words)).append("=").append(value.text);
+    }
     return text;
 }
 
@@ -125,29 +111,22 @@ bool hasId(const Record& record, const unsigned char* keyId) {
     return std::equal(std::begin(record.keyId), std::end(record.keyId), keyId);
 }
 
+/// The first record of a key; null when there is none.
+template <class Record>
+Record* findId(std::vector<Record>& records, const unsigned char* keyId) {
+    const auto found = std::ranges::find_if(records, [&](auto& record) { return hasId(record, keyId); });
+    return found == records.end() ? nullptr : &*found;
+}
+
 /// A record of zeros but for its identifier, `id` 16 times.
 template <class Record>
 Record& append(std::vector<Record>& records, unsigned char id) {
     Record& record = records.emplace_back();
-    std::memset(&record, 0, sizeof record);
     std::fill(std::begin(record.keyId), std::end(record.keyId), id);
     return record;
 }
 
 } // namespace
-
-std::string keyNameOf(const unsigned char* keyId) {
-    return toHex({keyId, kKeyIdLength});
-}
-
-void ScriptedToken::logIn() {
-    info.session = "session";
-    info.words[3] = info.words[4] = 1;
-}
-
-bool ScriptedToken::loggedIn() const {
-    return !info.session.empty() && info.words[3] == 1 && info.words[4] == 1;
-}
 
 VeltraKeyPair& ScriptedToken::addKeyPair(unsigned char id, std::uint32_t keyType, std::uint32_t usage) {
     const Bytes publicKey = ScriptedDeviceLibrary::publicKeyOf(keyType);
@@ -195,32 +174,6 @@ ScriptedToken& ScriptedDeviceLibrary::addToken(const std::string& serial) {
     return *tokens_.emplace_back(std::move(token));
 }
 
-void ScriptedDeviceLibrary::setConnected(const std::string& serial, bool connected) {
-    const std::scoped_lock lock(mutex_);
-    if (ScriptedToken* token = find(serial.c_str())) token->connected = connected;
-}
-
-void ScriptedDeviceLibrary::script(const std::string& function, Script script) {
-    const std::scoped_lock lock(mutex_);
-    scripts_.push_back({.function = function, .script = script});
-}
-
-void ScriptedDeviceLibrary::scriptCall(int n, Script script) {
-    const std::scoped_lock lock(mutex_);
-    script.onCall = n;
-    scripts_.push_back({.script = script, .thread = std::this_thread::get_id()});
-}
-
-void ScriptedDeviceLibrary::clearScripts() {
-    const std::scoped_lock lock(mutex_);
-    scripts_.clear();
-}
-
-void ScriptedDeviceLibrary::lookAtEveryCall(std::function<void(const std::string&)> look) {
-    const std::scoped_lock lock(mutex_);
-    look_ = std::move(look);
-}
-
 std::vector<std::string> ScriptedDeviceLibrary::calls(std::string_view function) const {
     const std::scoped_lock lock(mutex_);
     std::vector<std::string> texts;
@@ -228,17 +181,6 @@ std::vector<std::string> ScriptedDeviceLibrary::calls(std::string_view function)
         if (call.thread == std::this_thread::get_id() && (function.empty() || call.function == function))
             texts.push_back(call.text);
     return texts;
-}
-
-int ScriptedDeviceLibrary::countOnAllThreads(std::string_view function) const {
-    const std::scoped_lock lock(mutex_);
-    return static_cast<int>(std::count_if(
-        calls_.begin(), calls_.end(), [&](const RecordedCall& call) { return call.function == function; }));
-}
-
-void ScriptedDeviceLibrary::clearCalls() {
-    const std::scoped_lock lock(mutex_);
-    calls_.clear();
 }
 
 Bytes ScriptedDeviceLibrary::fakeDigest(int mechanism, const Bytes& data) {
@@ -316,11 +258,11 @@ using In = const unsigned char*; ///< bytes that a function is given
 class ScriptedFunctions final : public ScriptedDeviceLibrary {
 public:
     int veltra_init(int mode, void* ctx, int kind) override {
-        return Call(*this, ctx, "veltra_init mode kind", mode, kind).script.result;
+        return Call(*this, ctx, "veltra_init mode kind", {mode, kind}).script.result;
     }
 
     std::vector<std::string> veltra_getConnectedDeviceList(bool refresh, void* ctx) override {
-        const Call call(*this, ctx, "veltra_getConnectedDeviceList refresh", refresh);
+        const Call call(*this, ctx, "veltra_getConnectedDeviceList refresh", {refresh});
         std::vector<std::string> serials;
         if (call.script.result) return serials;
         for (const auto& token : tokens_)
@@ -329,21 +271,21 @@ public:
     }
 
     int veltra_initDevice(const char* serial, bool reread, void* ctx) override {
-        const Call call(*this, ctx, "veltra_initDevice serial reread", serial, reread);
+        const Call call(*this, ctx, "veltra_initDevice serial reread", {serial, reread});
         if (call.script.result) return call.script.result;
         return find(serial) ? kDeviceOk : kNoSuchToken;
     }
 
     TokenInfo veltra_getTokenInfo(const char* serial, void* ctx) override {
-        const Call call(*this, ctx, "veltra_getTokenInfo serial", serial);
+        const Call call(*this, ctx, "veltra_getTokenInfo serial", {serial});
         const ScriptedToken* token = find(serial);
         return token && !call.script.result ? token->info : TokenInfo{};
     }
 
     int veltra_validatePassword(const char* serial, const char* pin, int mode, int* remaining,
                                 void* ctx) override {
-        const Call call(*this, ctx, "veltra_validatePassword serial pin mode remaining", serial, pin, mode,
-                        remaining);
+        const Call call(*this, ctx, "veltra_validatePassword serial pin mode remaining",
+                        {serial, pin, mode, remaining});
         if (call.script.result) return call.script.result;
         ScriptedToken* token = find(serial);
         if (!token) return kNoSuchToken;
@@ -353,14 +295,14 @@ public:
     }
 
     std::vector<VeltraKeyPair>& veltra_getKeyPairList(const char* serial, void* ctx) override {
-        const Call call(*this, ctx, "veltra_getKeyPairList serial", serial);
+        const Call call(*this, ctx, "veltra_getKeyPairList serial", {serial});
         return listFor(serial, call.script, &ScriptedToken::keyPairs, &VeltraKeyPair::publicKeyLength);
     }
 
     int veltra_generateKeyPair(const char* serial, const char* pin, VeltraKeyPair* inout,
                                void* ctx) override {
-        Call call(*this, ctx, "veltra_generateKeyPair serial pin type usage label", serial, pin,
-                  inout->keyType, inout->usage, quoted(inout->label));
+        Call call(*this, ctx, "veltra_generateKeyPair serial pin type usage label",
+                  {serial, pin, inout->keyType, inout->usage, quoted(inout->label)});
         if (const int code = call.logIn(serial, pin)) return code;
         if (inout->keyType < kKeyTypeRsa1024 || inout->keyType > kKeyTypeEcP521) return kNoSuchKey;
         const auto id = static_cast<unsigned char>(0xE0 + ++generatedKeys_ % 32);
@@ -371,44 +313,43 @@ public:
     }
 
     int veltra_deleteKeyPair(const char* serial, In keyId, const char* pin, bool flag, void* ctx) override {
-        Call call(*this, ctx, "veltra_deleteKeyPair serial key pin flag", serial, KeyId{keyId}, pin, flag);
+        Call call(*this, ctx, "veltra_deleteKeyPair serial key pin flag",
+                  {serial, identifier(keyId), pin, flag});
         if (const int code = call.logIn(serial, pin)) return code;
-        const auto deleted = std::erase_if(call.token->keyPairs,
-                                           [&](const VeltraKeyPair& pair) { return hasId(pair, keyId); });
+        const auto deleted =
+            std::erase_if(call.token->keyPairs, [&](auto& pair) { return hasId(pair, keyId); });
         return deleted ? kDeviceOk : kNoSuchKey;
     }
 
     int veltra_updateKeyPairDetails(const char* serial, In keyId, const char* pin, const char* label, In data,
                                     int length, void* ctx) override {
-        return Call(*this, ctx, "veltra_updateKeyPairDetails serial key pin label data", serial, KeyId{keyId},
-                    pin, label, Block{data, length})
+        return Call(*this, ctx, "veltra_updateKeyPairDetails serial key pin label data",
+                    {serial, identifier(keyId), pin, label, block(data, length)})
             .script.result;
     }
 
     std::vector<VeltraCertificate>& veltra_getCertificateList(const char* serial, void* ctx) override {
-        const Call call(*this, ctx, "veltra_getCertificateList serial", serial);
+        const Call call(*this, ctx, "veltra_getCertificateList serial", {serial});
         return certificatesOf(serial, call.script);
     }
 
     VeltraCertificate* veltra_findCertificateForKey(const char* serial, In keyId, void* ctx) override {
-        const Call call(*this, ctx, "veltra_findCertificateForKey serial key", serial, KeyId{keyId});
-        for (VeltraCertificate& certificate : certificatesOf(serial, call.script))
-            if (hasId(certificate, keyId)) return &certificate;
-        return nullptr;
+        const Call call(*this, ctx, "veltra_findCertificateForKey serial key", {serial, identifier(keyId)});
+        return findId(certificatesOf(serial, call.script), keyId);
     }
 
     int veltra_importCertificate(const char* serial, const char* pin, VeltraCertificate* inout,
                                  void* ctx) override {
-        Call call(*this, ctx, "veltra_importCertificate serial pin key der label", serial, pin,
-                  KeyId{inout->keyId}, Block{inout->der, static_cast<int>(inout->derLength)},
-                  quoted(inout->label));
+        Call call(*this, ctx, "veltra_importCertificate serial pin key der label",
+                  {serial, pin, identifier(inout->keyId), block(inout->der, inout->derLength),
+                   quoted(inout->label)});
         if (const int code = call.logIn(serial, pin)) return code;
         call.token->certificates.push_back(*inout);
         return kDeviceOk;
     }
 
     int veltra_getCertificateDetails(In der, int length, CertificateDetails& out, void* ctx) override {
-        const Call call(*this, ctx, "veltra_getCertificateDetails der", Block{der, length});
+        const Call call(*this, ctx, "veltra_getCertificateDetails der", {block(der, length)});
         if (call.script.result) return call.script.result;
         std::istringstream text(std::string(der + 4, der + std::max(length, 4)));
         const bool isOurs = std::getline(text, out.commonName, '|') && std::getline(text, out.issuer, '|');
@@ -421,20 +362,20 @@ public:
         std::string list;
         for (const std::string& extension : extensions)
             list += " " + extension;
-        const Call call(*this, ctx, "veltra_getFilesWithExtensionsAndConvertDER folder extensions", folder,
-                        list);
+        const Call call(*this, ctx, "veltra_getFilesWithExtensionsAndConvertDER folder extensions",
+                        {folder, list});
         return caFiles;
     }
 
     std::vector<VeltraSymmetricKey>& veltra_getAesKeyList(const char* serial, void* ctx) override {
-        const Call call(*this, ctx, "veltra_getAesKeyList serial", serial);
+        const Call call(*this, ctx, "veltra_getAesKeyList serial", {serial});
         return listFor(serial, call.script, &ScriptedToken::aesKeys, &VeltraSymmetricKey::keyLength);
     }
 
     int veltra_importAesKey(const char* serial, const char* pin, VeltraSymmetricKey* inout,
                             void* ctx) override {
-        Call call(*this, ctx, "veltra_importAesKey serial pin key type", serial, pin,
-                  Block{inout->key, static_cast<int>(inout->keyLength)}, inout->keyType);
+        Call call(*this, ctx, "veltra_importAesKey serial pin key type",
+                  {serial, pin, block(inout->key, inout->keyLength), inout->keyType});
         if (const int code = call.logIn(serial, pin)) return code;
         std::fill(std::begin(inout->keyId), std::end(inout->keyId), 0xAE);
         inout->credentialId[0] = 0xAE;
@@ -450,8 +391,9 @@ public:
 
     int veltra_encrypt(EncryptionType type, PaddingMode padding, In in, int inLength, unsigned char* out,
                        int* outLength, In key, int keyLength, void* ctx) override {
-        const Call call(*this, ctx, "veltra_encrypt type padding in out key", static_cast<int>(type),
-                        static_cast<int>(padding), Block{in, inLength}, outLength, Block{key, keyLength});
+        const Call call(*this, ctx, "veltra_encrypt type padding in out key",
+                        {static_cast<int>(type), static_cast<int>(padding), block(in, inLength), outLength,
+                         block(key, keyLength)});
         if (call.script.result) return call.script.result;
         if (inLength >= *outLength) return kBufferTooSmall;
         const auto zeros = static_cast<std::size_t>(std::min(*outLength, kLongestRsaCiphertext) - inLength);
@@ -460,8 +402,8 @@ public:
 
     int veltra_decrypt(const char* serial, In keyId, const char* pin, In in, int inLength,
                        unsigned char** out, int* outLength, bool flag, void* ctx) override {
-        Call call(*this, ctx, "veltra_decrypt serial key pin in flag", serial, KeyId{keyId}, pin,
-                  Block{in, inLength}, flag);
+        Call call(*this, ctx, "veltra_decrypt serial key pin in flag",
+                  {serial, identifier(keyId), pin, block(in, inLength), flag});
         if (const int code = call.logIn(serial, pin)) return code;
         if (*in != 0) return kNotACiphertext;
         In end = in + inLength;
@@ -472,9 +414,9 @@ public:
     int veltra_encrypt_aes(const char* serial, EncryptionType type, In key, int keyLength, In in,
                            int inLength, unsigned char** out, int* outLength, bool final, In iv, int ivLength,
                            In extra, int extraLength, void* ctx) override {
-        const Call call(*this, ctx, "veltra_encrypt_aes serial type key in final iv extra", serial,
-                        static_cast<int>(type), Block{key, keyLength}, Block{in, inLength}, final,
-                        Block{iv, ivLength}, Block{extra, extraLength});
+        const Call call(*this, ctx, "veltra_encrypt_aes serial type key in final iv extra",
+                        {serial, static_cast<int>(type), block(key, keyLength), block(in, inLength), final,
+                         block(iv, ivLength), block(extra, extraLength)});
         Bytes plain(in, in + inLength);
         const std::size_t padding = kAesBlock - plain.size() % kAesBlock;
         if (final) plain.insert(plain.end(), padding, static_cast<unsigned char>(padding));
@@ -484,14 +426,13 @@ public:
     int veltra_decrypt_aes(const char* serial, In keyOrKeyId, int keyLength, In in, int inLength,
                            unsigned char** out, int* outLength, bool flag, In iv, int ivLength,
                            void* ctx) override {
-        const Call call(*this, ctx, "veltra_decrypt_aes serial key in flag iv", serial,
-                        Block{keyOrKeyId, keyLength}, Block{in, inLength}, flag, Block{iv, ivLength});
+        const Call call(
+            *this, ctx, "veltra_decrypt_aes serial key in flag iv",
+            {serial, block(keyOrKeyId, keyLength), block(in, inLength), flag, block(iv, ivLength)});
         if (call.script.result) return call.script.result;
-        const ScriptedToken* token = find(serial);
-        const bool isWrapped = token && keyLength == static_cast<int>(kKeyIdLength) &&
-                               std::ranges::any_of(token->aesKeys, [&](const VeltraSymmetricKey& candidate) {
-                                   return hasId(candidate, keyOrKeyId);
-                               });
+        ScriptedToken* token = find(serial);
+        const bool isWrapped =
+            token && keyLength == static_cast<int>(kKeyIdLength) && findId(token->aesKeys, keyOrKeyId);
         if (!isWrapped) return handOut(aesPlaintext(in, inLength), call.script, out, outLength);
         Bytes plain = maskOf(Bytes(in, in + inLength));
         if (plain.empty() || plain[0] != keyOrKeyId[0]) return kNotACiphertext;
@@ -501,15 +442,15 @@ public:
 
     int veltra_decryptSymetric(const char* serial, In in, int inLength, unsigned char* out, int* outLength,
                                In iv, int ivLength, In key, int keyLength, void* ctx) override {
-        const Call call(*this, ctx, "veltra_decryptSymetric serial in out iv key", serial,
-                        Block{in, inLength}, outLength, Block{iv, ivLength}, Block{key, keyLength});
+        const Call call(*this, ctx, "veltra_decryptSymetric serial in out iv key",
+                        {serial, block(in, inLength), outLength, block(iv, ivLength), block(key, keyLength)});
         return copyOut(aesPlaintext(in, inLength), call.script, out, outLength);
     }
 
     int veltra_ecdhDerive(const char* serial, In keyId, const char* pin, In peer, int peerLength,
                           unsigned char** out, int* outLength, void* ctx) override {
-        Call call(*this, ctx, "veltra_ecdhDerive serial key pin peer", serial, KeyId{keyId}, pin,
-                  Block{peer, peerLength});
+        Call call(*this, ctx, "veltra_ecdhDerive serial key pin peer",
+                  {serial, identifier(keyId), pin, block(peer, peerLength)});
         if (const int code = call.logIn(serial, pin)) return code;
         const int length = std::max(call.script.length.value_or(32), 0);
         return handOut(counting(static_cast<std::size_t>(length), 1), call.script, out, outLength);
@@ -517,36 +458,36 @@ public:
 
     int veltra_generateRamdomNumber(const char* serial, int count, unsigned char* out, bool software,
                                     void* ctx) override {
-        const Call call(*this, ctx, "veltra_generateRamdomNumber serial count software", serial, count,
-                        software);
+        const Call call(*this, ctx, "veltra_generateRamdomNumber serial count software",
+                        {serial, count, software});
         if (!call.script.result) std::fill(out, out + count, 0x77);
         return call.script.result;
     }
 
     int veltra_signHash(const char* serial, In keyId, const char* pin, In hash, int hashLength,
                         unsigned char* out, int* outLength, bool reserved, void* ctx, bool pss) override {
-        Call call(*this, ctx, "veltra_signHash serial key pin hash out pss", serial, KeyId{keyId}, pin,
-                  Block{hash, hashLength}, reserved ? "reserved" : show(outLength), pss);
+        Call call(*this, ctx, "veltra_signHash serial key pin hash out pss",
+                  {serial, identifier(keyId), pin, block(hash, hashLength),
+                   reserved ? Shown("reserved") : Shown(outLength), pss});
         if (const int code = call.logIn(serial, pin)) return code;
-        const auto pair = std::ranges::find_if(
-            call.token->keyPairs, [&](const VeltraKeyPair& candidate) { return hasId(candidate, keyId); });
-        if (pair == call.token->keyPairs.end()) return kNoSuchKey;
+        const VeltraKeyPair* pair = findId(call.token->keyPairs, keyId);
+        if (!pair) return kNoSuchKey;
         return copyOut(fakeSignature(pair->keyType), call.script, out, outLength);
     }
 
     int veltra_verifySignatureHash(unsigned int keyType, const char* serial, In hash, int hashLength,
                                    In publicKey, int publicKeyLength, In signature, int signatureLength,
                                    void* ctx, bool pss) override {
-        const Call call(*this, ctx, "veltra_verifySignatureHash type serial hash key signature pss", keyType,
-                        serial, Block{hash, hashLength}, Block{publicKey, publicKeyLength},
-                        Block{signature, signatureLength}, pss);
+        const Call call(*this, ctx, "veltra_verifySignatureHash type serial hash key signature pss",
+                        {keyType, serial, block(hash, hashLength), block(publicKey, publicKeyLength),
+                         block(signature, signatureLength), pss});
         if (call.script.result) return call.script.result;
         const bool isGood = fakeSignature(keyType) == Bytes(signature, signature + signatureLength);
         return isGood ? kDeviceOk : kBadSignature;
     }
 
     int veltra_initHash(const char* serial, int algorithm, void** hash, void* ctx) override {
-        const Call call(*this, ctx, "veltra_initHash serial algorithm", serial, algorithm);
+        const Call call(*this, ctx, "veltra_initHash serial algorithm", {serial, algorithm});
         if (call.script.result) return call.script.result;
         hashes_.push_back({algorithm, {}});
         *hash = reinterpret_cast<void*>(hashes_.size());
@@ -554,8 +495,8 @@ public:
     }
 
     int veltra_updateHash(void* hash, In data, int length, void* ctx) override {
-        const Call call(*this, ctx, "veltra_updateHash hash data", reinterpret_cast<std::uintptr_t>(hash),
-                        Block{data, length});
+        const Call call(*this, ctx, "veltra_updateHash hash data",
+                        {reinterpret_cast<std::intptr_t>(hash), block(data, length)});
         if (call.script.result) return call.script.result;
         Hash* running = findHash(hash);
         if (!running) return kNoSuchHash;
@@ -564,8 +505,8 @@ public:
     }
 
     int veltra_finalHash(void* hash, unsigned char* digest, int* inoutLength, void* ctx) override {
-        const Call call(*this, ctx, "veltra_finalHash hash capacity", reinterpret_cast<std::uintptr_t>(hash),
-                        inoutLength);
+        const Call call(*this, ctx, "veltra_finalHash hash capacity",
+                        {reinterpret_cast<std::intptr_t>(hash), inoutLength});
         const Hash* running = findHash(hash);
         if (!running) return kNoSuchHash;
         return copyOut(fakeDigest(running->mechanism, running->data), call.script, digest, inoutLength);
@@ -575,12 +516,11 @@ private:
     /// One call, which is recorded and follows its script; nobody else calls while it lasts.
     struct Call {
         /// `words`: the names of the function and its arguments.
-        template <class... Arguments>
         Call(ScriptedFunctions& called, const void* ctx, std::string_view words,
-             const Arguments&... arguments)
+             std::initializer_list<Shown> arguments)
             : library(called), lock(called.mutex_),
               // The context, which the provider always leaves null, is shown only where it is not.
-              script(called.begin(firstOf(words), showAll(words, arguments...) + (ctx ? ", ctx" : ""))) {}
+              script(called.begin(firstOf(words), showAll(words, arguments) + (ctx ? ", ctx" : ""))) {}
 
         /// Why the call fails, if it does; else `token` is the one that it is for.
         int logIn(const char* serial, const char* pin) {

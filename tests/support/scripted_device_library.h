@@ -1,8 +1,9 @@
 #pragma once
 
 #include "foundation/device_library.h"
+#include "foundation/text.h"
 
-#include <atomic>
+#include <algorithm>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -31,8 +32,11 @@ struct ScriptedToken {
     std::vector<VeltraSymmetricKey> aesKeys;
 
     /// Makes the token report a logged-in session; it then accepts any PIN.
-    void logIn();
-    bool loggedIn() const;
+    void logIn() {
+        info.session = "session";
+        info.words[3] = info.words[4] = 1;
+    }
+    bool loggedIn() const { return !info.session.empty() && info.words[3] == 1 && info.words[4] == 1; }
 
     /// Appends a key pair and returns it. Its identifier is `id` 16 times, its public key the modulus or
     /// point that publicKeyOf gives.
@@ -74,25 +78,47 @@ public:
 
     /// Plugs in a new token behind those that are there. The reference stays good until reset().
     ScriptedToken& addToken(const std::string& serial);
-    void setConnected(const std::string& serial, bool connected);
+    void setConnected(const std::string& serial, bool connected) {
+        const std::scoped_lock lock(mutex_);
+        if (ScriptedToken* token = find(serial.c_str())) token->connected = connected;
+    }
 
     /// Scripts the calls of `function` ("veltra_signHash"), or of all when it is empty; several scripts add
     /// up.
-    void script(const std::string& function, Script script);
+    void script(const std::string& function, Script script) {
+        const std::scoped_lock lock(mutex_);
+        scripts_.push_back({.function = function, .script = script});
+    }
     /// Scripts the n-th call, of whatever function, that the current thread makes from now on. A list that a
     /// failing call gives is empty, and the script's length is that of every record of it.
-    void scriptCall(int n, Script script);
-    void clearScripts();
+    void scriptCall(int n, Script script) {
+        const std::scoped_lock lock(mutex_);
+        script.onCall = n;
+        scripts_.push_back({.script = script, .thread = std::this_thread::get_id()});
+    }
+    void clearScripts() {
+        const std::scoped_lock lock(mutex_);
+        scripts_.clear();
+    }
 
     /// Runs `look` in every call of any thread, with the call's text. Null ends it.
-    void lookAtEveryCall(std::function<void(const std::string&)> look);
+    void lookAtEveryCall(std::function<void(const std::string&)> look) {
+        const std::scoped_lock lock(mutex_);
+        look_ = std::move(look);
+    }
 
     /// The calls that the current thread made, as text, in order; with a name, only those of that function.
     /// Byte arguments are shown as their first and last bytes and length.
     std::vector<std::string> calls(std::string_view function = {}) const;
     /// The number of calls of `function` from any thread.
-    int countOnAllThreads(std::string_view function) const;
-    void clearCalls();
+    int countOnAllThreads(std::string_view function) const {
+        const std::scoped_lock lock(mutex_);
+        return static_cast<int>(std::ranges::count(calls_, function, &RecordedCall::function));
+    }
+    void clearCalls() {
+        const std::scoped_lock lock(mutex_);
+        calls_.clear();
+    }
 
     static Bytes fakeDigest(int mechanism, const Bytes& data);
     static Bytes fakeSignature(std::uint32_t keyType);
@@ -138,6 +164,8 @@ protected:
 };
 
 /// "112233445566778899AABBCCDDEEFF00" for a 16-byte key identifier.
-std::string keyNameOf(const unsigned char* keyId);
+inline std::string keyNameOf(const unsigned char* keyId) {
+    return toHex({keyId, kKeyIdLength});
+}
 
 } // namespace veltra::test

@@ -42,10 +42,8 @@ Values texts(const Names&... names) {
     return {addressOf(names)..., addressOf(L"none"), addressOf(L"")};
 }
 
-Bytes terminated(const std::string& text) {
-    Bytes bytes(text.begin(), text.end());
-    bytes.push_back(0);
-    return bytes;
+Bytes terminated(std::string_view text) {
+    return joined({bytesOf(text), {0}});
 }
 
 Bytes reversed(Bytes bytes) {

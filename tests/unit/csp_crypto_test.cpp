@@ -1,7 +1,6 @@
 // Hashes, signatures and encryption through CryptoAPI.
 
 #include "support/blob_bytes.h"
-#include "support/both_front_ends.h"
 #include "support/csp_test.h"
 
 #include "csp/hash_context.h"
