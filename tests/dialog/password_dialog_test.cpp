@@ -14,9 +14,6 @@ constexpr int kIconControl = 1002;
 struct ShownDialog {
     std::future<std::string> text;
     HWND window = nullptr;
-
-    void type(const std::string& pin) const { typeInto(window, kPinControl, pin); }
-    bool loginEnabled() const { return IsWindowEnabled(GetDlgItem(window, IDOK)) != FALSE; }
 };
 
 ShownDialog showDialog() {
@@ -36,7 +33,8 @@ using PasswordDialogTest = ProviderTest;
 TEST_F(PasswordDialogTest, ControlsFocusAndALoginOf4To63Characters) {
     const ShownDialog dialog = showDialog();
     const HWND pin = GetDlgItem(dialog.window, kPinControl);
-    EXPECT_EQ(textOf(GetDlgItem(dialog.window, IDOK)), "Login");
+    const HWND login = GetDlgItem(dialog.window, IDOK);
+    EXPECT_EQ(textOf(login), "Login");
     EXPECT_EQ(textOf(GetDlgItem(dialog.window, IDCANCEL)), "Cancel");
     EXPECT_EQ(messageOf(dialog.window), "Verify your User Password:User Password:");
     EXPECT_NE(GetWindowLongA(pin, GWL_STYLE) & ES_PASSWORD, 0);
@@ -50,10 +48,10 @@ TEST_F(PasswordDialogTest, ControlsFocusAndALoginOf4To63Characters) {
     EXPECT_TRUE(GetGUIThreadInfo(GetWindowThreadProcessId(dialog.window, nullptr), &info));
     EXPECT_EQ(info.hwndFocus, pin);
     EXPECT_EQ(GetForegroundWindow(), dialog.window);
-    EXPECT_FALSE(dialog.loginEnabled()) << "before anything is typed";
+    EXPECT_FALSE(IsWindowEnabled(login)) << "before anything is typed";
     for (const std::size_t length : {3, 4, 3, 63, 64, 200, 5, 0}) {
-        dialog.type(std::string(length, 'p'));
-        EXPECT_EQ(dialog.loginEnabled(), length >= 4 && length <= 63) << length;
+        typePin(dialog.window, std::string(length, 'p'));
+        EXPECT_EQ(IsWindowEnabled(login) != FALSE, length >= 4 && length <= 63) << length;
     }
     pressAndWait(dialog.window, IDCANCEL);
 }
@@ -70,8 +68,8 @@ TEST_F(PasswordDialogTest, EveryWayToEndItAndTwoAtOnceDoNotMixTheirTexts) {
         ShownDialog dialogs[] = {showDialog(), showDialog()};
         for (const ShownDialog& dialog : dialogs)
             EXPECT_EQ(textOf(GetDlgItem(dialog.window, kPinControl)), "") << "the next dialog starts empty";
-        dialogs[0].type(typed);
-        dialogs[1].type("second PIN");
+        typePin(dialogs[0].window, typed);
+        typePin(dialogs[1].window, "second PIN");
         pressAndWait(dialogs[0].window, end);
         pressAndWait(dialogs[1].window, IDOK);
         EXPECT_EQ(dialogs[0].text.get(), expected) << typed;
@@ -86,8 +84,6 @@ TEST_F(PasswordDialogTest, MessagesAreBoxesWithoutAnOwner) {
     EXPECT_EQ(messageOf(box), "Remaining attempts(2)");
     EXPECT_EQ(GetWindow(box, GW_OWNER), nullptr);
     pressAndWait(box, IDOK);
-    const auto asked = std::async(std::launch::async, [] { return pinPrompt().askPin(); });
-    enterPin("1234");
 }
 
 } // namespace

@@ -19,8 +19,8 @@ HWND waitForWindow(const std::string& caption, DWORD threadId = 0);
 std::string textOf(HWND window);
 std::string messageOf(HWND messageBox);
 
-/// Types `text` into a control in the place of what it held.
-void typeInto(HWND dialog, int control, const std::string& text);
+/// Types the PIN into the password dialog, in the place of what was there.
+void typePin(HWND dialog, const std::string& pin);
 
 /// Presses a button, whether it is enabled or not, or with kClose that of the frame, and waits until the
 /// window is gone.

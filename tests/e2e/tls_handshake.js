@@ -8,18 +8,15 @@
 const assert = require('assert');
 const crypto = require('crypto');
 const fs = require('fs');
+const { buffer } = require('stream/consumers');
 const tls = require('tls');
 
 const [serverContainer, clientContainer, clientCertificate] = process.argv.slice(2);
 const message = crypto.randomBytes(100000);
 
-function fail(error) {
-    throw error;
-}
-
 // A handshake that hangs must not hang the test. A password dialog that nobody answers stops this timer too: that
 // one ends with the time limit of whoever started this program.
-setTimeout(() => fail(new Error('not finished in time')), 40000).unref();
+setTimeout(assert.fail, 40000, 'not finished in time').unref();
 
 function identity(container, certificate) {
     return {
@@ -32,20 +29,16 @@ function identity(container, certificate) {
     };
 }
 
-function talk(socket) {
-    const received = [];
+async function talk(socket) {
     socket.end(message);
-    socket.on('data', (data) => received.push(data));
-    socket.on('end', () => {
-        assert.ok(Buffer.concat(received).equals(message));
-        console.log('both sides verified each other and exchanged data');
-        process.exit(0);
-    });
+    assert.ok((await buffer(socket)).equals(message));
+    console.log('both sides verified each other and exchanged data');
+    process.exit(0);
 }
 
 const serverOptions = { ...identity(serverContainer, 'server.pem'), requestCert: true, rejectUnauthorized: true };
 const server = tls.createServer(serverOptions, (socket) => socket.pipe(socket));
-server.on('tlsClientError', fail);
+server.on('tlsClientError', assert.ifError);
 server.listen(0, '127.0.0.1', () => {
     const client = tls.connect({
         ...identity(clientContainer, clientCertificate),

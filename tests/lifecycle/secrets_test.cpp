@@ -53,7 +53,7 @@ public:
 
     std::atomic<bool> connected = true;
     int pinAnswer = kDeviceOk;
-    int signAnswer = kDeviceOk;
+    int decryptAnswer = kDeviceOk;
     /// How often what it hands out has the key: many are not all covered by what is allocated afterwards.
     std::size_t repeats = 1;
 
@@ -78,11 +78,8 @@ public:
         return aesKeys_;
     }
     int veltra_importAesKey(Text, Text, VeltraSymmetricKey*, void*) override { return kDeviceOk; }
-    int veltra_signHash(Text, Input, Text, Input, int, Output, int*, bool, void*, bool) override {
-        return signAnswer;
-    }
     int veltra_decrypt(Text, Input, Text, Input, int, Output* out, int* length, bool, void*) override {
-        return handOut(out, length);
+        return decryptAnswer == kDeviceOk ? handOut(out, length) : decryptAnswer;
     }
     int veltra_encrypt_aes(Text, EncryptionType, Input, int, Input, int, Output* out, int* length, bool,
                            Input, int, Input, int, void*) override {
@@ -156,18 +153,14 @@ protected:
         setDeviceLibrary(nullptr);
     }
 
-    /// A signature, which the token answers with `code`. When its session has expired, the user is asked
-    /// again.
-    void sign(int code) {
-        library.signAnswer = code;
-        HCRYPTHASH document = 0;
-        const Bytes value(kLength);
-        EXPECT_TRUE(CPCreateHash(context, CALG_SHA_256, 0, 0, &document) &&
-                    CPSetHashParam(context, document, HP_HASHVAL, value.data(), 0));
-        Bytes signature(256);
-        auto length = static_cast<DWORD>(signature.size());
-        CPSignHash(context, document, AT_KEYEXCHANGE, nullptr, 0, signature.data(), &length);
-        EXPECT_TRUE(CPDestroyHash(context, document));
+    /// A decryption, which the token answers with `code`. The user is asked for the PIN when it is not known,
+    /// and again when the token's session has expired.
+    void decrypt(int code) {
+        library.decryptAnswer = code;
+        SecretBytes<kLength> data;
+        DWORD length = kLength;
+        CPDecrypt(context, rsaKey, 0, TRUE, CRYPT_OAEP, data.data(), &length);
+        library.decryptAnswer = kDeviceOk;
     }
 
     /// The dialog, in which the user types the PIN, and which he leaves with this button.
@@ -186,7 +179,7 @@ protected:
             if (library.pinAnswer != kDeviceOk) pressAndWait(waitForWindow("Veltra"), IDOK);
         });
         forgetPin(kSerial);
-        sign(kDeviceOk);
+        decrypt(kDeviceOk);
         user.get();
         setPinPrompt(&cancels_);
     }
@@ -216,7 +209,7 @@ protected:
     /// Releases all that keeps a secret: the handles below, and the PIN, because the user is asked again and
     /// cancels.
     void release() {
-        sign(kDeviceSessionExpired);
+        decrypt(kDeviceSessionExpired);
         EXPECT_TRUE(key == 0 || CPDestroyKey(context, key));
         EXPECT_TRUE(hash == 0 || CPDestroyHash(context, hash));
         EXPECT_TRUE(cngKey == 0 || KSPFreeKey(provider, cngKey) == 0);
@@ -339,11 +332,10 @@ TEST_F(SecretsTest, NothingStaysInMemoryBehindItsReleaseAndNoPinIsInTheLog) {
     givePin([](const BYTE* clear) {
         const std::string pin(boundedText(reinterpret_cast<const char*>(clear), kLength));
         const std::string log = readLog();
-        std::string wide(pin.size() * 2, '\0');
-        for (std::size_t i = 0; i < pin.size(); ++i)
-            wide[i * 2] = pin[i];
+        const Bytes wide = wideBytes(pin);
         EXPECT_THAT(log, HasSubstr("CPSetProvParam - passwordLength : 32")) << "the most verbose level";
-        for (const std::string& form : {pin, wide, toHex({clear, kLength})})
+        for (const std::string& form :
+             {pin, std::string(wide.begin(), wide.end() - 2), toHex({clear, kLength})})
             EXPECT_THAT(log, Not(HasSubstr(form)));
     });
 }

@@ -1,3 +1,4 @@
+#include "lifecycle/child_process.h"
 #include "registration/bcrypt_calls.h"
 #include "registration/registration.h"
 #include "support/googletest.h"
@@ -20,21 +21,15 @@ const std::string kRemove = "Remove" + kEntry, kUnregister = "Unregister: " + kN
                   kRegister = "Register: " + kName + " 0 0 null VeltraCSP.dll 1 10001 1 1 KEY_STORAGE null",
                   kAdd = "Add" + kEntry + " ffffffff";
 
-std::string besideThisProgram(const std::string& file) {
-    char path[MAX_PATH] = {};
-    GetModuleFileNameA(nullptr, path, MAX_PATH);
-    return std::string(path).substr(0, std::string(path).find_last_of('\\') + 1) + file;
-}
-
 /// Puts the stand-in in front, without the export `missing`: the name's last letter is changed in the file,
 /// which keeps the names in order.
 void installStandIn(const std::string& missing = {}) {
-    std::ifstream in(besideThisProgram("bcrypt_stand_in.dll"), std::ios::binary);
+    std::ifstream in(programFolder() + "bcrypt_stand_in.dll", std::ios::binary);
     std::string file{std::istreambuf_iterator<char>(in), {}};
     const std::size_t name = file.find(missing);
     ASSERT_NE(name, std::string::npos);
     if (!missing.empty()) file[name + missing.size() - 1] = '_';
-    std::ofstream out(besideThisProgram("bcrypt.dll"), std::ios::binary | std::ios::trunc);
+    std::ofstream out(programFolder() + "bcrypt.dll", std::ios::binary | std::ios::trunc);
     ASSERT_TRUE(!file.empty() && out << file);
 }
 
@@ -100,7 +95,7 @@ TEST(RegistrationTest, RegistersAndUnregisters) {
     expectBoth(notFound, {S_OK, {kRemove}, removed});
     installStandIn("BCryptRemoveContextFunctionProvider");
     expectBoth({S_OK, {kUnregister, kRegister, kAdd}, registered.line}, {S_OK, {kUnregister}, removed});
-    ASSERT_TRUE(DeleteFileA(besideThisProgram("bcrypt.dll").c_str()));
+    ASSERT_TRUE(DeleteFileA((programFolder() + "bcrypt.dll").c_str()));
     expectBoth({E_FAIL, {}, "ERROR Failed to load bcrypt.dll"},
                {E_FAIL, {}, "ERROR DllUnregisterServer: LoadLibraryW failed to load bcrypt.dll"});
 }

@@ -80,6 +80,7 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
     const VeltraKeyPair rsa = generate(kKeyTypeRsa2048);
     const Bytes der = fromHex("30820122300D06092A864886F70D01010105000382010F003082010A0282010100" +
                               toHex({rsa.publicKey, 256}) + "0203010001"); // SubjectPublicKeyInfo
+    const int derLength = static_cast<int>(der.size());
     const Bytes hash(32);
     const Bytes signature = sign(key);
     VeltraKeyPair newKey{};
@@ -115,7 +116,7 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
     refusesEach("ecdhDerive", "xx.xxxx.", veltra_ecdhDerive, kSerial, id, kPin, key.publicKey, 65, &out.data,
                 &out.length, nullptr);
     refusesEach("encrypt", "xxxxxxxx.", veltra_encrypt, EncryptionType::Rsa2048, PaddingMode::Pkcs1, bytes,
-                16, bytes, &length, der.data(), lengthOf(der), nullptr);
+                16, bytes, &length, der.data(), derLength, nullptr);
     refusesEach("decrypt", "xx.xxxx..", veltra_decrypt, kSerial, rsa.keyId, kPin, bytes, 256, &out.data,
                 &out.length, false, nullptr);
     refusesEach("encrypt_aes", ".xxxxxxx..x.x.", veltra_encrypt_aes, "", kEcb, bytes, 16, bytes, 16,
@@ -136,7 +137,7 @@ TEST_F(SoftTokenTest, HostileArgumentsAreRefused) {
         {signSome(0, &length), signSome(33, &length), signSome(32, &negative), signSome(32, &oneLess),
          veltra_generateKeyPair(kSerial, kPin, &rsa1024, nullptr),
          veltra_encrypt(EncryptionType::Rsa2048, PaddingMode::Pkcs1, bytes, 16, bytes, &oneLess, der.data(),
-                        lengthOf(der), nullptr),
+                        derLength, nullptr),
          veltra_ecdhDerive(kSerial, rsa.keyId, kPin, key.publicKey, 65, &out.data, &out.length, nullptr),
          veltra_decrypt(kSerial, id, kPin, bytes, 256, &out.data, &out.length, false, nullptr),
          veltra_finalHash(state, bytes, &negative, nullptr),

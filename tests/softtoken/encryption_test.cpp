@@ -72,7 +72,7 @@ TEST(RsaEncryption, TakesMessagesUpToTheLongestAndGivesOneCodeForWhateverIsWrong
     }
     for (const Bytes& ciphertext : wrong)
         EXPECT_EQ(failureOf([&] { key.decrypt(ciphertext); }), Failure::Undecryptable)
-            << lengthOf(ciphertext) << " bytes, " << toHex(ciphertext).substr(0, 32);
+            << ciphertext.size() << " bytes, " << toHex(ciphertext).substr(0, 32);
 }
 
 TEST(AesEncryption, PadsAndTakesOffOnlyValidPadding) {

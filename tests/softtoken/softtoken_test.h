@@ -25,10 +25,6 @@ constexpr const char* kSerial = "T1";
 constexpr const char* kPin = "123456";
 constexpr const char* kWrongPin = "654321";
 
-inline int lengthOf(BytesView bytes) {
-    return static_cast<int>(bytes.size());
-}
-
 /// A certificate in base64 as PEM text, and in DER.
 inline std::string pemOf(const char* base64, const std::string& lineEnd = "\n") {
     return "-----BEGIN CERTIFICATE-----" + lineEnd + base64 + lineEnd + "-----END CERTIFICATE-----" + lineEnd;
@@ -48,6 +44,12 @@ inline void store(const fs::path& path, BytesView content) {
 
 inline std::uint32_t attemptsOnDisk(const char* serial = kSerial) {
     return PinVault(TokenFolder(serial).path()).attemptsLeft();
+}
+
+/// Opens this process' session.
+inline void logIn(const char* pin = kPin, const char* serial = kSerial) {
+    std::uint32_t left = 0;
+    validatePin(serial, pin, left);
 }
 
 constexpr Failure kNoFailure{};
@@ -102,11 +104,6 @@ protected:
         setPlugged(TokenFolder(kSerial), true);
     }
 
-    /// Opens this process' session.
-    static void logIn(const char* pin = kPin) {
-        std::uint32_t left = 0;
-        validatePin(kSerial, pin, left);
-    }
     static VeltraKeyPair generate(std::uint32_t keyType, std::uint32_t usage = kUsageSign) {
         VeltraKeyPair record{};
         record.keyType = keyType;
