@@ -17,7 +17,6 @@ namespace {
 
 const std::string kSet = "CPSetKeyParam: KP_CERTIFICATE ";
 const std::string kImport = "importCertificateWithChain: ";
-const std::string kFolder = "X:/none\\VeltraDSC\\Certificates";
 
 Bytes decoded(const char* base64) {
     Bytes bytes(4096);
@@ -125,9 +124,10 @@ TEST_F(CertificatesTest, IssuersAreImportedNearestFirstAndTheCertificateLast) {
     expectImported({middle}, "middle leaf ", "root");
     expectImported({middle, certificate("root", "middle")}, "middle root leaf ");
     expectImported({certificate("middle", std::string(3100, 'r'))}, "leaf ", "middle");
-    EXPECT_THAT(library.calls("veltra_getFilesWithExtensionsAndConvertDER"),
-                ElementsAre("veltra_getFilesWithExtensionsAndConvertDER(folder=" + kFolder +
-                            ", extensions= .cer .der .pem .crt)"));
+    EXPECT_THAT(
+        library.calls("veltra_getFilesWithExtensionsAndConvertDER"),
+        ElementsAre("veltra_getFilesWithExtensionsAndConvertDER(folder=X:/none\\VeltraDSC\\Certificates, "
+                    "extensions= .cer .der .pem .crt)"));
     const VeltraCertificate& stored = token.certificates.back();
     EXPECT_EQ(keyNameOf(stored.keyId), std::string(32, '1'));
     EXPECT_EQ(Bytes(stored.credentialId, stored.credentialId + stored.credentialIdLength), Bytes{0x11});
@@ -180,10 +180,7 @@ TEST(PublicKeyEncodingTest, DerOfAModulusAndAnExponent) {
 }
 
 TEST(PublicKeyEncodingTest, ModulusOfAStoredPublicKey) {
-    const auto modulusOf = [](const std::string& key) {
-        const Bytes publicKey = fromHex(key);
-        return toHex(rsaModulusOf(publicKey));
-    };
+    const auto modulusOf = [](const std::string& key) { return toHex(rsaModulusOf(fromHex(key))); };
     const std::string rsa = "301C300D06092A864886F70D0101010500";
     EXPECT_EQ(modulusOf(toHex(publicKeyToDer("000041", "010001"))), "41");
     EXPECT_EQ(modulusOf(rsa + "030B0030080201410203010001"), "41");

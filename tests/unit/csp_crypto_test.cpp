@@ -4,7 +4,6 @@
 #include "support/csp_test.h"
 
 #include "csp/hash_context.h"
-#include "csp/key_handle.h"
 #include "csp/provider_context.h"
 #include "foundation/text.h"
 #include "foundation/win_handle.h"
@@ -45,9 +44,20 @@ protected:
         library.clearCalls();
     }
 
+    HCRYPTHASH createHash(ALG_ID algorithm, HCRYPTKEY key = 0) {
+        HCRYPTHASH hash = 0;
+        EXPECT_TRUE(CPCreateHash(provider, algorithm, key, 0, &hash));
+        return keep(hash);
+    }
+    /// With a value that is set, so that no device hash is in play.
+    HCRYPTHASH hashWithValue() {
+        const HCRYPTHASH hash = createHash(CALG_SHA_256);
+        EXPECT_TRUE(CPSetHashParam(provider, hash, HP_HASHVAL, value.data(), 0));
+        return hash;
+    }
     /// With its HMAC_INFO set, unless the algorithm is 0.
     HCRYPTHASH createHmac(ALG_ID inner) {
-        const HCRYPTHASH hash = createHash(provider, CALG_HMAC, addSymmetricKey("key"));
+        const HCRYPTHASH hash = createHash(CALG_HMAC, addKey(keyWith<KEY_HANDLE>(bytesOf("key"))));
         EXPECT_TRUE(inner == 0 || setHmacInfo(hash, inner) == accepted());
         return hash;
     }
@@ -56,9 +66,17 @@ protected:
         return run(CPSetHashParam, provider, hash, HP_HMAC_INFO, reinterpret_cast<const BYTE*>(&info), 0);
     }
     Answer feed(HCRYPTHASH hash, const std::string& text) {
-        return run([&] { return hashData(provider, hash, text); });
+        const Bytes bytes = bytesOf(text);
+        return run(CPHashData, provider, hash, bytes.data(), static_cast<DWORD>(bytes.size()), 0);
     }
-    Bytes valueOf(HCRYPTHASH hash) { return hashValue(provider, hash); }
+    /// Nothing when it is refused.
+    Bytes valueOf(HCRYPTHASH hash) {
+        Bytes bytes(256);
+        DWORD size = 256;
+        if (!CPGetHashParam(provider, hash, HP_HASHVAL, bytes.data(), &size, 0)) return {};
+        bytes.resize(size);
+        return bytes;
+    }
     void expectFinished(HCRYPTHASH hash) {
         EXPECT_EQ(feed(hash, "x"),
                   refused(NTE_BAD_HASH_STATE,
@@ -91,10 +109,10 @@ protected:
 
     HCRYPTKEY rsaKey() { return userKey(provider, AT_KEYEXCHANGE); }
     HCRYPTKEY aesKey(std::size_t keyLength, DWORD mode = CRYPT_MODE_CBC) {
-        const HCRYPTKEY key = addSymmetricKey(std::string(keyLength, 'K'));
-        liveKey(key)->keyBits = static_cast<std::uint32_t>(keyLength * 8);
-        liveKey(key)->mode = mode;
-        return key;
+        auto key = keyWith<KEY_HANDLE>(Bytes(keyLength, 'K'));
+        key->keyBits = static_cast<std::uint32_t>(keyLength * 8);
+        key->mode = mode;
+        return addKey(std::move(key));
     }
     Answer encrypt(HCRYPTKEY key, DWORD flags = 0, BOOL final = TRUE) {
         data = abc;
@@ -120,6 +138,7 @@ protected:
     Bytes data = Bytes(256); ///< the application's buffer, cut to what a call wrote
     DWORD length = 0;
     const Bytes abc = bytesOf("abc");
+    const Bytes value = joined({{0x11}, Bytes(31, 0x22)});            ///< of a hash, set
     Bytes ciphertext = ScriptedDeviceLibrary::maskOf(bytesOf("cba")); ///< of `abc`, little-endian
 
 private:
@@ -132,26 +151,23 @@ private:
 using HashTest = CspCryptoTest;
 
 TEST_F(HashTest, WeakDigestsAreRefusedWithAnEventOnlyWhereOneExists) {
-    const auto blocks = [&](HCRYPTPROV context, ALG_ID algorithm) {
-        return [=, this] {
-            EXPECT_EQ(run(CPCreateHash, context, algorithm, 0, 0, &out).lastError,
-                      static_cast<DWORD>(NTE_BAD_ALGID));
-        };
+    const auto refuses = [&](ALG_ID algorithm) {
+        return [=, this] { EXPECT_FALSE(CPCreateHash(provider, algorithm, 0, 0, &out)); };
     };
-    const HCRYPTPROV tokenless = acquire(nullptr, CRYPT_VERIFYCONTEXT);
-    EXPECT_TRUE(raises(kSha1BlockedEvent, blocks(provider, CALG_SHA1)));
-    EXPECT_FALSE(raises(kMd5BlockedEvent, blocks(provider, CALG_SHA1)));
+    EXPECT_TRUE(raises(kSha1BlockedEvent, refuses(CALG_SHA1)));
+    EXPECT_FALSE(raises(kMd5BlockedEvent, refuses(CALG_SHA1)));
     token.info.fipsMarker = "3.1.0";
-    EXPECT_TRUE(raises(kMd5BlockedEvent, blocks(provider, CALG_MD5)));
+    EXPECT_TRUE(raises(kMd5BlockedEvent, refuses(CALG_MD5)));
+    provider = acquire(nullptr, CRYPT_VERIFYCONTEXT);
     library.clearCalls();
     // Without a token no record is read: the stricter rule holds.
-    EXPECT_TRUE(raises(kSha1BlockedEvent, blocks(tokenless, CALG_SHA1)));
-    createHash(tokenless, CALG_SHA_256);
+    EXPECT_TRUE(raises(kSha1BlockedEvent, refuses(CALG_SHA1)));
+    createHash(CALG_SHA_256);
     EXPECT_THAT(library.calls(), ElementsAre("veltra_initHash(serial=, algorithm=3)"));
 }
 
 TEST_F(HashTest, ValueIsFinishedOnceEvenIfTheBufferIsTooSmall) {
-    const HCRYPTHASH hash = createHash(provider, CALG_SHA_256, 0xBAD); // the key is ignored
+    const HCRYPTHASH hash = createHash(CALG_SHA_256, 0xBAD); // the key is ignored
     EXPECT_EQ(feed(hash, "a"), accepted());
     EXPECT_EQ(run(CPGetHashParam, provider, hash, HP_HASHVAL, nullptr, &length, 0), accepted());
     EXPECT_EQ(feed(hash, "b"), accepted()) << "a size query leaves it open";
@@ -166,22 +182,21 @@ TEST_F(HashTest, ValueIsFinishedOnceEvenIfTheBufferIsTooSmall) {
     EXPECT_EQ(library.calls().front(), "veltra_initHash(serial=" + serial + ", algorithm=3)");
     EXPECT_THAT(library.calls("veltra_finalHash"), ElementsAre("veltra_finalHash(hash=1, capacity=32)"));
     library.script("veltra_finalHash", {.length = 33});
-    EXPECT_THAT(valueOf(createHash(provider, CALG_SHA_256)), IsEmpty()) << "above what it was given";
+    EXPECT_THAT(valueOf(createHash(CALG_SHA_256)), IsEmpty()) << "above what it was given";
 }
 
 TEST_F(HashTest, DuplicateFinishesTheSourceAndTakesItsValue) {
     for (const bool isHmac : {false, true}) {
-        const HCRYPTHASH source = isHmac ? createHmac(CALG_SHA_256) : createHash(provider, CALG_SHA_256);
+        const HCRYPTHASH source = isHmac ? createHmac(CALG_SHA_256) : createHash(CALG_SHA_256);
         EXPECT_EQ(feed(source, "abc"), accepted());
         ASSERT_EQ(run(CPDuplicateHash, provider, source, nullptr, 0, &out), accepted());
-        for (const HCRYPTHASH hash : {source, out}) {
+        for (const HCRYPTHASH hash : {source, keep(out)}) {
             EXPECT_EQ(valueOf(hash), isHmac ? innerSha256("abc") : sha256(bytesOf("abc")));
             EXPECT_EQ(liveHash(hash)->isHmac != 0, isHmac);
             expectFinished(hash);
         }
         EXPECT_EQ(liveHash(out)->hmacInfo.HashAlgid, isHmac ? ALG_ID{CALG_SHA_256} : 0);
         EXPECT_EQ(liveHash(out)->hmacKeyLength, 0u) << "the copy takes no key";
-        EXPECT_TRUE(CPDestroyHash(provider, out));
     }
 }
 
@@ -189,8 +204,8 @@ TEST_F(HashTest, DuplicateFinishesTheSourceAndTakesItsValue) {
 TEST_F(HashTest, HmacWipesItsKeyAndTakesNoDataBeforeItsAlgorithm) {
     const HCRYPTHASH hash = createHmac(CALG_SHA1); // whose rule is for plain hashes only
     EXPECT_EQ(feed(hash, "abc"), accepted());
-    const Bytes value = valueOf(hash);
-    EXPECT_EQ(valueOf(hash), value) << "the outer step is made once";
+    const Bytes outer = valueOf(hash);
+    EXPECT_EQ(valueOf(hash), outer) << "the outer step is made once";
     EXPECT_EQ(std::ranges::count(liveHash(hash)->hmacKey.data(), liveHash(hash)->hmacKey.data() + 128, 0),
               128);
     EXPECT_EQ(liveHash(hash)->hmacKeyLength, 0u);
@@ -227,15 +242,14 @@ TEST_F(HashTest, SecondHmacInfoIsKeyedWithTheOuterPadOfTheFirst) {
 // CPDeriveKey
 
 TEST_F(HashTest, DerivedKeyIsTheLeadingBytesOfTheHashValueFilledUpWithZeros) {
-    const auto expectKey = [&](HCRYPTHASH hash, ALG_ID algorithm, std::size_t keyLength, Bytes value) {
+    const auto expectKey = [&](HCRYPTHASH hash, ALG_ID algorithm, std::size_t keyLength, Bytes expected) {
         ASSERT_EQ(run(CPDeriveKey, provider, algorithm, hash, 0xFFFFFFFF, &out), accepted());
-        value.resize(keyLength);
-        EXPECT_EQ(textOf(*liveKey(out)),
+        expected.resize(keyLength);
+        EXPECT_EQ(textOf(*liveKey(keep(out))),
                   concat(algorithm, "/", keyLength * 8,
-                         "/0/3/0 id=0000..(0) credential= label= secret=", toHex(value)));
-        EXPECT_TRUE(CPDestroyKey(provider, out));
+                         "/0/3/0 id=0000..(0) credential= label= secret=", toHex(expected)));
     };
-    const HCRYPTHASH hash = createHash(provider, CALG_SHA_512);
+    const HCRYPTHASH hash = createHash(CALG_SHA_512);
     const Bytes digest = ScriptedDeviceLibrary::fakeDigest(5, {});
     expectKey(hash, CALG_AES_192, 24, digest);
     EXPECT_EQ(liveHash(hash)->finalized, 0) << "the hash is not marked finished: deliberate";
@@ -243,12 +257,12 @@ TEST_F(HashTest, DerivedKeyIsTheLeadingBytesOfTheHashValueFilledUpWithZeros) {
     EXPECT_EQ(feed(hash, "more"), accepted());
     library.script("veltra_finalHash", {.length = 65});
     EXPECT_THAT(valueOf(hash), IsEmpty());
-    expectKey(hash, CALG_AES_192, 24, digest); // what failed has not touched the value
-    expectKey(hashWithValue(provider, 0x22), CALG_AES_256, 32, Bytes(32, 0x22)); // a value that was set
+    expectKey(hash, CALG_AES_192, 24, digest);           // what failed has not touched the value
+    expectKey(hashWithValue(), CALG_AES_256, 32, value); // a value that was set
     library.clearScripts();
     expectKey(createHmac(CALG_SHA_256), CALG_AES_128, 16, innerSha256(""));
     token.info.fipsMarker = "3.1";
-    expectKey(createHash(provider, CALG_SHA1), CALG_AES_256, 32, ScriptedDeviceLibrary::fakeDigest(2, {}));
+    expectKey(createHash(CALG_SHA1), CALG_AES_256, 32, ScriptedDeviceLibrary::fakeDigest(2, {}));
 }
 
 using SigningTest = CspCryptoTest;
@@ -258,7 +272,7 @@ TEST_F(SigningTest, RsaSignaturesAreReversedAndEcSignaturesAreNot) {
          {std::pair{2u, 256u}, {3u, 384u}, {4u, 512u}, {5u, 256u}, {6u, 256u}, {7u, 256u}}) {
         token.keyPairs.clear();
         token.addKeyPair(0x11, type);
-        const HCRYPTHASH hash = hashWithValue(provider);
+        const HCRYPTHASH hash = hashWithValue();
         EXPECT_EQ(run(CPSignHash, provider, hash, AT_SIGNATURE, nullptr, 0, nullptr, &length), accepted());
         EXPECT_EQ(length, askedSize);
         EXPECT_EQ(sign(hash), accepted());
@@ -273,7 +287,7 @@ TEST_F(SigningTest, KeyIsTheFirstOfTheContainerThatCanSignElseTheFirst) {
         for (unsigned char id = 0; const std::uint32_t usage : usages)
             token.addKeyPair(id += 0x11, kKeyTypeRsa2048, usage);
         provider = acquire(container.c_str());
-        const Answer answer = sign(hashWithValue(provider));
+        const Answer answer = sign(hashWithValue());
         if (!answer.result) return answer.errors.at(0);
         const std::string call = library.calls("veltra_signHash").back();
         return call.substr(call.find("key=") + 4, 4);
@@ -290,17 +304,17 @@ TEST_F(SigningTest, KeyIsTheFirstOfTheContainerThatCanSignElseTheFirst) {
 TEST_F(SigningTest, RememberedKeyOfTheSpecificationComesFirst) {
     token.addKeyPair(0x22, kKeyTypeRsa3072, kUsageEncrypt);
     liveContext(provider)->exchangeKey.fill(token.keyPairs[1].keyId);
-    EXPECT_EQ(sign(hashWithValue(provider), AT_KEYEXCHANGE), accepted());
+    EXPECT_EQ(sign(hashWithValue(), AT_KEYEXCHANGE), accepted());
     EXPECT_EQ(length, 384u);
-    EXPECT_EQ(sign(hashWithValue(provider), AT_SIGNATURE), accepted()) << "its slot is empty";
+    EXPECT_EQ(sign(hashWithValue(), AT_SIGNATURE), accepted()) << "its slot is empty";
     EXPECT_EQ(length, 256u);
     token.keyPairs.pop_back(); // the slot is used all the same; the token refuses
-    EXPECT_EQ(sign(hashWithValue(provider), AT_KEYEXCHANGE).errors.at(0), "Sign hash failed : 72");
+    EXPECT_EQ(sign(hashWithValue(), AT_KEYEXCHANGE).errors.at(0), "Sign hash failed : 72");
 }
 
 TEST_F(SigningTest, SignatureFinishesAHashOnceWhichKeepsItsKey) {
     provider = acquire();
-    const HCRYPTHASH hash = createHash(provider, CALG_SHA_256);
+    const HCRYPTHASH hash = createHash(CALG_SHA_256);
     EXPECT_EQ(feed(hash, "abc"), accepted());
     library.script("veltra_finalHash", {.length = 129, .onCall = 1});
     EXPECT_EQ(sign(hash).lastError, static_cast<DWORD>(NTE_FAIL)) << "above what it was given";
@@ -315,8 +329,7 @@ TEST_F(SigningTest, SignatureFinishesAHashOnceWhichKeepsItsKey) {
     expectFinished(hash);
     EXPECT_EQ(valueOf(hash), sha256(abc));
     ASSERT_TRUE(CPDuplicateHash(provider, hash, nullptr, 0, &out));
-    EXPECT_FALSE(liveHash(out)->signingKey.filled()) << "the copy takes no key";
-    EXPECT_TRUE(CPDestroyHash(provider, out));
+    EXPECT_FALSE(liveHash(keep(out))->signingKey.filled()) << "the copy takes no key";
 }
 
 TEST_F(SigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
@@ -332,7 +345,7 @@ TEST_F(SigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
         for (int call = 0; const int code : codes)
             library.script("veltra_signHash", {.result = code, .onCall = ++call});
         prompt.willType({pins.begin() + 1, pins.end()});
-        EXPECT_EQ(sign(hashWithValue(provider)), answer);
+        EXPECT_EQ(sign(hashWithValue()), answer);
         std::vector<std::string> calls;
         for (const std::string& pin : pins)
             calls.push_back(concat("veltra_signHash(serial=", serial, ", key=1111..1111, pin=", pin,
@@ -359,7 +372,7 @@ TEST_F(SigningTest, ExpiredSessionAsksOnceMoreAndSignsOnceMore) {
 
 TEST_F(SigningTest, KeyObjectDecidesTypeAndForm) {
     provider = acquire(nullptr, CRYPT_VERIFYCONTEXT);
-    const HCRYPTHASH hash = hashWithValue(provider);
+    const HCRYPTHASH hash = hashWithValue();
     const auto expectVerified = [&](HCRYPTKEY key, std::uint32_t type, const std::string& shownKey) {
         library.clearCalls();
         EXPECT_EQ(verify(hash, signatureOf(type), key), accepted());
@@ -380,7 +393,7 @@ TEST_F(SigningTest, WithoutAPublicKeyTheContainersKeyIsTakenAndItsRsaKeyAlwaysCo
     const Answer verified = {TRUE, kUntouched, {missing}};
     token.keyPairs.clear();
     provider = acquire();
-    const HCRYPTHASH hash = createHash(provider, CALG_SHA_256);
+    const HCRYPTHASH hash = createHash(CALG_SHA_256);
     EXPECT_EQ(verify(hash, {1}),
               refused(NTE_BAD_KEY,
                       {missing, "CPVerifySignature: container not found in key list, containerName="}));

@@ -35,12 +35,11 @@ class CspKeysTest : public CspTest {
 protected:
     CspKeysTest() { storePinOfToken(); }
 
-    /// Generates a key that is destroyed at once. Returns its name.
+    /// Generates a key. Returns its name.
     std::string generate(HCRYPTPROV context, ALG_ID algorithm, DWORD bits = 0) {
         HCRYPTKEY key = 0;
         answer = run(CPGenKey, context, algorithm, bits << 16 | CRYPT_EXPORTABLE, &key);
-        record = liveKey(key);
-        CPDestroyKey(context, key);
+        record = liveKey(keep(key));
         return keyNameOf(token.keyPairs.back().keyId);
     }
     std::shared_ptr<KEY_HANDLE> open(HCRYPTPROV context, DWORD keySpec) {
@@ -82,8 +81,11 @@ protected:
 using KeyObjectTest = CspKeysTest;
 
 TEST_F(KeyObjectTest, KindsAndLengthsOfNewKeys) {
-    const auto expectKey = [&](ALG_ID requested, DWORD bits, ALG_ID algId, DWORD keyBits, int type,
-                               int usage) {
+    for (const auto& [requested, bits, algId, keyBits, type, usage] :
+         {std::tuple{CALG_RSA_SIGN, 0u, CALG_RSA_SIGN, 2048, 2, 1},
+          {CALG_RSA_KEYX, 1025, CALG_RSA_KEYX, 1025, 2, 2},
+          {AT_SIGNATURE, 3072, CALG_RSA_SIGN, 3072, 3, 1},
+          {AT_KEYEXCHANGE, 4096, CALG_RSA_KEYX, 4096, 4, 2}}) {
         generate(provider, requested, bits);
         ASSERT_EQ(answer, accepted());
         // Unlike a key that is opened it has mode 0, and not the token's flag: deliberate.
@@ -91,11 +93,7 @@ TEST_F(KeyObjectTest, KindsAndLengthsOfNewKeys) {
                     testing::StartsWith(concat(algId, "/", keyBits, "/0/", usage, "/0 id=E")));
         EXPECT_THAT(library.calls("veltra_generateKeyPair").back(),
                     testing::EndsWith(concat("pin=1234, type=", type, ", usage=", usage, ", label='')")));
-    };
-    expectKey(CALG_RSA_SIGN, 0, CALG_RSA_SIGN, 2048, 2, 1);
-    expectKey(CALG_RSA_KEYX, 1025, CALG_RSA_KEYX, 1025, 2, 2);
-    expectKey(AT_SIGNATURE, 3072, CALG_RSA_SIGN, 3072, 3, 1);
-    expectKey(AT_KEYEXCHANGE, 4096, CALG_RSA_KEYX, 4096, 4, 2);
+    }
 }
 
 TEST_F(KeyObjectTest, NewKeysOfAContainerAreRememberedInOrderAndBecomeTheContextsKey) {

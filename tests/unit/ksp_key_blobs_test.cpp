@@ -33,16 +33,15 @@ protected:
         token.addAesKey(0xC1, kKeyTypeAes128);
         token.addAesKey(0xC2, 9).flag = 1; // of another type than AES keys
     }
-    ~KspKeyBlobTest() override { KSPFreeKey(0, imported); }
 
     StatusAnswer import(const std::string& type, const Bytes& blob, NCRYPT_KEY_HANDLE key = 0) {
         Bytes exact(blob); // with nothing behind it, so that the sanitizer sees every byte too many
         exact.reserve(1);
-        KSPFreeKey(0, std::exchange(imported, 0));
+        imported = 0;
         library.clearCalls();
         const StatusAnswer answer = call(KSPImportKey, provider, key, wideText(type).data(), nullptr,
                                          &imported, exact.data(), static_cast<DWORD>(blob.size()), 0);
-        record = liveKspKey(imported);
+        record = liveKspKey(keep(imported));
         EXPECT_EQ(record != nullptr, answer == succeeded()) << "a refused import makes no key";
         return answer;
     }

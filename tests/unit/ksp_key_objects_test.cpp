@@ -101,6 +101,14 @@ TEST_F(KspKeyTest, KeyOfAnotherTokenRebindsTheProvider) {
     EXPECT_EQ(open(kTwos), failed(0, {first})) << "it hides no key of another token";
     library.script("veltra_getKeyPairList", {.throws = true});
     EXPECT_EQ(open(kTwos), failed(NTE_INTERNAL_ERROR, {first, second, "KSPOpenKey: unexpected exception"}));
+    library.clearScripts();
+    library.setConnected(serial, false);
+    library.setConnected(other, false);
+    provider = openProvider();
+    library.setConnected(other, true);
+    EXPECT_EQ(liveProvider(provider)->serial(), "") << "opened without a token";
+    EXPECT_EQ(open(kTwos), succeeded());
+    EXPECT_EQ(liveProvider(provider)->serial(), other);
 }
 
 // An odd size is reported as it was set and becomes 2048 bits on the token: deliberate.

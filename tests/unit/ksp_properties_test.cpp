@@ -63,26 +63,23 @@ TEST_F(KspPropertyTest, ValuesOfTheProvider) {
 }
 
 TEST_F(KspPropertyTest, ValuesOfAKeyByTypeAndUsage) {
-    struct Row {
-        std::uint32_t type, usage;
-        const char *algorithm, *group;
-        DWORD bits, flags;
-    };
+    using Row = std::tuple<std::uint32_t, std::uint32_t, const char*, const char*, DWORD, DWORD>;
     const Bytes id = wideBytes(std::string(32, '2'));
     const auto* const handle = reinterpret_cast<const BYTE*>(&provider);
-    for (const Row& row : {Row{1, 2, "RSA", "RSA", 1024, 1}, Row{4, 3, "RSA", "RSA", 4096, 3},
-                           Row{5, 1, "ECDSA_P256", "ECDSA", 256, 2}, Row{6, 3, "ECDSA_P384", "ECDSA", 384, 3},
-                           Row{7, 0, "ECDSA_P521", "ECDSA", 521, 0}, Row{5, 2, "ECDH_P256", "ECDH", 256, 1},
-                           Row{6, 2, "ECDH_P384", "ECDH", 384, 1}, Row{7, 2, "ECDH_P521", "ECDH", 521, 1}}) {
-        key = addKey(token.addKeyPair(0x22, row.type, row.usage));
+    for (const auto& [type, usage, algorithm, group, bits, flags] :
+         {Row{1, 2, "RSA", "RSA", 1024, 1}, Row{4, 3, "RSA", "RSA", 4096, 3},
+          Row{5, 1, "ECDSA_P256", "ECDSA", 256, 2}, Row{6, 3, "ECDSA_P384", "ECDSA", 384, 3},
+          Row{7, 0, "ECDSA_P521", "ECDSA", 521, 0}, Row{5, 2, "ECDH_P256", "ECDH", 256, 1},
+          Row{6, 2, "ECDH_P384", "ECDH", 384, 1}, Row{7, 2, "ECDH_P521", "ECDH", 521, 1}}) {
+        key = addKey(token.addKeyPair(0x22, type, usage));
         expectValues({{"Name", id},
-                      {"Algorithm Name", wideBytes(row.algorithm)},
-                      {"Algorithm Group", wideBytes(row.group)},
-                      {"Length", dwords({row.bits})},
+                      {"Algorithm Name", wideBytes(algorithm)},
+                      {"Algorithm Group", wideBytes(group)},
+                      {"Length", dwords({bits})},
                       {"Lengths", dwords({1024, 4096, 1024, 2048})}, // for EC keys too: deliberate
-                      {"Key Usage", dwords({row.flags})},
+                      {"Key Usage", dwords({flags})},
                       {"Export Policy", dwords({1})},
-                      {"Block Length", dwords({row.bits / 8})},
+                      {"Block Length", dwords({bits / 8})},
                       {"Key Type", dwords({0})},
                       {"Unique Name", id},
                       {"Provider Handle", Bytes(handle, handle + sizeof provider)},
@@ -128,10 +125,9 @@ TEST_F(KspPropertyTest, IvBelongsToTheProcessAndItsSizeToTheKey) {
         EXPECT_EQ(set("IV", iv), fits ? succeeded() : failed(NTE_INVALID_PARAMETER, {line}));
         EXPECT_EQ(processIv(), fits ? iv : kCbc);
     }
-    for (const auto& [input, length] :
-         {std::pair{static_cast<const BYTE*>(nullptr), 16u}, {kCbc.data(), 0u}}) {
+    for (const DWORD length : {0, 16}) {
         setProcessIv(kCbc);
-        EXPECT_EQ(set("IV", input, length), succeeded());
+        EXPECT_EQ(set("IV", length == 0 ? kCbc.data() : nullptr, length), succeeded());
         EXPECT_THAT(processIv(), IsEmpty());
     }
 }

@@ -21,7 +21,6 @@ NCryptBuffer parameter(ULONG type, const Bytes& bytes) {
 class KspSecretTest : public KspTest {
 protected:
     KspSecretTest() { storePinOfToken(); }
-    ~KspSecretTest() override { KSPFreeSecret(0, secret); }
 
     /// A key object with this public key and nothing else.
     NCRYPT_KEY_HANDLE keyOf(const Bytes& point) {
@@ -30,10 +29,10 @@ protected:
         return addKey(std::move(key));
     }
     StatusAnswer agree(NCRYPT_KEY_HANDLE key, NCRYPT_KEY_HANDLE peer) {
-        KSPFreeSecret(0, std::exchange(secret, 0));
+        secret = 0;
         library.clearCalls();
         const StatusAnswer answer = call(KSPSecretAgreement, provider, key, peer, &secret, 0);
-        record = liveSecret(secret);
+        record = liveSecret(keep(secret));
         EXPECT_EQ(record != nullptr, answer == succeeded());
         return answer;
     }

@@ -1,5 +1,4 @@
 #include "support/blob_bytes.h"
-#include "support/log_file.h"
 #include "support/provider_test.h"
 
 #include "csp/csp_entry_points.h"
@@ -20,8 +19,6 @@ namespace {
 
 class LoggingTest : public ProviderTest {
 protected:
-    ~LoggingTest() override { setLogLevel(3); }
-
     std::vector<std::string> writeOneOfEach() {
         Utils::debug("a debug line");
         Utils::error("an error line");

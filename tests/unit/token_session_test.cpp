@@ -1,6 +1,4 @@
 #include "support/csp_test.h"
-#include "support/log_file.h"
-#include "support/provider_test.h"
 
 #include "csp/csp_login.h"
 #include "token/crypto_policy.h"
@@ -22,11 +20,9 @@ protected:
     int polls() const { return library.countOnAllThreads("veltra_getConnectedDeviceList"); }
     /// Waits until `condition` holds; false when it does not within three polls.
     static bool soon(const std::function<bool()>& condition) {
-        for (int i = 0; i < 150; ++i) {
-            if (condition()) return true;
+        for (int i = 0; i < 150 && !condition(); ++i)
             Sleep(20);
-        }
-        return false;
+        return condition();
     }
 };
 
@@ -42,15 +38,14 @@ TEST_F(TokenSessionTest, ThirdCharacterOfTheMarkerTellsTheGeneration) {
 }
 
 TEST_F(TokenSessionTest, SessionNeedsTextAndBothFlags) {
-    const auto hasSession = [](const char* session, std::array<std::uint32_t, 3> flags) {
-        TokenInfo info;
-        info.session = session;
-        std::ranges::copy(flags, info.words + 2);
-        return hasLoggedInSession(info);
-    };
-    EXPECT_TRUE(hasSession("s", {0, 1, 1}));
-    EXPECT_FALSE(hasSession("", {0, 1, 1}) || hasSession("s", {1, 1, 0}) || hasSession("s", {1, 0, 1}));
-    EXPECT_FALSE(hasSession("s", {0, 2, 1}) || hasSession("s", {0, 1, 2})) << "no other number counts as set";
+    TokenInfo info;
+    const std::array loggedIn = {0u, 1u, 1u}; // no other number counts as set
+    for (const auto& flags : {loggedIn, {1, 1, 0}, {1, 0, 1}, {0, 2, 1}, {0, 1, 2}})
+        for (const char* session : {"", "s"}) {
+            info.session = session;
+            std::ranges::copy(flags, info.words + 2);
+            EXPECT_EQ(hasLoggedInSession(info), *session != '\0' && flags == loggedIn);
+        }
 }
 
 TEST_F(TokenSessionTest, PinStateOfASerial) {
@@ -162,7 +157,7 @@ TEST_F(UserVerificationTest, WhatTheUserSeesAndWhatBecomesOfIt) {
 TEST_F(UserVerificationTest, LoginForgetsTheStoredPinFirst) {
     storePinOfToken();
     EXPECT_EQ(login(), refused(NTE_FAIL, {cancelled}));
-    EXPECT_EQ(storedPin(), "");
+    EXPECT_EQ(getPin(serial).view(), "");
     EXPECT_TRUE(isPinValidated(serial)) << "the validated mark stays";
     setPinPrompt(nullptr); // the dialog itself, whose resource this program does not have
     EXPECT_THAT(ensure().errors,
@@ -176,7 +171,7 @@ TEST_F(UserVerificationTest, LongestPinFitsAndALongerOneIsCut) {
         prompt.willType({token.pin});
         forgetPin(serial);
         EXPECT_EQ(ensure(), accepted());
-        EXPECT_EQ(storedPin(), std::string(63, 'p'));
+        EXPECT_EQ(getPin(serial).view(), std::string(63, 'p'));
         context.silent = 1;
         EXPECT_EQ(ensure(), accepted()) << "a usable PIN is enough for a silent context";
         context.silent = 0;
