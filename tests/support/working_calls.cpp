@@ -228,6 +228,7 @@ std::vector<WorkingCall> cspCalls() {
         {"CPHashData", CPHashData, "context hash input =16 flags", kBlock},
         {"CPHashSessionKey", CPHashSessionKey, "context hash rsaKey flags", Outcome::NeverServed},
         {"CPGetHashParam", CPGetHashParam, "context hash choice data? length flags", numbers(HP_HASHVAL)},
+        {"HP_HASHSIZE of an HMAC", CPGetHashParam, "context hmac =4 data? length flags"},
         {"HP_HASHVAL of an HMAC", CPGetHashParam, "context hmac =2 data? length flags"},
         {"CPSetHashParam", CPSetHashParam, "context hmac choice data flags", numbers(HP_HASHVAL)},
         {"HP_HMAC_INFO", CPSetHashParam, "context hmac =5 input flags", hmacInfo},

@@ -200,7 +200,7 @@ TEST_F(HashTest, DuplicateFinishesTheSourceAndTakesItsValue) {
     }
 }
 
-// That the value is right is for client.sh to say, with published vectors.
+// That the value is right is for client.sh to say, with OpenSSL.
 TEST_F(HashTest, HmacWipesItsKeyAndTakesNoDataBeforeItsAlgorithm) {
     const HCRYPTHASH hash = createHmac(CALG_SHA1); // whose rule is for plain hashes only
     EXPECT_EQ(feed(hash, "abc"), accepted());

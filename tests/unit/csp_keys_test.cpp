@@ -83,6 +83,7 @@ using KeyObjectTest = CspKeysTest;
 TEST_F(KeyObjectTest, KindsAndLengthsOfNewKeys) {
     for (const auto& [requested, bits, algId, keyBits, type, usage] :
          {std::tuple{CALG_RSA_SIGN, 0u, CALG_RSA_SIGN, 2048, 2, 1},
+          {CALG_RSA_KEYX, 0, CALG_RSA_KEYX, 2048, 2, 2},
           {CALG_RSA_KEYX, 1025, CALG_RSA_KEYX, 1025, 2, 2},
           {AT_SIGNATURE, 3072, CALG_RSA_SIGN, 3072, 3, 1},
           {AT_KEYEXCHANGE, 4096, CALG_RSA_KEYX, 4096, 4, 2}}) {
@@ -216,10 +217,10 @@ using KeyBlobTest = CspKeysTest;
 
 TEST_F(KeyBlobTest, ExportHasTheTokensModulusReversed) {
     token.addKeyPair(0x11, kKeyTypeRsa3072);
-    const HCRYPTKEY key = userKey(acquire(), AT_KEYEXCHANGE);
+    const HCRYPTKEY key = userKey(acquireKey('1'), AT_SIGNATURE);
     liveKey(key)->publicKey[0] = 0; // the pair on the token counts, not the key object
     const Bytes expected = joined({{PUBLICKEYBLOB, 2, 0, 0},
-                                   dwords({CALG_RSA_KEYX, 0x31415352, 3072, 65537}),
+                                   dwords({CALG_RSA_SIGN, 0x31415352, 3072, 65537}),
                                    reversed(ScriptedDeviceLibrary::publicKeyOf(kKeyTypeRsa3072))});
     Bytes blob(expected.size());
     DWORD length = 0;

@@ -56,8 +56,8 @@ protected:
 };
 
 TEST_F(CspSizeProtocolTest, HashParameters) {
+    HCRYPTHASH hash = world.hash;
     get = [&](DWORD parameter, BYTE* data, DWORD* length) {
-        const HCRYPTHASH hash = parameter == HP_HMAC_INFO ? world.hmac : world.hash;
         return CPGetHashParam(world.context, hash, parameter, data, length, 0);
     };
     const Bytes value(32, 7);
@@ -68,7 +68,12 @@ TEST_F(CspSizeProtocolTest, HashParameters) {
     expect(kRefused, {HP_ALGID}, dwords({CALG_SHA_256}), start + "ALGID buffer too small");
     expect(kRefused, {HP_HASHSIZE}, dwords({32}), start + "HASHSIZE buffer too small");
     expect(kRefused, {HP_HASHVAL}, value, start + "HASHVAL buffer too small for cached hash value");
+    hash = world.hmac;
+    expect(kRefused, {HP_ALGID}, dwords({CALG_HMAC}), start + "ALGID buffer too small");
     expect(kRefused, {HP_HMAC_INFO}, info, start + "HMAC_INFO buffer too small");
+    ASSERT_TRUE(CPCreateHash(world.context, CALG_SHA_512, 0, 0, &hash));
+    expect(kRefused, {HP_HASHSIZE}, dwords({64}), start + "HASHSIZE buffer too small");
+    CPDestroyHash(world.context, hash);
 }
 
 TEST_F(CspSizeProtocolTest, KeyParameters) {

@@ -84,6 +84,9 @@ TEST_F(KspCryptoTest, EveryKeyTypeSignsIntoAnExactBufferAndVerifies) {
         data[0] ^= 1;
         EXPECT_EQ(verify(key, data), failed(NTE_BAD_SIGNATURE, {"KSP: Verify signature failed: 75"}));
     }
+    liveKspKey(rsaKey)->publicKey[0] = 0x30; // like DER
+    EXPECT_EQ(verify(rsaKey, ScriptedDeviceLibrary::fakeSignature(2)), succeeded());
+    EXPECT_THAT(library.calls().back(), testing::HasSubstr("key=30C1..BEBF(256)"));
     const NCRYPT_KEY_HANDLE longKey = addPair(kKeyTypeEcP521);
     liveKspKey(longKey)->bitLength = 0xFFFFFFFF;
     EXPECT_EQ(querySignature(longKey), 0x40000000u);

@@ -150,9 +150,9 @@ TEST_F(KspPropertyTest, WindowBelongsToTheProvider) {
 
 // The stated length is ignored: a wide PIN reads as its first character, a long one as its first 255.
 TEST_F(KspPropertyTest, PinIsStoredWhenTheTokenAcceptsItAndOutlivesTheProvider) {
-    const std::string sevens(300, '7');
+    const std::vector<char> sevens(255, '7'); // nothing ends it
     for (const auto& [value, read] :
-         {std::pair<const void*, std::string>{L"1234", "1"}, {sevens.c_str(), sevens.substr(0, 255)}}) {
+         {std::pair<const void*, std::string>{L"1234", "1"}, {sevens.data(), std::string(255, '7')}}) {
         library.clearCalls();
         EXPECT_EQ(set("SmartCardPin", value, 10),
                   failed(kValidationFailed, {"KSP: PIN validation failed: 73"}));

@@ -88,6 +88,14 @@ TEST_F(ProviderContextTest, TokenThatHoldsTheNamedKeyIsChosenIgnoringCaseElseThe
     expectToken(kLowerCase, second);
     for (const std::string& other : {kId1, kLetters.substr(1), kLetters + "A", std::string()})
         expectToken(other, serial);
+    const std::string line = "Key list of " + serial + " cannot be read";
+    library.script("veltra_getKeyPairList", {.throws = true, .onCall = 1});
+    EXPECT_EQ(open(kLetters, CRYPT_SILENT).errors, std::vector{line});
+    EXPECT_EQ(context->serial, second);
+    library.script("veltra_getKeyPairList", {.throws = true, .onCall = 1});
+    HCRYPTPROV none = 0;
+    EXPECT_FALSE(CPAcquireContext(&none, "whatever", CRYPT_SILENT, table))
+        << "its key may be on the token that cannot be read";
 }
 
 TEST_F(ProviderContextTest, TokenThatCannotBeInitialisedFailsAloneAndIsTriedAgain) {
@@ -194,6 +202,8 @@ TEST_F(ProviderParametersTest, AlgorithmsOfBothTokenGenerations) {
     EXPECT_EQ(names(PP_ENUMALGS), kNewer);
     EXPECT_FALSE(get(PP_ENUMALGS, 88, CRYPT_NEXT).result) << "and it stays at the end";
     EXPECT_EQ(names(PP_ENUMALGS_EX), kStart + kEnd + "_EX: no more algorithms, index=9");
+    EXPECT_EQ(get(PP_ENUMALGS_EX, 88, CRYPT_FIRST), accepted());
+    EXPECT_THAT(toHex(data), testing::StartsWith(toHex(dwords({0x2400, 2048, 2048, 4096}))));
     token.info.fipsMarker = "2.1";
     EXPECT_EQ(names(PP_ENUMALGS, CRYPT_FIRST | 4), // 4: CRYPT_SGC_ENUM, ignored
               kStart + "SHA-1 " + kEnd + ": no more algorithms, index=10");
@@ -257,10 +267,11 @@ TEST_F(ProviderParametersTest, ContainersAreTheKeysAtAcquisition) {
 }
 
 TEST_F(ProviderParametersTest, PinAndWindowAreStored) {
-    EXPECT_EQ(set(PP_SIGNATURE_PIN, "1234"), accepted());
+    EXPECT_EQ(set(PP_KEYEXCHANGE_PIN, "1234"), accepted());
     EXPECT_THAT(library.calls("veltra_validatePassword"),
                 ElementsAre("veltra_validatePassword(serial=" + serial + ", pin=1234, mode=1, remaining=0)"));
-    EXPECT_EQ(getPin(serial).view(), "1234");
+    EXPECT_FALSE(set(PP_SIGNATURE_PIN, "12").result);
+    EXPECT_EQ(getPin(serial).view(), "1234") << "a refused one takes nothing away";
     const HWND window = reinterpret_cast<HWND>(0x1234);
     EXPECT_EQ(set(PP_CLIENT_HWND, &window), accepted());
     EXPECT_EQ(liveContext(provider)->ownerWindow, window);
