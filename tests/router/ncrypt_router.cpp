@@ -97,19 +97,17 @@ SECURITY_STATUS WINAPI NCryptFinalizeKey(NCRYPT_KEY_HANDLE key, DWORD flags) {
 
 SECURITY_STATUS WINAPI NCryptGetProperty(NCRYPT_HANDLE handle, LPCWSTR property, PBYTE output, DWORD capacity,
                                          DWORD* length, DWORD flags) {
-    if (objectOf(handle).kind == Kind::Provider) {
-        return withProvider<&Functions::GetProviderProperty>(handle, property, output, capacity, length,
-                                                             flags);
-    }
-    return withKey<&Functions::GetKeyProperty>(handle, property, output, capacity, length, flags);
+    return objectOf(handle).kind == Kind::Provider
+               ? withProvider<&Functions::GetProviderProperty>(handle, property, output, capacity, length,
+                                                               flags)
+               : withKey<&Functions::GetKeyProperty>(handle, property, output, capacity, length, flags);
 }
 
 SECURITY_STATUS WINAPI NCryptSetProperty(NCRYPT_HANDLE handle, LPCWSTR property, PBYTE input,
                                          DWORD inputLength, DWORD flags) {
-    if (objectOf(handle).kind == Kind::Provider) {
-        return withProvider<&Functions::SetProviderProperty>(handle, property, input, inputLength, flags);
-    }
-    return withKey<&Functions::SetKeyProperty>(handle, property, input, inputLength, flags);
+    return objectOf(handle).kind == Kind::Provider
+               ? withProvider<&Functions::SetProviderProperty>(handle, property, input, inputLength, flags)
+               : withKey<&Functions::SetKeyProperty>(handle, property, input, inputLength, flags);
 }
 
 SECURITY_STATUS WINAPI NCryptSignHash(NCRYPT_KEY_HANDLE key, VOID* padding, PBYTE hash, DWORD hashLength,

@@ -18,13 +18,12 @@ namespace veltra::test {
 namespace {
 
 constexpr int kNever = 0;
-constexpr int kAlways = -1;
 
 thread_local int allocationsLeft = kNever; ///< until the one that fails
 thread_local bool hasFired = false;
 
 bool failsNow() {
-    if (allocationsLeft == kAlways) return true;
+    if (allocationsLeft == AllocationFault::kAlways) return true;
     if (allocationsLeft == kNever || --allocationsLeft != 0) return false;
     return hasFired = true;
 }
@@ -50,10 +49,6 @@ void* wrappedNothrowNew(std::size_t size, const std::nothrow_t& tag) noexcept {
 void AllocationFault::arm(int n) {
     hasFired = false;
     allocationsLeft = n;
-}
-
-void AllocationFault::armForGood() {
-    allocationsLeft = kAlways;
 }
 
 void AllocationFault::disarm() {

@@ -7,10 +7,11 @@ namespace veltra::test {
 /// shared C++ library are not seen.
 class AllocationFault {
 public:
-    /// The n-th operator new of this thread from now on throws std::bad_alloc, or answers null.
+    static constexpr int kAlways = -1;
+
+    /// The n-th operator new of this thread from now on, or all of them, throws std::bad_alloc, or answers
+    /// null.
     static void arm(int n);
-    /// Every operator new of this thread fails from now on.
-    static void armForGood();
     static void disarm();
 
     /// Whether the allocation that was armed last was reached.

@@ -306,7 +306,8 @@ TEST_F(LibraryFaultTest, EveryAllocationFailsOnce) {
 TEST_F(LibraryFaultTest, WithoutMemoryForALogLineTheAnswerSaysSo) {
     for (const WorkingCall& scenario : scenarios()) {
         SCOPED_TRACE(scenario.name);
-        const Reply reply = perform(scenario, *prepared(scenario), AllocationFault::armForGood);
+        const Reply reply =
+            perform(scenario, *prepared(scenario), [] { AllocationFault::arm(AllocationFault::kAlways); });
         EXPECT_THAT(reply.code, testing::AnyOf(0, static_cast<DWORD>(NTE_NO_MEMORY)));
         EXPECT_TRUE(reply.code == 0 || reply.out.handle == 0);
     }
