@@ -154,7 +154,7 @@ Outcome finishHashForVerifying(HCRYPTPROV hProv, HCRYPTHASH hHash, HASH_CONTEXT&
     if (!CPGetHashParam(hProv, hHash, HP_HASHVAL, value.data(), &size, 0)) {
         return refuse(NTE_BAD_HASH, "CPGetHashParam failed to get hash value");
     }
-    std::copy_n(value.data(), value.size(), hash.hashValue.begin());
+    std::copy_n(value.data(), hash.hashValue.size(), hash.hashValue.begin());
     hash.hashValueLength = size;
     Utils::debug("Hash obtained using CPGetHashParam");
     return success();
