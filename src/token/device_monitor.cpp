@@ -64,15 +64,20 @@ DWORD WINAPI monitorLoop(void* stopEvent) noexcept {
     return 0;
 }
 
-bool startThread() {
-    MonitorThread& state = monitorThread();
-    const std::lock_guard lock(state.mutex);
-    stopRequested = false;
-    state.stopEvent.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    if (state.stopEvent) {
-        state.thread.reset(CreateThread(nullptr, 0, monitorLoop, state.stopEvent.get(), 0, nullptr));
+// False also without memory; the next caller tries again.
+bool startThread() noexcept {
+    try {
+        MonitorThread& state = monitorThread();
+        const std::lock_guard lock(state.mutex);
+        stopRequested = false;
+        state.stopEvent.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        if (state.stopEvent) {
+            state.thread.reset(CreateThread(nullptr, 0, monitorLoop, state.stopEvent.get(), 0, nullptr));
+        }
+        return state.thread != nullptr;
+    } catch (...) {
+        return false;
     }
-    return state.thread != nullptr;
 }
 
 struct StopAtUnload {
@@ -87,13 +92,7 @@ void startDeviceMonitor() {
         Utils::debug("Monitor thread already running, not starting again.");
         return;
     }
-    bool started = false;
-    try {
-        started = pinThisModule() && startThread();
-    } catch (...) { // no memory: the next caller tries again
-        started = false;
-    }
-    if (!started) {
+    if (!pinThisModule() || !startThread()) {
         running = false;
         Utils::error("Monitor thread cannot be started");
         return;
